@@ -1,0 +1,19 @@
+include(GoogleTest)
+
+# One folder of src/ is one library. It may use only what it is linked to here, and
+# scripts/check-layers holds its includes to the same order.
+function(zun_library folder)
+  file(GLOB_RECURSE sources CONFIGURE_DEPENDS *.cpp)
+  add_library(zun_${folder} STATIC ${sources})
+  target_include_directories(zun_${folder} PUBLIC ${PROJECT_SOURCE_DIR}/src)
+  target_link_libraries(zun_${folder} PUBLIC ${ARGN})
+endfunction()
+
+# The unit tests of one folder, with the fakes and servers of tests/support.
+function(zun_unit_tests folder)
+  file(GLOB sources CONFIGURE_DEPENDS ${folder}/*.cpp)
+  add_executable(${folder}_tests ${sources})
+  target_link_libraries(${folder}_tests PRIVATE zun_test_support ${ARGN})
+  gtest_discover_tests(${folder}_tests DISCOVERY_MODE PRE_TEST TEST_PREFIX "${folder}: "
+                       PROPERTIES TIMEOUT 120)
+endfunction()

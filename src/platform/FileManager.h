@@ -1,0 +1,66 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/Date.h"
+#include "platform/Error.h"
+#include "platform/Result.h"
+
+namespace zun {
+
+struct FileAttributes {
+  uint64_t size = 0;
+  Date modificationDate;
+  std::optional<Date> creationDate;  // birth time; the modification date where there is none
+  bool isDirectory = false;
+
+  /// One line for logs.
+  [[nodiscard]] std::string description() const;
+};
+
+enum class Durability : bool { kBestEffort, kSynced };
+
+/// Files by path. Errors are in kPOSIXErrorDomain with the errno as code.
+///
+/// `~` and absolute paths of the daemon's own are turned into real ones by `resolve`
+/// first; every other operation takes the path as it is. Any thread.
+class FileManager {
+ public:
+  virtual ~FileManager() = default;
+
+  /// `~` becomes the home folder; the daemon's root folder goes in front.
+  [[nodiscard]] virtual std::string resolve(std::string_view path) const = 0;
+
+  /// The whole regular file; an error for one larger than `maximumBytes` (EFBIG).
+  [[nodiscard]] virtual Result<std::string, Error> readFile(const std::string& path,
+                                                            uint64_t maximumBytes) const = 0;
+  /// Complete or never seen: through a temporary file beside it. None on success.
+  virtual std::optional<Error> writeFileAtomically(const std::string& path, std::string_view bytes,
+                                                   Durability durability = Durability::kBestEffort) = 0;
+  /// Creates or truncates, without a temporary file.
+  virtual std::optional<Error> writeFile(const std::string& path, std::string_view bytes) = 0;
+  /// Appends to an existing file.
+  virtual std::optional<Error> appendToFile(const std::string& path, std::string_view bytes) = 0;
+  /// Creates the folder and those above it; an existing one is no error.
+  virtual std::optional<Error> createDirectories(const std::string& path) = 0;
+  /// Removes a file, a link or a whole folder (links inside are not followed).
+  virtual std::optional<Error> removeItem(const std::string& path) = 0;
+
+  /// Names in a folder, sorted.
+  [[nodiscard]] virtual Result<std::vector<std::string>, Error> listDirectory(
+      const std::string& path) const = 0;
+  /// Paths, relative to `path`, of everything below it; links are not followed.
+  [[nodiscard]] virtual std::vector<std::string> enumerateRecursively(const std::string& path) const = 0;
+  [[nodiscard]] virtual std::optional<FileAttributes> attributes(const std::string& path) const = 0;
+};
+
+/// "file:///a/b" for "/a/b", percent-encoded where a URL wants it.
+[[nodiscard]] std::string fileURLOfPath(std::string_view path);
+/// The path of a file URL; none for anything else.
+[[nodiscard]] std::optional<std::string> pathOfFileURL(std::string_view url);
+
+}  // namespace zun

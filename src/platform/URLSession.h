@@ -1,0 +1,136 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "platform/Error.h"
+#include "platform/Result.h"
+#include "platform/SerialQueue.h"
+
+namespace zun {
+
+enum class CellularAccess : bool { kForbidden, kAllowed };
+
+struct URLRequest {
+  std::string url;
+  std::string method = "GET";
+  std::vector<std::pair<std::string, std::string>> headers;  // sent in this order
+  std::shared_ptr<const std::string> body;                   // none: no body
+  std::chrono::seconds timeout{60};                          // without progress
+  CellularAccess cellularAccess = CellularAccess::kAllowed;
+
+  /// Replaces the header of that name (letter case ignored) or adds it.
+  void setHeader(std::string_view name, std::string value);
+};
+
+struct URLResponse {
+  std::string url;
+  int32_t statusCode = 0;
+  std::vector<std::pair<std::string, std::string>> headers;
+
+  /// Letter case of the name is ignored; the first of several wins.
+  [[nodiscard]] std::optional<std::string> header(std::string_view name) const;
+  /// One line for logs.
+  [[nodiscard]] std::string description() const;
+};
+
+/// Codes of errors in kURLErrorDomain.
+enum class URLSessionError : int32_t {
+  kUnknown = 1,
+  kBadURL,
+  kTimedOut,
+  kCannotFindHost,
+  kCannotConnect,
+  kConnectionLost,
+  kSecureConnectionFailed,  // the server's certificate does not verify, or TLS fails
+  kTooManyRedirects,
+  kResponseTooLarge,
+  kCancelled,
+  kCannotReadFile,
+};
+
+struct URLSessionConfiguration {
+  enum class Kind { kDefault, kBackground };
+  enum class NetworkServiceType { kDefault, kBackground };
+
+  Kind kind = Kind::kDefault;
+  std::string identifier;  // of a background configuration
+  NetworkServiceType networkServiceType = NetworkServiceType::kDefault;
+  bool discretionary = false;
+  bool requiresPowerPluggedIn = false;
+  bool waitsForConnectivity = false;
+  std::string sourceApplicationIdentifier;
+};
+
+/// One transfer. Any thread.
+class URLSessionTask {
+ public:
+  virtual ~URLSessionTask() = default;
+
+  /// The owner's name for the task; set before `resume`.
+  virtual void setTaskDescription(std::string description) = 0;
+  [[nodiscard]] virtual std::string taskDescription() const = 0;
+
+  /// Starts the transfer. Once.
+  virtual void resume() = 0;
+};
+
+class URLSession;
+
+/// What a session tells its owner, one call at a time, on the delegate queue.
+class URLSessionDelegate {
+ public:
+  virtual ~URLSessionDelegate() = default;
+
+  /// The head of the answer is here; the body is loaded whatever the status.
+  virtual void didReceiveResponse(URLSession& session, URLSessionTask& task, const URLResponse& response) = 0;
+  virtual void didReceiveData(URLSession& session, URLSessionTask& task, std::string bytes) = 0;
+  virtual void didSendBodyData(URLSession& session, URLSessionTask& task, int64_t totalBytesSent,
+                               int64_t totalBytesExpected) = 0;
+  /// The end of a task, once. `response` is none when no answer came.
+  virtual void didCompleteWithError(URLSession& session, URLSessionTask& task,
+                                    const std::optional<URLResponse>& response,
+                                    const std::optional<Error>& error) = 0;
+  /// The session has finished: nothing is called after this.
+  virtual void didBecomeInvalidWithError(URLSession& session, const std::optional<Error>& error) = 0;
+};
+
+/// Makes transfers of one configuration, which share connections. Any thread.
+///
+/// Ownership: a session keeps its delegate until it has become invalid, and itself
+/// until its tasks have ended.
+class URLSession {
+ public:
+  virtual ~URLSession() = default;
+
+  virtual void setSessionDescription(std::string description) = 0;
+  [[nodiscard]] virtual std::string sessionDescription() const = 0;
+
+  /// A task not started yet; an error after invalidation.
+  virtual Result<std::shared_ptr<URLSessionTask>, Error> dataTaskWithRequest(URLRequest request) = 0;
+  /// As above, with the file's bytes, as they are now, as the body.
+  virtual Result<std::shared_ptr<URLSessionTask>, Error> uploadTaskWithRequest(
+      URLRequest request, const std::string& filePath) = 0;
+
+  /// No new tasks; when the running ones have ended the delegate hears
+  /// `didBecomeInvalidWithError`.
+  virtual void finishTasksAndInvalidate() = 0;
+};
+
+/// The platform's URL-session service. Outlives its sessions.
+class URLSessionService {
+ public:
+  virtual ~URLSessionService() = default;
+
+  virtual std::shared_ptr<URLSession> makeSession(const URLSessionConfiguration& configuration,
+                                                  std::shared_ptr<URLSessionDelegate> delegate,
+                                                  std::shared_ptr<SerialQueue> delegateQueue) = 0;
+};
+
+}  // namespace zun

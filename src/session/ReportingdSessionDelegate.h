@@ -1,0 +1,44 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "connectivity/QuorxTransactionHolder.h"
+#include "connectivity/ReportingSessionConnectivityHelper.h"
+#include "platform/Value.h"
+
+namespace zun {
+
+class ReportingdSession;
+
+/// What a session asks of the agent. Any thread; `objectLock` is the agent's lock.
+class ReportingdSessionDelegate : public QuorxTransactionHolder {
+ public:
+  /// The storebag section to build backends from, or none. May block on the network.
+  virtual std::optional<Dictionary> storebagForSession(const ReportingdSession& session) = 0;
+  /// Version of the cached storebag, or none; never fetches.
+  virtual std::optional<std::string> storebagVersionForSession(const ReportingdSession& session) = 0;
+
+  // Hierarchy: sessions of one token, by level.
+  virtual std::optional<std::string> parentSessionIDStringForSession(ReportingdSession& session) = 0;
+  virtual void updateCorrelatedSessions(ReportingdSession& session) = 0;
+  virtual void updateDownstreamSessions(ReportingdSession& session) = 0;
+  virtual std::shared_ptr<ReportingdSession> parentSessionForChild(ReportingdSession& session) = 0;
+
+  // Values shared by the sessions of one token.
+  virtual void updateSharedDataForSession(ReportingdSession& session, const Dictionary& sharedData) = 0;
+  virtual void removeObjectFromSharedDataForSession(ReportingdSession& session, const std::string& key) = 0;
+  virtual std::optional<Dictionary> sharedDataForSession(ReportingdSession& session) = 0;
+
+  // Connectivity helpers shared per client and service name.
+  virtual std::shared_ptr<ReportingSessionConnectivityHelper> copySharedConnectivityHelperForReportingSession(
+      const ReportingdSession& session, ConnectionMode mode) = 0;
+  /// Does not wait.
+  virtual void releaseSharedConnectivityHelperForReportingSession(const ReportingdSession& session) = 0;
+
+  /// One line for logs.
+  [[nodiscard]] virtual std::string description() const = 0;
+};
+
+}  // namespace zun

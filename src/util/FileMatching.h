@@ -1,0 +1,16 @@
+#pragma once
+
+#include <string>
+
+#include "platform/FileManager.h"
+
+namespace zun {
+
+enum class LetterCase : bool { kSignificant, kIgnored };
+
+/// Removes everything below `folder` whose path relative to it contains a match of
+/// the regular expression (ECMAScript). Failures are ignored.
+void deleteMatchingItems(FileManager& files, const std::string& expression, LetterCase letterCase,
+                         const std::string& folder);
+
+}  // namespace zun

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "platform/Clock.h"
+#include "platform/Error.h"
+#include "platform/Value.h"
+
+namespace zun {
+
+/// "<client name>:<service name>" in lower case, "" for a missing one: the key under
+/// which sessions share a connectivity helper.
+[[nodiscard]] std::string connectivityUserInfoKey(const Dictionary& userInfo);
+
+/// An error for a client: domain kZunReportingErrorDomain.
+[[nodiscard]] Error reportingError(std::string message, int32_t code = -1);
+
+/// Seconds since 1970 with microseconds as the fraction.
+[[nodiscard]] double secondsFromTimeValue(const TimeValue& time);
+
+/// `value` if finite, else -1.0.
+[[nodiscard]] double finiteOrMinusOne(double value);
+
+/// `seconds` cut to whole minutes, toward zero.
+[[nodiscard]] int64_t wholeMinutes(int64_t seconds);
+
+/// True where `text` contains `part`, ASCII letter case ignored. An empty part is
+/// contained in nothing.
+[[nodiscard]] bool containsIgnoringCase(std::string_view text, std::string_view part);
+[[nodiscard]] bool equalsIgnoringCase(std::string_view left, std::string_view right);
+
+}  // namespace zun

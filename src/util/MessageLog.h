@@ -1,0 +1,28 @@
+#pragma once
+
+#include <string_view>
+
+#include "platform/Mutex.h"
+#include "platform/PlatformServices.h"
+
+namespace zun {
+
+/// The plain-text diagnostic log that the platform's log collection picks up: one file
+/// at most, renewed each day. A log that cannot be written never fails its caller.
+///
+/// Threading: any thread; entries of one process are written one at a time.
+class MessageLog final {
+ public:
+  static constexpr std::string_view kDirectory = "/var/mobile/Library/Logs/Quellar/Retired";
+
+  explicit MessageLog(const PlatformServices& platform);
+
+  /// Appends one entry, on the caller's thread.
+  void writeToLogFile(std::string_view message);
+
+ private:
+  const PlatformServices& platform_;
+  Mutex mutex_;
+};
+
+}  // namespace zun

@@ -1,0 +1,70 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include "platform/PlatformServices.h"
+#include "platform/linux/CurlURLSession.h"
+#include "platform/linux/FileUserDefaults.h"
+#include "platform/linux/LinuxFileManager.h"
+#include "platform/linux/WorkerPool.h"
+#include "support/Fakes.h"
+#include "support/RecordingLog.h"
+#include "support/ScratchFolder.h"
+
+namespace zun {
+
+/// A whole platform over a scratch folder: real files, defaults, worker threads and
+/// URL sessions; time, timers, randomness, device, locale and bundle of the test's.
+class TestPlatform {
+ public:
+  /// `executorToUse`: a test's own, such as a ManualExecutor; null for real threads.
+  explicit TestPlatform(Executor* executorToUse = nullptr, std::string caFile = {})
+      : workers(2),
+        files(scratch.path(), "/home/tester"),
+        defaults(files, log),
+        timers(clock),
+        urlSessions({.caFile = std::move(caFile)}, log),
+        services{log,    clock,       random,
+                 files,  defaults,    device,
+                 locale, bundle,      executorToUse == nullptr ? workers : *executorToUse,
+                 timers, urlSessions, transactions} {}
+
+  ScratchFolder scratch;
+  RecordingLog log;
+  FakeClock clock;
+  FakeRandom random;
+  FakeDevice device;
+  FakeLocale locale;
+  FakeBundle bundle;
+  FakeTransactions transactions;
+  WorkerPool workers;
+  LinuxFileManager files;
+  FileUserDefaults defaults;
+  FakeTimers timers;
+  CurlURLSessionService urlSessions;
+  PlatformServices services;
+};
+
+/// A test on a platform of its own. An error line that the test did not take out of
+/// the log fails it.
+class PlatformTest : public ::testing::Test {
+ protected:
+  void TearDown() override {
+    for (const std::string& line : platform_.log.takeErrors())
+      ADD_FAILURE() << "unexpected error line: " << line;
+  }
+
+  /// Fails unless exactly these error lines were written since the last call, in order.
+  void expectErrors(const std::vector<std::string>& lines) { EXPECT_EQ(platform_.log.takeErrors(), lines); }
+  void expectDebugLine(const std::string& line) { expectLine(LogLevel::kDebug, line); }
+  void expectDefaultLine(const std::string& line) { expectLine(LogLevel::kDefault, line); }
+
+  TestPlatform platform_;
+
+ private:
+  void expectLine(LogLevel level, const std::string& line) {
+    EXPECT_TRUE(platform_.log.contains(level, line)) << "no such line: " << line;
+  }
+};
+
+}  // namespace zun
