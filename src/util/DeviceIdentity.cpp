@@ -1,0 +1,89 @@
+#include "util/DeviceIdentity.h"
+
+#include <algorithm>
+#include <string_view>
+
+#include "platform/UUID.h"
+
+namespace zun {
+
+namespace {
+
+constexpr std::string_view kPersistentIdentifierKey = "persistentIdentifier";
+
+// Where `text` can be cut to fit `capacity` without cutting a character.
+size_t lengthOfWholeCharacters(std::string_view text, size_t capacity) {
+  if (text.size() <= capacity) return text.size();
+  const auto continues = [&text](size_t at) { return (static_cast<unsigned char>(text[at]) & 0xC0) == 0x80; };
+  while (capacity > 0 && continues(capacity)) --capacity;
+  return capacity;
+}
+
+// The identifier stored under `key`, made and stored where there is none yet.
+std::string storedIdentifier(const PlatformServices& platform, std::string_view key) {
+  if (auto stored = platform.defaults.stringForKey(kReportingSuite, key)) return *std::move(stored);
+  std::string made = makeUUIDString(platform.random);
+  platform.defaults.setObject(kReportingSuite, key, made);
+  return made;
+}
+
+}  // namespace
+
+DeviceIdentity::DeviceIdentity(const PlatformServices& platform) : platform_(platform) {}
+
+void DeviceIdentity::copyUniqueDeviceID(std::span<char> buffer) const {
+  const auto identifier = platform_.device.property("UniqueDeviceID");
+  if (!identifier || buffer.empty()) return;
+  const size_t length = lengthOfWholeCharacters(*identifier, buffer.size() - 1);
+  std::copy_n(identifier->begin(), length, buffer.begin());
+  buffer[length] = '\0';
+  buffer.back() = '\0';
+}
+
+std::optional<std::string> DeviceIdentity::productVersion() const {
+  return platform_.device.property("ProductVersion");
+}
+
+std::optional<std::string> DeviceIdentity::buildVersion() const {
+  return platform_.device.property("BuildVersion");
+}
+
+std::optional<std::string> DeviceIdentity::hardwareModel() const {
+  return platform_.device.property("HWModelStr");
+}
+
+std::optional<std::string> DeviceIdentity::serialNumber() const {
+  return platform_.device.property("SerialNumber");
+}
+
+std::optional<std::string> DeviceIdentity::productType() const {
+  return platform_.device.property("ProductType");
+}
+
+std::optional<std::string> DeviceIdentity::deviceName() const {
+  return platform_.device.property("DeviceName");
+}
+
+bool DeviceIdentity::isInternalBuild() const {
+  std::call_once(internalBuildOnce_,
+                 [this] { isInternalBuild_ = platform_.device.property("ReleaseType") == "Internal"; });
+  return isInternalBuild_;
+}
+
+std::string DeviceIdentity::getPersistentIdentifierForCustomClientIDSuffix(
+    const std::optional<std::string>& firstPart, const std::optional<std::string>& secondPart) const {
+  const std::string key =
+      fmt::format("{}:{}:{}", "uuid", firstPart.value_or(std::string()), secondPart.value_or(std::string()));
+  std::string value = storedIdentifier(platform_, key);
+  platform_.log.note("getPersistentIdentifierForCustomClientIDSuffix: The value for {}: {}", key, value);
+  return value;
+}
+
+std::string DeviceIdentity::getPersistentIdentifierForDNU(bool respectingDNU) const {
+  if (respectingDNU && !diagnosticSubmissionEnabled(platform_.defaults)) {
+    return makeUUIDString(platform_.random);
+  }
+  return storedIdentifier(platform_, kPersistentIdentifierKey);
+}
+
+}  // namespace zun

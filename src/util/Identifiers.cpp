@@ -1,0 +1,56 @@
+#include "util/Identifiers.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "zunreporting/Keys.h"
+
+namespace zun {
+
+namespace {
+
+// Independent of the process's locale.
+char lowerCase(char character) {
+  return character >= 'A' && character <= 'Z' ? static_cast<char>(character - 'A' + 'a') : character;
+}
+
+bool isSameLetter(char left, char right) {
+  return lowerCase(left) == lowerCase(right);
+}
+
+}  // namespace
+
+std::string connectivityUserInfoKey(const Dictionary& userInfo) {
+  std::string key(userInfo[zunreporting::kZunReportingUserInfoClientName].stringValue());
+  key += ':';
+  key += userInfo[zunreporting::kZunReportingUserInfoServiceName].stringValue();
+  std::transform(key.begin(), key.end(), key.begin(), lowerCase);
+  return key;
+}
+
+Error reportingError(std::string message, int32_t code) {
+  return {std::string(zunreporting::kZunReportingErrorDomain), code, std::move(message)};
+}
+
+double secondsFromTimeValue(const TimeValue& time) {
+  return static_cast<double>(time.seconds) + static_cast<double>(time.microseconds) / 1'000'000.0;
+}
+
+double finiteOrMinusOne(double value) {
+  return std::isfinite(value) ? value : -1.0;
+}
+
+int64_t wholeMinutes(int64_t seconds) {
+  return seconds / 60 * 60;
+}
+
+bool containsIgnoringCase(std::string_view text, std::string_view part) {
+  if (part.empty()) return false;
+  return std::search(text.begin(), text.end(), part.begin(), part.end(), isSameLetter) != text.end();
+}
+
+bool equalsIgnoringCase(std::string_view left, std::string_view right) {
+  return std::equal(left.begin(), left.end(), right.begin(), right.end(), isSameLetter);
+}
+
+}  // namespace zun

@@ -1,0 +1,121 @@
+#include "util/MessageLog.h"
+
+#include <cerrno>
+#include <cmath>
+#include <ctime>
+#include <exception>
+
+namespace zun {
+
+namespace {
+
+constexpr std::string_view kNameStart = "zunreportingd_";
+constexpr std::string_view kNameEnd = "_messageLog.diag";
+constexpr double kSecondsPerDay = 86400;
+
+// "zunreportingd", anything without a "_", "messageLog.diag", joined by "_".
+bool isLogFileName(std::string_view name) {
+  if (name.size() < kNameStart.size() + kNameEnd.size()) return false;
+  if (!name.starts_with(kNameStart) || !name.ends_with(kNameEnd)) return false;
+  name.remove_prefix(kNameStart.size());
+  name.remove_suffix(kNameEnd.size());
+  return name.find('_') == std::string_view::npos;
+}
+
+// "2023-11-14 22:13:20 +0000"
+std::string describe(const Date& date) {
+  // Years of four digits: nothing else comes from a clock or a file system.
+  constexpr double kLatest = 253402300799;
+  const double seconds = std::floor(date.secondsSince1970);
+  const auto whole = seconds >= 0 && seconds <= kLatest ? static_cast<std::time_t>(seconds) : std::time_t{0};
+  std::tm parts{};
+  gmtime_r(&whole, &parts);
+  return fmt::format("{:04}-{:02}-{:02} {:02}:{:02}:{:02} +0000", parts.tm_year + 1900, parts.tm_mon + 1,
+                     parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec);
+}
+
+std::string describe(const std::optional<Date>& date) {
+  return date ? describe(*date) : "(null)";
+}
+
+}  // namespace
+
+MessageLog::MessageLog(const PlatformServices& platform) : platform_(platform) {}
+
+void MessageLog::writeToLogFile(std::string_view message) {
+  const MutexLock lock(mutex_);
+  try {
+    append(message);
+  } catch (const std::exception& failure) {
+    platform_.log.error("writeToLogFile: Failed to write log message: {}", failure.what());
+  }
+}
+
+void MessageLog::append(std::string_view message) {
+  const std::string directory = platform_.files.resolve(kDirectory);
+  auto path = currentFile(directory);
+  if (!path) path = createFile(directory);
+  if (!path) return;
+  const std::string entry = fmt::format("({}) {}\n", describe(platform_.clock.now()), message);
+  if (const auto error = platform_.files.appendToFile(*path, entry)) {
+    platform_.log.error("writeToLogFile: Failed to write log message: {}", error->description);
+    return;
+  }
+  platform_.log.debug("writeToLogFile: Saved log message to {}", *path);
+}
+
+std::optional<std::string> MessageLog::currentFile(const std::string& directory) {
+  const auto names = platform_.files.listDirectory(directory);
+  if (!names) {
+    if (names.error().domain == kPOSIXErrorDomain && names.error().code == ENOENT) {
+      platform_.log.note("writeToLogFile: Creating zunreportingd log directory at {}", directory);
+      platform_.files.createDirectories(directory);
+    } else {
+      platform_.log.error("writeToLogFile: Error reading from log directory: {}", names.error().description);
+    }
+    return std::nullopt;
+  }
+  const Date now = platform_.clock.now();
+  std::optional<LogFile> current;
+  for (const std::string& name : *names) {
+    if (!isLogFileName(name)) continue;
+    LogFile file{directory + "/" + name, std::nullopt};
+    if (const auto attributes = platform_.files.attributes(file.path)) {
+      if (attributes->isDirectory) continue;
+      file.created = attributes->creationDate;
+    }
+    if (file.created && now.secondsSince1970 - file.created->secondsSince1970 > kSecondsPerDay) {
+      deleteFile(file);
+    } else if (!current) {
+      current = std::move(file);
+    } else if (file.created > current->created) {
+      deleteFile(*current);
+      current = std::move(file);
+    } else {
+      deleteFile(file);
+    }
+  }
+  return current ? std::optional(std::move(current->path)) : std::nullopt;
+}
+
+std::optional<std::string> MessageLog::createFile(const std::string& directory) {
+  const auto seconds = static_cast<int32_t>(platform_.clock.timeOfDay().seconds);
+  std::string path = fmt::format("{}/{}_{}_{}", directory, "zunreportingd", seconds, "messageLog.diag");
+  platform_.files.writeFile(path, "");
+  const auto attributes = platform_.files.attributes(path);
+  if (!attributes) {
+    platform_.log.error("writeToLogFile: Failed to create new zunreportingd log file {}", path);
+    return std::nullopt;
+  }
+  platform_.log.note("writeToLogFile: Created new zunreportingd log file {} ({})", path,
+                     attributes->description());
+  return path;
+}
+
+void MessageLog::deleteFile(const LogFile& file) {
+  platform_.files.removeItem(file.path);
+  platform_.log.note("writeToLogFile: Deleted expired zunreportingd log file {} ({})", file.path,
+                     describe(file.created));
+}
+
+}  // namespace zun
