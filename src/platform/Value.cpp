@@ -104,8 +104,9 @@ uint32_t grownCapacity(uint32_t current, size_t wanted) {
 uint64_t hashOf(std::string_view text) {
   static const uint64_t seed = std::random_device{}() * 0x9E3779B97F4A7C15ULL | 1;
   uint64_t hash = seed ^ (text.size() * 0xFF51AFD7ED558CCDULL);
+  __extension__ using Product = unsigned __int128;
   const auto mix = [&hash](uint64_t word) {
-    const auto product = static_cast<unsigned __int128>(hash ^ word) * 0xA0761D6478BD642FULL;
+    const auto product = static_cast<Product>(hash ^ word) * 0xA0761D6478BD642FULL;
     hash = static_cast<uint64_t>(product) ^ static_cast<uint64_t>(product >> 64) ^ seed;
   };
   uint64_t word = 0;
