@@ -1,12 +1,18 @@
 #pragma once
 
+#include <array>
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
+#include "platform/Mutex.h"
 #include "platform/ServiceConnection.h"
 #include "platform/Value.h"
+#include "session/BackendTable.h"
+#include "session/ClientSessionInterface.h"
 #include "session/ReportingdSessionDelegate.h"
 #include "util/ReportingServices.h"
 
@@ -22,21 +28,29 @@ namespace zun {
 /// Threading: the client's calls come one at a time on its connection's thread; what
 /// the agent and other sessions read is listed as "any thread".
 /// Ownership: the agent's session list and the connection hold it. Teardown runs once,
-/// on the thread that drops the last reference, never under the agent's lock.
-class ReportingdSession final : public std::enable_shared_from_this<ReportingdSession> {
+/// on the thread that drops the last reference, never under the agent's lock: whoever
+/// gets hold of a session under that lock lets go of it after it.
+class ReportingdSession final : public ClientSessionInterface,
+                                public std::enable_shared_from_this<ReportingdSession> {
  public:
-  /// `initWithSessionDelegate:connection:`.
-  static std::shared_ptr<ReportingdSession> create(const ReportingServices& services,
-                                                   std::shared_ptr<ReportingdSessionDelegate> delegate,
-                                                   std::shared_ptr<ServiceConnection> connection);
+  /// `initWithSessionDelegate:connection:`. `services` outlive the session.
+  static std::shared_ptr<ReportingdSession> create(
+      const ReportingServices& services, std::shared_ptr<ReportingdSessionDelegate> delegate,
+      std::shared_ptr<ServiceConnection> connection,
+      BackendFactory backendFactory = &ZunReportingBackend::newBackendWithName);
+
+  ReportingdSession(const ReportingdSession&) = delete;
+  ReportingdSession& operator=(const ReportingdSession&) = delete;
 
   // Any thread.
-  [[nodiscard]] uint32_t sessionID() const;
-  [[nodiscard]] const std::string& sessionIDString() const;
+  [[nodiscard]] uint32_t sessionID() const { return sessionID_; }
+  [[nodiscard]] const std::string& sessionIDString() const { return sessionIDString_; }
   [[nodiscard]] Dictionary sessionInfo() const;
   [[nodiscard]] std::optional<Dictionary> userInfo() const;
   [[nodiscard]] uint32_t hierarchyLevel() const;
   [[nodiscard]] std::optional<std::string> hierarchyToken() const;
+  /// The client wants copies of what its hierarchy reports.
+  [[nodiscard]] bool hasAggregator() const { return hasAggregator_; }
   /// One line for logs.
   [[nodiscard]] std::string description() const;
 
@@ -44,14 +58,100 @@ class ReportingdSession final : public std::enable_shared_from_this<ReportingdSe
   void updateCombinedSessionID();
   void syncReportingStates();
 
-  // (client operations of ClientSessionInterface and private state: added with the
-  // implementation.)
+  // ClientSessionInterface
+  void setSessionInfo(const Dictionary& sessionInfo, const std::optional<Dictionary>& userInfo,
+                      const Array& frameworksToCheck, bool hasAggregationBlock) override;
+  void startConfigWithCompletionHandler(StatesReply completionHandler) override;
+  void fetchStatesWithUserInfo(const std::optional<Dictionary>& userInfo,
+                               StatesReply completionHandler) override;
+  void fetchDisplayURL(StringReply reply) override;
+  void sendMessageWithDictionary(const Dictionary& message, ResponseReply reply) override;
+  void flushMessagesWithCompletion(FlushReply completion) override;
+  void finishSessionGracefully() override;
+  void sendMessageWithSessionInfo(const Dictionary& sessionInfo, const std::optional<Dictionary>& userInfo,
+                                  uint16_t category, uint16_t type, const std::optional<Dictionary>& payload,
+                                  StringReply reply) override;
+  void updateSharedDataWithDictionary(const Dictionary& sharedData) override;
+  void updateSharedDataForKey(const std::string& key, const Value& value) override;
+  void setDigestKey(const std::string& key, int32_t algorithm) override;
+
+ private:
+  /// What other threads read as well.
+  struct Shared {
+    std::optional<Dictionary> sessionInfo;  // none until configured
+    std::optional<Dictionary> userInfo;
+    uint32_t hierarchyLevel = 0;
+    std::optional<std::string> hierarchyToken;
+    std::shared_ptr<const BackendTable> backends;  // none until started
+  };
+  /// One flush's wait for all backends.
+  class FlushCountdown;
+
+  static constexpr uint32_t kDefaultReleaseTimeout = 30;  // seconds
+
+  ReportingdSession(const ReportingServices& services, std::shared_ptr<ReportingdSessionDelegate> delegate,
+                    std::shared_ptr<ServiceConnection> connection, BackendFactory backendFactory);
+  ~ReportingdSession() override = default;
+  /// Teardown, before destruction.
+  void dealloc();
+  void handBackKeepAliveReference();
+
+  [[nodiscard]] SystemLog& log() const { return services_.platform.log; }
+  [[nodiscard]] std::optional<Dictionary> configuredSessionInfo() const EXCLUDES(mutex_);
+  [[nodiscard]] std::shared_ptr<const BackendTable> backendsSnapshot() const EXCLUDES(mutex_);
+  [[nodiscard]] bool hasBackends() const { return backends_ != nullptr && !backends_->entries.empty(); }
+
+  // ReportingdSession.cpp
+  void fillDeviceIdentifier();
+  void adoptSessionInfo(const Dictionary& sessionInfo) EXCLUDES(mutex_);
+  void releaseUserInfo();
+  void updateUserInfo(const std::optional<Dictionary>& userInfo);
+  void receivedUserInfo(const std::optional<Dictionary>& userInfo);
+  void updateSessionWithDefaultSessionInfo();
+  void sendStartMessage();
+  [[nodiscard]] std::optional<std::string> chooseDisplayURL() const;
+
+  // MessageDispatch.cpp
+  std::optional<std::string> sendMessageWithDictionary(const Dictionary& message);
+  std::optional<std::string> dispatchToBackends(const Dictionary& blob, const TimeValue& timestamp,
+                                                uint16_t category, uint16_t type, int32_t flag);
+  void internalSendMessage(const Dictionary& payload, uint16_t method, uint16_t respCode);
+  void internalFlushMessagesWithCompletion(FlushReply completion);
+  void sendOneMessageWithSessionInfo(const std::optional<Dictionary>& sessionInfo,
+                                     const std::optional<Dictionary>& userInfo,
+                                     const std::optional<Dictionary>& storebag, uint16_t category,
+                                     uint16_t type, const std::optional<Dictionary>& payload);
+  void sendOneMessageToBackends(uint16_t category, uint16_t type, const std::optional<Dictionary>& payload);
+
+  // ReportingStates.cpp
+  void createBackendsWithStorebag(const Dictionary& storebag);
+  void updateUserInfoForBackends();
+  bool updateReportingStates();
+  [[nodiscard]] std::optional<std::vector<std::string>> fetchReportingStates() const;
+
+  const ReportingServices& services_;
+  std::shared_ptr<ReportingdSessionDelegate> delegate_;
+  std::shared_ptr<ServiceConnection> connection_;
+  const BackendFactory backendFactory_;
+  const std::string sessionIDString_;
+  std::atomic<uint32_t> sessionID_{0};
+  std::atomic<bool> hasAggregator_{false};
+
+  mutable Mutex mutex_;
+  Shared shared_ GUARDED_BY(mutex_);
+
+  // The client's thread only, and at last the teardown's.
+  std::shared_ptr<const BackendTable> backends_;  // as in shared_, without its lock
+  Array frameworks_;
+  std::optional<std::string> storebagVersion_;
+  std::array<char, 41> deviceid_{};  // up to 40 characters and a zero
+  bool hasFinishedGracefully_ = false;
+  std::optional<std::string> digestKey_;
+  int32_t digestAlgorithm_ = 0;
+  std::shared_ptr<ReportingSessionConnectivityHelper> connectivityHelper_;
+  uint32_t connectivityHelperReleaseTimeout_ = kDefaultReleaseTimeout;
 };
 
-/// The interface that clients call, at its object path.
-[[nodiscard]] const ServiceInterface& clientSessionInterface();
-/// The interface that clients export.
-[[nodiscard]] const ServiceInterface& clientSessionReplyInterface();
 /// The object that turns a connection's calls into the session's operations.
 [[nodiscard]] std::shared_ptr<ExportedObject> makeClientSessionObject(
     std::shared_ptr<ReportingdSession> session);
