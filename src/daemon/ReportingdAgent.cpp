@@ -1,0 +1,194 @@
+#include "daemon/ReportingdAgent.h"
+
+#include <algorithm>
+
+#include "util/Identifiers.h"
+#include "zunreporting/Keys.h"
+
+namespace zun {
+
+namespace {
+
+int32_t clientTypeOf(const ReportingdSession& session) {
+  return session.sessionInfo()[zunreporting::kZunReportingSessionInfoClientType].int32Value();
+}
+
+std::string userInfoKeyOf(const ReportingdSession& session) {
+  return connectivityUserInfoKey(session.userInfo().value_or(Dictionary()));
+}
+
+}  // namespace
+
+std::shared_ptr<ReportingdAgent> ReportingdAgent::create(const ReportingServices& services,
+                                                         StorebagFetcher& fetcher) {
+  const std::shared_ptr<ReportingdAgent> agent(new ReportingdAgent(services, fetcher));
+  agent->sharedConnectivityHelpers_ = std::make_unique<SharedConnectivityHelpers>(
+      services.platform, std::weak_ptr<QuorxTransactionHolder>(agent));
+  return agent;
+}
+
+ReportingdAgent::ReportingdAgent(const ReportingServices& services, StorebagFetcher& fetcher)
+    : services_(services),
+      log_(services.platform.log),
+      storebagCache_(fetcher, services.platform.clock, services.platform.log),
+      correlatedSessions_(services.platform.log),
+      sharedData_(services.platform.log) {}
+
+ReportingdAgent::~ReportingdAgent() = default;
+
+std::string ReportingdAgent::description() const {
+  return fmt::format("<ReportingdAgent: {}>", fmt::ptr(this));
+}
+
+// --- Clients -------------------------------------------------------------------
+
+bool ReportingdAgent::shouldAcceptNewConnection(const std::shared_ptr<ServiceConnection>& connection) {
+  if (!connection->booleanEntitlement(kEntitlement).value_or(false)) {
+    log_.debug(
+        "listener: new Quorx connection {} does not have required zunreporting entitlement. Closing "
+        "connection...",
+        connection->description());
+    return false;
+  }
+  log_.debug("listener: Accepting new Quorx connection {} as it has proper entitlement, {}({}) connections.",
+             connection->description(), sessionCount(), correlatedSessions_.tokenCount());
+
+  connection->setExportedInterface(clientSessionInterface());
+  connection->setRemoteObjectInterface(clientSessionReplyInterface());
+  const auto session = createReportingSessionWithDelegate(shared_from_this(), connection);
+  connection->setExportedObject(makeClientSessionObject(session));
+  connection->setInterruptionHandler([this, agent = shared_from_this(), session] {
+    log_.debug("listener: Quorx connection to {} was interrupted", session->description());
+  });
+  connection->setInvalidationHandler([this, agent = shared_from_this(), session] {
+    log_.debug("listener: Quorx connection to {} was invalidated", session->description());
+    invalidateReportingSession(session);
+  });
+  connection->resume();
+  return true;
+}
+
+std::shared_ptr<ReportingdSession> ReportingdAgent::createReportingSessionWithDelegate(
+    const std::shared_ptr<ReportingdSessionDelegate>& delegate,
+    const std::shared_ptr<ServiceConnection>& connection) {
+  auto session = ReportingdSession::create(services_, delegate, connection);
+  const RecursiveMutexLock lock(objectLock_);
+  if (quorxTransactionReference_ == 0) {
+    services_.platform.transactions.begin();
+    log_.debug("createReportingSessionWithDelegate: Quorx transaction started with session {}",
+               session->description());
+  }
+  sessionList_.push_back(session);
+  sessionCount_ = sessionList_.size();
+  ++quorxTransactionReference_;
+  log_.note("createReportingSessionWithDelegate: retained Quorx Transaction. Ref count is {}",
+            quorxTransactionReference_);
+  return session;
+}
+
+// The session comes by value: it must not end, and be torn down, under the lock.
+void ReportingdAgent::invalidateReportingSession(std::shared_ptr<ReportingdSession> session) {
+  const RecursiveMutexLock lock(objectLock_);
+  // The token's list and shared values stay, so that a later session of the same
+  // hierarchy finds them again.
+  if (const auto abandoned = correlatedSessions_.removeSession(*session)) tokenLostLastSession(*abandoned);
+  const std::string description = session->description();
+  std::erase(sessionList_, session);
+  sessionCount_ = sessionList_.size();
+  log_.debug("invalidateReportingSession: ReportingdSession {} was invalidated", description);
+}
+
+void ReportingdAgent::tokenLostLastSession(const std::string& token) {
+  for (const std::string& givenUp : sharedData_.tokenBecameIdle(token))
+    correlatedSessions_.removeToken(givenUp);
+}
+
+void ReportingdAgent::releaseQuorxTransactions(uint32_t count) {
+  const RecursiveMutexLock lock(objectLock_);
+  if (quorxTransactionReference_ < 1) return;
+  quorxTransactionReference_ = static_cast<int32_t>(quorxTransactionReference_ - int64_t{count});
+  log_.note("releaseQuorxTransactions: Quorx transaction ref count is {}, decremented by {}",
+            quorxTransactionReference_, count);
+  // A release beyond the count leaves it negative: the next session then counts up
+  // without beginning a transaction.
+  if (quorxTransactionReference_ < 1) {
+    services_.platform.transactions.end();
+    log_.note("releaseQuorxTransactions: Quorx transaction ended");
+  }
+}
+
+// --- Storebags -----------------------------------------------------------------
+
+std::optional<Dictionary> ReportingdAgent::storebagForSession(const ReportingdSession& session) {
+  const int32_t clientType = clientTypeOf(session);
+  log_.debug("storebagForSession: Retrieving storebag for session {} with client type {}",
+             session.sessionID(), clientType);
+  return storebagCache_.storebagForClientType(clientType);
+}
+
+std::optional<std::string> ReportingdAgent::storebagVersionForSession(const ReportingdSession& session) {
+  return storebagCache_.storebagVersionForClientType(clientTypeOf(session));
+}
+
+// --- Hierarchies ---------------------------------------------------------------
+
+void ReportingdAgent::updateCorrelatedSessions(ReportingdSession& session) {
+  const auto token = session.hierarchyToken();
+  if (!token) {
+    log_.note("updateCorrelatedSessions: Session {} has no correlated sessions as it is a standalone session",
+              session.sessionID());
+    return;
+  }
+  const RecursiveMutexLock lock(objectLock_);
+  const auto abandoned = correlatedSessions_.updateCorrelatedSessions(session);
+  sharedData_.tokenBecameBusy(*token);
+  if (abandoned) tokenLostLastSession(*abandoned);
+}
+
+std::optional<std::string> ReportingdAgent::parentSessionIDStringForSession(ReportingdSession& session) {
+  const RecursiveMutexLock lock(objectLock_);
+  return correlatedSessions_.parentSessionIDString(session);
+}
+
+void ReportingdAgent::updateDownstreamSessions(ReportingdSession& session) {
+  const RecursiveMutexLock lock(objectLock_);
+  correlatedSessions_.updateDownstreamSessions(session);
+}
+
+std::shared_ptr<ReportingdSession> ReportingdAgent::parentSessionForChild(ReportingdSession& session) {
+  const RecursiveMutexLock lock(objectLock_);
+  return correlatedSessions_.parentSessionForChild(session);
+}
+
+// --- Shared data ---------------------------------------------------------------
+
+void ReportingdAgent::updateSharedDataForSession(ReportingdSession& session, const Dictionary& sharedData) {
+  const RecursiveMutexLock lock(objectLock_);
+  if (const auto token = session.hierarchyToken()) sharedData_.update(*token, sharedData);
+}
+
+void ReportingdAgent::removeObjectFromSharedDataForSession(ReportingdSession& session,
+                                                           const std::string& key) {
+  const RecursiveMutexLock lock(objectLock_);
+  if (const auto token = session.hierarchyToken()) sharedData_.remove(*token, key);
+}
+
+std::optional<Dictionary> ReportingdAgent::sharedDataForSession(ReportingdSession& session) {
+  const RecursiveMutexLock lock(objectLock_);
+  const auto token = session.hierarchyToken();
+  return token ? sharedData_.forToken(*token) : std::nullopt;
+}
+
+// --- Connectivity helpers ------------------------------------------------------
+
+std::shared_ptr<ReportingSessionConnectivityHelper>
+ReportingdAgent::copySharedConnectivityHelperForReportingSession(const ReportingdSession& session,
+                                                                 ConnectionMode mode) {
+  return sharedConnectivityHelpers_->copySharedConnectivityHelper(userInfoKeyOf(session), mode);
+}
+
+void ReportingdAgent::releaseSharedConnectivityHelperForReportingSession(const ReportingdSession& session) {
+  sharedConnectivityHelpers_->releaseSharedConnectivityHelper(userInfoKeyOf(session));
+}
+
+}  // namespace zun
