@@ -1,6 +1,7 @@
 #pragma once
 
 #include <compare>
+#include <string>
 
 namespace zun {
 
@@ -10,5 +11,8 @@ struct Date {
 
   friend auto operator<=>(const Date&, const Date&) = default;
 };
+
+/// "2023-11-14 22:13:20 +0000", in UTC, cut to whole seconds.
+[[nodiscard]] std::string dateDescription(Date date);
 
 }  // namespace zun

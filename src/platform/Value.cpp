@@ -556,7 +556,7 @@ void Value::describe(std::string& out, int depth) const {
       }
       break;
     case Tag::kReal: out += fmt::to_string(wide_.as.real); break;
-    case Tag::kDate: fmt::format_to(std::back_inserter(out), "{:.6f}", wide_.as.real); break;
+    case Tag::kDate: out += dateDescription(Date{wide_.as.real}); break;
     case Tag::kInlineString:
     case Tag::kLiteral:
     case Tag::kString:
