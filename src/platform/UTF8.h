@@ -1,0 +1,23 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+namespace zun {
+
+/// Bytes at the start of `text` that are well-formed UTF-8 (no overlong forms, no
+/// surrogates, nothing above U+10FFFF). Any thread.
+[[nodiscard]] size_t validUTF8Prefix(std::string_view text);
+
+[[nodiscard]] inline bool isValidUTF8(std::string_view text) {
+  return validUTF8Prefix(text) == text.size();
+}
+
+/// `text` with U+FFFD in the place of each byte that belongs to no character.
+[[nodiscard]] std::string replacingInvalidUTF8(std::string_view text);
+
+/// Appends the UTF-8 form of a code point that is a Unicode scalar value.
+void appendUTF8(std::string& out, char32_t character);
+
+}  // namespace zun
