@@ -1,14 +1,8 @@
 #pragma once
 
-#include <condition_variable>
-#include <cstdint>
-#include <deque>
 #include <memory>
-#include <mutex>
 #include <string>
-#include <thread>
 #include <type_traits>
-#include <utility>
 
 #include "platform/UniqueFunction.h"
 
@@ -29,7 +23,8 @@ class Executor {
 ///   sync:  runs on the caller's thread when its turn comes. On an idle queue that is
 ///          at once, without a thread switch. Behind queued jobs the caller runs those
 ///          first itself, so that a busy executor can never hold it up. On the queue
-///          itself it runs inline.
+///          itself it runs inline, and so it does wherever the calling thread already
+///          holds the queue further up.
 ///
 /// Threading: any thread. Ownership: shared; a queued job keeps the queue alive.
 class SerialQueue final : public std::enable_shared_from_this<SerialQueue> {
@@ -41,9 +36,11 @@ class SerialQueue final : public std::enable_shared_from_this<SerialQueue> {
   SerialQueue& operator=(const SerialQueue&) = delete;
   ~SerialQueue();
 
+  /// What the job owns is let go of on the queue as well. A job that throws ends the
+  /// process.
   void async(UniqueFunction<void()> job);
 
-  /// Gives what `function` gives.
+  /// Gives what `function` gives; what it throws ends the turn and reaches the caller.
   template <typename Function>
   auto sync(Function&& function) -> std::invoke_result_t<Function&> {
     const Turn turn(*this);
@@ -56,31 +53,31 @@ class SerialQueue final : public std::enable_shared_from_this<SerialQueue> {
   [[nodiscard]] const std::string& label() const { return label_; }
 
  private:
+  struct State;
+
   /// The caller's turn on the queue, from the moment it comes up to the end of scope.
+  /// Knows the state only: the queue itself may end during its own turn.
   class Turn final {
    public:
-    explicit Turn(SerialQueue& queue) : queue_(queue), outermost_(queue.beginTurn()) {}
+    explicit Turn(SerialQueue& queue) : state_(queue.beginTurn()) {}
     ~Turn() {
-      if (outermost_) queue_.endTurn();
+      if (state_ != nullptr) endTurn(*state_);
     }
     Turn(const Turn&) = delete;
     Turn& operator=(const Turn&) = delete;
 
    private:
-    SerialQueue& queue_;
-    const bool outermost_;
+    State* const state_;
   };
 
   SerialQueue(std::string label, Executor& executor);
-  bool beginTurn();
-  void endTurn();
-  void drain();
+
+  /// Waits for the caller's turn; null for a turn within a turn, which needs no end.
+  State* beginTurn();
+  static void endTurn(State& state);
 
   const std::string label_;
-  Executor& executor_;
-  // Shape of the implementation is free; see SerialQueue.cpp.
-  struct State;
-  std::unique_ptr<State> state_;
+  State* const state_;
 };
 
 }  // namespace zun

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <condition_variable>
+#include <cstddef>
+#include <deque>
+#include <thread>
+#include <vector>
+
+#include "platform/Mutex.h"
+#include "platform/SerialQueue.h"
+
+namespace zun {
+
+/// A fixed number of threads that run jobs in the order in which they come. Jobs do
+/// not wait for peers, networks or clients, and do not throw.
+///
+/// Threading: any thread; the destructor, on a thread that is not the pool's own, runs
+/// everything that is queued, and what that queues in turn, and joins.
+class WorkerPool final : public Executor {
+ public:
+  explicit WorkerPool(unsigned threads);
+  ~WorkerPool() override;
+  WorkerPool(const WorkerPool&) = delete;
+  WorkerPool& operator=(const WorkerPool&) = delete;
+
+  void execute(UniqueFunction<void()> job) override;
+
+ private:
+  void work() noexcept;
+
+  Mutex mutex_;
+  std::condition_variable_any workCame_;
+  std::deque<UniqueFunction<void()>> jobs_ GUARDED_BY(mutex_);
+  size_t sleepers_ GUARDED_BY(mutex_) = 0;
+  bool isEnding_ GUARDED_BY(mutex_) = false;
+  std::vector<std::thread> threads_;
+};
+
+}  // namespace zun
