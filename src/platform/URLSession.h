@@ -97,6 +97,8 @@ class URLSessionDelegate {
   virtual void didCompleteWithError(URLSession& session, URLSessionTask& task,
                                     const std::optional<URLResponse>& response,
                                     const std::optional<Error>& error) = 0;
+  /// A data task turned into a download. A service without downloads never says this.
+  virtual void didBecomeDownloadTask(URLSession& /*session*/) {}
   /// The session has finished: nothing is called after this.
   virtual void didBecomeInvalidWithError(URLSession& session, const std::optional<Error>& error) = 0;
 };

@@ -1,0 +1,97 @@
+#include "daemon/SharedConnectivityHelpers.h"
+
+#include <unordered_map>
+#include <utility>
+
+#include "platform/Check.h"
+
+namespace zun {
+
+/// Outlives its owner in queued work. State queue only.
+struct SharedConnectivityHelpers::Table {
+  explicit Table(SystemLog& logToUse) : log(logToUse) {}
+
+  void usageCountReached(int32_t usageCount, const std::string& userInfoKey,
+                         const std::shared_ptr<ReportingSessionConnectivityHelper>& helper);
+
+  SystemLog& log;
+  std::unordered_map<std::string, std::shared_ptr<ReportingSessionConnectivityHelper>> helpers;
+};
+
+void SharedConnectivityHelpers::Table::usageCountReached(
+    int32_t usageCount, const std::string& userInfoKey,
+    const std::shared_ptr<ReportingSessionConnectivityHelper>& helper) {
+  if (usageCount != 0) return;
+  log.debug(
+      "releaseSharedConnectivityHelperForReportingSession: Usage count of shared connectivity helper for "
+      "userInfoKey {} reached zero. Invalidating the helper",
+      userInfoKey);
+  // A helper can hear of its end twice; by then the key may belong to its successor.
+  const auto found = helpers.find(userInfoKey);
+  if (found != helpers.end() && found->second == helper) helpers.erase(found);
+  helper->invalidate();
+}
+
+SharedConnectivityHelpers::SharedConnectivityHelpers(const PlatformServices& platform,
+                                                     std::weak_ptr<QuorxTransactionHolder> delegate)
+    : platform_(platform),
+      delegate_(std::move(delegate)),
+      stateQueue_(SerialQueue::create("com.vantix.ZunReportingAgentStateQueue", platform.executor)),
+      table_(std::make_shared<Table>(platform.log)) {}
+
+SharedConnectivityHelpers::~SharedConnectivityHelpers() = default;
+
+std::shared_ptr<ReportingSessionConnectivityHelper> SharedConnectivityHelpers::copySharedConnectivityHelper(
+    const std::string& userInfoKey, ConnectionMode mode) {
+  return stateQueue_->sync([&] {
+    SystemLog& log = table_->log;
+    log.debug(
+        "requestSharedConnectivityHelperForReportingSession: Requesting shared connectivity helper for "
+        "userInfoKey {}",
+        userInfoKey);
+    std::shared_ptr<ReportingSessionConnectivityHelper>& helper = table_->helpers[userInfoKey];
+    if (helper) {
+      log.debug(
+          "requestSharedConnectivityHelperForReportingSession: Found existing shared connectivity helper for "
+          "userInfoKey {}",
+          userInfoKey);
+    } else {
+      log.debug(
+          "requestSharedConnectivityHelperForReportingSession: Creating shared connectivity helper for "
+          "userInfoKey {}",
+          userInfoKey);
+      helper = ReportingSessionConnectivityHelper::create(platform_, delegate_, mode);
+    }
+    log.debug(
+        "requestSharedConnectivityHelperForReportingSession: Incrementing usage of shared connectivity "
+        "helper "
+        "for userInfoKey {}",
+        userInfoKey);
+    helper->ownerIncrementUsageCount();
+    return helper;
+  });
+}
+
+void SharedConnectivityHelpers::releaseSharedConnectivityHelper(std::string userInfoKey) {
+  stateQueue_->async([table = table_, queue = stateQueue_, userInfoKey = std::move(userInfoKey)] {
+    table->log.debug(
+        "releaseSharedConnectivityHelperForReportingSession: Releasing shared connectivity helper for "
+        "userInfoKey {}",
+        userInfoKey);
+    const auto found = table->helpers.find(userInfoKey);
+    if (found == table->helpers.end()) return;
+    table->log.debug(
+        "releaseSharedConnectivityHelperForReportingSession: Decrementing usage count of shared connectivity "
+        "helper for userInfoKey {}",
+        userInfoKey);
+    auto callback = [weakTable = std::weak_ptr(table), weakHelper = std::weak_ptr(found->second),
+                     userInfoKey](int32_t usageCount) {
+      const auto table = weakTable.lock();
+      const auto helper = weakHelper.lock();
+      if (table && helper) table->usageCountReached(usageCount, userInfoKey, helper);
+    };
+    found->second->ownerDecrementUsageCountWithBlock(std::move(callback), queue);
+  });
+}
+
+}  // namespace zun
