@@ -1,11 +1,13 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 
+#include "backends/EventNumberList.h"
 #include "connectivity/ReportingSessionConnectivityInterface.h"
 #include "platform/Error.h"
 #include "platform/Mutex.h"
@@ -110,9 +112,56 @@ class ZunReportingBackend : public std::enable_shared_from_this<ZunReportingBack
 
  protected:
   ZunReportingBackend(const ReportingServices& services, std::string name, Dictionary profile,
-                      std::string productFamily);
+                      const std::string& productFamily);
 
-  // (fields: added with the implementation)
+  [[nodiscard]] SystemLog& log() const { return services_.platform.log; }
+  /// The identifier that joins correlated sessions: a string, or none. Any thread.
+  [[nodiscard]] Value combinedSessionIDString() const;
+  /// The first three numbers of a dotted version; missing ones are 0, each keeps its
+  /// low 8 bits.
+  [[nodiscard]] static std::array<uint8_t, 3> versionNumbers(std::string_view version);
+  /// Code of the client type in what goes out.
+  [[nodiscard]] std::string_view senderCode() const;
+
+  const ReportingServices services_;
+  const std::string name_;
+  const Dictionary profile_;
+  const std::shared_ptr<SerialQueue> stateQueue_;
+  int32_t state_ = ZunBackendStateAwaitingUserInfo;  // state queue only
+  const double samplingFactor_;                      // this backend's draw in [0, 0.9999]
+
+  // The session's calls only. Text is kept as values, so that records share it; one
+  // that is not there is none.
+  const Value productFamily_;
+  Value productVersion_;
+  Value buildVersion_;
+  Value hardwareType_;
+  std::optional<std::string> displayURL_;
+  std::optional<std::string> udid_;
+  std::optional<Dictionary> userInfoDict_;
+  double startTimeStamp_ = 0;  // seconds since 1970
+  uint32_t sessionID_ = 0;
+  int32_t compType_ = 0;
+  uint16_t clientVersion_ = 0;
+  uint16_t eventID_ = 0;
+  uint8_t selfVersionMajor_ = 0;
+  uint8_t selfVersionMiddle_ = 0;
+  uint8_t selfVersionMinor_ = 0;
+  Value selfVersionText_ = Value::literal("0.0");  // "3.2", or "3.2.1" where the minor number is not 0
+  bool isInternal_ = false;
+  bool requireUserInfo_ = false;
+  bool batchEvents_ = false;
+  uint8_t shouldUseWiFiOnly_ = 0;
+  std::optional<EventNumberList> eventWhitelist_;
+  std::optional<EventNumberList> eventBlacklist_;
+  std::optional<std::string> digestKey_;
+  int32_t digestAlgorithm_ = 0;
+  std::weak_ptr<ReportingSessionConnectivityInterface> reportingSessionConnectivityDelegate_;
+
+ private:
+  mutable Mutex propertyMutex_;
+  Value combinedSessionIDString_ GUARDED_BY(propertyMutex_);
+  Value samplingThreshold_ GUARDED_BY(propertyMutex_);
 };
 
 }  // namespace zun

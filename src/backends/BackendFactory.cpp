@@ -1,0 +1,64 @@
+#include <algorithm>
+#include <iterator>
+
+#include "backends/HTTPSPostBackend.h"
+#include "zunreporting/Keys.h"
+
+namespace zun {
+
+namespace {
+
+using zunreporting::kZunReportingBackendHTTPPost;
+using zunreporting::kZunReportingBackendHTTPPost2;
+using zunreporting::kZunReportingBackendQRS;
+
+/// What a backend is made from.
+struct Section {
+  const ReportingServices& services;
+  std::string_view name;
+  const Value& profile;
+  const std::optional<std::string>& productFamily;
+  int32_t clientType;
+};
+
+struct Kind {
+  bool (*isNamedBy)(const Section& section);
+  std::shared_ptr<ZunReportingBackend> (*make)(const Section& section);
+};
+
+std::shared_ptr<ZunReportingBackend> makeHTTPSPost(const Section& section) {
+  return HTTPSPostBackend::initWithName(section.services, section.name, section.profile,
+                                        section.productFamily);
+}
+
+template <const std::string_view& name>
+bool equals(const Section& section) {
+  return section.name == name;
+}
+
+template <const std::string_view& part>
+bool contains(const Section& section) {
+  return section.name.find(part) != std::string_view::npos;
+}
+
+/// The first kind that a name fits is the one.
+constexpr Kind kKinds[] = {
+    {contains<kZunReportingBackendHTTPPost>, makeHTTPSPost},
+    {equals<kZunReportingBackendHTTPPost2>, makeHTTPSPost},
+    {equals<kZunReportingBackendQRS>, makeHTTPSPost},
+};
+
+}  // namespace
+
+std::shared_ptr<ZunReportingBackend> ZunReportingBackend::newBackendWithName(
+    const ReportingServices& services, std::string_view name, const Value& profile,
+    const std::optional<std::string>& productFamily, int32_t clientType) {
+  const Section section{services, name, profile, productFamily, clientType};
+  const auto* const kind = std::find_if(std::begin(kKinds), std::end(kKinds),
+                                        [&section](const Kind& each) { return each.isNamedBy(section); });
+  if (kind != std::end(kKinds)) return kind->make(section);
+  services.platform.log.error("ZunReportingBackend(newBackendWithName): {}", name);
+  return nullptr;
+}
+
+}  // namespace zun

@@ -1,0 +1,50 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <unordered_map>
+#include <vector>
+
+#include "platform/Value.h"
+
+namespace zun {
+
+/// Event records that wait for one post, and how many of each method there are.
+///
+/// Storebags bound a batch by a count per method alone. Methods are the client's to
+/// choose and the count is the operator's, so a batch has a bound of its own that
+/// normal use never meets: what does not fit is dropped until the batch is posted.
+/// Threading: one thread at a time (its backend's state queue).
+class EventBatch final {
+ public:
+  /// Estimated bytes of the records of one batch.
+  static constexpr size_t kMaximumBytes = size_t{16} << 20;
+
+  enum class Room { kTaken, kFull };
+
+  /// Adds a record, unless the batch is full.
+  Room append(Dictionary record);
+
+  /// A method is whatever a record has under "_method", as an integer.
+  [[nodiscard]] int32_t countOfMethod(int64_t method) const;
+  void setCountOfMethod(int64_t method, int32_t count) { methodCounts_[method] = count; }
+
+  /// Writes `value` under `key` into every record.
+  void setInAllRecords(const Value& key, const Value& value);
+
+  /// Estimated bytes, kept in 32 bits.
+  [[nodiscard]] uint32_t estimatedSize() const;
+
+  [[nodiscard]] std::vector<Dictionary> takeRecords() { return std::move(records_); }
+
+  /// True once: for the first record that found no room.
+  [[nodiscard]] bool noteOverflow() { return !std::exchange(overflowNoted_, true); }
+
+ private:
+  std::vector<Dictionary> records_;
+  std::unordered_map<int64_t, int32_t> methodCounts_;
+  size_t bytes_ = 0;
+  bool overflowNoted_ = false;
+};
+
+}  // namespace zun

@@ -1,0 +1,214 @@
+// What is sent at once, what waits, and how a batch leaves.
+
+#include <utility>
+
+#include "backends/HTTPSPostBackend.h"
+#include "backends/MessageBlob.h"
+#include "util/Identifiers.h"
+
+namespace zun {
+
+namespace {
+
+constexpr uint16_t kSessionMethod = 0;
+constexpr uint16_t kSessionStop = 1;
+
+bool isRealtime(int32_t flag) {
+  return flag == 1 || flag == 3;
+}
+
+bool promotes(int32_t flag) {
+  return flag == 2 || flag == 3;
+}
+
+Value orMinusOne(Value value) {
+  return value.isNone() ? Value(-1) : value;
+}
+
+}  // namespace
+
+std::optional<std::string> HTTPSPostBackend::sendMessage(const Dictionary& message,
+                                                         const TimeValue& timestamp, uint16_t method,
+                                                         uint16_t respCode, uint16_t eventID, int32_t flag) {
+  const int32_t stateBefore = state();
+  if (stateBefore == ZunBackendStateDisabled) return std::nullopt;
+  Dictionary record = newEventDictfromPayload(payloadOfMessage(message, method, respCode), timestamp, method,
+                                              respCode, eventID);
+  prepareEventForMessage(record, message[kZunReportingMessageBlobSharedData].dictionary());
+  // The promotion is for the messages to come: this one keeps the state that it found.
+  if (promotes(flag) && stateBefore == ZunBackendStateSampledOut) setState(ZunBackendStateEnabled);
+  log().debug("HTTPSPostBackend(sendMessage): realtime is {:d}", isRealtime(flag));
+
+  const bool mayPost =
+      stateBefore != ZunBackendStateAwaitingUserInfo && stateBefore != ZunBackendStateSampledOut;
+  const bool isDue = isRealtime(flag) || !batchEvents_;
+  if (mayPost && isDue && (!requireUserInfo_ || userInfoDict_)) {
+    return sendNow(std::move(record), stateBefore, method, respCode, flag);
+  }
+  log().debug("HTTPSPostBackend(sendMessage): Batching {}, {:d}, {:d}", stateBefore, batchEvents_,
+              requireUserInfo_);
+  return batchEvent(std::move(record));
+}
+
+Dictionary HTTPSPostBackend::payloadOfMessage(const Dictionary& message, uint16_t method,
+                                              uint16_t respCode) const {
+  const Value& clientData = message[kZunReportingMessageBlobClientData];
+  Dictionary payload = message;
+  if (!clientData.isNone()) {
+    payload = clientData.isDictionary() ? *clientData.dictionary() : Dictionary();
+    if (!clientData.isDictionary()) {
+      log().error("HTTPSPostBackend(sendMessage): SESSION_TYPE_STOP message dictionary is nil");
+    }
+  }
+  if (method != kSessionMethod || respCode != kSessionStop) return payload;
+  log().debug(
+      "HTTPSPostBackend(sendMessage): Adding dnu type and sampling threshold to SESSION_TYPE_STOP message "
+      "dictionary");
+  payload.set(Value::literal("Opt"), dnuType_);
+  payload.set(Value::literal("SamplingThreshold"), orMinusOne(samplingThreshold()));
+  payload.set(Value::literal("OverrideSampling"), orMinusOne(overrideSampling_));
+  payload.set(Value::literal("Batch"), batchEvents_ ? 1 : 0);
+  return payload;
+}
+
+std::optional<std::string> HTTPSPostBackend::sendNow(Dictionary record, int32_t stateBefore, uint16_t method,
+                                                     uint16_t respCode, int32_t flag) {
+  std::optional<std::string> flushed;
+  if (stateBefore == ZunBackendStateEnabled && isRealtime(flag) && hasBatch()) {
+    log().debug(
+        "HTTPSPostBackend(sendMessage): Got a realtime event and some events have already been batched. "
+        "Forcing Flush here to keep events in order.");
+    flushed = flushMessagesWithCompletion(nullptr);  // freezes the configuration if it gives a text
+  }
+  log().debug("HTTPSPostBackend(sendMessage): Sending {}, {:d}, {:d}", stateBefore, batchEvents_,
+              requireUserInfo_);
+  std::vector<Dictionary> records;
+  records.push_back(std::move(record));
+  std::optional<std::string> text;
+  std::optional<std::string> json = createMessageForPostAndLogging(std::move(records), &text);
+  if (!json) return std::nullopt;
+  if (flushed) {
+    text = fmt::format("Flushed events:\n{}\nStandalone event:\n{}", *flushed,
+                       text ? std::string_view(*text) : "(null)");
+  }
+  postJSONMessage(std::move(*json), flag, method, respCode, nullptr);
+  return text;
+}
+
+std::optional<std::string> HTTPSPostBackend::batchEvent(Dictionary record) {
+  const int64_t method = record["_method"].intValue();
+  int32_t count = stateQueue_->sync([this, method] {
+    if (!batchedEvents_) batchedEvents_.emplace();
+    return batchedEvents_->countOfMethod(method);
+  });
+  std::optional<std::string> flushed;
+  if (count > eventThreshold_) {
+    log().debug(
+        "HTTPSPostBackend(batchEvent): Flushing all batched events as we reached event threshold for method "
+        "{}",
+        method);
+    flushed = flushMessagesWithCompletion(nullptr);
+    count = 0;
+  }
+  append(std::move(record), method, count);
+  return flushed;
+}
+
+// In a turn of the caller's own: an idle queue takes it without a switch of threads, and
+// the caller has waited for the queue to read the count anyway.
+void HTTPSPostBackend::append(Dictionary record, int64_t method, int32_t count) {
+  const bool reportsOverflow = stateQueue_->sync([this, &record, method, count] {
+    if (!batchedEvents_) batchedEvents_.emplace();
+    if (batchedEvents_->append(std::move(record)) == EventBatch::Room::kFull) {
+      return batchedEvents_->noteOverflow();
+    }
+    batchedEvents_->setCountOfMethod(method, count + 1);
+    return false;
+  });
+  if (!reportsOverflow) return;
+  log().error(
+      "HTTPSPostBackend(batchEvent): {}: batch of {} bytes is full, dropping events until it is flushed",
+      name_, EventBatch::kMaximumBytes);
+}
+
+bool HTTPSPostBackend::hasBatch() const {
+  return stateQueue_->sync([this] { return batchedEvents_.has_value(); });
+}
+
+// Only taking the batch needs the queue: from then on its records belong to this call,
+// and whoever asks for the state meanwhile need not wait for JSON and compression.
+std::optional<std::string> HTTPSPostBackend::flushMessagesWithCompletion(FlushCompletion completion) {
+  const auto fail = [&completion](const char* message) -> std::optional<std::string> {
+    if (completion) completion(std::nullopt, reportingError(message));
+    return std::nullopt;
+  };
+  std::vector<Dictionary> records;
+  switch (stateQueue_->sync([this, &records] { return takeBatch(records); })) {
+    case FlushObstacle::kNothingToFlush: return fail("Nothing to flush");
+    case FlushObstacle::kUserInfoMissing: return fail("Can not flush: userInfo is required");
+    case FlushObstacle::kNone: break;
+  }
+  log().debug("HTTPSPostBackend(flushMessagesWithCompletion): called");
+  records = admittedRecords(std::move(records));
+  std::optional<std::string> text;
+  std::optional<std::string> json;
+  if (!records.empty()) json = createMessageForPostAndLogging(std::move(records), &text);
+  if (!json) return fail("Nothing to flush: batched events were completely filtered out");
+  postJSONMessage(std::move(*json), 0, std::nullopt, std::nullopt,
+                  [text, completion = std::move(completion)](const std::optional<std::string>&,
+                                                             const std::optional<Error>& error) {
+                    if (completion) completion(text, error);
+                  });
+  if (text) immutable_ = true;
+  return text;
+}
+
+HTTPSPostBackend::FlushObstacle HTTPSPostBackend::takeBatch(std::vector<Dictionary>& records) {
+  if (!batchedEvents_) return FlushObstacle::kNothingToFlush;
+  if (state_ != ZunBackendStateEnabled) {
+    batchedEvents_.reset();
+    return FlushObstacle::kNothingToFlush;
+  }
+  if (requireUserInfo_ && !userInfoDict_) return FlushObstacle::kUserInfoMissing;
+  records = batchedEvents_->takeRecords();
+  batchedEvents_.reset();
+  return FlushObstacle::kNone;
+}
+
+std::vector<Dictionary> HTTPSPostBackend::admittedRecords(std::vector<Dictionary> records) const {
+  Dictionary userInfo = userInfoDict_.value_or(Dictionary());
+  filterEvent(userInfo);
+  std::vector<Dictionary> admitted;
+  admitted.reserve(records.size());
+  for (Dictionary& record : records) {
+    const auto method = static_cast<uint16_t>(record["_method"].intValue());
+    if (!isWhitelistedEvent(method)) {
+      log().debug(
+          "flushMessagesWithCompletion: Dropping event with category {} as it is not whitelisted for backend "
+          "{}",
+          method, name_);
+    } else if (isBlacklistedEvent(method)) {
+      log().debug(
+          "flushMessagesWithCompletion: Dropping event with category {} as it is blacklisted for backend {}",
+          method, name_);
+    } else {
+      record.addEntries(userInfo);
+      admitted.push_back(std::move(record));
+    }
+  }
+  return admitted;
+}
+
+void HTTPSPostBackend::setCorrelatedSessionID(const std::string& identifier) {
+  ZunReportingBackend::setCorrelatedSessionID(identifier);
+  stateQueue_->async(
+      [self = std::static_pointer_cast<HTTPSPostBackend>(shared_from_this()), value = Value(identifier)] {
+        if (self->batchedEvents_) self->batchedEvents_->setInAllRecords(Value::literal("_sessionID"), value);
+      });
+}
+
+uint32_t HTTPSPostBackend::batchedEventsSize() const {
+  return stateQueue_->sync([this] { return batchedEvents_ ? batchedEvents_->estimatedSize() : 0; });
+}
+
+}  // namespace zun
