@@ -125,9 +125,11 @@ class ReportingdSession final : public ClientSessionInterface,
 
   // ReportingStates.cpp
   void createBackendsWithStorebag(const Dictionary& storebag);
+  void publishBackends(std::shared_ptr<const BackendTable> backends) EXCLUDES(mutex_);
   void updateUserInfoForBackends();
   bool updateReportingStates();
   [[nodiscard]] std::optional<std::vector<std::string>> fetchReportingStates() const;
+  void copyStateFromParent(const BackendTable::Entry& entry, const BackendTable* parentBackends) const;
 
   const ReportingServices& services_;
   std::shared_ptr<ReportingdSessionDelegate> delegate_;

@@ -1,0 +1,212 @@
+#include <array>
+#include <utility>
+
+#include "session/ReportingdSession.h"
+
+namespace zun {
+
+namespace {
+
+using Handler = void (*)(ClientSessionInterface& session, const Array& arguments, ServiceReply reply);
+
+struct Operation {
+  ServiceMember member;
+  Handler handler;
+};
+
+// Optional values travel as arrays of no or one element.
+
+Value wireOptional(Value value) {
+  return value.isNone() ? Value(Array()) : Value(Array{std::move(value)});
+}
+
+Value wireString(const std::optional<std::string>& text) {
+  return wireOptional(text ? Value(*text) : Value());
+}
+
+Value wireError(const std::optional<Error>& error) {
+  if (!error) return wireOptional(Value());
+  return wireOptional(Array{error->domain, error->code, error->description});
+}
+
+Value wireStrings(const std::optional<std::vector<std::string>>& strings) {
+  if (!strings) return wireOptional(Value());
+  Array array = Array::withCapacity(strings->size());
+  for (const std::string& text : *strings) array.append(text);
+  return wireOptional(std::move(array));
+}
+
+Value optionalArgument(const Value& argument) {
+  const Array* const elements = argument.array();
+  return elements == nullptr ? Value() : (*elements)[0];
+}
+
+Dictionary dictionaryArgument(const Value& argument) {
+  const Dictionary* const dictionary = argument.dictionary();
+  return dictionary == nullptr ? Dictionary() : *dictionary;
+}
+
+std::optional<Dictionary> optionalDictionaryArgument(const Value& argument) {
+  const Value value = optionalArgument(argument);
+  const Dictionary* const dictionary = value.dictionary();
+  return dictionary == nullptr ? std::nullopt : std::optional(*dictionary);
+}
+
+uint16_t uint16Argument(const Value& argument) {
+  return static_cast<uint16_t>(argument.intValue());
+}
+
+ClientSessionInterface::StatesReply statesReply(ServiceReply reply) {
+  return [reply = std::move(reply)](const std::optional<std::vector<std::string>>& activeBackends) mutable {
+    reply.send({wireStrings(activeBackends)});
+  };
+}
+
+ClientSessionInterface::StringReply stringReply(ServiceReply reply) {
+  return [reply = std::move(reply)](const std::string& text) mutable { reply.send({text}); };
+}
+
+// The operations, in the interface's order.
+
+void setSessionInfo(ClientSessionInterface& session, const Array& arguments, ServiceReply reply) {
+  const Value& frameworks = arguments[2];
+  session.setSessionInfo(dictionaryArgument(arguments[0]), optionalDictionaryArgument(arguments[1]),
+                         frameworks.isArray() ? *frameworks.array() : Array(), arguments[3].boolValue());
+  reply.send();
+}
+
+void startConfig(ClientSessionInterface& session, const Array&, ServiceReply reply) {
+  session.startConfigWithCompletionHandler(statesReply(std::move(reply)));
+}
+
+void fetchStates(ClientSessionInterface& session, const Array& arguments, ServiceReply reply) {
+  session.fetchStatesWithUserInfo(optionalDictionaryArgument(arguments[0]), statesReply(std::move(reply)));
+}
+
+void fetchDisplayURL(ClientSessionInterface& session, const Array&, ServiceReply reply) {
+  session.fetchDisplayURL(stringReply(std::move(reply)));
+}
+
+void sendMessage(ClientSessionInterface& session, const Array& arguments, ServiceReply reply) {
+  session.sendMessageWithDictionary(
+      dictionaryArgument(arguments[0]),
+      [reply = std::move(reply)](const std::optional<std::string>& response) mutable {
+        reply.send({wireString(response)});
+      });
+}
+
+void flushMessages(ClientSessionInterface& session, const Array&, ServiceReply reply) {
+  session.flushMessagesWithCompletion([reply = std::move(reply)](const std::optional<std::string>& result,
+                                                                 const std::optional<Error>& error) mutable {
+    reply.send({wireString(result), wireError(error)});
+  });
+}
+
+void finishSession(ClientSessionInterface& session, const Array&, ServiceReply reply) {
+  session.finishSessionGracefully();
+  reply.send();
+}
+
+void sendMessageWithSessionInfo(ClientSessionInterface& session, const Array& arguments, ServiceReply reply) {
+  session.sendMessageWithSessionInfo(dictionaryArgument(arguments[0]),
+                                     optionalDictionaryArgument(arguments[1]), uint16Argument(arguments[2]),
+                                     uint16Argument(arguments[3]), optionalDictionaryArgument(arguments[4]),
+                                     stringReply(std::move(reply)));
+}
+
+void updateSharedData(ClientSessionInterface& session, const Array& arguments, ServiceReply reply) {
+  session.updateSharedDataWithDictionary(dictionaryArgument(arguments[0]));
+  reply.send();
+}
+
+void updateSharedDataForKey(ClientSessionInterface& session, const Array& arguments, ServiceReply reply) {
+  session.updateSharedDataForKey(std::string(arguments[0].stringValue()), optionalArgument(arguments[1]));
+  reply.send();
+}
+
+void setDigestKey(ClientSessionInterface& session, const Array& arguments, ServiceReply reply) {
+  session.setDigestKey(std::string(arguments[0].dataValue()), arguments[1].int32Value());
+  reply.send();
+}
+
+// Their descriptions.
+
+constexpr ServiceArgument kSetSessionInfoIn[] = {{"sessionInfo", "a{sv}"},
+                                                 {"userInfo", "aa{sv}"},
+                                                 {"frameworksToCheck", "as"},
+                                                 {"hasAggregationBlock", "b"}};
+constexpr ServiceArgument kActiveBackends[] = {{"activeBackends", "aas"}};
+constexpr ServiceArgument kUserInfoIn[] = {{"userInfo", "aa{sv}"}};
+constexpr ServiceArgument kDisplayURL[] = {{"displayURL", "s"}};
+constexpr ServiceArgument kMessageIn[] = {{"message", "a{sv}"}};
+constexpr ServiceArgument kResponse[] = {{"response", "as"}};
+constexpr ServiceArgument kFlushOut[] = {{"result", "as"}, {"error", "a(sis)"}};
+constexpr ServiceArgument kSendWithSessionInfoIn[] = {{"sessionInfo", "a{sv}"},
+                                                      {"userInfo", "aa{sv}"},
+                                                      {"category", "q"},
+                                                      {"type", "q"},
+                                                      {"payload", "aa{sv}"}};
+constexpr ServiceArgument kStatus[] = {{"status", "s"}};
+constexpr ServiceArgument kSharedDataIn[] = {{"sharedData", "a{sv}"}};
+constexpr ServiceArgument kSharedDataForKeyIn[] = {{"key", "s"}, {"value", "av"}};
+constexpr ServiceArgument kDigestKeyIn[] = {{"key", "ay"}, {"algorithm", "i"}};
+
+constexpr Operation kOperations[] = {
+    {{"setSessionInfo", kSetSessionInfoIn, {}}, setSessionInfo},
+    {{"startConfigWithCompletionHandler", {}, kActiveBackends}, startConfig},
+    {{"fetchStatesWithUserInfo", kUserInfoIn, kActiveBackends}, fetchStates},
+    {{"fetchDisplayURL", {}, kDisplayURL}, fetchDisplayURL},
+    {{"sendMessageWithDictionary", kMessageIn, kResponse}, sendMessage},
+    {{"flushMessagesWithCompletion", {}, kFlushOut}, flushMessages},
+    {{"finishSessionGracefully", {}, {}}, finishSession},
+    {{"sendMessageWithSessionInfo", kSendWithSessionInfoIn, kStatus}, sendMessageWithSessionInfo},
+    {{"updateSharedDataWithDictionary", kSharedDataIn, {}}, updateSharedData},
+    {{"updateSharedDataForKey", kSharedDataForKeyIn, {}}, updateSharedDataForKey},
+    {{"setDigestKey", kDigestKeyIn, {}}, setDigestKey},
+};
+constexpr size_t kOperationCount = std::size(kOperations);
+
+constexpr std::array<ServiceMember, kOperationCount> membersOfOperations() {
+  std::array<ServiceMember, kOperationCount> members{};
+  for (size_t i = 0; i < kOperationCount; ++i) members[i] = kOperations[i].member;
+  return members;
+}
+constexpr std::array<ServiceMember, kOperationCount> kMembers = membersOfOperations();
+
+constexpr ServiceArgument kSendMessageToClientIn[] = {
+    {"sessionInfo", "aa{sv}"}, {"timestamp", "d"}, {"category", "q"}, {"type", "q"}, {"payload", "aa{sv}"}};
+constexpr ServiceMember kReplyMembers[] = {{"sendMessageToClient", kSendMessageToClientIn, {}}};
+
+/// Keeps the session alive as long as its connection can call it.
+class ClientSessionObject final : public ExportedObject {
+ public:
+  explicit ClientSessionObject(std::shared_ptr<ReportingdSession> session) : session_(std::move(session)) {}
+
+  void handleCall(size_t member, const Array& arguments, ServiceReply reply) override {
+    if (member < kOperationCount) kOperations[member].handler(*session_, arguments, std::move(reply));
+  }
+
+ private:
+  const std::shared_ptr<ReportingdSession> session_;
+};
+
+}  // namespace
+
+const ServiceInterface& clientSessionInterface() {
+  static constexpr ServiceInterface kInterface = {
+      "/com/vantix/zunreportingd/session", "com.vantix.zunreportingd.ClientSessionInterface", kMembers};
+  return kInterface;
+}
+
+const ServiceInterface& clientSessionReplyInterface() {
+  static constexpr ServiceInterface kInterface = {"/com/vantix/zunreportingd/client",
+                                                  "com.vantix.zunreportingd.ClientSessionReplyInterface",
+                                                  kReplyMembers};
+  return kInterface;
+}
+
+std::shared_ptr<ExportedObject> makeClientSessionObject(std::shared_ptr<ReportingdSession> session) {
+  return std::make_shared<ClientSessionObject>(std::move(session));
+}
+
+}  // namespace zun

@@ -1,0 +1,270 @@
+#include <utility>
+
+#include "backends/MessageBlob.h"
+#include "session/ReportingdSession.h"
+#include "util/Identifiers.h"
+#include "zunreporting/Keys.h"
+
+namespace zun {
+
+using namespace zunreporting;
+
+namespace {
+
+constexpr const char* kNoBackends = "No backends available to send message";
+
+enum class EventVerdict { kAccepted, kNotWhitelisted, kBlacklisted };
+
+EventVerdict verdictOnEvent(const ZunReportingBackend& backend, uint16_t category) {
+  if (!backend.isWhitelistedEvent(category)) return EventVerdict::kNotWhitelisted;
+  return backend.isBlacklistedEvent(category) ? EventVerdict::kBlacklisted : EventVerdict::kAccepted;
+}
+
+}  // namespace
+
+// One message
+
+void ReportingdSession::sendMessageWithDictionary(const Dictionary& message, ResponseReply reply) {
+  log().debug("sendMessageWithDictionary: Sending message for session {}", sessionID());
+  const std::optional<std::string> response = sendMessageWithDictionary(message);
+  if (reply) reply(response);
+}
+
+std::optional<std::string> ReportingdSession::sendMessageWithDictionary(const Dictionary& message) {
+  if (!hasBackends()) {
+    log().debug("sendMessageWithDictionary: No backends available to send message");
+    return std::nullopt;
+  }
+  const Value& category = message[kZunReportingMessageParametersCategory];
+  if (category.isNone()) {
+    log().debug("sendMessageWithDictionary: Missing mandatory parameter 'category'");
+    return std::nullopt;
+  }
+  const Value& type = message[kZunReportingMessageParametersType];
+  if (type.isNone()) {
+    log().debug("sendMessageWithDictionary: Missing mandatory parameter 'type'");
+    return std::nullopt;
+  }
+  const int32_t flag = message[kZunReportingMessageParametersFlag].int32Value();
+  const TimeValue timestamp = services_.platform.clock.timeOfDay();
+
+  Dictionary blob = Dictionary::withCapacity(2);
+  {
+    const RecursiveMutexLock lock(delegate_->objectLock());
+    if (auto sharedData = delegate_->sharedDataForSession(*this))
+      blob.set(Value::literal(kZunReportingMessageBlobSharedData), std::move(*sharedData));
+  }
+  const Value& payload = message[kZunReportingMessageParametersPayload];
+  if (payload.isDictionary()) blob.set(Value::literal(kZunReportingMessageBlobClientData), payload);
+
+  return dispatchToBackends(blob, timestamp, static_cast<uint16_t>(category.intValue()),
+                            static_cast<uint16_t>(type.intValue()), flag);
+}
+
+std::optional<std::string> ReportingdSession::dispatchToBackends(const Dictionary& blob,
+                                                                 const TimeValue& timestamp,
+                                                                 uint16_t category, uint16_t type,
+                                                                 int32_t flag) {
+  std::optional<std::string> result;
+  for (const auto& [name, backend, role] : backends_->entries) {
+    switch (verdictOnEvent(*backend, category)) {
+      case EventVerdict::kNotWhitelisted:
+        log().debug(
+            "sendMessageWithDictionary: Dropping event with category {} as it is not whitelisted for "
+            "backend {}",
+            category, name);
+        continue;
+      case EventVerdict::kBlacklisted:
+        log().debug(
+            "sendMessageWithDictionary: Dropping event with category {} as it is blacklisted for backend "
+            "{}",
+            category, name);
+        continue;
+      case EventVerdict::kAccepted: break;
+    }
+    std::optional<std::string> response = backend->sendMessage(blob, timestamp, category, type, flag);
+    if (!response) continue;
+    services_.messageLog.writeToLogFile(fmt::format("[{} -> sendMessageWithDictionary] {}", name, *response));
+    if (role == ResponseRole::kAnswer || (role == ResponseRole::kFallback && !result))
+      result = std::move(response);
+  }
+  return result;
+}
+
+void ReportingdSession::internalSendMessage(const Dictionary& payload, uint16_t method, uint16_t respCode) {
+  const Dictionary message = {
+      {Value::literal(kZunReportingMessageParametersCategory), method},
+      {Value::literal(kZunReportingMessageParametersType), respCode},
+      {Value::literal(kZunReportingMessageParametersPayload), payload},
+      {Value::literal(kZunReportingMessageParametersFlag), 0},
+  };
+  sendMessageWithDictionary(message);
+  log().debug("internalSendMessage: Sent internal message (method:{} respCode:{})", method, respCode);
+}
+
+// Flush
+
+/// Tells the client once: at the first backend's error, else when all have finished.
+///
+/// Held by the backends' completions. When the last of them is let go without having
+/// been called, the client's completion goes with it.
+class ReportingdSession::FlushCountdown final {
+ public:
+  FlushCountdown(size_t backends, FlushReply completion)
+      : remaining_(static_cast<int64_t>(backends)), completion_(std::move(completion)) {}
+
+  void backendFinished(const std::optional<std::string>& result, const std::optional<Error>& error) {
+    if (const FlushReply due = finishOne(error.has_value())) due(result, error);
+  }
+
+ private:
+  /// The client's completion when it is due, which is then no longer here.
+  FlushReply finishOne(bool failed) {
+    const MutexLock lock(classLock_);
+    --remaining_;
+    if (failed || remaining_ <= 0) return std::move(completion_);
+    return nullptr;
+  }
+
+  // Completions come from the queues of many backends at once; one lock serves all
+  // sessions, since it is held for two instructions.
+  inline static Mutex classLock_;
+
+  int64_t remaining_ GUARDED_BY(classLock_);
+  FlushReply completion_ GUARDED_BY(classLock_);
+};
+
+void ReportingdSession::flushMessagesWithCompletion(FlushReply completion) {
+  log().debug("flushMessagesWithCompletion: Flushing messages for session {}", sessionID());
+  internalFlushMessagesWithCompletion(std::move(completion));
+}
+
+void ReportingdSession::internalFlushMessagesWithCompletion(FlushReply completion) {
+  if (!hasBackends()) {
+    log().debug("internalFlushMessagesWithCompletion: {}", kNoBackends);
+    if (completion) completion(std::nullopt, reportingError(kNoBackends));
+    return;
+  }
+  const auto countdown = std::make_shared<FlushCountdown>(backends_->entries.size(), std::move(completion));
+  // The session may be gone when a post ends: nothing here refers to it.
+  for (const auto& entry : backends_->entries) {
+    entry.backend->flushMessagesWithCompletion(
+        [countdown, name = entry.name, &log = log(), &messageLog = services_.messageLog](
+            const std::optional<std::string>& result, const std::optional<Error>& error) {
+          log.debug("internalFlushMessagesWithCompletion: {}", name);
+          if (result) messageLog.writeToLogFile(fmt::format("[{} -> flushMessages] {}", name, *result));
+          countdown->backendFinished(result, error);
+        });
+  }
+}
+
+// One message of a session described with it
+
+void ReportingdSession::sendMessageWithSessionInfo(const Dictionary& sessionInfo,
+                                                   const std::optional<Dictionary>& userInfo,
+                                                   uint16_t category, uint16_t type,
+                                                   const std::optional<Dictionary>& payload,
+                                                   StringReply reply) {
+  if (!sessionInfo.contains(kZunReportingSessionInfoClientType) ||
+      !sessionInfo.contains(kZunReportingSessionInfoSessionID)) {
+    log().error("sendMessageWithSessionInfo: Could not retrieve identifiers from sessionInfo");
+    if (reply) reply("Could not retrieve identifiers from sessionInfo");
+    return;
+  }
+  sessionID_ = static_cast<uint32_t>(sessionInfo[kZunReportingSessionInfoSessionID].intValue());
+  adoptSessionInfo(sessionInfo);
+  delegate_->updateCorrelatedSessions(*this);
+  log().debug("sendMessageWithSessionInfo: Sending message with session info for session {}", sessionID());
+
+  const std::optional<Dictionary> storebag = delegate_->storebagForSession(*this);
+  if (storebag) sendOneMessageWithSessionInfo(sessionInfo, userInfo, storebag, category, type, payload);
+  if (reply) reply(storebag ? "finished" : "storebag not available");
+}
+
+void ReportingdSession::sendOneMessageWithSessionInfo(const std::optional<Dictionary>& sessionInfo,
+                                                      const std::optional<Dictionary>& userInfo,
+                                                      const std::optional<Dictionary>& storebag,
+                                                      uint16_t category, uint16_t type,
+                                                      const std::optional<Dictionary>& payload) {
+  log().debug("sendOneMessageWithSessionInfo: Sending single message with sessionID {}",
+              sessionInfo ? (*sessionInfo)[kZunReportingSessionInfoSessionID].intValue() : 0);
+  if (!sessionInfo || !storebag) {
+    log().error("sendOneMessageWithSessionInfo: Attempted to send message with one or more nil parameters");
+    return;
+  }
+  if (!userInfo) {
+    log().error("sendOneMessageWithSessionInfo: userInfo must be present and valid!!! Aborting method...");
+    return;
+  }
+  fillDeviceIdentifier();
+  createBackendsWithStorebag(*storebag);
+  if (!hasBackends()) {
+    log().error("sendOneMessageWithSessionInfo: No backends available to send single message");
+    return;
+  }
+  receivedUserInfo(userInfo);
+  sendOneMessageToBackends(category, type, payload);
+}
+
+void ReportingdSession::sendOneMessageToBackends(uint16_t category, uint16_t type,
+                                                 const std::optional<Dictionary>& payload) {
+  const TimeValue timestamp = services_.platform.clock.timeOfDay();
+  Dictionary message = payload.value_or(Dictionary());
+  if (payload && services_.identity.isInternalBuild())
+    message.set("SerialNum", services_.identity.serialNumber().value_or("Unknown"));
+
+  for (const auto& [name, backend, role] : backends_->entries) {
+    backend->updateState();
+    backend->setReportingSessionConnectivityDelegate(connectivityHelper_);
+    switch (verdictOnEvent(*backend, category)) {
+      case EventVerdict::kNotWhitelisted:
+        log().debug(
+            "sendOneMessageWithSessionInfo: Dropping event with category {} as it is not whitelisted for "
+            "backend {}",
+            category, name);
+        continue;
+      case EventVerdict::kBlacklisted:
+        log().debug(
+            "sendOneMessageWithSessionInfo: Dropping event with category {} as it is blacklisted for "
+            "backend {}",
+            category, name);
+        continue;
+      case EventVerdict::kAccepted: break;
+    }
+    const auto response = backend->sendMessage(message, timestamp, category, type, /*flag=*/0);
+    if (!response) continue;
+    services_.messageLog.writeToLogFile(
+        fmt::format("[{} -> sendOneMessageWithSessionInfo] {}", name, *response));
+  }
+}
+
+// Shared data
+
+void ReportingdSession::updateSharedDataWithDictionary(const Dictionary& sharedData) {
+  const RecursiveMutexLock lock(delegate_->objectLock());
+  delegate_->updateSharedDataForSession(*this, sharedData);
+}
+
+void ReportingdSession::updateSharedDataForKey(const std::string& key, const Value& value) {
+  const RecursiveMutexLock lock(delegate_->objectLock());
+  if (value.isNone()) {
+    delegate_->removeObjectFromSharedDataForSession(*this, key);
+  } else {
+    delegate_->updateSharedDataForSession(*this, {{key, value}});
+  }
+}
+
+// Digest key
+
+void ReportingdSession::setDigestKey(const std::string& key, int32_t algorithm) {
+  digestKey_ = key;
+  if (backends_ == nullptr) return;
+  for (const auto& entry : backends_->entries) {
+    if (entry.name != kZunReportingBackendQRS) continue;
+    entry.backend->setDigestKey(key);
+    // Handed on, not kept: after a change of user the backend signs with the default again.
+    entry.backend->setDigestAlgorithm(algorithm);
+  }
+}
+
+}  // namespace zun

@@ -1,0 +1,297 @@
+#include "session/ReportingdSession.h"
+
+#include <cstring>
+#include <utility>
+
+#include "platform/Crypto.h"
+#include "zunreporting/Keys.h"
+
+namespace zun {
+
+using namespace zunreporting;
+
+namespace {
+
+constexpr std::string_view kTimeZoneSuite = "com.vantix.timed";
+
+std::string makeSessionIDString(RandomSource& random) {
+  return base64Encode(asText(random.uuidBytes()));
+}
+
+/// A missing value equals nothing, not even another missing value.
+bool differs(std::string_view key, const Dictionary& before, const Dictionary& after) {
+  const Value& left = before[key];
+  const Value& right = after[key];
+  return !left.isString() || !right.isString() || left.stringValue() != right.stringValue();
+}
+
+}  // namespace
+
+// Creation
+
+std::shared_ptr<ReportingdSession> ReportingdSession::create(
+    const ReportingServices& services, std::shared_ptr<ReportingdSessionDelegate> delegate,
+    std::shared_ptr<ServiceConnection> connection, BackendFactory backendFactory) {
+  const auto tearDown = [](ReportingdSession* session) {
+    session->dealloc();
+    delete session;
+  };
+  return {
+      new ReportingdSession(services, std::move(delegate), std::move(connection), std::move(backendFactory)),
+      tearDown};
+}
+
+ReportingdSession::ReportingdSession(const ReportingServices& services,
+                                     std::shared_ptr<ReportingdSessionDelegate> delegate,
+                                     std::shared_ptr<ServiceConnection> connection,
+                                     BackendFactory backendFactory)
+    : services_(services),
+      delegate_(std::move(delegate)),
+      connection_(std::move(connection)),
+      backendFactory_(std::move(backendFactory)),
+      sessionIDString_(makeSessionIDString(services.platform.random)) {
+  if (log().isEnabled(LogLevel::kDebug)) {
+    log().debug("initWithSessionDelegate: ReportingdSession initWithSessionDelegate:{}",
+                delegate_->description());
+  }
+  fillDeviceIdentifier();
+  log().debug("initWithSessionDelegate: Initialized session with UUID {}", sessionIDString_);
+}
+
+void ReportingdSession::fillDeviceIdentifier() {
+  services_.identity.copyUniqueDeviceID(deviceid_);
+}
+
+// Any thread
+
+Dictionary ReportingdSession::sessionInfo() const {
+  return configuredSessionInfo().value_or(Dictionary());
+}
+
+std::optional<Dictionary> ReportingdSession::configuredSessionInfo() const {
+  const MutexLock lock(mutex_);
+  return shared_.sessionInfo;
+}
+
+std::optional<Dictionary> ReportingdSession::userInfo() const {
+  const MutexLock lock(mutex_);
+  return shared_.userInfo;
+}
+
+uint32_t ReportingdSession::hierarchyLevel() const {
+  const MutexLock lock(mutex_);
+  return shared_.hierarchyLevel;
+}
+
+std::optional<std::string> ReportingdSession::hierarchyToken() const {
+  const MutexLock lock(mutex_);
+  return shared_.hierarchyToken;
+}
+
+std::shared_ptr<const BackendTable> ReportingdSession::backendsSnapshot() const {
+  const MutexLock lock(mutex_);
+  return shared_.backends;
+}
+
+std::string ReportingdSession::description() const {
+  return fmt::format("<ReportingdSession {} {}>", sessionID(), sessionIDString_);
+}
+
+// Configuration
+
+void ReportingdSession::setSessionInfo(const Dictionary& sessionInfo,
+                                       const std::optional<Dictionary>& userInfo,
+                                       const Array& frameworksToCheck, bool hasAggregationBlock) {
+  sessionID_ = static_cast<uint32_t>(sessionInfo[kZunReportingSessionInfoSessionID].intValue());
+  log().debug("setSessionInfo: Configuring session {}", sessionID());
+  if (userInfo && !sessionInfo[kZunReportingSessionInfoRequireUserInfo].boolValue())
+    log().error("setSessionInfo: Configure session: user info provided without requiring it");
+
+  adoptSessionInfo(sessionInfo);
+  delegate_->updateCorrelatedSessions(*this);
+  frameworks_ = frameworksToCheck;
+  updateUserInfo(userInfo);
+  hasAggregator_ = hasAggregationBlock;
+}
+
+void ReportingdSession::adoptSessionInfo(const Dictionary& sessionInfo) {
+  uint32_t level = 0;
+  std::optional<std::string> token;
+  if (const Dictionary* hierarchy = sessionInfo[kZunReportingSessionInfoHierarchyToken].dictionary()) {
+    level = static_cast<uint32_t>((*hierarchy)[kZunReportingHierarchyTokenLevel].int32Value());
+    token = (*hierarchy)[kZunReportingHierarchyTokenTokenID].string();
+  }
+  const MutexLock lock(mutex_);
+  shared_.sessionInfo = sessionInfo;
+  shared_.hierarchyLevel = level;
+  shared_.hierarchyToken = std::move(token);
+}
+
+void ReportingdSession::releaseUserInfo() {
+  if (userInfo()) {
+    // The agent finds the helper by the user information, so it still has to be there.
+    delegate_->releaseSharedConnectivityHelperForReportingSession(*this);
+    const MutexLock lock(mutex_);
+    shared_.userInfo.reset();
+  }
+  connectivityHelper_.reset();
+}
+
+void ReportingdSession::updateUserInfo(const std::optional<Dictionary>& userInfo) {
+  releaseUserInfo();
+  if (!userInfo) return;
+  {
+    const MutexLock lock(mutex_);
+    shared_.userInfo = userInfo;
+  }
+  connectivityHelper_ = delegate_->copySharedConnectivityHelperForReportingSession(
+      *this, ReportingSessionConnectivityHelper::POSTRequestMode());
+  if (connectivityHelper_) connectivityHelper_->setReleaseTimeout(connectivityHelperReleaseTimeout_);
+}
+
+// Start
+
+void ReportingdSession::startConfigWithCompletionHandler(StatesReply completionHandler) {
+  log().debug("startConfigWithCompletionHandler: Starting configuration for session {}", sessionID());
+  const std::optional<Dictionary> storebag = delegate_->storebagForSession(*this);
+  if (!storebag) {
+    if (completionHandler) completionHandler(std::nullopt);
+    return;
+  }
+  storebagVersion_ = delegate_->storebagVersionForSession(*this);
+  createBackendsWithStorebag(*storebag);
+  updateSessionWithDefaultSessionInfo();
+  sendStartMessage();
+  if (completionHandler) completionHandler(fetchReportingStates());
+}
+
+void ReportingdSession::updateSessionWithDefaultSessionInfo() {
+  if (updateReportingStates() && connectivityHelper_)
+    connectivityHelper_->activate(connectivityHelperReleaseTimeout_);
+  delegate_->updateDownstreamSessions(*this);
+}
+
+void ReportingdSession::sendStartMessage() {
+  const PlatformServices& platform = services_.platform;
+  const std::string unknown = "Unknown";
+  const std::string country = platform.locale.regionCode().value_or(unknown);
+  const Value timeZoneSetting = platform.defaults.objectForKey(kTimeZoneSuite, "TMAutomaticTimeZoneEnabled");
+  const bool automaticTime = timeZoneSetting.isNone() || timeZoneSetting.boolValue();
+
+  Dictionary payload;
+  if (services_.identity.isInternalBuild()) {
+    payload = {{"SerialNum", services_.identity.serialNumber().value_or(unknown)},
+               {"Version", services_.identity.productVersion().value_or(unknown)},
+               {"Build", services_.identity.buildVersion().value_or(unknown)},
+               {"Hardware", services_.identity.hardwareModel().value_or(unknown)},
+               {"Product", services_.identity.deviceName().value_or(unknown)},
+               {"ReportVers", versionOrDefault(platform.bundle)},
+               {"Locale", country},
+               {"AutomaticTimeSet", automaticTime}};
+  } else {
+    // What identifies the device stays on it.
+    payload = {{"AutomaticTimeSet", automaticTime}, {"Locale", country}};
+  }
+  internalSendMessage(payload, /*method=*/0, /*respCode=*/0);
+}
+
+// New user information
+
+void ReportingdSession::fetchStatesWithUserInfo(const std::optional<Dictionary>& userInfo,
+                                                StatesReply completionHandler) {
+  log().debug("fetchStatesWithUserInfo: Fetching states for session {}", sessionID());
+  receivedUserInfo(userInfo);
+  if (completionHandler) completionHandler(fetchReportingStates());
+}
+
+void ReportingdSession::receivedUserInfo(const std::optional<Dictionary>& newUserInfo) {
+  const std::optional<Dictionary> oldUserInfo = userInfo();
+  bool userChanged = true;
+  if (!newUserInfo) {
+    if (!oldUserInfo || sessionInfo()[kZunReportingSessionInfoRequireUserInfo].boolValue()) return;
+  } else if (oldUserInfo) {
+    userChanged = differs(kZunReportingUserInfoClientName, *oldUserInfo, *newUserInfo) ||
+                  differs(kZunReportingUserInfoServiceName, *oldUserInfo, *newUserInfo);
+  }
+
+  updateUserInfo(newUserInfo);
+  updateUserInfoForBackends();
+  if (!userChanged) return;
+  log().debug("receivedUserInfo: Received new user info for session {}", sessionID());
+  updateSessionWithDefaultSessionInfo();
+}
+
+// Display URL and finish
+
+void ReportingdSession::fetchDisplayURL(StringReply reply) {
+  log().debug("fetchDisplayURL: Fetching display URL for session {}", sessionID());
+  const std::string displayURL = chooseDisplayURL().value_or("URL not available");
+  if (reply) reply(displayURL);
+}
+
+std::optional<std::string> ReportingdSession::chooseDisplayURL() const {
+  if (backends_ == nullptr) return std::nullopt;
+  for (const auto& [name, backend, role] : backends_->entries) {
+    if (name.find(kZunReportingBackendHTTPPost) == std::string::npos) continue;
+    if (auto displayURL = backend->displayURL()) return displayURL;
+  }
+  for (const std::string_view name : {kZunReportingBackendHTTPPost2, kZunReportingBackendDashboard}) {
+    ZunReportingBackend* const backend = backends_->find(name);
+    if (backend == nullptr) continue;
+    if (auto displayURL = backend->displayURL()) return displayURL;
+  }
+  return std::nullopt;
+}
+
+void ReportingdSession::finishSessionGracefully() {
+  hasFinishedGracefully_ = true;
+  log().debug("finishSessionGracefully: Session {} has been finished gracefully", sessionID());
+}
+
+// Hierarchy
+
+void ReportingdSession::updateCombinedSessionID() {
+  const std::optional<std::string> parents = delegate_->parentSessionIDStringForSession(*this);
+  if (!parents) return;
+  const std::string combinedID = fmt::format("{}.{}", *parents, sessionIDString_);
+  log().debug("updateCombinedSessionID: Updating combined session ID '{}' for session {} backends",
+              combinedID, sessionID());
+  const auto backends = backendsSnapshot();
+  if (backends == nullptr) return;
+  for (const auto& entry : backends->entries) entry.backend->setCorrelatedSessionID(combinedID);
+}
+
+// Teardown
+
+void ReportingdSession::dealloc() {
+  log().debug("dealloc: ReportingdSession dealloc: {}", sessionID());
+  Dictionary endPayload;
+  if (storebagVersion_) {
+    endPayload.set("StorebagVersion", *storebagVersion_);
+    endPayload.set("GracefulTermination", hasFinishedGracefully_);
+  }
+  if (hasBackends()) {
+    internalSendMessage(endPayload, /*method=*/0, /*respCode=*/1);
+    flushMessagesWithCompletion(nullptr);
+  }
+  handBackKeepAliveReference();
+  releaseUserInfo();
+  if (backends_ == nullptr) return;
+  for (const auto& entry : backends_->entries) entry.backend->cleanup();
+}
+
+void ReportingdSession::handBackKeepAliveReference() {
+  if (connectivityHelper_) {
+    log().debug("ReportingdSession dealloc: incrementing total sessions count for session {}", sessionID());
+    connectivityHelper_->incrementTotalSessionsServedCount();
+    return;
+  }
+  log().debug(
+      "ReportingdSession dealloc: release Quorx transaction for session without connectivity helper for "
+      "session {}",
+      sessionID());
+  const RecursiveMutexLock lock(delegate_->objectLock());
+  delegate_->releaseQuorxTransactions(1);
+}
+
+}  // namespace zun
