@@ -50,6 +50,9 @@ class FileManager {
   /// Removes a file, a link or a whole folder (links inside are not followed).
   virtual std::optional<Error> removeItem(const std::string& path) = 0;
 
+  /// Lets the owner read and write the item, and enter it if it is a folder.
+  virtual std::optional<Error> allowOwnerAccess(const std::string& path) = 0;
+
   /// Names in a folder, sorted.
   [[nodiscard]] virtual Result<std::vector<std::string>, Error> listDirectory(
       const std::string& path) const = 0;

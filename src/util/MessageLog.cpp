@@ -1,8 +1,6 @@
 #include "util/MessageLog.h"
 
 #include <cerrno>
-#include <cmath>
-#include <ctime>
 #include <exception>
 
 namespace zun {
@@ -22,20 +20,8 @@ bool isLogFileName(std::string_view name) {
   return name.find('_') == std::string_view::npos;
 }
 
-// "2023-11-14 22:13:20 +0000"
-std::string describe(const Date& date) {
-  // Years of four digits: nothing else comes from a clock or a file system.
-  constexpr double kLatest = 253402300799;
-  const double seconds = std::floor(date.secondsSince1970);
-  const auto whole = seconds >= 0 && seconds <= kLatest ? static_cast<std::time_t>(seconds) : std::time_t{0};
-  std::tm parts{};
-  gmtime_r(&whole, &parts);
-  return fmt::format("{:04}-{:02}-{:02} {:02}:{:02}:{:02} +0000", parts.tm_year + 1900, parts.tm_mon + 1,
-                     parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec);
-}
-
 std::string describe(const std::optional<Date>& date) {
-  return date ? describe(*date) : "(null)";
+  return date ? dateDescription(*date) : "(null)";
 }
 
 }  // namespace
@@ -56,7 +42,7 @@ void MessageLog::append(std::string_view message) {
   auto path = currentFile(directory);
   if (!path) path = createFile(directory);
   if (!path) return;
-  const std::string entry = fmt::format("({}) {}\n", describe(platform_.clock.now()), message);
+  const std::string entry = fmt::format("({}) {}\n", dateDescription(platform_.clock.now()), message);
   if (const auto error = platform_.files.appendToFile(*path, entry)) {
     platform_.log.error("writeToLogFile: Failed to write log message: {}", error->description);
     return;

@@ -245,6 +245,16 @@ std::optional<Error> LinuxFileManager::removeItem(const std::string& path) {
   }
 }
 
+std::optional<Error> LinuxFileManager::allowOwnerAccess(const std::string& path) {
+  if (!isUsable(path)) return posixError(EINVAL);
+  struct stat status {};
+  if (::stat(path.c_str(), &status) != 0) return posixError(errno);
+  const mode_t wanted = S_ISDIR(status.st_mode) ? S_IRWXU : S_IRUSR | S_IWUSR;
+  const mode_t mode = (status.st_mode & 07777) | wanted;
+  if (mode == (status.st_mode & 07777) || ::chmod(path.c_str(), mode) == 0) return std::nullopt;
+  return posixError(errno);
+}
+
 Result<std::vector<std::string>, Error> LinuxFileManager::listDirectory(const std::string& path) const {
   using Outcome = Result<std::vector<std::string>, Error>;
   if (!isUsable(path)) return Outcome::failure(posixError(EINVAL));

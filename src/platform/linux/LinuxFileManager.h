@@ -31,6 +31,7 @@ class LinuxFileManager final : public FileManager {
   std::optional<Error> appendToFile(const std::string& path, std::string_view bytes) override;
   std::optional<Error> createDirectories(const std::string& path) override;
   std::optional<Error> removeItem(const std::string& path) override;
+  std::optional<Error> allowOwnerAccess(const std::string& path) override;
   [[nodiscard]] Result<std::vector<std::string>, Error> listDirectory(const std::string& path) const override;
   [[nodiscard]] std::vector<std::string> enumerateRecursively(const std::string& path) const override;
   /// Follows links: of the file that `readFile` would read.

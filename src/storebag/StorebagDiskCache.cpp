@@ -1,0 +1,117 @@
+#include "storebag/StorebagDiskCache.h"
+
+namespace zun {
+
+namespace {
+
+std::string metricKey(std::string_view name, std::string_view field) {
+  return fmt::format("CACHED_{}_{}", name, field);
+}
+
+// The part after the first part "max-age", where "=" and blanks divide the parts.
+std::optional<std::string_view> maxAgePart(std::string_view cacheControl) {
+  constexpr std::string_view kDividers = "= ";
+  bool isNext = false;
+  while (true) {
+    const size_t end = cacheControl.find_first_of(kDividers);
+    const std::string_view part = cacheControl.substr(0, end);
+    if (isNext) return part;
+    isNext = part == "max-age";
+    if (end == std::string_view::npos) return std::nullopt;
+    cacheControl.remove_prefix(end + 1);
+  }
+}
+
+}  // namespace
+
+StorebagDiskCache::StorebagDiskCache(const PlatformServices& platform, const DeviceIdentity& identity)
+    : platform_(platform), identity_(identity) {}
+
+std::string StorebagDiskCache::fileLocation(std::string_view name) const {
+  const std::string folder = platform_.files.resolve(kFolder);
+  platform_.files.createDirectories(folder);
+  return fmt::format("{}/{}", folder, name);
+}
+
+std::optional<std::string> StorebagDiskCache::loadStorebagFromDisk(std::string_view name) const {
+  const std::string path = fileLocation(name);
+  if (identity_.isInternalBuild()) {
+    setStorageClassProtectionLevel(platform_.files.resolve(kDaemonFolder));
+    setStorageClassProtectionLevel(platform_.files.resolve(kFolder));
+    setStorageClassProtectionLevel(path);
+  }
+  auto envelope = platform_.files.readFile(path, kMaximumBytes);
+  if (!envelope) {
+    platform_.log.error("loadStorebagFromDisk: could not load storebag '{}' from file '{}'. Error is '{}'",
+                        name, fileURLOfPath(path), envelope.error().description);
+    return std::nullopt;
+  }
+  return std::move(*envelope);
+}
+
+bool StorebagDiskCache::saveStorebagToDisk(std::string_view name, std::string_view envelope) const {
+  const std::string path = fileLocation(name);
+  if (const auto error = platform_.files.writeFileAtomically(path, envelope)) {
+    platform_.log.error("saveStorebagToDisk: could not save storebag '{}' to file '{}'. Error is '{}'", name,
+                        fileURLOfPath(path), error->description);
+    return false;
+  }
+  return true;
+}
+
+std::optional<Date> StorebagDiskCache::modificationDateOfStorebagFile(std::string_view name) const {
+  const auto attributes = platform_.files.attributes(fileLocation(name));
+  if (!attributes || attributes->isDirectory) return std::nullopt;
+  return attributes->modificationDate;
+}
+
+void StorebagDiskCache::getLastLoadedStorebagMetricsWithName(std::string_view name, uint32_t* maxAge,
+                                                             bool* unchanged,
+                                                             std::optional<std::string>* lastModified) const {
+  if (maxAge != nullptr) {
+    const Value stored = platform_.defaults.objectForKey(kReportingSuite, metricKey(name, "max-age"));
+    *maxAge = static_cast<uint32_t>(stored.int32Value());
+    platform_.log.debug("getLastLoadedStorebagMetricsWithName: maxAge is {} for storebag {}",
+                        static_cast<int32_t>(*maxAge), name);
+  }
+  if (lastModified == nullptr) return;
+  auto stored = platform_.defaults.stringForKey(kReportingSuite, metricKey(name, "Last-Modified"));
+  if (!stored) return;
+  if (stored == *lastModified) {
+    platform_.log.debug(
+        "getLastLoadedStorebagMetricsWithName: 'Last-Modified' has not changed for storebag '{}': '{}'", name,
+        *stored);
+    if (unchanged != nullptr) *unchanged = true;
+    return;
+  }
+  *lastModified = std::move(stored);
+  platform_.log.debug(
+      "getLastLoadedStorebagMetricsWithName: 'Last-Modified' has changed to '{}' for storebag '{}'",
+      **lastModified, name);
+}
+
+void StorebagDiskCache::saveLastLoadedStorebagMetricsWithName(std::string_view name,
+                                                              const URLResponse& response) const {
+  int32_t maxAge = kDefaultMaxAge;
+  if (const auto cacheControl = response.header("Cache-Control")) {
+    if (const auto part = maxAgePart(*cacheControl)) maxAge = Value(*part).int32Value();
+  }
+  const auto lastModified = response.header("Last-Modified");
+  platform_.defaults.setObject(kReportingSuite, metricKey(name, "max-age"), maxAge);
+  platform_.defaults.setObject(kReportingSuite, metricKey(name, "Last-Modified"),
+                               lastModified ? Value(*lastModified) : Value());
+  platform_.log.debug(
+      "saveLastLoadedStorebagMetricsWithName: New storebag '{}' received: maxAge {}, Last-Modified '{}'",
+      name, maxAge, lastModified.value_or("(null)"));
+}
+
+void StorebagDiskCache::setStorageClassProtectionLevel(const std::string& path) const {
+  if (const auto error = platform_.files.allowOwnerAccess(path)) {
+    const Value attributes = Dictionary{{Value::literal("protectionClass"), Value::literal("none")}};
+    platform_.log.error(
+        "setStorageClassProtectionLevel: could not set attribute {} to file '{}'. Error is '{}'", attributes,
+        path, error->description);
+  }
+}
+
+}  // namespace zun

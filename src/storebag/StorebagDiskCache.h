@@ -1,0 +1,62 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "platform/PlatformServices.h"
+#include "platform/URLSession.h"
+#include "util/DeviceIdentity.h"
+
+namespace zun {
+
+/// Verified storebag envelopes on disk, one file per storebag name, and in the user
+/// defaults what the server said about the freshness of each. Outlives the process; a
+/// newer download replaces a file, nothing deletes one.
+///
+/// Threading: any thread; what reads or writes both file and freshness is serialised by
+/// the fetcher's lock. Ownership: part of a fetcher; the services outlive it.
+class StorebagDiskCache final {
+ public:
+  static constexpr std::string_view kDaemonFolder = "~/Library/Caches/zunreportingd";
+  static constexpr std::string_view kFolder = "~/Library/Caches/zunreportingd/storebags";
+
+  /// How long a storebag is fresh whose server does not say, in seconds.
+  static constexpr int32_t kDefaultMaxAge = 86400;
+  /// No storebag is larger, on the wire or on disk.
+  static constexpr uint64_t kMaximumBytes = uint64_t{16} << 20;
+
+  StorebagDiskCache(const PlatformServices& platform, const DeviceIdentity& identity);
+
+  /// Path of a storebag's file. Makes its folder where that is missing.
+  [[nodiscard]] std::string fileLocation(std::string_view name) const;
+
+  /// The envelope as the server sent it; none without a readable file, after an error
+  /// line.
+  [[nodiscard]] std::optional<std::string> loadStorebagFromDisk(std::string_view name) const;
+
+  /// True when written; false after an error line.
+  bool saveStorebagToDisk(std::string_view name, std::string_view envelope) const;
+
+  /// None without a file.
+  [[nodiscard]] std::optional<Date> modificationDateOfStorebagFile(std::string_view name) const;
+
+  /// What the server said last; every output may be null. `maxAge` is 0 when nothing is
+  /// stored. A stored Last-Modified that equals `*lastModified` sets `*unchanged`;
+  /// another one replaces `*lastModified`.
+  void getLastLoadedStorebagMetricsWithName(std::string_view name, uint32_t* maxAge, bool* unchanged,
+                                            std::optional<std::string>* lastModified) const;
+
+  /// Keeps the answer's max-age and Last-Modified.
+  void saveLastLoadedStorebagMetricsWithName(std::string_view name, const URLResponse& response) const;
+
+  /// Makes the item at `path` accessible to the daemon at all times. Logs a failure.
+  void setStorageClassProtectionLevel(const std::string& path) const;
+
+ private:
+  const PlatformServices& platform_;
+  const DeviceIdentity& identity_;
+};
+
+}  // namespace zun

@@ -1,0 +1,80 @@
+#include "storebag/StorebagVerifier.h"
+
+#include "platform/Crypto.h"
+#include "platform/PropertyList.h"
+#include "util/MacroExpansion.h"
+
+namespace zun {
+
+namespace {
+
+Array partsSplitAtCommas(std::string_view text) {
+  Array parts;
+  while (true) {
+    const size_t comma = text.find(',');
+    parts.append(text.substr(0, comma));
+    if (comma == std::string_view::npos) return parts;
+    text.remove_prefix(comma + 1);
+  }
+}
+
+}  // namespace
+
+StorebagVerifier::StorebagVerifier(const PlatformServices& platform, const StorebagDiskCache& diskCache)
+    : platform_(platform), diskCache_(diskCache) {}
+
+std::optional<Dictionary> StorebagVerifier::verifyAndParse(std::string_view name, std::string_view envelope,
+                                                           SaveToDisk save) const {
+  const auto bag = verifiedBag(envelope);
+  if (!bag) return std::nullopt;
+  if (save == SaveToDisk::kYes && diskCache_.saveStorebagToDisk(name, envelope)) {
+    platform_.log.note("fetchStorebagWithName: storebag '{}' has been saved to disk cache", name);
+  }
+  const auto storebag = parsePropertyList(*bag);
+  if (!storebag || !storebag->isDictionary()) return std::nullopt;
+  return expandSharedValues(*storebag->dictionary(), platform_.log);
+}
+
+// The bytes of the inner storebag, once its signature has been verified.
+std::optional<std::string> StorebagVerifier::verifiedBag(std::string_view envelope) const {
+  const auto parsed = parsePropertyList(envelope);
+  if (!parsed) {
+    platform_.log.error("fetchStorebagWithName: propertyListWithData error {}", parsed.error());
+  }
+  const Dictionary* fields = parsed ? parsed->dictionary() : nullptr;
+  if (fields == nullptr || !(*fields)["signature"].isString()) {
+    platform_.log.error("fetchStorebagWithName: Signature is missing");
+    return std::nullopt;
+  }
+  // Read each time: an operator may replace it while the daemon runs.
+  const auto der = platform_.bundle.resource("publicKey", "der");
+  if (!der) return std::nullopt;
+  const auto key = RSAPublicKey::fromDER(*der);
+  if (!key) return std::nullopt;
+  const auto signature = base64Decode((*fields)["signature"].stringValue());
+  if (!signature || !(*fields)["bag"].isString()) return std::nullopt;
+  auto bag = base64Decode((*fields)["bag"].stringValue());
+  if (!bag) return std::nullopt;
+  if (!key->verifySHA1Signature(*bag, *signature)) {
+    platform_.log.error("fetchStorebagWithName: Signature can not be verified, {}", key->identity());
+    return std::nullopt;
+  }
+  return bag;
+}
+
+Dictionary expandSharedValues(const Dictionary& storebag, SystemLog& log) {
+  const Dictionary* stored = storebag["shared_values"].dictionary();
+  if (stored == nullptr || stored->empty()) return storebag;
+  Dictionary sharedValues = *stored;
+  for (const auto& [key, value] : *stored) {
+    if (value.isString()) sharedValues.set(key, partsSplitAtCommas(value.stringValue()));
+  }
+  Dictionary expanded = storebag;
+  expanded.remove("shared_values");
+  for (const std::string_view section : {"vantix_internal", "development", "seed", "release"}) {
+    expandMacroForDataSet(expanded, section, sharedValues, log);
+  }
+  return expanded;
+}
+
+}  // namespace zun

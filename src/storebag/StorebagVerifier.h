@@ -1,0 +1,40 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "platform/PlatformServices.h"
+#include "platform/Value.h"
+#include "storebag/StorebagDiskCache.h"
+
+namespace zun {
+
+enum class SaveToDisk : bool { kNo, kYes };
+
+/// Judges storebag envelopes: only one whose signature verifies against the bundle's
+/// publicKey.der is ever looked into, kept or given out.
+///
+/// Threading: any thread; verification that saves is serialised by the fetcher's lock.
+/// Ownership: part of a fetcher; what it is given outlives it.
+class StorebagVerifier final {
+ public:
+  StorebagVerifier(const PlatformServices& platform, const StorebagDiskCache& diskCache);
+
+  /// The inner storebag with its macros expanded and "shared_values" gone; none for an
+  /// envelope that does not verify or holds no dictionary. The key is read anew.
+  [[nodiscard]] std::optional<Dictionary> verifyAndParse(std::string_view name, std::string_view envelope,
+                                                         SaveToDisk save) const;
+
+ private:
+  [[nodiscard]] std::optional<std::string> verifiedBag(std::string_view envelope) const;
+
+  const PlatformServices& platform_;
+  const StorebagDiskCache& diskCache_;
+};
+
+/// The inner storebag with every macro of its sections expanded from "shared_values",
+/// which is removed then. A storebag without shared values stays as it is.
+[[nodiscard]] Dictionary expandSharedValues(const Dictionary& storebag, SystemLog& log);
+
+}  // namespace zun
