@@ -1,0 +1,66 @@
+#include "MessageWriter.h"
+
+namespace zunreporting {
+
+namespace {
+
+int appendArray(sd_bus_message* message, const PropertyArray& array) {
+  int result = sd_bus_message_open_container(message, 'a', "v");
+  for (const PropertyValue& element : array) {
+    if (result >= 0) result = appendVariant(message, element);
+  }
+  return result < 0 ? result : sd_bus_message_close_container(message);
+}
+
+/// Appends content of the type that `typeOf` names.
+struct ContentWriter {
+  sd_bus_message* message;
+
+  int operator()(bool value) const { return sd_bus_message_append(message, "b", static_cast<int>(value)); }
+  int operator()(int64_t value) const { return sd_bus_message_append(message, "x", value); }
+  int operator()(uint64_t value) const { return sd_bus_message_append(message, "t", value); }
+  int operator()(double value) const { return sd_bus_message_append(message, "d", value); }
+  int operator()(const std::string& value) const {
+    return sd_bus_message_append(message, "s", value.c_str());
+  }
+  int operator()(const PropertyDate& value) const {
+    return sd_bus_message_append(message, "(d)", value.secondsSince1970);
+  }
+  int operator()(const PropertyData& value) const {
+    return sd_bus_message_append_array(message, 'y', value.bytes.data(), value.bytes.size());
+  }
+  int operator()(const PropertyArray& value) const { return appendArray(message, value); }
+  int operator()(const PropertyDictionary& value) const { return appendDictionary(message, value); }
+};
+
+const char* typeOf(const PropertyValue& value) {
+  static constexpr const char* kTypes[] = {"b", "x", "t", "d", "s", "(d)", "ay", "av", "a{sv}"};
+  return kTypes[value.content.index()];
+}
+
+}  // namespace
+
+int appendVariant(sd_bus_message* message, const PropertyValue& value) {
+  int result = sd_bus_message_open_container(message, 'v', typeOf(value));
+  if (result >= 0) result = std::visit(ContentWriter{message}, value.content);
+  return result < 0 ? result : sd_bus_message_close_container(message);
+}
+
+int appendDictionary(sd_bus_message* message, const PropertyDictionary& dictionary) {
+  int result = sd_bus_message_open_container(message, 'a', "{sv}");
+  for (const auto& [key, value] : dictionary) {
+    if (result >= 0) result = sd_bus_message_open_container(message, 'e', "sv");
+    if (result >= 0) result = sd_bus_message_append(message, "s", key.c_str());
+    if (result >= 0) result = appendVariant(message, value);
+    if (result >= 0) result = sd_bus_message_close_container(message);
+  }
+  return result < 0 ? result : sd_bus_message_close_container(message);
+}
+
+int appendOptionalDictionary(sd_bus_message* message, const std::optional<PropertyDictionary>& dictionary) {
+  int result = sd_bus_message_open_container(message, 'a', "a{sv}");
+  if (result >= 0 && dictionary) result = appendDictionary(message, *dictionary);
+  return result < 0 ? result : sd_bus_message_close_container(message);
+}
+
+}  // namespace zunreporting
