@@ -49,6 +49,10 @@ class TestPlatform {
 /// the log fails it.
 class PlatformTest : public ::testing::Test {
  protected:
+  /// As TestPlatform's.
+  explicit PlatformTest(Executor* executorToUse = nullptr, std::string caFile = {})
+      : platform_(executorToUse, std::move(caFile)) {}
+
   void TearDown() override {
     for (const std::string& line : platform_.log.takeErrors())
       ADD_FAILURE() << "unexpected error line: " << line;
