@@ -1,0 +1,61 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "platform/Mutex.h"
+#include "platform/SystemLog.h"
+
+namespace zun {
+
+/// Where the system log goes. Auto: to the journal where standard error leads there
+/// anyway, else to standard error.
+enum class LogTarget { kAuto, kJournal, kStderr };
+
+/// The daemon's log: lines of `level` and above, to `target`.
+[[nodiscard]] std::unique_ptr<SystemLog> makeSystemLog(LogTarget target, LogLevel level);
+
+/// True if `descriptor` is the stream that `journalStream` ("device:inode", as the
+/// service manager gives it in JOURNAL_STREAM; may be null) names.
+[[nodiscard]] bool isJournalStream(int descriptor, const char* journalStream);
+
+/// Writes to the systemd journal, with priorities debug, notice and err. A journal
+/// that is not there takes nothing, silently. Any thread.
+class JournalLog final : public SystemLog {
+ public:
+  explicit JournalLog(LogLevel level) : level_(level) {}
+
+  [[nodiscard]] bool isEnabled(LogLevel level) const override { return level >= level_; }
+  void write(LogLevel level, std::string_view line) override;
+
+ private:
+  const LogLevel level_;
+};
+
+/// Writes "zunreportingd[pid] level: line" to a descriptor. Control characters of the
+/// text are escaped, so that one line stays one line. A reader that has gone is not
+/// missed; one that does not read costs a moment once, then lines until it reads again.
+///
+/// Threading: any thread; lines are written one at a time. Ownership: the descriptor
+/// stays the caller's and outlives the log.
+class StreamLog final : public SystemLog {
+ public:
+  StreamLog(int descriptor, LogLevel level);
+
+  [[nodiscard]] bool isEnabled(LogLevel level) const override { return level >= level_; }
+  void write(LogLevel level, std::string_view line) override;
+
+ private:
+  void writeAll(std::string_view text) REQUIRES(mutex_);
+  bool waitUntilWritable() REQUIRES(mutex_);
+
+  const int descriptor_;
+  const LogLevel level_;
+  const bool isSocket_;
+  const std::string prefix_;
+  Mutex mutex_;
+  bool isStalled_ GUARDED_BY(mutex_) = false;
+};
+
+}  // namespace zun
