@@ -1,0 +1,368 @@
+"""Runs the real daemon in a scratch root, with real servers and real clients around it.
+
+What a test needs of the build tree comes in ZUN_BINARY_DIR; nothing is left behind.
+"""
+
+import gzip
+import http.server
+import json
+import os
+import pathlib
+import plistlib
+import queue
+import shutil
+import signal
+import socket
+import ssl
+import subprocess
+import tempfile
+import threading
+import time
+import unittest
+
+BINARIES = pathlib.Path(os.environ["ZUN_BINARY_DIR"])
+DEADLINE = 60.0  # seconds; only ever met by a failure
+ERROR_PRIORITY = "error:"
+
+
+def binary(name):
+    """Path of one of the programs that were built."""
+    found = [p for p in BINARIES.rglob(name) if p.is_file() and os.access(p, os.X_OK)]
+    if not found:
+        raise FileNotFoundError(f"{name} was not built below {BINARIES}")
+    return str(found[0])
+
+
+def run(*command, check=True, **options):
+    result = subprocess.run(command, capture_output=True, text=True, timeout=DEADLINE, check=False, **options)
+    if check and result.returncode != 0:
+        raise AssertionError(f"{command[0]} exited {result.returncode}:\n{result.stdout}{result.stderr}")
+    return result
+
+
+def wait_until(condition, what):
+    """Waits for a condition of another process; time itself decides nothing."""
+    end = time.monotonic() + DEADLINE
+    while time.monotonic() < end:
+        value = condition()
+        if value:
+            return value
+        time.sleep(0.01)
+    raise AssertionError(f"did not happen: {what}")
+
+
+class Authority:
+    """A certificate authority and a server certificate for localhost."""
+
+    def __init__(self, folder, name="ca"):
+        folder = pathlib.Path(folder)
+        self.ca = str(folder / f"{name}.pem")
+        self.certificate = str(folder / f"{name}-server.pem")
+        self.key = str(folder / f"{name}-server.key")
+        ca_key = str(folder / f"{name}.key")
+        request = str(folder / f"{name}-server.csr")
+        extensions = folder / f"{name}-server.ext"
+        extensions.write_text("subjectAltName=DNS:localhost,IP:127.0.0.1\n")
+        new_key = ["-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes"]
+        run("openssl", "req", "-x509", *new_key, "-keyout", ca_key, "-out", self.ca, "-days", "2",
+            "-subj", f"/CN=zunreporting test {name}")
+        run("openssl", "req", *new_key, "-keyout", self.key, "-out", request, "-subj", "/CN=localhost")
+        run("openssl", "x509", "-req", "-in", request, "-CA", self.ca, "-CAkey", ca_key, "-CAcreateserial",
+            "-days", "2", "-extfile", str(extensions), "-out", self.certificate)
+
+
+class Post:
+    """One post as the server received it."""
+
+    def __init__(self, path, headers, wire):
+        self.path = path
+        self.headers = headers
+        self.wire = wire
+        self.body = gzip.decompress(wire) if headers.get("Content-Encoding") == "gzip" else wire
+
+    @property
+    def json(self):
+        return json.loads(self.body)
+
+    @property
+    def events(self):
+        return self.json["events"]
+
+
+class HTTPSServer:
+    """A real HTTPS server. `files` are served by path; posts are recorded.
+
+    `behaviour` maps a path to what the server does instead: a status number, "hang",
+    "close" (in the middle of the answer) or a callable taking the request handler.
+    """
+
+    def __init__(self, authority):
+        self.files = {}
+        self.behaviour = {}
+        self.posts = queue.Queue()
+        self.requests = []
+        self.released = threading.Event()
+        outer = self
+
+        class Handler(http.server.BaseHTTPRequestHandler):
+            protocol_version = "HTTP/1.1"
+
+            def log_message(self, *_):
+                pass
+
+            def answer(self, status, body=b"", headers=()):
+                self.send_response(status)
+                for name, value in headers:
+                    self.send_header(name, value)
+                self.send_header("Content-Length", str(len(body)))
+                self.end_headers()
+                self.wfile.write(body)
+
+            def misbehave(self, path):
+                behaviour = outer.behaviour.get(path)
+                if behaviour is None:
+                    return False
+                if callable(behaviour):
+                    behaviour(self)
+                elif behaviour == "hang":
+                    outer.released.wait(DEADLINE)
+                    self.close_connection = True
+                elif behaviour == "close":
+                    self.send_response(200)
+                    self.send_header("Content-Length", "1000")
+                    self.end_headers()
+                    self.wfile.write(b"part")
+                    self.close_connection = True
+                else:
+                    self.answer(behaviour)
+                return True
+
+            def do_GET(self):
+                path = self.path.split("?")[0]
+                outer.requests.append((self.path, dict(self.headers)))
+                if self.misbehave(path):
+                    return
+                if path not in outer.files:
+                    self.answer(404)
+                    return
+                self.answer(200, outer.files[path], [("Cache-Control", "max-age=3600"),
+                                                      ("Last-Modified", "Tue, 14 Nov 2023 22:13:20 GMT")])
+
+            def do_POST(self):
+                wire = self.rfile.read(int(self.headers.get("Content-Length", "0")))
+                outer.posts.put(Post(self.path, dict(self.headers), wire))
+                if not self.misbehave(self.path):
+                    self.answer(200, b"{}")
+
+        context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+        context.load_cert_chain(authority.certificate, authority.key)
+        self.server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
+        self.server.daemon_threads = True
+        self.server.handle_error = lambda *_: None
+        self.server.socket = context.wrap_socket(self.server.socket, server_side=True,
+                                                 do_handshake_on_connect=False)
+        self.port = self.server.server_address[1]
+        self.url = f"https://localhost:{self.port}"
+        self.thread = threading.Thread(target=self.server.serve_forever, daemon=True)
+        self.thread.start()
+
+    def next_post(self):
+        return self.posts.get(timeout=DEADLINE)
+
+    def close(self):
+        self.released.set()
+        self.server.shutdown()
+        self.server.server_close()
+
+
+def client_entry(**changes):
+    """A storebag client entry that lets every event through."""
+    entry = {
+        "locale_whitelist": ["DE", "US"],
+        "filters": [],
+        "sampling_threshold": 1.0,
+        "override_dnu": 1,
+        "event_threshold": 49,
+        "post_url": "==post_url",
+    }
+    entry.update(changes)
+    return {key: value for key, value in entry.items() if value is not None}
+
+
+class Scratch:
+    """A root folder with keys, certificates, entitlements and settings for one daemon."""
+
+    def __init__(self):
+        self.folder = tempfile.mkdtemp(prefix="zun-integration-")
+        self.root = self.path("root")
+        self.home = "/home/tester"
+        for folder in ("root/etc/zunreportingd/entitlements.d", "root/usr/share/zunreportingd",
+                       "root/home/tester/Library/Preferences", "root/tmp", "storebags"):
+            os.makedirs(self.path(folder))
+        self.authority = Authority(self.folder)
+        self.private_key = self.path("signing.pem")
+        run(binary("zunstorebag"), "keygen", "--private", self.private_key, "--public",
+            self.path("root/usr/share/zunreportingd/publicKey.der"))
+        self.write_plist("root/usr/share/zunreportingd/info.plist", {"version": "3.2.1"})
+        self.write_plist("root/etc/zunreportingd/device.plist",
+                         {"UniqueDeviceID": "TEST-DEVICE", "ProductVersion": "12.11", "BuildVersion": "21A329",
+                          "ProductType": "Pallax12,3", "DeviceName": "Test Pallax", "SerialNumber": "C39",
+                          "HWModelStr": "N841AP"})
+        self.entitle({"user": os.getuid(), "entitlements": {"com.vantix.private.zunreportingd": True}})
+        self.server = HTTPSServer(self.authority)
+        self.set_defaults("com.vantix.zunreporting", {"zunreporting_storebag_url": self.server.url})
+        self.daemon = None
+
+    def path(self, relative):
+        return os.path.join(self.folder, relative)
+
+    def write_plist(self, relative, value):
+        with open(self.path(relative), "wb") as file:
+            plistlib.dump(value, file, fmt=plistlib.FMT_BINARY, sort_keys=False)
+
+    def entitle(self, *rules):
+        self.write_plist("root/etc/zunreportingd/entitlements.d/test.plist", list(rules))
+
+    def set_defaults(self, suite, values):
+        self.write_plist(f"root/home/tester/Library/Preferences/{suite}.plist", values)
+
+    def sign(self, name, inner, out=None):
+        """The envelope of `inner`, a dictionary; also put on the server."""
+        source = self.path(f"{name}.inner.plist")
+        with open(source, "wb") as file:
+            plistlib.dump(inner, file, sort_keys=False, fmt=plistlib.FMT_BINARY)
+        envelope = out or self.path(f"storebags/{name}")
+        run(binary("zunstorebag"), "sign", "--force", "--key", self.private_key, "--output", envelope, source)
+        with open(envelope, "rb") as file:
+            self.server.files[f"/{name}"] = file.read()
+        return envelope
+
+    def publish(self, name="confero", post_path="/post", backends=None, **inner):
+        """Signs and serves a storebag whose httpPost backend posts to this server."""
+        section = backends if backends is not None else {"httpPost": {"clients": [client_entry()]}}
+        bag = {environment: section for environment in ("development", "vantix_internal", "seed", "release")}
+        bag["shared_values"] = {"==post_url": self.server.url + post_path}
+        bag["version"] = "1.0"
+        bag.update(inner)
+        return self.sign(name, bag)
+
+    @property
+    def socket(self):
+        return self.path("root/run/zunreportingd/com.vantix.zunreportingd")
+
+    @property
+    def address(self):
+        return "unix:path=" + self.socket
+
+    def start(self, *options, level="debug", environment=None):
+        self.daemon = Daemon(self, options, level, environment or {})
+        return self.daemon
+
+    def send(self, events, *options, check=True):
+        """Reports events with the command line client."""
+        lines = "".join(json.dumps(event) + "\n" for event in events)
+        return run(binary("zunreportingctl"), "--address", self.address, "send", "--client-name", "tester",
+                   "--service-name", "bench", *options, input=lines, check=check)
+
+    def close(self):
+        if self.daemon:
+            self.daemon.kill()
+        self.server.close()
+        shutil.rmtree(self.folder, ignore_errors=True)
+
+
+class Daemon:
+    """The daemon as a process. Its log lines are kept."""
+
+    def __init__(self, scratch, options, level, environment):
+        self.lines = []
+        self.changed = threading.Condition()
+        env = {"HOME": scratch.home, "LANG": "de_DE.UTF-8", "PATH": os.environ["PATH"]}
+        for name in ("ASAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS"):
+            if name in os.environ:
+                env[name] = os.environ[name]
+        env.update(environment)
+        self.process = subprocess.Popen(
+            [binary("zunreportingd"), "--root", scratch.root, "--ca-file", scratch.authority.ca,
+             "--log-level", level, "--log-target", "stderr", *options],
+            stderr=subprocess.PIPE, text=True, env=env)
+        self.reader = threading.Thread(target=self.read, daemon=True)
+        self.reader.start()
+        self.wait_for_line("main: Listener resumes with sandbox, start loop.")
+
+    def read(self):
+        for line in self.process.stderr:
+            with self.changed:
+                self.lines.append(line.rstrip("\n"))
+                self.changed.notify_all()
+        with self.changed:
+            self.lines.append("(end of log)")
+            self.changed.notify_all()
+
+    def has_line(self, text):
+        with self.changed:
+            return any(text in line for line in self.lines)
+
+    def wait_for_line(self, text, count=1):
+        with self.changed:
+            met = self.changed.wait_for(
+                lambda: sum(text in line for line in self.lines) >= count or self.lines[-1:] == ["(end of log)"],
+                DEADLINE)
+            if not met or sum(text in line for line in self.lines) < count:
+                raise AssertionError(f"no line {text!r} in:\n" + "\n".join(self.lines[-40:]))
+
+    def errors(self):
+        """Texts of the error lines so far."""
+        with self.changed:
+            return [line.split(ERROR_PRIORITY, 1)[1].strip() for line in self.lines
+                    if ERROR_PRIORITY in line.split(" ", 2)[1:2]]
+
+    def stop(self):
+        """SIGTERM, and the exit code."""
+        self.process.send_signal(signal.SIGTERM)
+        return self.wait()
+
+    def wait(self):
+        code = self.process.wait(DEADLINE)
+        self.reader.join(DEADLINE)
+        return code
+
+    def kill(self):
+        if self.process.poll() is None:
+            self.process.kill()
+        self.wait()
+
+
+class ScratchTest(unittest.TestCase):
+    """A test with a scratch root of its own. An error line that it did not expect fails it."""
+
+    def setUp(self):
+        self.scratch = Scratch()
+        self.addCleanup(self.scratch.close)
+        self.expected_errors = []
+
+    def expect_error(self, text):
+        """The daemon is to write an error line that contains `text`."""
+        self.expected_errors.append(text)
+
+    def tearDown(self):
+        if self.scratch.daemon is None:
+            return
+        for line in self.scratch.daemon.errors():
+            self.assertTrue(any(text in line for text in self.expected_errors), f"unexpected error line: {line}")
+        for text in self.expected_errors:
+            self.assertTrue(any(text in line for line in self.scratch.daemon.errors()),
+                            f"no error line contains: {text}")
+
+
+def raw_connection(path):
+    """A socket to the daemon that has authenticated, ready for messages."""
+    peer = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+    peer.settimeout(DEADLINE)
+    peer.connect(path)
+    peer.sendall(b"\0AUTH EXTERNAL " + str(os.getuid()).encode().hex().encode() + b"\r\n")
+    answer = peer.recv(100)
+    if not answer.startswith(b"OK "):
+        raise AssertionError(f"authentication refused: {answer!r}")
+    peer.sendall(b"BEGIN\r\n")
+    return peer
