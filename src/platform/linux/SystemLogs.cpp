@@ -24,6 +24,7 @@ namespace zun {
 namespace {
 
 constexpr int kPatienceMilliseconds = 200;
+constexpr int kAttempts = 8;
 
 const char* nameOf(LogLevel level) {
   switch (level) {
@@ -140,28 +141,53 @@ void StreamLog::write(LogLevel level, std::string_view line) {
     appendEscaped(text, line);
     text += '\n';
     const MutexLock lock(mutex_);
-    writeAll(text);
+    writeLine(text);
   } catch (const std::exception&) {
     // As above: no memory for the line.
   }
 }
 
-void StreamLog::writeAll(std::string_view text) {
+void StreamLog::writeLine(std::string_view line) {
+  if (descriptor_ < 0) return;
   BrokenPipeGuard guard;
-  while (!text.empty()) {
-    if (!waitUntilWritable()) return;
-    // A pipe that is ready takes PIPE_BUF bytes without making the writer wait.
-    const size_t size = std::min<size_t>(text.size(), PIPE_BUF);
-    const ssize_t written = isSocket_ ? send(descriptor_, text.data(), size, MSG_DONTWAIT | MSG_NOSIGNAL)
-                                      : ::write(descriptor_, text.data(), size);
+  if (isTorn_) {
+    // The line before was given up halfway: this one still gets a line of its own.
+    if (writeSome("\n") != 1) return;
+    isTorn_ = false;
+  }
+  bool hasBegun = false;
+  while (!line.empty()) {
+    const ssize_t written = writeSome(line);
     if (written < 0) {
-      if (errno == EINTR) continue;
       if (errno == EPIPE) guard.noteBroken();
-      if (errno == EAGAIN) isStalled_ = true;
+      isTorn_ = hasBegun;
       return;
     }
-    text.remove_prefix(static_cast<size_t>(written));
+    line.remove_prefix(static_cast<size_t>(written));
+    hasBegun = true;
   }
+}
+
+ssize_t StreamLog::writeSome(std::string_view text) {
+  // A pipe that is ready takes PIPE_BUF bytes without making the writer wait. A socket
+  // is asked first: it calls itself ready only when it is nearly empty.
+  const size_t size = std::min<size_t>(text.size(), PIPE_BUF);
+  bool isReady = isSocket_ || waitUntilWritable();
+  for (int attempt = 0; isReady && attempt < kAttempts; ++attempt) {
+    const ssize_t written = isSocket_ ? send(descriptor_, text.data(), size, MSG_DONTWAIT | MSG_NOSIGNAL)
+                                      : ::write(descriptor_, text.data(), size);
+    if (written >= 0) {
+      isStalled_ = false;
+      return written;
+    }
+    if (errno == EAGAIN) {
+      isReady = waitUntilWritable();
+    } else if (errno != EINTR) {
+      return -1;
+    }
+  }
+  errno = EAGAIN;
+  return -1;
 }
 
 bool StreamLog::waitUntilWritable() {

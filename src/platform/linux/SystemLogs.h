@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <memory>
 #include <string>
 #include <string_view>
@@ -47,7 +49,9 @@ class StreamLog final : public SystemLog {
   void write(LogLevel level, std::string_view line) override;
 
  private:
-  void writeAll(std::string_view text) REQUIRES(mutex_);
+  void writeLine(std::string_view line) REQUIRES(mutex_);
+  /// As `write(2)`, but gives up on a reader that does not read.
+  ssize_t writeSome(std::string_view text) REQUIRES(mutex_);
   bool waitUntilWritable() REQUIRES(mutex_);
 
   const int descriptor_;
@@ -56,6 +60,7 @@ class StreamLog final : public SystemLog {
   const std::string prefix_;
   Mutex mutex_;
   bool isStalled_ GUARDED_BY(mutex_) = false;
+  bool isTorn_ GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace zun
