@@ -201,7 +201,7 @@ class Scratch:
             os.makedirs(self.path(folder))
         self.authority = Authority(self.folder)
         self.private_key = self.path("signing.pem")
-        run(binary("zunstorebag"), "keygen", "--private", self.private_key, "--public",
+        run(binary("zunstorebag"), "keygen", "--private-key", self.private_key, "--public-key",
             self.path("root/usr/share/zunreportingd/publicKey.der"))
         self.write_plist("root/usr/share/zunreportingd/info.plist", {"version": "3.2.1"})
         self.write_plist("root/etc/zunreportingd/device.plist",
@@ -232,7 +232,7 @@ class Scratch:
         with open(source, "wb") as file:
             plistlib.dump(inner, file, sort_keys=False, fmt=plistlib.FMT_BINARY)
         envelope = out or self.path(f"storebags/{name}")
-        run(binary("zunstorebag"), "sign", "--force", "--key", self.private_key, "--output", envelope, source)
+        run(binary("zunstorebag"), "sign", "--key", self.private_key, "--output", envelope, source)
         with open(envelope, "rb") as file:
             self.server.files[f"/{name}"] = file.read()
         return envelope
