@@ -1,0 +1,163 @@
+#include "util/MessageLog.h"
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include "support/TestPlatform.h"
+
+namespace zun {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr double kNow = 1'700'000'000;  // 2023-11-14 22:13:20 UTC, where the fake clock starts
+
+class MessageLogTest : public PlatformTest {
+ protected:
+  MessageLogTest() : directory_(platform_.files.resolve(MessageLog::kDirectory)) {}
+
+  std::string pathOf(const std::string& name) const { return directory_ + "/" + name; }
+
+  // A file that was created so many seconds before now.
+  std::string addFile(const std::string& name, double age, const std::string& content = "old\n") {
+    fs::create_directories(directory_);
+    const std::string path = pathOf(name);
+    std::ofstream(path) << content;
+    platform_.files.setCreationDateForTesting(path, Date{kNow - age});
+    return path;
+  }
+
+  static std::string contentOf(const std::string& path) {
+    std::ostringstream content;
+    content << std::ifstream(path).rdbuf();
+    return content.str();
+  }
+
+  size_t countFiles() const {
+    return static_cast<size_t>(std::distance(fs::directory_iterator(directory_), fs::directory_iterator()));
+  }
+
+  const std::string directory_;
+  const std::string newFile_ = pathOf("zunreportingd_1700000000_messageLog.diag");
+  MessageLog log_{platform_.services};
+};
+
+TEST_F(MessageLogTest, FirstEntryMakesFolderAndFile) {
+  log_.writeToLogFile("hello");
+  EXPECT_EQ(contentOf(newFile_), "(2023-11-14 22:13:20 +0000) hello\n");
+  expectDefaultLine("writeToLogFile: Creating zunreportingd log directory at " + directory_);
+  expectDebugLine("writeToLogFile: Saved log message to " + newFile_);
+  bool isCreationLogged = false;
+  for (const std::string& line : platform_.log.linesOf(LogLevel::kDefault)) {
+    isCreationLogged |=
+        line.starts_with("writeToLogFile: Created new zunreportingd log file " + newFile_ + " (");
+  }
+  EXPECT_TRUE(isCreationLogged);
+}
+
+TEST_F(MessageLogTest, LaterEntriesAreAppendedToTheSameFile) {
+  log_.writeToLogFile("one");
+  platform_.files.setCreationDateForTesting(newFile_, Date{kNow});
+  platform_.clock.advance(std::chrono::seconds(61));
+  log_.writeToLogFile("two\nlines");
+  EXPECT_EQ(contentOf(newFile_), "(2023-11-14 22:13:20 +0000) one\n(2023-11-14 22:14:21 +0000) two\nlines\n");
+  EXPECT_EQ(countFiles(), 1U);
+}
+
+TEST_F(MessageLogTest, OfTwoFilesTheOlderIsDeletedAndTheNewerGetsTheMessage) {
+  const std::string older = addFile("zunreportingd_1_messageLog.diag", 1200);
+  const std::string newer = addFile("zunreportingd_2_messageLog.diag", 600);
+  log_.writeToLogFile("m");
+  EXPECT_FALSE(fs::exists(older));
+  EXPECT_EQ(contentOf(newer), "old\n(2023-11-14 22:13:20 +0000) m\n");
+  expectDefaultLine("writeToLogFile: Deleted expired zunreportingd log file " + older +
+                    " (2023-11-14 21:53:20 +0000)");
+}
+
+TEST_F(MessageLogTest, OrderOfTheListingDoesNotMatter) {
+  const std::string newer = addFile("zunreportingd_1_messageLog.diag", 600);
+  const std::string older = addFile("zunreportingd_2_messageLog.diag", 1200);
+  log_.writeToLogFile("m");
+  EXPECT_FALSE(fs::exists(older));
+  EXPECT_TRUE(fs::exists(newer));
+  expectDefaultLine("writeToLogFile: Deleted expired zunreportingd log file " + older +
+                    " (2023-11-14 21:53:20 +0000)");
+}
+
+TEST_F(MessageLogTest, FileOfExactlyOneDayIsKept) {
+  const std::string file = addFile("zunreportingd_5_messageLog.diag", 86400);
+  log_.writeToLogFile("m");
+  EXPECT_EQ(contentOf(file), "old\n(2023-11-14 22:13:20 +0000) m\n");
+  EXPECT_EQ(countFiles(), 1U);
+}
+
+TEST_F(MessageLogTest, FileOfMoreThanOneDayIsDeletedAndANewOneMade) {
+  const std::string file = addFile("zunreportingd_5_messageLog.diag", 86401);
+  log_.writeToLogFile("m");
+  EXPECT_FALSE(fs::exists(file));
+  EXPECT_EQ(contentOf(newFile_), "(2023-11-14 22:13:20 +0000) m\n");
+  expectDefaultLine("writeToLogFile: Deleted expired zunreportingd log file " + file +
+                    " (2023-11-13 22:13:19 +0000)");
+}
+
+TEST_F(MessageLogTest, FilesOfOthersAreLeftAlone) {
+  const std::vector<std::string> names{
+      "zunreportingd_1_other.log", "zunreportingd_1_2_messageLog.diag", "zunreportingd_messageLog.diag",
+      "other_1_messageLog.diag",   "zunreportingd_1_messageLog.diag~",  "x-zunreportingd_1_messageLog.diag",
+  };
+  for (const std::string& name : names) addFile(name, 200'000);
+  log_.writeToLogFile("m");
+  for (const std::string& name : names) EXPECT_EQ(contentOf(pathOf(name)), "old\n") << name;
+  EXPECT_EQ(contentOf(newFile_), "(2023-11-14 22:13:20 +0000) m\n");
+}
+
+TEST_F(MessageLogTest, FolderWithTheNameOfALogFileIsLeftAlone) {
+  fs::create_directories(pathOf("zunreportingd_7_messageLog.diag/inside"));
+  log_.writeToLogFile("m");
+  EXPECT_TRUE(fs::exists(pathOf("zunreportingd_7_messageLog.diag/inside")));
+  EXPECT_EQ(contentOf(newFile_), "(2023-11-14 22:13:20 +0000) m\n");
+}
+
+TEST_F(MessageLogTest, CreationTimeInTheNameIsCutToThirtyTwoBits) {
+  platform_.clock.setTimeOfDay({(int64_t{1} << 32) + 5, 900'000});
+  log_.writeToLogFile("m");
+  EXPECT_TRUE(fs::exists(pathOf("zunreportingd_5_messageLog.diag")));
+}
+
+TEST_F(MessageLogTest, FolderThatCannotBeMadeIsAnErrorLineAndNothingElse) {
+  fs::create_directories(fs::path(directory_).parent_path());
+  std::ofstream(directory_) << "a file in the way";
+  log_.writeToLogFile("m");
+  const auto errors = platform_.log.takeErrors();
+  ASSERT_EQ(errors.size(), 2U);
+  EXPECT_TRUE(errors[0].starts_with("writeToLogFile: Error reading from log directory: ")) << errors[0];
+  EXPECT_EQ(errors[1], "writeToLogFile: Failed to create new zunreportingd log file " + newFile_);
+  EXPECT_EQ(contentOf(directory_), "a file in the way");
+}
+
+TEST_F(MessageLogTest, EntriesOfManyThreadsAreWhole) {
+  std::vector<std::thread> threads;
+  for (int thread = 0; thread < 4; ++thread) {
+    threads.emplace_back([this] {
+      for (int i = 0; i < 25; ++i) log_.writeToLogFile(std::string(300, 'x'));
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  std::ifstream file(newFile_);
+  int lines = 0;
+  for (std::string line; std::getline(file, line); ++lines) {
+    EXPECT_EQ(line, "(2023-11-14 22:13:20 +0000) " + std::string(300, 'x'));
+  }
+  EXPECT_EQ(lines, 100);
+}
+
+TEST_F(MessageLogTest, MessageIsWrittenAsItIs) {
+  const std::string message = "{} %@ %s \xff ünï " + std::string(1 << 20, 'm');
+  log_.writeToLogFile(message);
+  EXPECT_EQ(contentOf(newFile_), "(2023-11-14 22:13:20 +0000) " + message + "\n");
+}
+
+}  // namespace
+}  // namespace zun
