@@ -2,23 +2,9 @@
 
 #include "platform/Crypto.h"
 #include "platform/PropertyList.h"
-#include "util/MacroExpansion.h"
+#include "storebag/SharedValues.h"
 
 namespace zun {
-
-namespace {
-
-Array partsSplitAtCommas(std::string_view text) {
-  Array parts;
-  while (true) {
-    const size_t comma = text.find(',');
-    parts.append(text.substr(0, comma));
-    if (comma == std::string_view::npos) return parts;
-    text.remove_prefix(comma + 1);
-  }
-}
-
-}  // namespace
 
 StorebagVerifier::StorebagVerifier(const PlatformServices& platform, const StorebagDiskCache& diskCache)
     : platform_(platform), diskCache_(diskCache) {}
@@ -60,21 +46,6 @@ std::optional<std::string> StorebagVerifier::verifiedBag(std::string_view envelo
     return std::nullopt;
   }
   return bag;
-}
-
-Dictionary expandSharedValues(const Dictionary& storebag, SystemLog& log) {
-  const Dictionary* stored = storebag["shared_values"].dictionary();
-  if (stored == nullptr || stored->empty()) return storebag;
-  Dictionary sharedValues = *stored;
-  for (const auto& [key, value] : *stored) {
-    if (value.isString()) sharedValues.set(key, partsSplitAtCommas(value.stringValue()));
-  }
-  Dictionary expanded = storebag;
-  expanded.remove("shared_values");
-  for (const std::string_view section : {"vantix_internal", "development", "seed", "release"}) {
-    expandMacroForDataSet(expanded, section, sharedValues, log);
-  }
-  return expanded;
 }
 
 }  // namespace zun

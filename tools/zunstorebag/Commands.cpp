@@ -13,7 +13,7 @@
 #include "platform/JSONWriter.h"
 #include "platform/PropertyList.h"
 #include "platform/SystemLog.h"
-#include "storebag/StorebagVerifier.h"
+#include "storebag/SharedValues.h"
 
 namespace zun {
 

@@ -8,7 +8,7 @@
 #include <string_view>
 
 #include "platform/SystemLog.h"
-#include "storebag/StorebagVerifier.h"
+#include "storebag/SharedValues.h"
 #include "zunreporting/Keys.h"
 
 namespace zun {
