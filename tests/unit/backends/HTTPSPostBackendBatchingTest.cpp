@@ -1,0 +1,423 @@
+#include <thread>
+
+#include "BackendTest.h"
+#include "util/MemoryUse.h"
+
+namespace zun {
+namespace {
+
+constexpr const char* kForced =
+    "HTTPSPostBackend(sendMessage): Got a realtime event and some events have already been batched. Forcing "
+    "Flush here to keep events in order.";
+
+// What is posted is seen in the texts that sending and flushing give: there is no
+// connectivity helper here, so nothing leaves.
+class HTTPSPostBackendBatchingTest : public BackendTest {
+ protected:
+  Dictionary clientWithThreshold(const Value& threshold) {
+    return with(reportingClient(), "event_threshold", threshold);
+  }
+
+  /// The error that a flush reports at once.
+  std::string flushError(HTTPSPostBackend& backend) {
+    const auto outcome = std::make_shared<Outcome>();
+    EXPECT_EQ(backend.flushMessagesWithCompletion(keepIn(outcome)), std::nullopt);
+    EXPECT_EQ(outcome->calls, 1);
+    EXPECT_EQ(outcome->result, std::nullopt);
+    if (!outcome->error) return "no error";
+    EXPECT_EQ(outcome->error->domain, zunreporting::kZunReportingErrorDomain);
+    EXPECT_EQ(outcome->error->code, -1);
+    return outcome->error->description;
+  }
+  bool immutableIs(HTTPSPostBackend& backend) {
+    backend.setUserInfoDict(Dictionary());
+    const bool isImmutable = backend.updateBackendState() != ZunBackendStateAwaitingUserInfo;
+    backend.setUserInfoDict(userInfo());
+    return isImmutable;
+  }
+};
+
+// --- what is dropped, batched or sent --------------------------------------------
+
+TEST_F(HTTPSPostBackendBatchingTest, DisabledBackendDropsMessages) {
+  const auto backend = make(reportingClient());
+  backend->setState(ZunBackendStateDisabled);
+  EXPECT_EQ(send(*backend, 1, 1), std::nullopt);
+  EXPECT_EQ(backend->batchedEventsSize(), 0U);
+  EXPECT_TRUE(platform_.log.linesOf(LogLevel::kDebug).empty());
+}
+
+TEST_F(HTTPSPostBackendBatchingTest, BatchingBackendKeepsOrdinaryMessages) {
+  const auto backend = start(reportingClient());
+  EXPECT_EQ(send(*backend, 1), std::nullopt);
+  expectDebugLine("HTTPSPostBackend(sendMessage): realtime is 0");
+  expectDebugLine("HTTPSPostBackend(sendMessage): Batching 2, 1, 1");
+  EXPECT_GT(backend->batchedEventsSize(), 0U);
+}
+
+TEST_F(HTTPSPostBackendBatchingTest, BackendWithoutBatchingSendsEachMessage) {
+  const auto backend = start(with(reportingClient(), "expedite", 1));
+  const Array events = eventsOf(send(*backend, 4));
+  ASSERT_EQ(events.size(), 1U);
+  EXPECT_EQ(field(events, 0, "_method"), Value(4));
+  EXPECT_EQ(field(events, 0, "_status"), Value(9));
+  EXPECT_EQ(field(events, 0, "note"), Value("hello"));
+  EXPECT_EQ(field(events, 0, "userInfoClientName"), Value("Camera"));
+  expectDebugLine("HTTPSPostBackend(sendMessage): Sending 2, 0, 1");
+  EXPECT_EQ(backend->batchedEventsSize(), 0U);
+}
+
+TEST_F(HTTPSPostBackendBatchingTest,
+       RealtimeMessageWithNothingBatchedPostsItselfAndLeavesTheConfigurationOpen) {
+  const auto backend = start(reportingClient());
+  EXPECT_EQ(eventsOf(send(*backend, 4, 1)).size(), 1U);
+  expectDebugLine("HTTPSPostBackend(sendMessage): realtime is 1");
+  EXPECT_FALSE(immutableIs(*backend));
+}
+
+TEST_F(HTTPSPostBackendBatchingTest, RealtimeMessageFlushesTheBatchFirstAndFreezesTheConfiguration) {
+  const auto backend = start(reportingClient());
+  send(*backend, 1);
+  send(*backend, 2);
+  const auto text = send(*backend, 3, 3);
+  expectDebugLine(kForced);
+  ASSERT_TRUE(text);
+  const std::string flushedHead = "Flushed events:\n";
+  const std::string standaloneHead = "\nStandalone event:\n";
+  const size_t standalone = text->find(standaloneHead);
+  ASSERT_EQ(text->find(flushedHead), 0U);
+  ASSERT_NE(standalone, std::string::npos);
+  EXPECT_EQ(eventsOf(text->substr(flushedHead.size(), standalone - flushedHead.size())).size(), 2U);
+  const std::string after = text->substr(standalone + standaloneHead.size());
+  EXPECT_EQ(field(eventsOf(after), 0, "_method"), Value(3));
+  EXPECT_EQ(backend->batchedEventsSize(), 0U);
+  EXPECT_TRUE(immutableIs(*backend));
+}
+
+TEST_F(HTTPSPostBackendBatchingTest, MessageThatIsDueWithoutBeingRealtimeLeavesTheBatchAlone) {
+  const auto backend = start(reportingClient());
+  send(*backend, 1);
+  backend->setBatchEvents(false);
+  EXPECT_EQ(eventsOf(send(*backend, 2)).size(), 1U);
+  EXPECT_FALSE(platform_.log.contains(LogLevel::kDebug, kForced));
+  EXPECT_GT(backend->batchedEventsSize(), 0U);
+}
+
+TEST_F(HTTPSPostBackendBatchingTest, OnlyTheFlagsOneAndThreeAreRealtime) {
+  const auto backend = start(reportingClient());
+  for (const int32_t flag : {0, 2, 4, 5, 7, -1}) EXPECT_EQ(send(*backend, 1, flag), std::nullopt) << flag;
+}
+
+TEST_F(HTTPSPostBackendBatchingTest, MissingUserInformationHoldsAnEnabledBackendsMessages) {
+  const auto backend = start(with(reportingClient(), "expedite", 1));
+  backend->setUserInfoDict(std::nullopt);
+  EXPECT_EQ(send(*backend, 1, 1), std::nullopt);
+  expectDebugLine("HTTPSPostBackend(sendMessage): Batching 2, 0, 1");
+  backend->setUserInfoDict(Dictionary());  // empty, but there
+  EXPECT_TRUE(send(*backend, 1, 0).has_value());
+}
+
+TEST_F(HTTPSPostBackendBatchingTest, PromotionTakesEffectWithTheNextMessage) {
+  platform_.random.setNext({2500});
+  const auto backend = start(with(reportingClient(), "sampling_threshold", 0.2));
+  ASSERT_EQ(backend->state(), ZunBackendStateSampledOut);
+  EXPECT_EQ(send(*backend, 1, 2), std::nullopt);
+  expectDebugLine("HTTPSPostBackend(sendMessage): Batching 3, 1, 1");
+  EXPECT_EQ(backend->state(), ZunBackendStateEnabled);
+  const auto text = send(*backend, 2, 1);
+  ASSERT_TRUE(text);
+  EXPECT_EQ(text->find("Flushed events:\n"), 0U);
+  expectDebugLine(kForced);
+}
+
+TEST_F(HTTPSPostBackendBatchingTest, RealtimePromotionIsBatchedStill) {
+  platform_.random.setNext({2500});
+  const auto backend = start(with(reportingClient(), "sampling_threshold", 0.2));
+  EXPECT_EQ(send(*backend, 1, 3), std::nullopt);
+  EXPECT_EQ(backend->state(), ZunBackendStateEnabled);
+}
+
+TEST_F(HTTPSPostBackendBatchingTest, OnlySampledOutBackendsArePromoted) {
+  const auto backend = make(reportingClient());
+  send(*backend, 1, 2);
+  EXPECT_EQ(backend->state(), ZunBackendStateAwaitingUserInfo);
+}
+
+// --- payloads --------------------------------------------------------------------
+
+TEST_F(HTTPSPostBackendBatchingTest, MessageWithoutClientDataIsItsOwnPayload) {
+  const auto backend = start(with(reportingClient(), "expedite", 1));
+  const auto text = backend->sendMessage(Dictionary{{"SerialNum", "Unknown"}}, kEventTime, 1, 2, 0);
+  EXPECT_EQ(field(eventsOf(text), 0, "SerialNum"), Value("Unknown"));
+}
+
+TEST_F(HTTPSPostBackendBatchingTest, SharedDataIsMergedIntoTheRecord) {
+  const auto backend = start(with(reportingClient(), "expedite", 1));
+  const auto text = backend->sendMessage(
+      Dictionary{{"ClientData", Dictionary{{"a", 1}, {"b", 1}}}, {"SharedData", Dictionary{{"b", 2}}}},
+      kEventTime, 1, 2, 0);
+  EXPECT_EQ(field(eventsOf(text), 0, "a"), Value(1));
+  EXPECT_EQ(field(eventsOf(text), 0, "b"), Value(2));
+}
+
+TEST_F(HTTPSPostBackendBatchingTest, ClientDataThatIsNoDictionaryCountsAsMissing) {
+  const auto backend = start(with(reportingClient(), "expedite", 1));
+  const auto text = backend->sendMessage(Dictionary{{"ClientData", "text"}}, kEventTime, 1, 2, 0);
+  expectErrors({"HTTPSPostBackend(sendMessage): SESSION_TYPE_STOP message dictionary is nil"});
+  EXPECT_EQ(eventsOf(text).size(), 1U);
+  EXPECT_TRUE(field(eventsOf(text), 0, "ClientData").isNone());
+}
+
+TEST_F(HTTPSPostBackendBatchingTest, SessionStopCarriesMinusOneWithoutThresholds) {
+  const auto backend = make(reportingClient());
+  backend->setState(ZunBackendStateEnabled);
+  backend->setBatchEvents(false);
+  const Dictionary payload{{"note", 1}};
+  const Array events = eventsOf(backend->sendMessage(message(payload), kEventTime, 0, 1, 0));
+  expectDebugLine(
+      "HTTPSPostBackend(sendMessage): Adding dnu type and sampling threshold to SESSION_TYPE_STOP message "
+      "dictionary");
+  EXPECT_EQ(field(events, 0, "Opt"), Value(0));
+  EXPECT_EQ(field(events, 0, "SamplingThreshold"), Value(-1));
+  EXPECT_EQ(field(events, 0, "OverrideSampling"), Value(-1));
+  EXPECT_EQ(field(events, 0, "Batch"), Value(0));
+  EXPECT_EQ(payload.size(), 1U);
+}
+
+TEST_F(HTTPSPostBackendBatchingTest, SessionStopCarriesTheThresholdsInForce) {
+  platform_.random.setNext({2500});
+  setDiagnosticSubmission(false);
+  setDefault("forceEventLogging", "YES");
+  setDefault("environmentType", 2);
+  Dictionary client = with(with(reportingClient(), "sampling_threshold", 0.2), "override_sampling", 0.5);
+  client.set("override_dnu", 1);
+  const auto backend = start(client);
+  ASSERT_EQ(backend->state(), ZunBackendStateSampledOut);
+  backend->setState(ZunBackendStateEnabled);
+  const Array events = eventsOf(backend->sendMessage({}, kEventTime, 0, 1, 1));
+  EXPECT_EQ(field(events, 0, "Opt"), Value(1));
+  EXPECT_EQ(field(events, 0, "SamplingThreshold"), Value(0.2));
+  EXPECT_EQ(field(events, 0, "OverrideSampling"), Value(0.5));
+  EXPECT_EQ(field(events, 0, "Batch"), Value(1));
+}
+
+TEST_F(HTTPSPostBackendBatchingTest, OtherMessagesOfTheSessionMethodCarryNoThresholds) {
+  const auto backend = start(with(reportingClient(), "expedite", 1));
+  EXPECT_TRUE(field(eventsOf(backend->sendMessage({}, kEventTime, 0, 0, 0)), 0, "Opt").isNone());
+  EXPECT_TRUE(field(eventsOf(backend->sendMessage({}, kEventTime, 1, 1, 0)), 0, "Opt").isNone());
+}
+
+// --- thresholds ------------------------------------------------------------------
+
+TEST_F(HTTPSPostBackendBatchingTest, ThresholdOf49FlushesWithThe51stRecordOfOneMethod) {
+  const auto backend = start(reportingClient());
+  for (int i = 0; i < 50; ++i) EXPECT_EQ(send(*backend, 6), std::nullopt) << i;
+  const auto text = send(*backend, 6);
+  EXPECT_EQ(eventsOf(text).size(), 50U);
+  expectDebugLine(
+      "HTTPSPostBackend(batchEvent): Flushing all batched events as we reached event threshold for method 6");
+  // The record that led to it opens the next batch and is the first of its method there.
+  EXPECT_GT(backend->batchedEventsSize(), 0U);
+  for (int i = 0; i < 49; ++i) EXPECT_EQ(send(*backend, 6), std::nullopt) << i;
+  EXPECT_EQ(eventsOf(send(*backend, 6)).size(), 50U);
+}
+
+TEST_F(HTTPSPostBackendBatchingTest, BackendWithoutStorebagSettingsHasAThresholdOf49) {
+  const auto backend = make(reportingClient());
+  backend->setState(ZunBackendStateEnabled);
+  for (int i = 0; i < 50; ++i) EXPECT_EQ(send(*backend, 6), std::nullopt) << i;
+  EXPECT_TRUE(send(*backend, 6).has_value());
+}
+
+TEST_F(HTTPSPostBackendBatchingTest, AbsentThresholdFlushesWithTheSecondRecordOfAMethod) {
+  const auto backend = start(clientWithThreshold({}));
+  EXPECT_EQ(send(*backend, 6), std::nullopt);
+  EXPECT_EQ(send(*backend, 7), std::nullopt);
+  EXPECT_EQ(eventsOf(send(*backend, 6)).size(), 2U);
+}
+
+TEST_F(HTTPSPostBackendBatchingTest, NegativeThresholdFlushesBeforeEveryRecord) {
+  const auto backend = start(clientWithThreshold(-5));
+  EXPECT_EQ(send(*backend, 6), std::nullopt);
+  expectDebugLine(
+      "HTTPSPostBackend(batchEvent): Flushing all batched events as we reached event threshold for method 6");
+  EXPECT_EQ(eventsOf(send(*backend, 6)).size(), 1U);
+}
+
+TEST_F(HTTPSPostBackendBatchingTest, FlushEmptiesTheCountsOfEveryMethod) {
+  const auto backend = start(clientWithThreshold(1));
+  for (int i = 0; i < 2; ++i) {
+    send(*backend, 6);
+    send(*backend, 7);
+  }
+  EXPECT_EQ(eventsOf(send(*backend, 6)).size(), 4U);
+  EXPECT_EQ(send(*backend, 7), std::nullopt);
+  EXPECT_EQ(send(*backend, 7), std::nullopt);
+  EXPECT_EQ(eventsOf(send(*backend, 7)).size(), 3U);
+}
+
+TEST_F(HTTPSPostBackendBatchingTest, ClientThatNeverReachesTheThresholdMeetsTheBatchesOwnBound) {
+  const auto backend = start(clientWithThreshold(2'000'000'000));
+  const std::string big(100'000, 'x');
+  for (uint16_t method = 0; method < 300; ++method) {
+    backend->sendMessage(message({{"big", big}}), kEventTime, method, 9, 0);
+  }
+  EXPECT_LE(backend->batchedEventsSize(), EventBatch::kMaximumBytes);
+  EXPECT_GT(backend->batchedEventsSize(), EventBatch::kMaximumBytes / 2);
+  expectErrors(
+      {"HTTPSPostBackend(batchEvent): httpPost: batch of 16777216 bytes is full, dropping events until "
+       "it is flushed"});
+  const size_t kept = eventsOf(backend->flushMessagesWithCompletion(nullptr)).size();
+  EXPECT_LT(kept, 300U);
+  EXPECT_EQ(send(*backend, 1), std::nullopt);
+  EXPECT_EQ(eventsOf(backend->flushMessagesWithCompletion(nullptr)).size(), 1U);
+}
+
+// --- flushing --------------------------------------------------------------------
+
+TEST_F(HTTPSPostBackendBatchingTest, FlushWithoutABatchHasNothingToFlush) {
+  const auto backend = start(reportingClient());
+  EXPECT_EQ(flushError(*backend), "Nothing to flush");
+  EXPECT_EQ(backend->flushMessagesWithCompletion(nullptr), std::nullopt);
+}
+
+TEST_F(HTTPSPostBackendBatchingTest, FlushOfABackendThatIsNotEnabledDiscardsTheBatch) {
+  for (const int32_t state : {0, 1, 3}) {
+    const auto backend = start(reportingClient());
+    send(*backend, 1);
+    backend->setState(state);
+    EXPECT_EQ(flushError(*backend), "Nothing to flush") << state;
+    EXPECT_EQ(backend->batchedEventsSize(), 0U) << state;
+  }
+}
+
+TEST_F(HTTPSPostBackendBatchingTest, MessagesThatWaitForUserInformationAreBatched) {
+  const auto backend = make(reportingClient());
+  EXPECT_EQ(send(*backend, 1, 1), std::nullopt);
+  expectDebugLine("HTTPSPostBackend(sendMessage): Batching 0, 1, 1");
+  EXPECT_GT(backend->batchedEventsSize(), 0U);
+  EXPECT_EQ(flushError(*backend), "Nothing to flush");
+}
+
+TEST_F(HTTPSPostBackendBatchingTest, FlushWithoutRequiredUserInformationKeepsTheBatch) {
+  const auto backend = start(reportingClient());
+  send(*backend, 1);
+  backend->setUserInfoDict(std::nullopt);
+  EXPECT_EQ(flushError(*backend), "Can not flush: userInfo is required");
+  EXPECT_EQ(backend->flushMessagesWithCompletion(nullptr), std::nullopt);
+  backend->setUserInfoDict(userInfo());
+  EXPECT_EQ(eventsOf(backend->flushMessagesWithCompletion(nullptr)).size(), 1U);
+}
+
+TEST_F(HTTPSPostBackendBatchingTest, FlushAddsFilteredUserInformationToEveryRecord) {
+  Dictionary removeName{{"key", "userInfoClientName"}, {"action", "remove"}, {"method", 0}};
+  const auto backend = start(with(reportingClient(), "filters", Array{removeName}));
+  send(*backend, 1);
+  backend->setUserInfoDict(userInfo("Other", "FrontCamera"));
+  const Array events = eventsOf(backend->flushMessagesWithCompletion(nullptr));
+  expectDebugLine("HTTPSPostBackend(flushMessagesWithCompletion): called");
+  // Filtered as method 0, the user information of now lacks the name: that of the
+  // record, which came under method 1, stays.
+  EXPECT_EQ(field(events, 0, "userInfoClientName"), Value("Camera"));
+  EXPECT_EQ(field(events, 0, "userInfoServiceName"), Value("FrontCamera"));
+}
+
+TEST_F(HTTPSPostBackendBatchingTest, FlushDropsEventsOutsideTheListsAndKeepsTheOrder) {
+  const auto backend =
+      start(with(with(reportingClient(), "event_whitelist", Array{1, 2, 3}), "event_blacklist", Array{2}));
+  for (const uint16_t method : {3, 9, 2, 1}) send(*backend, method);
+  const Array events = eventsOf(backend->flushMessagesWithCompletion(nullptr));
+  ASSERT_EQ(events.size(), 2U);
+  EXPECT_EQ(field(events, 0, "_method"), Value(3));
+  EXPECT_EQ(field(events, 1, "_method"), Value(1));
+  expectDebugLine(
+      "flushMessagesWithCompletion: Dropping event with category 9 as it is not whitelisted for backend "
+      "httpPost");
+  expectDebugLine(
+      "flushMessagesWithCompletion: Dropping event with category 2 as it is blacklisted for backend "
+      "httpPost");
+}
+
+TEST_F(HTTPSPostBackendBatchingTest, BatchThatTheListsEmptyIsClearedAndLeavesTheConfigurationOpen) {
+  const auto backend = start(with(reportingClient(), "event_whitelist", Array{}));
+  send(*backend, 1);
+  EXPECT_EQ(flushError(*backend), "Nothing to flush: batched events were completely filtered out");
+  EXPECT_EQ(backend->batchedEventsSize(), 0U);
+  EXPECT_FALSE(immutableIs(*backend));
+}
+
+TEST_F(HTTPSPostBackendBatchingTest, FlushedBackendKeepsItsStateAndSettings) {
+  const auto backend = start(reportingClient());
+  send(*backend, 1);
+  EXPECT_TRUE(backend->flushMessagesWithCompletion(nullptr).has_value());
+  platform_.log.clear();
+  platform_.locale.region = "US";
+  EXPECT_EQ(backend->updateState(), ZunBackendStateEnabled);
+  backend->setState(ZunBackendStateDisabled);
+  EXPECT_EQ(backend->updateState(), ZunBackendStateDisabled);
+  EXPECT_TRUE(platform_.log.linesOf(LogLevel::kDefault).empty());
+}
+
+TEST_F(HTTPSPostBackendBatchingTest, FlushWhoseTextMayNotBeLoggedLeavesTheConfigurationOpen) {
+  setDiagnosticSubmission(false);
+  const auto backend = start(with(reportingClient(), "override_dnu", 1));
+  send(*backend, 1);
+  EXPECT_EQ(backend->flushMessagesWithCompletion(nullptr), std::nullopt);
+  EXPECT_EQ(backend->batchedEventsSize(), 0U);
+  EXPECT_FALSE(immutableIs(*backend));
+}
+
+TEST_F(HTTPSPostBackendBatchingTest, FlushWithoutHelperNeverCallsItsCompletion) {
+  const auto backend = start(reportingClient());
+  send(*backend, 1);
+  const auto outcome = std::make_shared<Outcome>();
+  EXPECT_TRUE(backend->flushMessagesWithCompletion(keepIn(outcome)).has_value());
+  EXPECT_EQ(outcome->calls, 0);
+  EXPECT_EQ(outcome.use_count(), 1);  // let go
+}
+
+// --- correlation and size --------------------------------------------------------
+
+TEST_F(HTTPSPostBackendBatchingTest, CorrelatedSessionIDReachesBatchedRecordsAndLaterOnes) {
+  const auto backend = start(reportingClient());
+  backend->setCombinedSessionIDString("77");
+  send(*backend, 1);
+  backend->setCorrelatedSessionID("77,78");
+  send(*backend, 2);
+  const Array events = eventsOf(backend->flushMessagesWithCompletion(nullptr));
+  ASSERT_EQ(events.size(), 2U);
+  EXPECT_EQ(field(events, 0, "_sessionID"), Value("77,78"));
+  EXPECT_EQ(field(events, 1, "_sessionID"), Value("77,78"));
+}
+
+TEST_F(HTTPSPostBackendBatchingTest, BatchSizeIsTheSumOfTheRecordsEstimates) {
+  const auto backend = start(reportingClient());
+  EXPECT_EQ(backend->batchedEventsSize(), 0U);
+  send(*backend, 1);
+  const uint32_t one = backend->batchedEventsSize();
+  send(*backend, 2);
+  EXPECT_EQ(backend->batchedEventsSize(), 2 * one);
+}
+
+// One session's messages and flushes beside what other sessions' threads may do.
+TEST_F(HTTPSPostBackendBatchingTest, BatchIsSafeFromOtherThreads) {
+  const auto backend = start(reportingClient());
+  std::thread other([&backend] {
+    for (int i = 0; i < 200; ++i) {
+      backend->setCorrelatedSessionID("1," + std::to_string(i));
+      (void)backend->batchedEventsSize();
+      (void)backend->state();
+      backend->setSamplingThreshold(0.5);
+    }
+  });
+  size_t flushed = 0;
+  for (uint16_t i = 0; i < 200; ++i) {
+    send(*backend, i);
+    if (i % 50 == 49) flushed += eventsOf(backend->flushMessagesWithCompletion(nullptr)).size();
+  }
+  other.join();
+  EXPECT_EQ(flushed, 200U);
+}
+
+}  // namespace
+}  // namespace zun
