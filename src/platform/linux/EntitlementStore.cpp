@@ -14,7 +14,7 @@
 
 #include "platform/PropertyList.h"
 #include "platform/Result.h"
-#include "platform/linux/dbus/UniqueDescriptor.h"
+#include "platform/linux/FileDescriptor.h"
 
 namespace zun {
 
@@ -36,9 +36,9 @@ std::string systemMessage(int error) {
 Result<std::string, std::string> readTrustedFile(const std::string& path) {
   using Read = Result<std::string, std::string>;
   // Not blocking: a pipe in its place must not hold up everybody.
-  const UniqueDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   struct stat status {};
-  if (!file || ::fstat(file.get(), &status) != 0) return Read::failure(systemMessage(errno));
+  if (!file.isOpen() || ::fstat(file.get(), &status) != 0) return Read::failure(systemMessage(errno));
   if (!S_ISREG(status.st_mode)) return Read::failure("it is no regular file");
   if (status.st_uid != 0 && status.st_uid != ::geteuid()) {
     return Read::failure("it belongs neither to root nor to this user");

@@ -9,8 +9,8 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/linux/FileDescriptor.h"
 #include "platform/linux/dbus/DBusMessage.h"
-#include "platform/linux/dbus/UniqueDescriptor.h"
 
 namespace zun {
 
@@ -24,7 +24,7 @@ struct DBusIncomingMessage {
   std::string_view body;
   size_t totalBytes = 0;
   const char* reason = "";
-  std::vector<UniqueDescriptor> descriptors;
+  std::vector<FileDescriptor> descriptors;
 };
 
 /// What a connection receives: cuts the stream into messages, many for each system
@@ -70,7 +70,7 @@ class DBusInput final {
   bool wasFilled_ = false;
   bool allowsDescriptors_ = false;
   const char* refusal_ = "";
-  std::deque<UniqueDescriptor> descriptors_;
+  std::deque<FileDescriptor> descriptors_;
 };
 
 }  // namespace zun

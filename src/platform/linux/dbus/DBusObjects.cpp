@@ -14,8 +14,8 @@ namespace zun {
 namespace {
 
 // Tells this service's view of the machine from every other's; never the raw machine id.
-constexpr sd_id128_t kMachineIDPurpose =
-    SD_ID128_MAKE(5e, 1f, 3b, 7c, 92, 0a, 4d, 61, a8, 4f, c3, d0, 17, 6e, 25, b9);
+constexpr sd_id128_t kMachineIDPurpose{
+    {0x5e, 0x1f, 0x3b, 0x7c, 0x92, 0x0a, 0x4d, 0x61, 0xa8, 0x4f, 0xc3, 0xd0, 0x17, 0x6e, 0x25, 0xb9}};
 
 constexpr uint32_t kPrimaryOwner = 1;
 constexpr uint32_t kNameReleased = 1;

@@ -29,17 +29,19 @@ bool sendWhole(int socket, std::string_view bytes) {
 
 }  // namespace
 
-std::shared_ptr<DBusServiceConnection> DBusServiceConnection::create(
-    UniqueDescriptor socket, PeerIdentity peer, Dictionary entitlements, std::string serverID,
-    const DBusConnectionOptions& options, SystemLog& log) {
-  UniqueDescriptor wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-  if (!wake) return nullptr;
+std::shared_ptr<DBusServiceConnection> DBusServiceConnection::create(FileDescriptor socket, PeerIdentity peer,
+                                                                     Dictionary entitlements,
+                                                                     std::string serverID,
+                                                                     const DBusConnectionOptions& options,
+                                                                     SystemLog& log) {
+  FileDescriptor wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  if (!wake.isOpen()) return nullptr;
   return std::make_shared<DBusServiceConnection>(std::move(socket), std::move(wake), std::move(peer),
                                                  std::move(entitlements), std::move(serverID), options, log);
 }
 
-DBusServiceConnection::DBusServiceConnection(UniqueDescriptor socket, UniqueDescriptor wake,
-                                             PeerIdentity peer, Dictionary entitlements, std::string serverID,
+DBusServiceConnection::DBusServiceConnection(FileDescriptor socket, FileDescriptor wake, PeerIdentity peer,
+                                             Dictionary entitlements, std::string serverID,
                                              const DBusConnectionOptions& options, SystemLog& log)
     : peer_(std::move(peer)),
       entitlements_(std::move(entitlements)),

@@ -9,11 +9,11 @@
 
 #include "platform/ServiceConnection.h"
 #include "platform/SystemLog.h"
+#include "platform/linux/FileDescriptor.h"
 #include "platform/linux/dbus/DBusInput.h"
 #include "platform/linux/dbus/DBusObjects.h"
 #include "platform/linux/dbus/DBusOutput.h"
 #include "platform/linux/dbus/PeerIdentity.h"
-#include "platform/linux/dbus/UniqueDescriptor.h"
 
 namespace zun {
 
@@ -37,11 +37,11 @@ class DBusServiceConnection final : public ServiceConnection {
  public:
   /// `entitlements`: name to boolean, decided once. `log` outlives the connection. Null
   /// when the system is short of descriptors.
-  static std::shared_ptr<DBusServiceConnection> create(UniqueDescriptor socket, PeerIdentity peer,
+  static std::shared_ptr<DBusServiceConnection> create(FileDescriptor socket, PeerIdentity peer,
                                                        Dictionary entitlements, std::string serverID,
                                                        const DBusConnectionOptions& options, SystemLog& log);
 
-  DBusServiceConnection(UniqueDescriptor socket, UniqueDescriptor wake, PeerIdentity peer,
+  DBusServiceConnection(FileDescriptor socket, FileDescriptor wake, PeerIdentity peer,
                         Dictionary entitlements, std::string serverID, const DBusConnectionOptions& options,
                         SystemLog& log);
   ~DBusServiceConnection() override;
@@ -87,8 +87,8 @@ class DBusServiceConnection final : public ServiceConnection {
   const DBusConnectionOptions options_;
   const std::string description_;
   SystemLog& log_;
-  UniqueDescriptor socket_;
-  UniqueDescriptor wake_;
+  FileDescriptor socket_;
+  FileDescriptor wake_;
   std::shared_ptr<DBusOutput> output_;
   DBusInput input_;
 

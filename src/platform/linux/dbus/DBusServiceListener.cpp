@@ -27,8 +27,8 @@ std::string makeServerID() {
   return ::sd_id128_to_string(id, text.data());
 }
 
-UniqueDescriptor openSpare() {
-  return UniqueDescriptor(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+FileDescriptor openSpare() {
+  return FileDescriptor(::open("/dev/null", O_RDONLY | O_CLOEXEC));
 }
 
 /// Sanitizers' frames and red zones take several times the stack.
@@ -54,17 +54,16 @@ Result<std::unique_ptr<DBusServiceListener>, Error> DBusServiceListener::create(
   using Created = Result<std::unique_ptr<DBusServiceListener>, Error>;
   auto socket = ListeningSocket::open(options.address);
   if (!socket) return Created::failure(socket.error());
-  UniqueDescriptor wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-  if (!wake) {
+  FileDescriptor wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  if (!wake.isOpen()) {
     return Created::failure({kPOSIXErrorDomain, errno, std::generic_category().message(errno)});
   }
   return std::unique_ptr<DBusServiceListener>(
-      new DBusServiceListener(std::move(options), *std::move(socket), std::move(wake), entitlements, log));
+      new DBusServiceListener(std::move(options), std::move(*socket), std::move(wake), entitlements, log));
 }
 
 DBusServiceListener::DBusServiceListener(DBusListenerOptions options, ListeningSocket socket,
-                                         UniqueDescriptor wake, EntitlementStore& entitlements,
-                                         SystemLog& log)
+                                         FileDescriptor wake, EntitlementStore& entitlements, SystemLog& log)
     : options_(std::move(options)),
       serverID_(makeServerID()),
       entitlements_(entitlements),
@@ -110,8 +109,8 @@ void DBusServiceListener::acceptLoop() {
 }
 
 void DBusServiceListener::acceptOne() {
-  UniqueDescriptor client(::accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
-  if (!client) {
+  FileDescriptor client(::accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+  if (!client.isOpen()) {
     handleAcceptFailure(errno);
     return;
   }
@@ -126,18 +125,18 @@ void DBusServiceListener::handleAcceptFailure(int error) {
   if (error == EAGAIN || error == EINTR || error == ECONNABORTED) return;
   log_.error("listener: a connection is refused: {}", std::generic_category().message(error));
   // Left waiting, the client would keep the socket readable and this thread spinning.
-  if ((error == EMFILE || error == ENFILE) && spare_) {
+  if ((error == EMFILE || error == ENFILE) && spare_.isOpen()) {
     spare_.reset();
-    UniqueDescriptor(::accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC)).reset();
+    FileDescriptor(::accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC)).reset();
     spare_ = openSpare();
     return;
   }
   pollfd woken{wake_.get(), POLLIN, 0};
   ::poll(&woken, 1, kPauseMilliseconds);
-  if (!spare_) spare_ = openSpare();
+  if (!spare_.isOpen()) spare_ = openSpare();
 }
 
-void DBusServiceListener::serve(UniqueDescriptor socket) {
+void DBusServiceListener::serve(FileDescriptor socket) {
   auto peer = readPeerIdentity(socket.get());
   if (!peer) {
     log_.error("listener: a connection is refused: it has no peer credentials");
@@ -149,7 +148,7 @@ void DBusServiceListener::serve(UniqueDescriptor socket) {
   }
   Dictionary entitlements = entitlements_.entitlementsOfPeer(*peer);
   auto connection = DBusServiceConnection::create(
-      std::move(socket), *std::move(peer), std::move(entitlements), serverID_, options_.connection, log_);
+      std::move(socket), std::move(*peer), std::move(entitlements), serverID_, options_.connection, log_);
   if (connection == nullptr) {
     log_.error("listener: a connection is refused: too many open files");
     return;

@@ -15,9 +15,9 @@
 #include "platform/ServiceConnection.h"
 #include "platform/SystemLog.h"
 #include "platform/linux/EntitlementStore.h"
+#include "platform/linux/FileDescriptor.h"
 #include "platform/linux/dbus/DBusServiceConnection.h"
 #include "platform/linux/dbus/ListeningSocket.h"
-#include "platform/linux/dbus/UniqueDescriptor.h"
 
 namespace zun {
 
@@ -59,12 +59,12 @@ class DBusServiceListener final : public ServiceListener {
   /// A connection and its thread.
   struct Served;
 
-  DBusServiceListener(DBusListenerOptions options, ListeningSocket socket, UniqueDescriptor wake,
+  DBusServiceListener(DBusListenerOptions options, ListeningSocket socket, FileDescriptor wake,
                       EntitlementStore& entitlements, SystemLog& log);
   void acceptLoop();
   void acceptOne();
   void handleAcceptFailure(int error);
-  void serve(UniqueDescriptor socket);
+  void serve(FileDescriptor socket);
   /// Why one more connection of this peer is refused; empty if it is not.
   std::string refusal(const PeerIdentity& peer);
   void startThread(std::shared_ptr<DBusServiceConnection> connection);
@@ -80,8 +80,8 @@ class DBusServiceListener final : public ServiceListener {
   SystemLog& log_;
   ServiceListenerDelegate* delegate_ = nullptr;
   ListeningSocket socket_;
-  UniqueDescriptor wake_;
-  UniqueDescriptor spare_;  // given up for a moment to refuse a client when descriptors run out
+  FileDescriptor wake_;
+  FileDescriptor spare_;  // given up for a moment to refuse a client when descriptors run out
   std::thread thread_;
   std::atomic<bool> isStopping_{false};
 

@@ -52,13 +52,13 @@ sockaddr_un addressOf(const std::string& path) {
   return address;
 }
 
-UniqueDescriptor makeSocket() {
-  return UniqueDescriptor(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+FileDescriptor makeSocket() {
+  return FileDescriptor(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
 }
 
 /// Somebody listens there.
 bool isAnswered(const sockaddr_un& address) {
-  const UniqueDescriptor probe = makeSocket();
+  const FileDescriptor probe = makeSocket();
   if (::connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) return true;
   return errno == EAGAIN || errno == EINPROGRESS;
 }
@@ -78,11 +78,11 @@ std::optional<Error> clearStaleSocket(const std::string& path, const sockaddr_un
 
 /// Two that start at once must not each take the other's fresh socket for a stale one.
 /// Whoever holds the lock for long is none of us: then it goes without.
-UniqueDescriptor lockFolder(const char* folder) {
+FileDescriptor lockFolder(const char* folder) {
   constexpr int kAttempts = 20;
   constexpr std::chrono::milliseconds kPause{50};
-  UniqueDescriptor guard(::open(folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  for (int attempt = 0; guard && attempt < kAttempts; ++attempt) {
+  FileDescriptor guard(::open(folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  for (int attempt = 0; guard.isOpen() && attempt < kAttempts; ++attempt) {
     if (::flock(guard.get(), LOCK_EX | LOCK_NB) == 0) break;
     std::this_thread::sleep_for(kPause);
   }
@@ -105,12 +105,12 @@ Result<std::string, Error> pathOfDBusAddress(std::string_view address) {
   if (path->size() >= sizeof(sockaddr_un::sun_path)) {
     return Path::failure(errorOf(ENAMETOOLONG, *path));
   }
-  return *std::move(path);
+  return std::move(*path);
 }
 
 Result<ListeningSocket, Error> ListeningSocket::open(std::string_view address) {
   if (::sd_listen_fds(1) > 0) {
-    UniqueDescriptor handedOver(SD_LISTEN_FDS_START);
+    FileDescriptor handedOver(SD_LISTEN_FDS_START);
     if (::sd_is_socket_unix(handedOver.get(), SOCK_STREAM, 1, nullptr, 0) <= 0) {
       return Opened::failure(errorOf(ENOTSOCK, "the service manager's descriptor is no listening socket"));
     }
@@ -130,11 +130,11 @@ Result<ListeningSocket, Error> ListeningSocket::bindTo(const std::string& path) 
   std::error_code failure;
   if (!folder.empty()) std::filesystem::create_directories(folder, failure);
   if (failure) return Opened::failure(errorOf(failure.value(), folder.string()));
-  const UniqueDescriptor guard = lockFolder(folder.empty() ? "." : folder.c_str());
+  const FileDescriptor guard = lockFolder(folder.empty() ? "." : folder.c_str());
   const sockaddr_un address = addressOf(path);
-  if (auto error = clearStaleSocket(path, address)) return Opened::failure(*std::move(error));
+  if (auto error = clearStaleSocket(path, address)) return Opened::failure(std::move(*error));
   ListeningSocket socket(makeSocket());
-  if (!socket.descriptor_) return Opened::failure(errorOf(errno, "socket"));
+  if (!socket.descriptor_.isOpen()) return Opened::failure(errorOf(errno, "socket"));
   if (::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
     return Opened::failure(errorOf(errno, path));
   }
@@ -152,7 +152,7 @@ Result<ListeningSocket, Error> ListeningSocket::bindTo(const std::string& path) 
 }
 
 void ListeningSocket::close() {
-  if (!descriptor_) return;
+  if (!descriptor_.isOpen()) return;
   descriptor_.reset();
   struct stat status {};
   const bool isOurs = !path_.empty() && ::lstat(path_.c_str(), &status) == 0 && status.st_dev == device_ &&

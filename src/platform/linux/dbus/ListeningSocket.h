@@ -7,7 +7,7 @@
 
 #include "platform/Error.h"
 #include "platform/Result.h"
-#include "platform/linux/dbus/UniqueDescriptor.h"
+#include "platform/linux/FileDescriptor.h"
 
 namespace zun {
 
@@ -26,10 +26,10 @@ class ListeningSocket final {
   void close();
 
  private:
-  explicit ListeningSocket(UniqueDescriptor descriptor) : descriptor_(std::move(descriptor)) {}
+  explicit ListeningSocket(FileDescriptor descriptor) : descriptor_(std::move(descriptor)) {}
   static Result<ListeningSocket, Error> bindTo(const std::string& path);
 
-  UniqueDescriptor descriptor_;
+  FileDescriptor descriptor_;
   std::string path_;  // of the file to remove
   dev_t device_ = 0;
   ino_t inode_ = 0;

@@ -9,8 +9,8 @@
 #include <cerrno>
 #include <climits>
 
+#include "platform/linux/FileDescriptor.h"
 #include "platform/linux/dbus/DBusNames.h"
-#include "platform/linux/dbus/UniqueDescriptor.h"
 
 #ifndef SO_PEERPIDFD
 #define SO_PEERPIDFD 77
@@ -20,14 +20,14 @@ namespace zun {
 
 namespace {
 
-UniqueDescriptor peerProcessDescriptor(int socket) {
+FileDescriptor peerProcessDescriptor(int socket) {
   int descriptor = -1;
   socklen_t length = sizeof descriptor;
   if (::getsockopt(socket, SOL_SOCKET, SO_PEERPIDFD, &descriptor, &length) != 0) return {};
-  return UniqueDescriptor(descriptor);
+  return FileDescriptor(descriptor);
 }
 
-bool hasEnded(const UniqueDescriptor& process) {
+bool hasEnded(const FileDescriptor& process) {
   pollfd ended{process.get(), POLLIN, 0};
   return ::poll(&ended, 1, 0) != 0;
 }
@@ -68,10 +68,10 @@ std::optional<PeerIdentity> readPeerIdentity(int socket) {
   peer.user = credentials.uid;
   peer.group = credentials.gid;
   peer.supplementaryGroups = supplementaryGroupsOfPeer(socket);
-  const UniqueDescriptor process = peerProcessDescriptor(socket);
+  const FileDescriptor process = peerProcessDescriptor(socket);
   peer.executable = executableOfProcess(peer.process);
   // Had the process ended, its number might by now be another's.
-  if (process && hasEnded(process)) peer.executable.clear();
+  if (process.isOpen() && hasEnded(process)) peer.executable.clear();
   return peer;
 }
 
