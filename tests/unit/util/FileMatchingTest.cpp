@@ -69,7 +69,8 @@ TEST_F(FileMatchingTest, LinkIsRemovedAndItsTargetStays) {
 
 TEST_F(FileMatchingTest, InvalidExpressionAndMissingFolderDeleteNothing) {
   add("x");
-  for (const std::string expression : {"(", "[", "x{99999999}", std::string(5000, 'x')}) {
+  for (const std::string& expression :
+       std::vector<std::string>{"(", "[", "x{99999999}", std::string(5000, 'x')}) {
     deleteMatchingItems(platform_.files, expression, LetterCase::kSignificant, folder_);
   }
   EXPECT_TRUE(exists("x"));
