@@ -41,8 +41,8 @@ using BackendFactory = std::function<std::shared_ptr<ZunReportingBackend>(
 struct BackendCreationOptions {
   const Dictionary* storebag = nullptr;
   const Dictionary* sessionInfo = nullptr;
-  std::optional<Dictionary> userInfo;
-  std::string deviceIdentifier;
+  std::optional<Dictionary> userInfo = {};
+  std::string deviceIdentifier = {};
 };
 
 /// The backends that a storebag names (possibly no one), told what they need to know;

@@ -1,0 +1,228 @@
+// From arguments as they come over the wire to operations, and back to replies.
+
+#include "RecordingReply.h"
+#include "SessionTest.h"
+
+namespace zun {
+namespace {
+
+std::string signature(std::span<const ServiceArgument> arguments) {
+  std::string types;
+  for (const ServiceArgument& argument : arguments) types += argument.type;
+  return types;
+}
+
+Value nothing() {
+  return Array();
+}
+Value just(Value value) {
+  return Array{std::move(value)};
+}
+
+class ClientSessionObjectTest : public SessionTest {
+ protected:
+  ClientSessionObjectTest() { object_ = makeClientSessionObject(session_); }
+  void TearDown() override {
+    object_.reset();
+    SessionTest::TearDown();
+  }
+
+  static size_t memberIndex(std::string_view name) {
+    const auto members = clientSessionInterface().members;
+    for (size_t i = 0; i < members.size(); ++i) {
+      if (members[i].name == name) return i;
+    }
+    ADD_FAILURE() << "no member " << name;
+    return members.size();
+  }
+  RecordingReply begin(std::string_view member, const Array& arguments = {}) {
+    RecordingReply recording;
+    object_->handleCall(memberIndex(member), arguments, recording.reply());
+    return recording;
+  }
+  std::string call(std::string_view member, const Array& arguments = {}) {
+    return begin(member, arguments).description();
+  }
+  std::string configure(const Dictionary& info = sessionInfo(7)) {
+    return call("setSessionInfo", {info, just(userInfo("C", "S")), Array{"framework"}, true});
+  }
+
+  std::shared_ptr<ExportedObject> object_;
+};
+
+TEST(ClientSessionInterfaceTest, MembersHaveTheirNamesAndSignatures) {
+  const ServiceInterface& interface = clientSessionInterface();
+  EXPECT_EQ(interface.objectPath, "/com/vantix/zunreportingd/session");
+  EXPECT_EQ(interface.name, "com.vantix.zunreportingd.ClientSessionInterface");
+  std::vector<std::string> members;
+  for (const ServiceMember& member : interface.members)
+    members.push_back(std::string(member.name) + " " + signature(member.in) + " -> " + signature(member.out));
+  EXPECT_EQ(members, (std::vector<std::string>{
+                         "setSessionInfo a{sv}aa{sv}asb -> ",
+                         "startConfigWithCompletionHandler  -> aas",
+                         "fetchStatesWithUserInfo aa{sv} -> aas",
+                         "fetchDisplayURL  -> s",
+                         "sendMessageWithDictionary a{sv} -> as",
+                         "flushMessagesWithCompletion  -> asa(sis)",
+                         "finishSessionGracefully  -> ",
+                         "sendMessageWithSessionInfo a{sv}aa{sv}qqaa{sv} -> s",
+                         "updateSharedDataWithDictionary a{sv} -> ",
+                         "updateSharedDataForKey sav -> ",
+                         "setDigestKey ayi -> ",
+                     }));
+}
+
+TEST(ClientSessionInterfaceTest, ClientsExportOneOperation) {
+  const ServiceInterface& interface = clientSessionReplyInterface();
+  EXPECT_EQ(interface.objectPath, "/com/vantix/zunreportingd/client");
+  EXPECT_EQ(interface.name, "com.vantix.zunreportingd.ClientSessionReplyInterface");
+  ASSERT_EQ(interface.members.size(), 1U);
+  EXPECT_EQ(interface.members[0].name, "sendMessageToClient");
+  EXPECT_EQ(signature(interface.members[0].in), "aa{sv}dqqaa{sv}");
+  EXPECT_EQ(signature(interface.members[0].out), "");
+}
+
+TEST_F(ClientSessionObjectTest, OperationsWithoutResultGetAnEmptyReply) {
+  EXPECT_EQ(configure(sessionInfo(7, inHierarchy("token", 0))), "return ()");
+  EXPECT_EQ(call("finishSessionGracefully"), "return ()");
+  EXPECT_EQ(call("updateSharedDataWithDictionary", {Dictionary{{"a", 1}, {"b", 2}}}), "return ()");
+  EXPECT_EQ(call("updateSharedDataForKey", {"c", just(3)}), "return ()");
+  EXPECT_EQ(call("updateSharedDataForKey", {"a", nothing()}), "return ()");
+  EXPECT_EQ(call("setDigestKey", {Value::data("key"), 0}), "return ()");
+
+  EXPECT_EQ(session_->sessionID(), 7U);
+  EXPECT_EQ(session_->userInfo(), userInfo("C", "S"));
+  EXPECT_TRUE(session_->hasAggregator());
+  EXPECT_EQ(agent_.sharedData().at("token"), (Dictionary{{"b", 2}, {"c", 3}}));
+}
+
+TEST_F(ClientSessionObjectTest, OptionalDictionariesAreArraysOfNoOrOneElement) {
+  EXPECT_EQ(call("setSessionInfo", {sessionInfo(7), nothing(), Array{}, false}), "return ()");
+  EXPECT_EQ(session_->userInfo(), std::nullopt);
+  call("setSessionInfo", {sessionInfo(7), just(Dictionary{}), Array{}, false});
+  EXPECT_EQ(session_->userInfo(), Dictionary{});
+}
+
+TEST_F(ClientSessionObjectTest, StatesAreNilWithoutStorebagAndAListWithOne) {
+  configure();
+  EXPECT_EQ(call("startConfigWithCompletionHandler"), "return (())");
+  agent_.storebag = Dictionary{{"a", Dictionary{}}, {"b", Dictionary{{"state", 3}}}};
+  EXPECT_EQ(call("startConfigWithCompletionHandler"), "return (((\"a\", \"b\")))");
+  agent_.storebag = Dictionary{{"a", Dictionary{{"state", 1}}}};
+  EXPECT_EQ(call("startConfigWithCompletionHandler"), "return ((()))");
+  EXPECT_EQ(call("fetchStatesWithUserInfo", {just(userInfo("D", "S"))}), "return ((()))");
+  EXPECT_EQ(session_->userInfo(), userInfo("D", "S"));
+  EXPECT_EQ(call("fetchStatesWithUserInfo", {nothing()}), "return ((()))");
+}
+
+TEST_F(ClientSessionObjectTest, DisplayURLIsAString) {
+  EXPECT_EQ(call("fetchDisplayURL"), "return (\"URL not available\")");
+}
+
+TEST_F(ClientSessionObjectTest, ResponseToAMessageIsOptional) {
+  configure();
+  EXPECT_EQ(call("sendMessageWithDictionary", {message(1, 2)}), "return (())");
+  agent_.storebag = Dictionary{{"httpPost", Dictionary{{"response", "text"}}}};
+  begin("startConfigWithCompletionHandler");
+  EXPECT_EQ(call("sendMessageWithDictionary", {message(1, 2)}), "return ((\"text\"))");
+}
+
+TEST_F(ClientSessionObjectTest, FlushAnswersResultAndError) {
+  EXPECT_EQ(
+      call("flushMessagesWithCompletion"),
+      "return ((), ((\"com.vantix.zunreporting.error\", -1, \"No backends available to send message\")))");
+  configure();
+  agent_.storebag = Dictionary{{"a", Dictionary{{"flushResult", "text"}}}};
+  begin("startConfigWithCompletionHandler");
+  EXPECT_EQ(call("flushMessagesWithCompletion"), "return ((\"text\"), ())");
+}
+
+TEST_F(ClientSessionObjectTest, FlushMayAnswerAfterLaterCallsHaveBeenAnswered) {
+  configure();
+  agent_.storebag = Dictionary{{"a", Dictionary{{"flush", "later"}}}};
+  begin("startConfigWithCompletionHandler");
+  const RecordingReply flush = begin("flushMessagesWithCompletion");
+  EXPECT_EQ(call("sendMessageWithDictionary", {message(1, 2)}), "return (())");
+  EXPECT_EQ(flush.description(), "nothing");
+  backend("a").heldFlushes.at(0)("done", std::nullopt);
+  EXPECT_EQ(flush.description(), "return ((\"done\"), ())");
+}
+
+TEST_F(ClientSessionObjectTest, FlushThatNobodyWillEverCompleteAnswersNoReply) {
+  configure();
+  agent_.storebag = Dictionary{{"a", Dictionary{{"flush", "dropped"}}}};
+  begin("startConfigWithCompletionHandler");
+  EXPECT_EQ(call("flushMessagesWithCompletion"), "error com.vantix.zunreportingd.Error.NoReply");
+}
+
+TEST_F(ClientSessionObjectTest, SingleMessageAnswersItsStatus) {
+  const Array arguments = {sessionInfo(9), just(userInfo("C", "S")), 5, 65535, just(Dictionary{{"key", 1}})};
+  EXPECT_EQ(call("sendMessageWithSessionInfo", arguments), "return (\"storebag not available\")");
+  agent_.storebag = Dictionary{{"a", Dictionary{}}};
+  EXPECT_EQ(call("sendMessageWithSessionInfo", arguments), "return (\"finished\")");
+  EXPECT_EQ(backend("a").sent.at(0).respCode, 65535);
+  EXPECT_EQ(backend("a").sent.at(0).message, (Dictionary{{"key", 1}}));
+  EXPECT_EQ(call("sendMessageWithSessionInfo", {Dictionary{}, nothing(), 5, 6, nothing()}),
+            "return (\"Could not retrieve identifiers from sessionInfo\")");
+  expectErrors({"sendMessageWithSessionInfo: Could not retrieve identifiers from sessionInfo"});
+}
+
+TEST_F(ClientSessionObjectTest, DigestKeyIsRawBytes) {
+  configure();
+  agent_.storebag = Dictionary{{"qrs", Dictionary{}}};
+  begin("startConfigWithCompletionHandler");
+  call("setDigestKey", {Value::data(std::string_view("\0\xff", 2)), -5});
+  EXPECT_EQ(backend("qrs").digestKey(), std::string("\0\xff", 2));
+  EXPECT_EQ(backend("qrs").digestAlgorithm(), -5);
+}
+
+TEST_F(ClientSessionObjectTest, StringsWhereNumbersBelongAreReadAsNumbers) {
+  agent_.storebag = Dictionary{{"a", Dictionary{}}};
+  configure({{kZunReportingSessionInfoSessionID, "12x"},
+             {kZunReportingSessionInfoClientType, "6"},
+             {kZunReportingSessionInfoClientVersion, "v1"},
+             {kZunReportingSessionInfoRequireUserInfo, "yes"},
+             {kZunReportingSessionInfoBatchEvent, Array{1}},
+             {kZunReportingSessionInfoHierarchyToken, "token"}});
+  begin("startConfigWithCompletionHandler");
+  EXPECT_EQ(session_->sessionID(), 12U);
+  EXPECT_EQ(backend("a").compType(), 6);
+  EXPECT_EQ(backend("a").clientVersion(), 0);
+  EXPECT_TRUE(backend("a").requireUserInfo());
+  EXPECT_FALSE(backend("a").batchEvents());
+  call("sendMessageWithDictionary", {Dictionary{{kZunReportingMessageParametersCategory, Array{1}},
+                                                {kZunReportingMessageParametersType, Dictionary{}},
+                                                {kZunReportingMessageParametersFlag, "2"},
+                                                {kZunReportingMessageParametersPayload, 3.5}}});
+  EXPECT_EQ(backend("a").sent.at(1).method, 0);
+  EXPECT_EQ(backend("a").sent.at(1).respCode, 0);
+  EXPECT_EQ(backend("a").sent.at(1).flag, 2);
+  EXPECT_EQ(backend("a").sent.at(1).message, Dictionary{});
+}
+
+TEST_F(ClientSessionObjectTest, UserInfoOfOtherTypesNamesNobody) {
+  call("setSessionInfo",
+       {sessionInfo(7),
+        just(Dictionary{{kZunReportingUserInfoClientName, 5}, {kZunReportingUserInfoServiceName, Array{}}}),
+        Array{}, false});
+  call("fetchStatesWithUserInfo", {just(Dictionary{{kZunReportingUserInfoClientName, 5}})});
+  expectDebugLine("receivedUserInfo: Received new user info for session 7");
+}
+
+TEST_F(ClientSessionObjectTest, CallOfNoMemberAnswersNoReply) {
+  RecordingReply recording;
+  object_->handleCall(clientSessionInterface().members.size(), {}, recording.reply());
+  EXPECT_EQ(recording.description(), "error com.vantix.zunreportingd.Error.NoReply");
+}
+
+TEST_F(ClientSessionObjectTest, ObjectKeepsItsSession) {
+  const std::weak_ptr<ReportingdSession> weak = session_;
+  session_.reset();
+  EXPECT_FALSE(weak.expired());
+  EXPECT_EQ(call("fetchDisplayURL"), "return (\"URL not available\")");
+  object_.reset();
+  EXPECT_TRUE(weak.expired());
+}
+
+}  // namespace
+}  // namespace zun

@@ -1,0 +1,149 @@
+// What happens when the last reference to a session goes.
+
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+
+#include "SessionTest.h"
+
+namespace zun {
+namespace {
+
+class SessionTeardownTest : public SessionTest {
+ protected:
+  void endSession() {
+    session_.reset();
+    executor_.runAll();
+  }
+
+  /// False when the lock did not come free within a deadline that only a failure reaches.
+  bool otherThreadCanLockTheAgent() {
+    locker_ = std::thread([this] {
+      const RecursiveMutexLock lock(agent_.objectLock());
+      const std::lock_guard guard(mutex_);
+      locked_ = true;
+      changed_.notify_all();
+    });
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, std::chrono::seconds(30), [this] { return locked_; });
+  }
+
+  std::thread locker_;
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  bool locked_ = false;
+};
+
+TEST_F(SessionTeardownTest, EndMessageCarriesVersionAndHowTheSessionEnded) {
+  startWith({{"test", Dictionary{}}});
+  const auto test = world_.backends.at("test");
+  endSession();
+
+  expectDebugLine("dealloc: ReportingdSession dealloc: 7");
+  ASSERT_EQ(test->sent.size(), 2U);
+  EXPECT_EQ(test->sent[1].method, 0);
+  EXPECT_EQ(test->sent[1].respCode, 1);
+  EXPECT_EQ(test->sent[1].message["ClientData"],
+            Value(Dictionary{{"StorebagVersion", "41"}, {"GracefulTermination", false}}));
+  EXPECT_EQ(test->flushes, 1);
+  EXPECT_EQ(test->cleanups, 1);
+  expectDebugLine("internalSendMessage: Sent internal message (method:0 respCode:1)");
+  expectDebugLine("flushMessagesWithCompletion: Flushing messages for session 7");
+  expectDebugLine("internalFlushMessagesWithCompletion: test");
+}
+
+TEST_F(SessionTeardownTest, GracefulFinishShowsInTheEndMessage) {
+  startWith({{"test", Dictionary{}}});
+  session_->finishSessionGracefully();
+  expectDebugLine("finishSessionGracefully: Session 7 has been finished gracefully");
+  const auto test = world_.backends.at("test");
+  EXPECT_EQ(test->sent.size(), 1U);  // nothing else happens before the end
+  endSession();
+  EXPECT_EQ(test->sent.at(1).message["ClientData"],
+            Value(Dictionary{{"StorebagVersion", "41"}, {"GracefulTermination", true}}));
+}
+
+TEST_F(SessionTeardownTest, EndMessageWithoutStorebagVersionOmitsBothKeys) {
+  agent_.version = std::nullopt;
+  startWith({{"test", Dictionary{}}});
+  const auto test = world_.backends.at("test");
+  session_->finishSessionGracefully();
+  endSession();
+  ASSERT_EQ(test->sent.size(), 2U);
+  EXPECT_EQ(test->sent[1].message["ClientData"], Value(Dictionary{}));
+}
+
+TEST_F(SessionTeardownTest, WithoutBackendsThereIsNoEndMessageAndNoFlush) {
+  session_->setSessionInfo(sessionInfo(7), std::nullopt, {}, false);
+  endSession();
+  expectDebugLine("dealloc: ReportingdSession dealloc: 7");
+  EXPECT_FALSE(platform_.log.contains(LogLevel::kDebug,
+                                      "internalSendMessage: Sent internal message (method:0 respCode:1)"));
+  EXPECT_FALSE(platform_.log.contains(LogLevel::kDebug,
+                                      "flushMessagesWithCompletion: Flushing messages for session 7"));
+}
+
+TEST_F(SessionTeardownTest, SessionWithoutHelperReleasesOneTransactionThroughTheAgent) {
+  session_->setSessionInfo(sessionInfo(7), std::nullopt, {}, false);
+  endSession();
+  EXPECT_EQ(agent_.releasedTransactions(), 1U);
+  expectDebugLine(
+      "ReportingdSession dealloc: release Quorx transaction for session without connectivity helper for "
+      "session 7");
+}
+
+TEST_F(SessionTeardownTest, SessionWithHelperHandsItsTransactionToTheHelper) {
+  session_->setSessionInfo(sessionInfo(7), userInfo("Client", "Service"), {}, false);
+  endSession();
+  expectDebugLine("ReportingdSession dealloc: incrementing total sessions count for session 7");
+  EXPECT_EQ(agent_.releasedTransactions(), 0U);
+  EXPECT_EQ(agent_.countOfCalls("releaseSharedConnectivityHelper client:service"), 1);
+
+  // The helper has it now, and hands it back at its end.
+  agent_.helper("client:service")->invalidate();
+  executor_.runAll();
+  EXPECT_EQ(agent_.releasedTransactions(), 1U);
+}
+
+TEST_F(SessionTeardownTest, TeardownRunsOnceOnTheThreadThatDropsTheLastReference) {
+  startWith({{"test", Dictionary{}}});
+  std::thread::id tornDownOn;
+  int releases = 0;
+  agent_.onHelperRelease = [&] {
+    tornDownOn = std::this_thread::get_id();
+    ++releases;
+  };
+  auto second = session_;
+  session_.reset();
+  EXPECT_EQ(releases, 0);
+  std::thread::id dropper;
+  std::thread([&second, &dropper] {
+    dropper = std::this_thread::get_id();
+    second.reset();
+  }).join();
+  EXPECT_EQ(releases, 1);
+  EXPECT_EQ(tornDownOn, dropper);
+}
+
+// A child looks at its parent just when the parent's connection ends: the child then holds
+// the last reference, while it has the agent's lock.
+TEST_F(SessionTeardownTest, ParentThatOnlyItsChildHeldIsTornDownWithoutTheAgentsLock) {
+  agent_.storebag = Dictionary{{"test", Dictionary{}}};
+  auto parent = world_.makeSession();
+  parent->setSessionInfo(sessionInfo(1, inHierarchy("t", 0)), userInfo("Parent", "S"), {}, false);
+  startWith({{"test", Dictionary{}}}, sessionInfo(7, inHierarchy("t", 1)));
+
+  agent_.onParentFound = [&parent] { parent.reset(); };
+  bool couldLock = false;
+  agent_.onHelperRelease = [this, &couldLock] { couldLock = otherThreadCanLockTheAgent(); };
+  session_->syncReportingStates();
+  EXPECT_TRUE(couldLock);
+  locker_.join();
+  agent_.onHelperRelease = nullptr;
+  expectDebugLine("dealloc: ReportingdSession dealloc: 1");
+}
+
+}  // namespace
+}  // namespace zun
