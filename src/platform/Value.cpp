@@ -6,6 +6,7 @@
 #include <atomic>
 #include <charconv>
 #include <cmath>
+#include <cstdlib>
 #include <limits>
 #include <memory>
 #include <new>
@@ -32,8 +33,9 @@ struct alignas(Value) ArrayStorage {
 };
 
 /// Entries in insertion order. A removed entry keeps its slot with a none key until
-/// the next growth. From kIndexedFrom slots on, `index` finds a key's slot: an open
-/// table of slot numbers plus one, twice as large as the capacity at least.
+/// the next growth. From a capacity of kIndexedFrom on, `index` finds a key's slot: an
+/// open table of slot numbers plus one, twice as large as the capacity at least. Below,
+/// one byte for each slot, behind the entries, tells which keys are worth comparing.
 struct alignas(Value) DictionaryStorage {
   std::atomic<uint32_t> references{1};
   uint32_t slots = 0;
@@ -42,6 +44,7 @@ struct alignas(Value) DictionaryStorage {
   std::unique_ptr<uint32_t[]> index;
   uint64_t indexMask = 0;
   DictionaryEntry* entries() { return reinterpret_cast<DictionaryEntry*>(this + 1); }
+  uint8_t* fingerprints() { return reinterpret_cast<uint8_t*>(entries() + capacity); }
 };
 
 static_assert(sizeof(ArrayStorage) % alignof(Value) == 0);
@@ -116,9 +119,28 @@ uint64_t hashOf(std::string_view text) {
     text.remove_prefix(sizeof word);
   }
   word = 0;
-  std::memcpy(&word, text.data(), text.size());
+  if (!text.empty()) std::memcpy(&word, text.data(), text.size());
   mix(word);
   return hash;
+}
+
+/// Eight bits of a key's length, beginning and end: enough to tell most keys of a small
+/// dictionary apart. A client that chooses keys alike gains nothing but the comparisons.
+uint8_t fingerprintOf(std::string_view text) {
+  uint64_t head = 0;
+  uint64_t tail = 0;
+  if (text.size() >= sizeof head) {
+    std::memcpy(&head, text.data(), sizeof head);
+    std::memcpy(&tail, text.data() + text.size() - sizeof tail, sizeof tail);
+  } else if (text.size() >= sizeof(uint32_t)) {
+    std::memcpy(&head, text.data(), sizeof(uint32_t));
+    std::memcpy(&tail, text.data() + text.size() - sizeof(uint32_t), sizeof(uint32_t));
+  } else if (!text.empty()) {
+    head = static_cast<unsigned char>(text.front());
+    tail = static_cast<unsigned char>(text[text.size() / 2]);
+  }
+  const uint64_t mixed = (head ^ (tail * 0xFF51AFD7ED558CCDULL) ^ text.size()) * 0x9E3779B97F4A7C15ULL;
+  return static_cast<uint8_t>(mixed >> 56);
 }
 
 void insertIntoIndex(DictionaryStorage& storage, std::string_view key, uint32_t slot) {
@@ -127,8 +149,14 @@ void insertIntoIndex(DictionaryStorage& storage, std::string_view key, uint32_t 
   storage.index[place] = slot + 1;
 }
 
+/// Makes the keys of a block findable. Its capacity has been set, its slots filled.
 void buildIndex(DictionaryStorage& storage) {
-  if (storage.capacity < kIndexedFrom) return;
+  if (storage.capacity < kIndexedFrom) {
+    for (uint32_t slot = 0; slot < storage.slots; ++slot) {
+      storage.fingerprints()[slot] = fingerprintOf(storage.entries()[slot].key.stringValue());
+    }
+    return;
+  }
   uint64_t places = 1;
   while (places < uint64_t{storage.capacity} * 2) places *= 2;
   storage.index = std::make_unique<uint32_t[]>(places);
@@ -142,7 +170,12 @@ DictionaryEntry* find(DictionaryStorage* storage, std::string_view key) {
   if (storage == nullptr) return nullptr;
   DictionaryEntry* const entries = storage->entries();
   if (storage->index == nullptr) {
+    const uint8_t fingerprint = fingerprintOf(key);
+    const uint8_t* const all = storage->fingerprints();
     for (uint32_t slot = 0; slot < storage->slots; ++slot) {
+      const void* const next = std::memchr(all + slot, fingerprint, storage->slots - slot);
+      if (next == nullptr) return nullptr;
+      slot = static_cast<uint32_t>(static_cast<const uint8_t*>(next) - all);
       if (!entries[slot].key.isNone() && entries[slot].key.stringValue() == key) return &entries[slot];
     }
     return nullptr;
@@ -158,7 +191,8 @@ DictionaryEntry* find(DictionaryStorage* storage, std::string_view key) {
 /// A copy, or the moved content, of `from` in a block with room for `capacity`
 /// entries and without the removed ones.
 DictionaryStorage* rebuilt(DictionaryStorage* from, uint32_t capacity, bool moveContent) {
-  auto* storage = allocate<DictionaryStorage>(size_t{capacity} * sizeof(DictionaryEntry));
+  const size_t fingerprintBytes = capacity < kIndexedFrom ? capacity : 0;
+  auto* storage = allocate<DictionaryStorage>(size_t{capacity} * sizeof(DictionaryEntry) + fingerprintBytes);
   storage->capacity = capacity;
   for (uint32_t slot = 0; from != nullptr && slot < from->slots; ++slot) {
     DictionaryEntry& entry = from->entries()[slot];
@@ -195,15 +229,17 @@ double leadingReal(std::string_view text) {
   const size_t start = text.find_first_not_of(" \t\r\n");
   if (start == std::string_view::npos) return 0;
   text.remove_prefix(start);
-  if (text.front() == '+') text.remove_prefix(1);
-  const bool negative = !text.empty() && text.front() == '-';
-  const std::string_view digits = negative ? text.substr(1) : text;
+  const bool negative = text.front() == '-';
+  const std::string_view digits = negative || text.front() == '+' ? text.substr(1) : text;
   // A number begins with a digit or a point: "nan" and "infinity" are words here.
   if (digits.empty() || (digits.front() != '.' && (digits.front() < '0' || digits.front() > '9'))) return 0;
   double number = 0;
   const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), number);
   if (error == std::errc::invalid_argument) return 0;
-  if (error == std::errc::result_out_of_range) number = std::numeric_limits<double>::infinity();
+  if (error == std::errc::result_out_of_range) {
+    // Too large or too small? This one tells, with infinity or 0.
+    number = std::strtod(std::string(digits.data(), end).c_str(), nullptr);
+  }
   return negative ? -number : number;
 }
 
@@ -223,6 +259,20 @@ int64_t integerOfReal(double real) {
   if (real >= 9223372036854775808.0) return std::numeric_limits<int64_t>::max();
   if (real <= -9223372036854775808.0) return std::numeric_limits<int64_t>::min();
   return static_cast<int64_t>(real);
+}
+
+/// Text of one line: control characters are escaped.
+void appendLine(std::string& out, std::string_view text) {
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte >= 0x20 && byte != 0x7F) {
+      out += c;
+    } else if (c == '\n') {
+      out += "\\n";
+    } else {
+      fmt::format_to(std::back_inserter(out), "\\x{:02x}", byte);
+    }
+  }
 }
 
 void appendHex(std::string& out, std::string_view bytes) {
@@ -365,28 +415,42 @@ void Dictionary::set(Value key, Value value) {
     return;
   }
   ZUN_ASSERT(key.isString());
-  if (storage_ != nullptr && isShared(storage_)) mutableStorage(storage_->capacity);
-  if (DictionaryEntry* const entry = find(storage_, key.stringValue()); entry != nullptr) {
+  if (!key.isString()) return;
+  if (DictionaryEntry* entry = find(storage_, key.stringValue()); entry != nullptr) {
+    if (isShared(storage_)) entry = find(mutableStorage(storage_->capacity), key.stringValue());
     entry->value = std::move(value);
     return;
   }
   DictionaryStorage* const storage = mutableStorage(storage_ == nullptr ? 1 : size_t{storage_->slots} + 1);
-  if (storage->index != nullptr) insertIntoIndex(*storage, key.stringValue(), storage->slots);
+  if (storage->index != nullptr) {
+    insertIntoIndex(*storage, key.stringValue(), storage->slots);
+  } else {
+    storage->fingerprints()[storage->slots] = fingerprintOf(key.stringValue());
+  }
   new (storage->entries() + storage->slots) DictionaryEntry{std::move(key), std::move(value)};
   ++storage->slots;
   ++storage->live;
 }
 
 void Dictionary::remove(std::string_view key) {
-  if (find(storage_, key) == nullptr) return;
-  DictionaryStorage* const storage = mutableStorage(storage_->capacity);
-  DictionaryEntry* const entry = find(storage, key);
+  DictionaryEntry* entry = find(storage_, key);
+  if (entry == nullptr) return;
+  DictionaryStorage* storage = storage_;
+  if (isShared(storage_)) {
+    const Value ownKey = entry->key;  // `key` may stand in the block that is let go of here
+    storage = mutableStorage(storage_->capacity);
+    entry = find(storage, ownKey.stringValue());
+  }
   entry->key = Value();
   entry->value = Value();
   --storage->live;
 }
 
 void Dictionary::addEntries(const Dictionary& other) {
+  if (empty()) {
+    *this = other;
+    return;
+  }
   const Dictionary source = other;  // `other` may be this very dictionary
   for (const DictionaryEntry& entry : source) set(entry.key, entry.value);
 }
@@ -441,7 +505,7 @@ Value::Value(std::string_view text) : Value() {
     return;
   }
   inline_ = {Tag::kInlineString, static_cast<uint8_t>(text.size()), {}};
-  std::memcpy(inline_.text, text.data(), text.size());
+  if (!text.empty()) std::memcpy(inline_.text, text.data(), text.size());
 }
 
 Value::Value(Array array) noexcept : Value() {
@@ -470,7 +534,7 @@ Value Value::data(std::string_view content) {
 Value Value::bytes(Tag tag, std::string_view content) {
   auto* storage = allocate<BytesStorage>(content.size());
   storage->length = content.size();
-  std::memcpy(storage->text(), content.data(), content.size());
+  if (!content.empty()) std::memcpy(storage->text(), content.data(), content.size());
   Value value;
   value.wide_.tag = tag;
   value.wide_.as.bytes = storage;
@@ -560,10 +624,12 @@ void Value::describe(std::string& out, int depth) const {
     case Tag::kInlineString:
     case Tag::kLiteral:
     case Tag::kString:
-      if (depth > 0) {
-        fmt::format_to(std::back_inserter(out), "\"{}\"", stringValue());
-      } else {
+      if (depth == 0) {
         out += stringValue();
+      } else {
+        out += '"';
+        appendLine(out, stringValue());
+        out += '"';
       }
       break;
     case Tag::kData: appendHex(out, dataValue()); break;
@@ -582,7 +648,7 @@ void Value::describe(std::string& out, int depth) const {
       const char* separator = "";
       for (const auto& [key, value] : wide_.as.dictionary) {
         out += std::exchange(separator, "; ");
-        out += key.stringValue();
+        appendLine(out, key.stringValue());
         out += " = ";
         value.describe(out, depth + 1);
       }

@@ -205,7 +205,8 @@ class Value final {
   /// Code units that a string has in UTF-16; 0 for anything else.
   [[nodiscard]] size_t utf16Length() const;
 
-  /// One line for logs.
+  /// For logs. A string is its own description; everything else gives one line, with
+  /// control characters escaped.
   [[nodiscard]] std::string description() const;
 
   /// Size of the heap block as the allocator counts it; 0 for a value held inline.
