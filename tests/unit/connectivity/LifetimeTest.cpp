@@ -1,0 +1,502 @@
+#include <regex>
+
+#include "unit/connectivity/ConnectivityTest.h"
+
+namespace zun {
+namespace {
+
+using namespace std::chrono_literals;
+
+class LifetimeTest : public ConnectivityTest {
+ protected:
+  LifetimeTest() : ownerQueue_(SerialQueue::create("owner", executor_)) {}
+
+  /// What the owner heard, call by call.
+  Helper::ReleaseCallback callback() {
+    return [this](int32_t usageCount) { heard_.push_back(usageCount); };
+  }
+  void increment() {
+    helper_->ownerIncrementUsageCount();
+    crank();
+  }
+  void decrement() {
+    helper_->ownerDecrementUsageCountWithBlock(callback(), ownerQueue_);
+    crank();
+  }
+  void serve(int sessions) {
+    for (int i = 0; i < sessions; ++i) helper_->incrementTotalSessionsServedCount();
+  }
+  std::vector<uint32_t> handedBack() { return holder_->releases(); }
+
+  HTTPSTestServer server_;
+  std::shared_ptr<SerialQueue> ownerQueue_;
+  std::vector<int32_t> heard_;
+};
+
+using Counts = std::vector<int32_t>;
+using References = std::vector<uint32_t>;
+
+// --- Activation ------------------------------------------------------------------
+
+TEST_F(LifetimeTest, CreationLogsDelegateZeroBecauseThereIsNoURLSessionYet) {
+  make(kPOSTMode);
+  EXPECT_EQ(debugLines(),
+            std::vector<std::string>{"ReportingSessionConnectivityHelper created with delegate 0"});
+  EXPECT_TRUE(urlSessions_.sessions.empty());
+}
+
+TEST_F(LifetimeTest, ActivationIsLoggedBeforeAndAfterTheURLSessionExists) {
+  make(kPOSTMode).activate(30);
+  EXPECT_EQ(count("activate: activating connectivity helper for Wirepath with ID <inactive>"), 1);
+  crank();
+  const std::string created =
+      lineStarting("Wirepath created and activated with ID <" + helperID() + ">, delegate ");
+  EXPECT_TRUE(std::regex_match(created, std::regex(".*, delegate -?[0-9]+"))) << created;
+}
+
+TEST_F(LifetimeTest, OrdinaryModesNameTheirURLSessionByAFreshUUID) {
+  makeActive(kGETMode);
+  EXPECT_TRUE(std::regex_match(helperID(), std::regex("[0-9A-F]{8}(-[0-9A-F]{4}){3}-[0-9A-F]{12}")))
+      << helperID();
+  EXPECT_EQ(urlSessions_.configurations.back().identifier, "");
+}
+
+TEST_F(LifetimeTest, BackgroundModesNameTheirURLSessionByTheConfigurationsIdentifier) {
+  for (const ConnectionMode mode : {kBackgroundUploadMode, kBackgroundGETMode}) {
+    makeActive(mode);
+    EXPECT_EQ(helperID(), urlSessions_.configurations.back().identifier);
+    EXPECT_EQ(helperID().size(), 36U);
+  }
+}
+
+TEST_F(LifetimeTest, SecondActivationOnlySetsTheTimeoutAndSaysSo) {
+  makeActive(kPOSTMode, 30);
+  helper_->activate(7);
+  crank();
+  EXPECT_EQ(count("activate: activating connectivity helper for Wirepath with ID <" + helperID() + ">"), 1);
+  EXPECT_EQ(
+      count("activate: connectivity helper is already active for Wirepath with ID <" + helperID() + ">"), 1);
+  EXPECT_EQ(urlSessions_.sessions.size(), 1U);
+  EXPECT_EQ(countStarting("Wirepath created and activated"), 1);
+  increment();
+  decrement();
+  EXPECT_EQ(platform_.timers.started().back().firstFiring, 7s);
+}
+
+TEST_F(LifetimeTest, ActivationOverridesAnEarlierTimeout) {
+  make(kPOSTMode).setReleaseTimeout(99);
+  helper_->activate(12);
+  crank();
+  decrement();
+  EXPECT_EQ(platform_.timers.started().back().firstFiring, 12s);
+}
+
+TEST_F(LifetimeTest, TimeoutIs30SecondsUntilSomebodySetsAnother) {
+  make(kPOSTMode);
+  decrement();
+  EXPECT_EQ(platform_.timers.started().back().firstFiring, 30s);
+  helper_->setReleaseTimeout(5);
+  decrement();
+  EXPECT_EQ(platform_.timers.started().back().firstFiring, 5s);
+}
+
+TEST_F(LifetimeTest, LargestTimeoutIsKeptWhole) {
+  make(kPOSTMode).setReleaseTimeout(UINT32_MAX);
+  decrement();
+  EXPECT_EQ(platform_.timers.started().back().firstFiring, std::chrono::seconds(UINT32_MAX));
+}
+
+// --- Usage count and release timer -----------------------------------------------
+
+TEST_F(LifetimeTest, OwnerHearsZeroWhen30SecondsHavePassedAfterTheLastDecrement) {
+  makeActive(kPOSTMode, 30);
+  increment();
+  decrement();
+  const auto started = platform_.timers.started();
+  ASSERT_EQ(started.size(), 1U);
+  EXPECT_EQ(started[0].firstFiring, 30s);
+  EXPECT_EQ(started[0].leeway, 100ms);
+  EXPECT_FALSE(started[0].interval);
+  advance(30s - 1ns);
+  EXPECT_EQ(heard_, Counts{});
+  advance(1ns);
+  EXPECT_EQ(heard_, Counts{0});
+  advance(1h);
+  EXPECT_EQ(heard_, Counts{0});
+  EXPECT_EQ(platform_.timers.running(), 0U);
+}
+
+TEST_F(LifetimeTest, FullRoundOfUseIsLoggedStepByStep) {
+  makeActive(kPOSTMode, 30);
+  serve(2);
+  platform_.log.clear();
+  increment();
+  decrement();
+  advance(30s);
+  const std::string id = helperID();
+  EXPECT_EQ(
+      debugLines(),
+      (std::vector<std::string>{
+          "stopConnectivityHelperReleaseTimer: stopping connectivity helper release timer for Wirepath with "
+          "ID <" +
+              id + ">",
+          "ownerIncrementUsageCount: connectivity helper incremented usage count for Wirepath with ID <" +
+              id + ">. _usageCount=1, _totalSessionsServedCount=2",
+          "ownerDecrementUsageCountWithBlock: connectivity helper decremented usage count for Wirepath with "
+          "ID <" +
+              id + ">. _usageCount=0, _totalSessionsServedCount=2",
+          "ownerDecrementUsageCountWithBlock: Usage count for Wirepath with ID <" + id +
+              "> is equal to 0. Starting connectivity helper release timer",
+          "startConnectivityHelperReleaseTimerWithBlock: started connectivity helper release timer for "
+          "Wirepath with ID <" +
+              id + ">",
+          "startConnectivityHelperReleaseTimerWithBlock: Connectivity helper release timer fired for "
+          "Wirepath "
+          "with ID <" +
+              id + ">, timeout 30s",
+          "startConnectivityHelperReleaseTimerWithBlock: Calling back owner of Connectivity helper with "
+          "_usageCount=0",
+      }));
+  platform_.log.debug("ReportingSessionConnectivityHelper created with delegate 0");  // taken out above
+}
+
+TEST_F(LifetimeTest, NewOwnerWithinTheTimeoutStopsTheTimerAndTheWaitingCallbackHearsOne) {
+  makeActive(kPOSTMode, 30);
+  increment();
+  decrement();
+  advance(29s);
+  increment();
+  EXPECT_EQ(heard_, Counts{1});
+  EXPECT_EQ(platform_.timers.running(), 0U);
+  advance(60s);
+  EXPECT_EQ(heard_, Counts{1});
+  EXPECT_EQ(
+      countStarting("startConnectivityHelperReleaseTimerWithBlock: Connectivity helper release timer fired"),
+      0);
+}
+
+TEST_F(LifetimeTest, DecrementWhileOthersUseTheHelperNotifiesTheOwnerAtOnce) {
+  makeActive(kPOSTMode, 30);
+  increment();
+  increment();
+  increment();
+  decrement();
+  EXPECT_EQ(heard_, Counts{2});
+  EXPECT_EQ(platform_.timers.running(), 0U);
+  EXPECT_EQ(count("ownerDecrementUsageCountWithBlock: Usage count for Wirepath with ID <" + helperID() +
+                  "> is greater than 0. Notifying owner that _usageCount=2, _totalSessionsServedCount=0"),
+            1);
+}
+
+TEST_F(LifetimeTest, CallbackHearsTheCountOfTheMomentWhenItRuns) {
+  makeActive(kPOSTMode, 30);
+  increment();
+  increment();
+  // The owner's queue is busy for as long as this turn lasts.
+  ownerQueue_->sync([this] {
+    helper_->ownerDecrementUsageCountWithBlock(callback(), ownerQueue_);
+    helper_->ownerIncrementUsageCount();
+    helper_->ownerIncrementUsageCount();
+    crank();
+    EXPECT_EQ(heard_, Counts{});
+  });
+  crank();
+  EXPECT_EQ(heard_, Counts{3});
+}
+
+TEST_F(LifetimeTest, TimerCallbackHearsTheCountOfTheMomentWhenItRuns) {
+  makeActive(kPOSTMode, 30);
+  increment();
+  decrement();
+  ownerQueue_->sync([this] {
+    advance(30s);
+    helper_->ownerIncrementUsageCount();
+    crank();
+    EXPECT_EQ(heard_, Counts{});
+  });
+  crank();
+  EXPECT_EQ(heard_, Counts{1});
+  EXPECT_EQ(
+      count("startConnectivityHelperReleaseTimerWithBlock: Calling back owner of Connectivity helper with "
+            "_usageCount=1"),
+      1);
+}
+
+TEST_F(LifetimeTest, DecrementAtZeroLeavesZeroAndArmsTheTimerAgain) {
+  makeActive(kPOSTMode, 30);
+  decrement();
+  EXPECT_EQ(countStarting("ownerDecrementUsageCountWithBlock: connectivity helper decremented"), 0);
+  EXPECT_EQ(platform_.timers.started().size(), 1U);
+  decrement();
+  EXPECT_EQ(platform_.timers.started().size(), 2U);
+  increment();
+  EXPECT_EQ(
+      countStarting("ownerIncrementUsageCount: connectivity helper incremented usage count for Wirepath with "
+                    "ID <" +
+                    helperID() + ">. _usageCount=1,"),
+      1);
+}
+
+TEST_F(LifetimeTest, TimerStartedOverAnotherTakesItsPlaceAndTheFirstFiringAnswers) {
+  makeActive(kPOSTMode, 30);
+  const auto replaced = std::make_shared<int>(0);
+  const std::weak_ptr<int> replacedAlive = replaced;
+  helper_->ownerDecrementUsageCountWithBlock([replaced](int32_t) { ADD_FAILURE() << "called"; }, ownerQueue_);
+  crank();
+  advance(10s);
+  decrement();
+  EXPECT_EQ(platform_.timers.running(), 2U);  // the first was not cancelled
+  EXPECT_EQ(replaced.use_count(), 1);         // but its callback is gone
+  advance(20s);
+  EXPECT_EQ(heard_, Counts{0});
+  advance(10s);
+  EXPECT_EQ(heard_, Counts{0});
+  EXPECT_EQ(platform_.timers.running(), 0U);
+}
+
+TEST_F(LifetimeTest, IncrementStopsOnlyTheNewestTimerAndTheOldOneFiresWithoutACallback) {
+  makeActive(kPOSTMode, 30);
+  decrement();
+  decrement();
+  increment();
+  EXPECT_EQ(heard_, Counts{1});
+  advance(30s);
+  EXPECT_EQ(heard_, Counts{1});
+  EXPECT_EQ(
+      countStarting("startConnectivityHelperReleaseTimerWithBlock: Connectivity helper release timer fired"),
+      1);
+}
+
+TEST_F(LifetimeTest, CallbackWithoutAQueueComesOnTheHelpersOwn) {
+  makeActive(kPOSTMode, 30);
+  helper_->ownerDecrementUsageCountWithBlock(callback(), nullptr);
+  crank();
+  advance(30s);
+  EXPECT_EQ(heard_, Counts{0});
+  helper_->ownerDecrementUsageCountWithBlock(callback(), nullptr);
+  crank();
+  increment();
+  EXPECT_EQ(heard_, (Counts{0, 1}));
+}
+
+TEST_F(LifetimeTest, DecrementWithoutACallbackIsHarmless) {
+  makeActive(kPOSTMode, 30);
+  helper_->ownerDecrementUsageCountWithBlock(nullptr, ownerQueue_);
+  crank();
+  advance(30s);
+  helper_->setReleaseTimeout(0);
+  helper_->ownerDecrementUsageCountWithBlock(nullptr, nullptr);
+  crank();
+  EXPECT_EQ(platform_.timers.running(), 0U);
+}
+
+TEST_F(LifetimeTest, TimeoutZeroTellsTheOwnerOneAtOnceAndHandsTheReferencesBack) {
+  makeActive(kPOSTMode, 0);
+  increment();
+  serve(3);
+  decrement();
+  EXPECT_EQ(heard_, Counts{1});
+  EXPECT_EQ(handedBack(), References{3});
+  EXPECT_EQ(platform_.timers.running(), 0U);
+  EXPECT_EQ(count("startConnectivityHelperReleaseTimerWithBlock: Special case of dealing with ever-lasting "
+                  "connectivity helper " +
+                  helperID()),
+            1);
+  EXPECT_EQ(
+      count("startConnectivityHelperReleaseTimerWithBlock: release 3 Quorx transactions for ever-lasting "
+            "connectivity helper " +
+            helperID()),
+      1);
+}
+
+TEST_F(LifetimeTest, HelperKeptForEverHandsItsReferencesBackEachTimeItFallsIdle) {
+  makeActive(kPOSTMode, 0);
+  for (int round = 1; round <= 3; ++round) {
+    increment();
+    serve(round);
+    decrement();
+  }
+  EXPECT_EQ(handedBack(), (References{1, 2, 3}));
+  EXPECT_EQ(heard_, (Counts{1, 1, 1}));
+}
+
+// --- Process-alive references ----------------------------------------------------
+
+TEST_F(LifetimeTest, ServedSessionIsCountedAtOnceAndLogged) {
+  make(kPOSTMode);
+  serve(1);
+  EXPECT_EQ(count("Total Sessions Served Count is incremented for Wirepath with ID <inactive>"), 1);
+}
+
+TEST_F(LifetimeTest, InvalidatingAnInactiveHelperHandsItsReferencesBackAtOnce) {
+  make(kPOSTMode);
+  serve(2);
+  helper_->invalidate();
+  crank();
+  EXPECT_EQ(handedBack(), References{2});
+  EXPECT_EQ(count("ReportingSessionConnectivityHelper:invalidate: release 2 Quorx transactions for inactive "
+                  "connectivity helper"),
+            1);
+}
+
+TEST_F(LifetimeTest, InvalidatingAnActiveHelperHandsItsReferencesBackOnlyAfterItsTasks) {
+  const auto gate = std::make_shared<TestGate>();
+  server_.answer("/post", {.body = "late", .gate = gate});
+  makeActive(kPOSTMode);
+  serve(2);
+  const auto result = post(postRequest(server_.url("/post"), "x"));
+  crank();
+  ASSERT_TRUE(server_.waitForRequests(1));
+  helper_->invalidate();
+  crank();
+  const std::string id = helperID();
+  EXPECT_EQ(count("ReportingSessionConnectivityHelper:invalidate: Wirepath with ID <" + id + ">"), 1);
+  EXPECT_EQ(handedBack(), References{});
+  EXPECT_EQ(result->calls, 0);
+  gate->open();
+  ASSERT_TRUE(crankUntil([&] {
+    return count("didBecomeInvalidWithError: session <" + id + "> invalidated with error (null)") == 1;
+  }));
+  EXPECT_EQ(result->calls, 1);
+  EXPECT_EQ(result->data, "late");
+  EXPECT_EQ(handedBack(), References{2});
+  EXPECT_EQ(count("didBecomeInvalidWithError: release 2 Quorx transactions for session " + id), 1);
+}
+
+TEST_F(LifetimeTest, ReferencesAreHandedBackOnce) {
+  make(kPOSTMode);
+  serve(2);
+  helper_->releaseAllQuorxTransactions();
+  helper_->releaseAllQuorxTransactions();
+  EXPECT_EQ(handedBack(), (References{2, 0}));
+}
+
+TEST_F(LifetimeTest, WithoutADelegateReferencesAreOnlyForgotten) {
+  helper_ = Helper::create(services_, {}, kGETMode);
+  serve(2);
+  helper_->invalidate();
+  helper_->invalidate();
+  crank();
+  EXPECT_EQ(count("ReportingSessionConnectivityHelper:invalidate: release 2 Quorx transactions for inactive "
+                  "connectivity helper"),
+            1);
+  EXPECT_EQ(count("ReportingSessionConnectivityHelper:invalidate: release 0 Quorx transactions for inactive "
+                  "connectivity helper"),
+            1);
+}
+
+TEST_F(LifetimeTest, DelegateThatHasGoneIsNotMissed) {
+  make(kGETMode);
+  holder_.reset();
+  serve(1);
+  helper_->invalidate();
+  crank();
+  EXPECT_EQ(count("ReportingSessionConnectivityHelper:invalidate: release 1 Quorx transactions for inactive "
+                  "connectivity helper"),
+            1);
+}
+
+// --- Ends ------------------------------------------------------------------------
+
+TEST_F(LifetimeTest, EndOfAHelperIsLoggedAndStopsTheTimer) {
+  makeActive(kPOSTMode, 30);
+  const std::string id = helperID();
+  decrement();
+  platform_.log.clear();
+  helper_.reset();
+  EXPECT_EQ(debugLines(), (std::vector<std::string>{
+                              "ReportingSessionConnectivityHelper dealloced with ID <" + id + ">",
+                              "stopConnectivityHelperReleaseTimer: stopping connectivity helper release "
+                              "timer for Wirepath with ID <" +
+                                  id + ">"}));
+  EXPECT_EQ(platform_.timers.running(), 0U);
+  crank();
+  EXPECT_EQ(heard_, Counts{0});  // who waits for the timer is not left waiting
+  platform_.log.debug("ReportingSessionConnectivityHelper created with delegate 0");  // taken out above
+}
+
+TEST_F(LifetimeTest, RunningTimerDoesNotKeepItsHelper) {
+  makeActive(kPOSTMode, UINT32_MAX);
+  decrement();
+  const std::weak_ptr<Helper> alive = helper_;
+  helper_.reset();
+  EXPECT_TRUE(alive.expired());
+}
+
+TEST_F(LifetimeTest, HelperDroppedWhileActiveEndsItsURLSessionAndHandsItsReferencesBack) {
+  makeActive(kPOSTMode);
+  serve(4);
+  const std::weak_ptr<Helper> alive = helper_;
+  const std::weak_ptr<URLSessionDelegate> delegate = urlSessions_.delegates.back();
+  helper_.reset();
+  EXPECT_TRUE(alive.expired());
+  EXPECT_EQ(handedBack(), References{});  // never on the thread that drops it
+  ASSERT_TRUE(crankUntil([&] { return delegate.expired(); }));
+  EXPECT_EQ(handedBack(), References{4});
+}
+
+TEST_F(LifetimeTest, HelperDroppedWithARunningTaskLivesUntilTheTaskHasEnded) {
+  const auto gate = std::make_shared<TestGate>();
+  server_.answer("/post", {.body = "late", .gate = gate});
+  makeActive(kPOSTMode);
+  serve(1);
+  const auto result = post(postRequest(server_.url("/post"), "x"));
+  crank();
+  const std::weak_ptr<Helper> alive = helper_;
+  helper_.reset();
+  EXPECT_FALSE(alive.expired());
+  ASSERT_TRUE(server_.waitForRequests(1));
+  crank();
+  EXPECT_EQ(handedBack(), References{});
+  gate->open();
+  ASSERT_TRUE(finished(result));
+  EXPECT_EQ(result->data, "late");
+  ASSERT_TRUE(crankUntil([&] { return alive.expired() && !handedBack().empty(); }));
+  EXPECT_EQ(handedBack(), References{1});
+}
+
+TEST_F(LifetimeTest, InvalidatedHelperStaysUntilItsURLSessionHasEndedThoughNobodyHoldsIt) {
+  makeActive(kPOSTMode);
+  serve(1);
+  const std::weak_ptr<Helper> alive = helper_;
+  helper_->invalidate();
+  crank();
+  helper_.reset();
+  ASSERT_TRUE(crankUntil([&] { return alive.expired(); }));
+  EXPECT_EQ(countStarting("didBecomeInvalidWithError: session <"), 1);
+  EXPECT_EQ(handedBack(), References{1});
+}
+
+TEST_F(LifetimeTest, ReferenceTakenOverAfterTheEndOfTheURLSessionIsNotLost) {
+  makeActive(kPOSTMode);
+  helper_->invalidate();
+  ASSERT_TRUE(crankUntil([this] { return countStarting("didBecomeInvalidWithError: session <") == 1; }));
+  serve(1);
+  helper_.reset();
+  ASSERT_TRUE(crankUntil([this] { return holder_->total() == 1; }));
+}
+
+TEST_F(LifetimeTest, HelperWhoseURLSessionEndedOnItsOwnCanStillBeInvalidatedAndGoes) {
+  makeActive(kPOSTMode);
+  serve(1);
+  const std::weak_ptr<Helper> alive = helper_;
+  urlSessions_.sessions.back().lock()->finishTasksAndInvalidate();
+  ASSERT_TRUE(crankUntil([this] { return countStarting("didBecomeInvalidWithError: session <") == 1; }));
+  EXPECT_EQ(handedBack(), References{1});
+  helper_->invalidate();
+  crank();
+  helper_.reset();
+  ASSERT_TRUE(crankUntil([&] { return alive.expired(); }));
+}
+
+TEST_F(LifetimeTest, HelperInvalidatedTwiceHandsBackNothingTwice) {
+  makeActive(kPOSTMode);
+  serve(1);
+  helper_->invalidate();
+  helper_->invalidate();
+  ASSERT_TRUE(crankUntil([this] { return countStarting("didBecomeInvalidWithError: session <") == 1; }));
+  EXPECT_EQ(holder_->total(), 1U);
+}
+
+}  // namespace
+}  // namespace zun
