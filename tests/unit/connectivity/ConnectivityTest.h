@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -94,14 +95,12 @@ class ConnectivityTest : public ::testing::Test {
 
   void TearDown() override {
     helper_.reset();
-    EXPECT_TRUE(crankUntil([this] {
-      return count("ReportingSessionConnectivityHelper created with delegate 0") ==
-             countStarting("ReportingSessionConnectivityHelper dealloced with ID <");
-    })) << "a helper is still alive";
-    EXPECT_TRUE(crankUntil([this] {
-      return std::all_of(urlSessions_.delegates.begin(), urlSessions_.delegates.end(),
-                         [](const auto& delegate) { return delegate.expired(); });
-    })) << "a URL session is still alive";
+    const auto isGone = [](const auto& weak) { return weak.expired(); };
+    EXPECT_TRUE(crankUntil([&] { return std::all_of(made_.begin(), made_.end(), isGone); }))
+        << "a helper is still alive";
+    const auto& delegates = urlSessions_.delegates;
+    EXPECT_TRUE(crankUntil([&] { return std::all_of(delegates.begin(), delegates.end(), isGone); }))
+        << "a URL session is still alive";
     for (const std::string& line : platform_.log.takeErrors())
       ADD_FAILURE() << "unexpected error line: " << line;
   }
@@ -127,6 +126,7 @@ class ConnectivityTest : public ::testing::Test {
 
   Helper& make(ConnectionMode mode) {
     helper_ = Helper::create(services_, holder_, mode);
+    made_.push_back(helper_);
     return *helper_;
   }
   Helper& makeActive(ConnectionMode mode, uint32_t releaseTimeout = Helper::kDefaultReleaseTimeout) {
@@ -204,6 +204,7 @@ class ConnectivityTest : public ::testing::Test {
   PlatformServices services_;
   std::shared_ptr<CountingHolder> holder_;
   std::shared_ptr<Helper> helper_;
+  std::vector<std::weak_ptr<Helper>> made_;
 };
 
 }  // namespace zun

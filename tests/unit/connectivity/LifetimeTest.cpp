@@ -157,7 +157,6 @@ TEST_F(LifetimeTest, FullRoundOfUseIsLoggedStepByStep) {
           "startConnectivityHelperReleaseTimerWithBlock: Calling back owner of Connectivity helper with "
           "_usageCount=0",
       }));
-  platform_.log.debug("ReportingSessionConnectivityHelper created with delegate 0");  // taken out above
 }
 
 TEST_F(LifetimeTest, NewOwnerWithinTheTimeoutStopsTheTimerAndTheWaitingCallbackHearsOne) {
@@ -372,7 +371,8 @@ TEST_F(LifetimeTest, ReferencesAreHandedBackOnce) {
 }
 
 TEST_F(LifetimeTest, WithoutADelegateReferencesAreOnlyForgotten) {
-  helper_ = Helper::create(services_, {}, kGETMode);
+  holder_.reset();
+  make(kGETMode);
   serve(2);
   helper_->invalidate();
   helper_->invalidate();
@@ -412,7 +412,6 @@ TEST_F(LifetimeTest, EndOfAHelperIsLoggedAndStopsTheTimer) {
   EXPECT_EQ(platform_.timers.running(), 0U);
   crank();
   EXPECT_EQ(heard_, Counts{0});  // who waits for the timer is not left waiting
-  platform_.log.debug("ReportingSessionConnectivityHelper created with delegate 0");  // taken out above
 }
 
 TEST_F(LifetimeTest, RunningTimerDoesNotKeepItsHelper) {
