@@ -86,9 +86,9 @@ void SharedConnectivityHelpers::releaseSharedConnectivityHelper(std::string user
         userInfoKey);
     auto callback = [weakTable = std::weak_ptr(table), weakHelper = std::weak_ptr(found->second),
                      userInfoKey](int32_t usageCount) {
-      const auto table = weakTable.lock();
+      const auto liveTable = weakTable.lock();
       const auto helper = weakHelper.lock();
-      if (table && helper) table->usageCountReached(usageCount, userInfoKey, helper);
+      if (liveTable && helper) liveTable->usageCountReached(usageCount, userInfoKey, helper);
     };
     found->second->ownerDecrementUsageCountWithBlock(std::move(callback), queue);
   });

@@ -139,7 +139,7 @@ TEST_F(ConcurrencyTest, HelpersMayBeDroppedOnAnyThreadWhileActiveAndTimed) {
       helper->ownerDecrementUsageCountWithBlock(
           [&heard, weak = std::weak_ptr(helper)](int32_t) {
             ++heard;
-            if (const auto helper = weak.lock()) helper->invalidate();
+            if (const auto stillThere = weak.lock()) stillThere->invalidate();
           },
           queue);
     }
