@@ -189,6 +189,15 @@ def client_entry(**changes):
     return {key: value for key, value in entry.items() if value is not None}
 
 
+def with_post_url(value, url):
+    """`value` with `url` for "==post_url". Not left to a macro: its text always becomes a list."""
+    if isinstance(value, dict):
+        return {key: with_post_url(element, url) for key, element in value.items()}
+    if isinstance(value, list):
+        return [with_post_url(element, url) for element in value]
+    return url if value == "==post_url" else value
+
+
 class Scratch:
     """A root folder with keys, certificates, entitlements and settings for one daemon."""
 
@@ -241,10 +250,9 @@ class Scratch:
         """Signs and serves a storebag whose httpPost backend posts to this server."""
         section = backends if backends is not None else {"httpPost": {"clients": [client_entry()]}}
         bag = {environment: section for environment in ("development", "vantix_internal", "seed", "release")}
-        bag["shared_values"] = {"==post_url": self.server.url + post_path}
         bag["version"] = "1.0"
         bag.update(inner)
-        return self.sign(name, bag)
+        return self.sign(name, with_post_url(bag, self.server.url + post_path))
 
     @property
     def socket(self):

@@ -337,13 +337,12 @@ TEST_F(ZunstorebagTest, DeepAndHugeSourcesAreRefused) {
 TEST_F(ZunstorebagTest, ExampleStorebagsAreSignedWithoutAWarning) {
   makeKeys();
   for (const std::string name : {"confero", "tessel"}) {
-    const Outcome outcome = sign(std::string(STOREBAG_SOURCES) + "/" + name + ".json",
-                                 {"--strict", "--define", "POST_URL=https://localhost:8443/events"});
+    const Outcome outcome = sign(std::string(STOREBAG_SOURCES) + "/" + name + ".json", {"--strict"});
     EXPECT_EQ(outcome.exitCode, 0) << outcome.errors;
     for (const std::string environment : {"development", "vantix_internal", "seed", "release"}) {
       const Outcome shown = run({"show", file("envelope"), "--environment", environment});
       EXPECT_EQ(shown.exitCode, 0);
-      EXPECT_TRUE(contains(shown.output, "\"https://localhost:8443/events\"")) << shown.output;
+      EXPECT_TRUE(contains(shown.output, "\"https://collector.example/events\"")) << shown.output;
       EXPECT_FALSE(contains(shown.output, "\"==")) << shown.output;
     }
   }
