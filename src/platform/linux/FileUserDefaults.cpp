@@ -17,7 +17,6 @@ namespace zun {
 namespace {
 
 constexpr size_t kMaximumSuites = 64;  // in memory at once
-constexpr auto kLockPatience = std::chrono::seconds(5);
 
 std::string messageOf(int code) {
   return std::generic_category().message(code);
@@ -40,10 +39,10 @@ std::string fileNameOfSuite(std::string_view suite) {
 
 /// Takes the lock that writers of all processes share; an errno where that fails. A
 /// holder that never lets go costs the value, not the daemon.
-int lockFile(const std::string& path, FileDescriptor& lock) {
+int lockFile(const std::string& path, std::chrono::milliseconds patience, FileDescriptor& lock) {
   lock = FileDescriptor(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600));
   if (!lock.isOpen()) return errno;
-  const auto deadline = std::chrono::steady_clock::now() + kLockPatience;
+  const auto deadline = std::chrono::steady_clock::now() + patience;
   while (::flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
     if (errno == EINTR) continue;
     if (errno != EWOULDBLOCK) return errno;
@@ -93,7 +92,7 @@ void FileUserDefaults::save(const std::string& path, std::string_view suite, std
     return;
   }
   FileDescriptor writersLock;
-  if (const int failure = lockFile(path + ".lock", writersLock); failure != 0) {
+  if (const int failure = lockFile(path + ".lock", lockPatience_, writersLock); failure != 0) {
     log_.error("FileUserDefaults: could not lock '{}': {}", path, messageOf(failure));
     return;
   }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <map>
 #include <string>
 
@@ -25,7 +26,10 @@ namespace zun {
 /// Ownership: `files` and `log` outlive it.
 class FileUserDefaults final : public UserDefaults {
  public:
-  FileUserDefaults(FileManager& files, SystemLog& log) : files_(files), log_(log) {}
+  /// `lockPatience`: how long a write waits for one of another process.
+  FileUserDefaults(FileManager& files, SystemLog& log,
+                   std::chrono::milliseconds lockPatience = std::chrono::seconds(5))
+      : files_(files), log_(log), lockPatience_(lockPatience) {}
 
   [[nodiscard]] Value objectForKey(std::string_view suite, std::string_view key) const override;
   void setObject(std::string_view suite, std::string_view key, Value value) override;
@@ -40,6 +44,7 @@ class FileUserDefaults final : public UserDefaults {
 
   FileManager& files_;
   SystemLog& log_;
+  const std::chrono::milliseconds lockPatience_;
   mutable Mutex mutex_;
   mutable std::map<std::string, PropertyListFile, std::less<>> suites_ GUARDED_BY(mutex_);
 };

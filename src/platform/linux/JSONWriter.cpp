@@ -5,6 +5,8 @@
 #include <rapidjson/writer.h>
 
 #include <cmath>
+#include <cstdint>
+#include <cstring>
 #include <string_view>
 
 #include "platform/UTF8.h"
@@ -17,13 +19,72 @@ namespace {
 /// a client's thread is small.
 constexpr int kDeepestWritten = 128;
 
+constexpr uint64_t everyByte(uint8_t byte) {
+  return 0x0101010101010101ULL * byte;
+}
+
+/// What the bytes of a text ask of its writer, in the high bit of any byte.
+struct Findings {
+  uint64_t escapes = 0;  // a quote, a backslash or a control character; may see some that are none
+  uint64_t nonASCII = 0;
+
+  void add(uint64_t word) {
+    const auto zeroBytes = [](uint64_t bytes) { return (bytes - everyByte(1)) & ~bytes; };
+    escapes |= zeroBytes(word ^ everyByte('"')) | zeroBytes(word ^ everyByte('\\')) |
+               ((word - everyByte(0x20)) & ~word);
+    nonASCII |= word;
+  }
+  bool hasEscapes() const { return (escapes & everyByte(0x80)) != 0; }
+  bool hasNonASCII() const { return (nonASCII & everyByte(0x80)) != 0; }
+};
+
+Findings scan(std::string_view text) {
+  Findings findings;
+  uint64_t word = 0;
+  if (text.size() < sizeof word) {
+    word = everyByte(' ');
+    std::memcpy(&word, text.data(), text.size());
+    findings.add(word);
+    return findings;
+  }
+  for (size_t offset = 0; offset + sizeof word <= text.size(); offset += sizeof word) {
+    std::memcpy(&word, text.data() + offset, sizeof word);
+    findings.add(word);
+  }
+  std::memcpy(&word, text.data() + text.size() - sizeof word, sizeof word);
+  findings.add(word);
+  return findings;
+}
+
+/// RapidJSON's writers, with a way past their work by the byte for strings that
+/// stand in JSON as they are: nearly all, and most of a record.
+class CompactWriter final : public rapidjson::Writer<rapidjson::StringBuffer> {
+ public:
+  using Writer::Writer;
+  void beginString() { Prefix(rapidjson::kStringType); }
+  rapidjson::StringBuffer& buffer() { return *os_; }
+};
+
+class IndentingWriter final : public rapidjson::PrettyWriter<rapidjson::StringBuffer> {
+ public:
+  using PrettyWriter::PrettyWriter;
+  void beginString() { PrettyPrefix(rapidjson::kStringType); }
+  rapidjson::StringBuffer& buffer() { return *os_; }
+};
+
 template <typename Writer>
 void writeString(Writer& writer, std::string_view text) {
-  if (isValidUTF8(text)) [[likely]] {
-    writer.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
+  const Findings findings = scan(text);
+  const bool isValid = !findings.hasNonASCII() || isValidUTF8(text);
+  if (isValid && !findings.hasEscapes()) [[likely]] {
+    writer.beginString();
+    char* const place = writer.buffer().Push(text.size() + 2);
+    place[0] = '"';
+    std::memcpy(place + 1, text.data(), text.size());
+    place[text.size() + 1] = '"';
     return;
   }
-  const std::string valid = replacingInvalidUTF8(text);
+  const std::string valid = isValid ? std::string(text) : replacingInvalidUTF8(text);
   writer.String(valid.data(), static_cast<rapidjson::SizeType>(valid.size()));
 }
 
@@ -71,11 +132,11 @@ void writeValue(Writer& writer, const Value& value, int depth) {
 std::string writeJSON(const Value& value, JSONFormat format) {
   rapidjson::StringBuffer buffer(nullptr, 2048);
   if (format == JSONFormat::kPretty) {
-    rapidjson::PrettyWriter<rapidjson::StringBuffer> writer(buffer);
+    IndentingWriter writer(buffer);
     writer.SetIndent(' ', 2);
     writeValue(writer, value, 0);
   } else {
-    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+    CompactWriter writer(buffer);
     writeValue(writer, value, 0);
   }
   return {buffer.GetString(), buffer.GetSize()};
