@@ -16,40 +16,20 @@ class IdleExitPolicy final {
   using Time = std::chrono::nanoseconds;
 
   /// `idleTime`: none keeps the process for ever.
-  explicit IdleExitPolicy(std::optional<std::chrono::seconds> idleTime) : idleTime_(idleTime) {}
+  explicit IdleExitPolicy(std::optional<std::chrono::seconds> idleTime);
 
-  void transactionChanged(bool isOpen, Time now) {
-    if (isTransactionOpen_ && !isOpen) hasWorked_ = true;
-    isTransactionOpen_ = isOpen;
-    update(now);
-  }
-
-  void connectionsChanged(size_t open, Time now) {
-    connections_ = open;
-    update(now);
-  }
+  void transactionChanged(bool isOpen, Time now);
+  void connectionsChanged(size_t open, Time now);
 
   /// When the process exits unless something changes before; none if it stays.
-  [[nodiscard]] std::optional<Time> exitTime() const {
-    if (!idleTime_ || !idleSince_) return std::nullopt;
-    return *idleSince_ + *idleTime_;
-  }
+  [[nodiscard]] std::optional<Time> exitTime() const;
 
-  [[nodiscard]] bool shouldExit(Time now) const {
-    const std::optional<Time> due = exitTime();
-    return due && now >= *due;
-  }
+  [[nodiscard]] bool shouldExit(Time now) const;
 
  private:
-  void update(Time now) {
-    if (!hasWorked_ || isTransactionOpen_ || connections_ > 0) {
-      idleSince_.reset();
-    } else if (!idleSince_) {
-      idleSince_ = now;
-    }
-  }
+  void update(Time now);
 
-  const std::optional<std::chrono::seconds> idleTime_;
+  std::optional<std::chrono::seconds> idleTime_;
   bool hasWorked_ = false;
   bool isTransactionOpen_ = false;
   size_t connections_ = 0;

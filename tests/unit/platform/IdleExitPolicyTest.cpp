@@ -92,6 +92,13 @@ TEST_F(IdleExitPolicyTest, WithoutAnIdleTimeTheProcessStaysForEver) {
   EXPECT_FALSE(policy.shouldExit(std::chrono::hours(100'000)));
 }
 
+TEST_F(IdleExitPolicyTest, AnIdleTimeBeyondAllBoundsIsAsGoodAsNever) {
+  IdleExitPolicy policy(std::chrono::seconds::max());
+  policy.transactionChanged(true, 0ns);
+  policy.transactionChanged(false, 1ns);
+  EXPECT_FALSE(policy.shouldExit(std::chrono::hours(100'000)));
+}
+
 TEST_F(IdleExitPolicyTest, AnIdleTimeOfZeroExitsAtOnce) {
   IdleExitPolicy policy(0s);
   policy.transactionChanged(true, 5ns);
