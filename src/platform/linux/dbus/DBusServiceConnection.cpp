@@ -135,6 +135,8 @@ bool DBusServiceConnection::authenticate() {
     if (!receive()) return false;
     std::string replies;
     input_.consume(authentication.feed(input_.buffered(), replies));
+    // The first message may come together with BEGIN.
+    if (authentication.passesDescriptors()) input_.allowDescriptors();
     if (!replies.empty() && !sendWhole(socket_.get(), replies)) return false;
     if (endOfInput_ && authentication.state() == DBusAuthentication::State::kOngoing) {
       log_.debug("listener: {} left before it was authenticated", description_);
@@ -146,7 +148,6 @@ bool DBusServiceConnection::authenticate() {
                authentication.failure());
     return false;
   }
-  if (authentication.passesDescriptors()) input_.allowDescriptors();
   return true;
 }
 

@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <exception>
 #include <system_error>
+#include <utility>
 
 namespace zun {
 
@@ -114,6 +115,7 @@ void DBusServiceListener::acceptOne() {
     handleAcceptFailure(errno);
     return;
   }
+  isShort_ = false;
   try {
     serve(std::move(client));
   } catch (const std::exception& exception) {
@@ -123,13 +125,18 @@ void DBusServiceListener::acceptOne() {
 
 void DBusServiceListener::handleAcceptFailure(int error) {
   if (error == EAGAIN || error == EINTR || error == ECONNABORTED) return;
-  log_.error("listener: a connection is refused: {}", std::generic_category().message(error));
   // Left waiting, the client would keep the socket readable and this thread spinning.
   if ((error == EMFILE || error == ENFILE) && spare_.isOpen()) {
     spare_.reset();
-    FileDescriptor(::accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC)).reset();
+    const bool isRefused = FileDescriptor(::accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC)).isOpen();
     spare_ = openSpare();
-    return;
+    if (isRefused) {
+      log_.error("listener: a connection is refused: {}", std::generic_category().message(error));
+      return;
+    }
+  }
+  if (!std::exchange(isShort_, true)) {
+    log_.error("listener: connections have to wait: {}", std::generic_category().message(error));
   }
   pollfd woken{wake_.get(), POLLIN, 0};
   ::poll(&woken, 1, kPauseMilliseconds);

@@ -82,6 +82,7 @@ class DBusServiceListener final : public ServiceListener {
   ListeningSocket socket_;
   FileDescriptor wake_;
   FileDescriptor spare_;  // given up for a moment to refuse a client when descriptors run out
+  bool isShort_ = false;  // the accepting thread's: the system is, and it has been said
   std::thread thread_;
   std::atomic<bool> isStopping_{false};
 

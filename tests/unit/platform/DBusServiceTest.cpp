@@ -1,0 +1,646 @@
+#include <fcntl.h>
+
+#include <thread>
+
+#include "DBusPeer.h"
+
+namespace zun {
+namespace {
+
+constexpr size_t kMebibyte = size_t{1} << 20;
+
+WireBytes messageBody(std::endian order = std::endian::native) {
+  return WireBytes(order).array(
+      8, [](WireBytes& entries) { entries.align(8).text("category").signature("q").number(uint16_t{7}); });
+}
+
+std::string describeCall(uint32_t serial = 1, std::endian order = std::endian::native) {
+  return wireCall({.member = "Describe", .signature = "a{sv}", .serial = serial}, messageBody(order));
+}
+
+std::string simpleCall(const std::string& member, uint32_t serial = 1) {
+  return wireCall({.member = member, .serial = serial});
+}
+
+std::string laterCall(uint32_t serial) {
+  return wireCall({.member = "Later", .signature = "s", .serial = serial}, WireBytes().text("x"));
+}
+
+class DBusRawServiceTest : public DBusServiceTest {
+ protected:
+  /// A client that is connected and authenticated.
+  std::unique_ptr<RawClient> connect(bool withDescriptors = false) {
+    auto client = std::make_unique<RawClient>(path_);
+    EXPECT_TRUE(client->isConnected());
+    EXPECT_TRUE(client->authenticate(withDescriptors));
+    return client;
+  }
+  /// The error name of the next message of `client`.
+  static std::string errorName(RawClient& client) {
+    const auto message = client.receiveMessage();
+    return message ? message->errorName : "(end)";
+  }
+  static std::string textAnswer(RawClient& client) {
+    const auto message = client.receiveMessage();
+    return message ? std::string(message->values[0].stringValue()) : "(end)";
+  }
+  void expectStillServed(RawClient& client) {
+    client.send(describeCall(999));
+    const auto message = client.receiveMessage();
+    ASSERT_TRUE(message);
+    EXPECT_EQ(message->header.replySerial, 999u);
+    EXPECT_EQ(message->values[0].stringValue(), "{category = 7}");
+  }
+};
+
+// --- Authentication -----------------------------------------------------------------
+
+TEST_F(DBusRawServiceTest, AuthenticationFollowsTheProtocol) {
+  start();
+  RawClient client(path_);
+  client.send(std::string("\0AUTH\r\n", 7));
+  EXPECT_EQ(client.receiveLine(), "REJECTED EXTERNAL");
+  client.send("AUTH DBUS_COOKIE_SHA1 30\r\n");
+  EXPECT_EQ(client.receiveLine(), "REJECTED EXTERNAL");
+  client.send("NEGOTIATE_UNIX_FD\r\nNONSENSE\r\nDATA\r\n");
+  for (int line = 0; line < 3; ++line) EXPECT_EQ(client.receiveLine(), "ERROR");
+  client.send("AUTH EXTERNAL\r\n");
+  EXPECT_EQ(client.receiveLine(), "DATA");
+  client.send("CANCEL\r\n");
+  EXPECT_EQ(client.receiveLine(), "REJECTED EXTERNAL");
+  client.send("AUTH EXTERNAL 3939393939\r\n");  // 99999
+  EXPECT_EQ(client.receiveLine(), "REJECTED EXTERNAL");
+  client.send("AUTH EXTERNAL 3x\r\n");
+  EXPECT_EQ(client.receiveLine(), "REJECTED EXTERNAL");
+  std::string user;
+  for (const char digit : std::to_string(::geteuid())) user += fmt::format("{:02x}", digit);
+  client.send("AUTH EXTERNAL " + user + "\r\n");
+  EXPECT_TRUE(client.receiveLine().starts_with("OK "));
+  client.send("NEGOTIATE_UNIX_FD\r\n");
+  EXPECT_EQ(client.receiveLine(), "AGREE_UNIX_FD");
+  client.send("BEGIN\r\n");
+  expectStillServed(client);
+}
+
+TEST_F(DBusRawServiceTest, APeerThatSaysNothingIsCutOffAtTheDeadline) {
+  options_.connection.authenticationTimeout = std::chrono::milliseconds(50);
+  start();
+  RawClient client(path_);
+  EXPECT_TRUE(client.isEnded());
+  EXPECT_EQ(delegate_.events->all().size(), 0u);
+  expectErrors({"listener: " + peerName() + " did not authenticate in time, closing its connection"});
+}
+
+// One byte now and then must not put the end off.
+TEST_F(DBusRawServiceTest, APeerThatTricklesIsCutOffAtTheDeadline) {
+  options_.connection.authenticationTimeout = std::chrono::milliseconds(100);
+  start();
+  RawClient client(path_);
+  client.send(std::string("\0", 1));
+  std::thread trickle([&client] {
+    for (int byte = 0; byte < 500; ++byte) {
+      client.send("A");
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+  });
+  EXPECT_TRUE(client.isEnded());
+  trickle.join();
+  expectErrors({"listener: " + peerName() + " did not authenticate in time, closing its connection"});
+}
+
+TEST_F(DBusRawServiceTest, BadAuthenticationEndsTheConnection) {
+  start();
+  const std::string line = "listener: " + peerName() + " did not authenticate, closing its connection: ";
+  const auto failsWith = [&](const std::string& bytes, const std::string& reason) {
+    RawClient client(path_);
+    client.send(bytes);
+    while (client.receiveSome()) {
+    }
+    expectErrors({line + reason});
+  };
+  failsWith("AUTH", "it did not begin with a zero byte");
+  failsWith(std::string("\0BEGIN\r\n", 8), "it began without being authenticated");
+  failsWith(std::string("\0AUTH\n", 6), "it sent a line without a proper end");
+  failsWith(std::string(1, '\0') + std::string(2000, 'A'), "it sent an over-long line");
+  std::string many(1, '\0');
+  for (int count = 0; count < 40; ++count) many += "X\r\n";
+  failsWith(many, "it sent too many lines");
+}
+
+TEST_F(DBusRawServiceTest, EverythingMayComeByteByByte) {
+  start();
+  RawClient client(path_);
+  for (const char byte : std::string("\0AUTH EXTERNAL\r\nDATA\r\nBEGIN\r\n", 29) + describeCall(5)) {
+    client.send({&byte, 1});
+  }
+  EXPECT_EQ(client.receiveLine(), "DATA");
+  EXPECT_TRUE(client.receiveLine().starts_with("OK "));
+  EXPECT_EQ(textAnswer(client), "{category = 7}");
+}
+
+TEST_F(DBusRawServiceTest, EverythingMayComeAtOnce) {
+  start();
+  RawClient client(path_);
+  client.send(std::string("\0AUTH EXTERNAL\r\nDATA\r\nBEGIN\r\n", 29) + describeCall(5) + describeCall(6));
+  EXPECT_EQ(client.receiveLine(), "DATA");
+  EXPECT_TRUE(client.receiveLine().starts_with("OK "));
+  EXPECT_EQ(textAnswer(client), "{category = 7}");
+  EXPECT_EQ(textAnswer(client), "{category = 7}");
+}
+
+// --- Acceptance ---------------------------------------------------------------------
+
+TEST_F(DBusRawServiceTest, ARefusedPeerIsDisconnectedBeforeAnyMessageIsRead) {
+  delegate_.accepts = false;
+  start();
+  auto client = connect();
+  client->send(simpleCall("Nonsense"));
+  EXPECT_TRUE(client->isEnded());
+  waitForConnections(0);
+  EXPECT_EQ(delegate_.events->all(), std::vector<std::string>{"refused"});
+}
+
+TEST_F(DBusRawServiceTest, EntitlementsAreDecidedAtAccept) {
+  const std::string folder = scratch_.path("entitlements.d");
+  std::filesystem::create_directories(folder);
+  const auto write = [&folder](const std::string& value) {
+    const std::string text =
+        "<plist version=\"1.0\"><array><dict><key>entitlements</key><dict><key>e</key><" + value +
+        "/></dict></dict></array></plist>";
+    const FileDescriptor file(::open((folder + "/a.plist").c_str(), O_CREAT | O_WRONLY | O_TRUNC, 0644));
+    ASSERT_EQ(::write(file.get(), text.data(), text.size()), static_cast<ssize_t>(text.size()));
+  };
+  write("true");
+  start();
+  const auto first = connect();
+  ASSERT_TRUE(delegate_.events->wait("accepted"));
+  const auto accepted = delegate_.connection();
+  write("false");
+  const auto second = connect();
+  ASSERT_TRUE(delegate_.events->wait("accepted", 2));
+  EXPECT_EQ(accepted->booleanEntitlement("e"), true);
+  EXPECT_EQ(accepted->booleanEntitlement("other"), std::nullopt);
+  EXPECT_EQ(delegate_.connection()->booleanEntitlement("e"), false);
+  EXPECT_EQ(accepted->description(), peerName());
+}
+
+TEST_F(DBusRawServiceTest, ConnectionsOfOneUserAreLimited) {
+  options_.maximumConnectionsPerUser = 2;
+  start();
+  auto first = connect();
+  const auto second = connect();
+  RawClient third(path_);
+  EXPECT_TRUE(third.isEnded());
+  expectErrors(
+      {"listener: a connection of " + peerName() + " is refused: the user has 2 connections already"});
+  first->close();
+  waitForConnections(1);
+  const auto fourth = connect();
+  expectStillServed(*fourth);
+}
+
+TEST_F(DBusRawServiceTest, ConnectionsInAllAreLimited) {
+  options_.maximumConnections = 1;
+  start();
+  const auto first = connect();
+  RawClient second(path_);
+  EXPECT_TRUE(second.isEnded());
+  expectErrors({"listener: a connection of " + peerName() + " is refused: there are 1 connections already"});
+}
+
+// --- Calls --------------------------------------------------------------------------
+
+TEST_F(DBusRawServiceTest, CallsOfBothByteOrdersAreAnswered) {
+  start();
+  const auto client = connect();
+  for (const std::endian order : {std::endian::little, std::endian::big}) {
+    client->send(describeCall(3, order));
+    EXPECT_EQ(textAnswer(*client), "{category = 7}");
+  }
+}
+
+TEST_F(DBusRawServiceTest, ManyPipelinedCallsAreAnsweredInOrder) {
+  start();
+  const auto client = connect();
+  constexpr uint32_t kCalls = 20000;
+  std::thread sender([&client] {
+    std::string batch;
+    for (uint32_t serial = 1; serial <= kCalls; ++serial) batch += describeCall(serial);
+    client->send(batch);
+  });
+  for (uint32_t serial = 1; serial <= kCalls; ++serial) {
+    const auto message = client->receiveMessage();
+    ASSERT_TRUE(message);
+    ASSERT_EQ(message->header.replySerial, serial);
+  }
+  sender.join();
+}
+
+TEST_F(DBusRawServiceTest, TheNoReplyFlagIsHonoured) {
+  start();
+  const auto client = connect();
+  client->send(
+      wireCall({.member = "Describe", .signature = "a{sv}", .serial = 4, .flags = 1}, messageBody()));
+  client->send(wireCall({.member = "Nonsense", .serial = 5, .flags = 1}));
+  client->send(wireCall({.member = "Drop", .serial = 6, .flags = 1}));
+  expectStillServed(*client);
+  EXPECT_EQ(delegate_.events->count("Describe"), 2u);
+}
+
+TEST_F(DBusRawServiceTest, CallsThatAreNotForUsAreAnsweredWithErrors) {
+  start();
+  const auto client = connect();
+  client->send(wireCall({.path = "/elsewhere", .member = "Describe"}));
+  EXPECT_EQ(errorName(*client), "org.freedesktop.DBus.Error.UnknownObject");
+  client->send(wireCall({.interface = "com.vantix.Other", .member = "Describe"}));
+  EXPECT_EQ(errorName(*client), "org.freedesktop.DBus.Error.UnknownInterface");
+  client->send(simpleCall("Nonsense"));
+  EXPECT_EQ(errorName(*client), "org.freedesktop.DBus.Error.UnknownMethod");
+  client->send(wireCall({.interface = "", .member = "Nonsense"}));
+  EXPECT_EQ(errorName(*client), "org.freedesktop.DBus.Error.UnknownMethod");
+  client->send(wireCall({.member = "Describe", .signature = "s"}, WireBytes().text("x")));
+  EXPECT_EQ(errorName(*client), "org.freedesktop.DBus.Error.InvalidArgs");
+  client->send(simpleCall("Describe"));
+  EXPECT_EQ(errorName(*client), "org.freedesktop.DBus.Error.InvalidArgs");
+  client->send(wireCall({.interface = "", .member = "Describe", .signature = "a{sv}"}, messageBody()));
+  EXPECT_EQ(textAnswer(*client), "{category = 7}");
+}
+
+TEST_F(DBusRawServiceTest, DictionariesOfTextServeAsDictionaries) {
+  start();
+  const auto client = connect();
+  const auto pair = [](WireBytes& entries) { entries.align(8).text("k").text("v"); };
+  client->send(wireCall({.member = "Describe", .signature = "a{ss}"}, WireBytes().array(8, pair)));
+  EXPECT_EQ(textAnswer(*client), "{k = \"v\"}");
+  const WireBytes optional = WireBytes().array(4, [&](WireBytes& one) { one.array(8, pair); });
+  client->send(wireCall({.member = "Optional", .signature = "aa{ss}"}, optional));
+  EXPECT_EQ(textAnswer(*client), "({k = \"v\"})");
+}
+
+TEST_F(DBusRawServiceTest, ADroppedReplyIsAnsweredWithNoReply) {
+  start();
+  const auto client = connect();
+  client->send(simpleCall("Drop"));
+  EXPECT_EQ(errorName(*client), "com.vantix.zunreportingd.Error.NoReply");
+}
+
+TEST_F(DBusRawServiceTest, OptionalValuesAndErrorsAreEncoded) {
+  start();
+  const auto client = connect();
+  client->send(simpleCall("Outcome"));
+  const auto message = client->receiveMessage();
+  ASSERT_TRUE(message);
+  EXPECT_EQ(message->values,
+            (Array{Array(), Array{Array{"com.vantix.zunreporting.error", -1, "No backend"}}}));
+}
+
+TEST_F(DBusRawServiceTest, AReplyMayComeLaterThanThoseOfLaterCalls) {
+  start();
+  const auto client = connect();
+  client->send(laterCall(10) + describeCall(11));
+  EXPECT_EQ(client->receiveMessage()->header.replySerial, 11u);
+  delegate_.object()->answerLater("late");
+  const auto message = client->receiveMessage();
+  ASSERT_TRUE(message);
+  EXPECT_EQ(message->header.replySerial, 10u);
+  EXPECT_EQ(message->values[0], Value("late"));
+}
+
+// Answers are gathered, but none waits for a call that waits.
+TEST_F(DBusRawServiceTest, ABlockingCallDoesNotHoldUpEarlierAnswers) {
+  start();
+  const auto client = connect();
+  client->send(describeCall(1) + simpleCall("Block", 2));
+  EXPECT_EQ(textAnswer(*client), "{category = 7}");
+  delegate_.object()->unblock();
+  EXPECT_EQ(client->receiveMessage()->header.replySerial, 2u);
+}
+
+TEST_F(DBusRawServiceTest, RemoteCallsReachTheClient) {
+  start();
+  const auto client = connect();
+  ASSERT_TRUE(delegate_.events->wait("accepted"));
+  EXPECT_EQ(delegate_.connection()->callRemote(0, Array{7, Array{Dictionary{{"k", "v"}}}}), std::nullopt);
+  const auto message = client->receiveMessage();
+  ASSERT_TRUE(message);
+  EXPECT_EQ(message->member, "tell");
+  EXPECT_FALSE(message->header.expectsReply());
+  EXPECT_EQ(message->values, (Array{7, Array{Dictionary{{"k", "v"}}}}));
+  EXPECT_NE(delegate_.connection()->callRemote(1, Array()), std::nullopt);
+}
+
+// --- Bad input ----------------------------------------------------------------------
+
+TEST_F(DBusRawServiceTest, AMalformedMessageEndsTheConnection) {
+  start();
+  const std::string line = "listener: " + peerName() + " sent a malformed message, closing its connection: ";
+  const auto endsWith = [&](const std::string& bytes, const std::string& reason) {
+    const auto client = connect();
+    client->send(bytes);
+    EXPECT_TRUE(client->isEnded());
+    expectErrors({line + reason});
+  };
+  endsWith(std::string(16, 'x'), "its byte order is unknown");
+  endsWith(wireCall({.member = "1"}), "a name in the header is none");
+  endsWith(
+      wireCall({.member = "Describe", .signature = "a{sv}"}, WireBytes().u32(50).raw(std::string(8, 'x'))),
+      "padding is not zero");
+  endsWith(wireCall({.member = "Later", .signature = "s"}, WireBytes().text("\xFF")),
+           "a string is not UTF-8");
+  endsWith(wireCall({.member = "Drop", .descriptors = 1}), "it has fewer descriptors than its header says");
+}
+
+TEST_F(DBusRawServiceTest, AnOversizedMessageIsSkippedAndAnswered) {
+  start();
+  const auto client = connect();
+  const std::string large(2 * kMebibyte, 'x');
+  client->send(wireCall({.member = "Later", .signature = "s", .serial = 8}, WireBytes().text(large)));
+  const auto message = client->receiveMessage();
+  ASSERT_TRUE(message);
+  EXPECT_EQ(message->header.replySerial, 8u);
+  EXPECT_EQ(message->errorName, "org.freedesktop.DBus.Error.LimitsExceeded");
+  expectStillServed(*client);
+  const std::string bytes =
+      std::to_string(wireCall({.member = "Later", .signature = "s"}, WireBytes().text(large)).size());
+  expectErrors({"listener: " + peerName() + " sent a message of " + bytes + " bytes, 1048576 are allowed"});
+}
+
+TEST_F(DBusRawServiceTest, AMessageOfExactlyTheAllowedSizeIsTaken) {
+  start();
+  const auto client = connect();
+  const WireCall call{.member = "Describe", .signature = "a{sv}"};
+  const auto bodyOf = [](size_t length) {
+    return WireBytes().array(8, [length](WireBytes& entries) {
+      entries.align(8).text("k").signature("s").text(std::string(length, 'x'));
+    });
+  };
+  const size_t overhead = wireCall(call, bodyOf(0)).size();
+  const std::string largest = wireCall(call, bodyOf(kMebibyte - overhead));
+  ASSERT_EQ(largest.size(), kMebibyte);
+  // Its description, sent back, would be just too large.
+  client->send(largest + wireCall(call, bodyOf(kMebibyte - overhead + 1)));
+  EXPECT_EQ(textAnswer(*client).size(), kMebibyte - overhead + std::string("{k = \"\"}").size());
+  EXPECT_EQ(errorName(*client), "org.freedesktop.DBus.Error.LimitsExceeded");
+  expectErrors({"listener: " + peerName() + " sent a message of 1048577 bytes, 1048576 are allowed"});
+}
+
+TEST_F(DBusRawServiceTest, TooDeepAMessageIsAnsweredWithAnError) {
+  start();
+  const auto client = connect();
+  WireBytes body;
+  const std::function<void(WireBytes&, int)> nest = [&nest](WireBytes& bytes, int left) {
+    bytes.array(8, [&](WireBytes& entries) {
+      if (left == 0) return;
+      entries.align(8).text("k").signature("a{sv}");
+      nest(entries, left - 1);
+    });
+  };
+  nest(body, 50);
+  client->send(wireCall({.member = "Describe", .signature = "a{sv}"}, body));
+  EXPECT_EQ(errorName(*client), "org.freedesktop.DBus.Error.LimitsExceeded");
+  expectStillServed(*client);
+  expectErrors(
+      {"listener: " + peerName() + " sent a message that is refused: its values are nested too deep"});
+}
+
+TEST_F(DBusRawServiceTest, AClientThatEndsAmidAMessageIsLetGo) {
+  start();
+  auto client = connect();
+  client->send(describeCall(1) + describeCall(2).substr(0, 60));
+  client->close();
+  ASSERT_TRUE(delegate_.events->wait("invalidated"));
+  EXPECT_EQ(delegate_.events->count("Describe"), 1u);
+  EXPECT_EQ(delegate_.events->count("interrupted"), 0u);
+}
+
+// Reporting must not lose what a short-lived process said last.
+TEST_F(DBusRawServiceTest, CallsOfAClientThatIsGoneAreStillServed) {
+  start();
+  auto client = connect();
+  std::string batch;
+  for (uint32_t serial = 1; serial <= 300; ++serial) batch += describeCall(serial);
+  client->send(batch);
+  client->close();
+  ASSERT_TRUE(delegate_.events->wait("invalidated"));
+  EXPECT_EQ(delegate_.events->count("Describe"), 300u);
+}
+
+TEST_F(DBusRawServiceTest, AClientKilledDuringItsCallIsLetGo) {
+  start();
+  auto client = connect();
+  client->send(simpleCall("Block"));
+  ASSERT_TRUE(delegate_.events->wait("blocked"));
+  client->close();
+  delegate_.object()->unblock();
+  ASSERT_TRUE(delegate_.events->wait("object released"));
+  EXPECT_EQ(delegate_.events->count("invalidated"), 1u);
+}
+
+// --- Ends ---------------------------------------------------------------------------
+
+TEST_F(DBusRawServiceTest, AHalfClosedPeerGetsTheAnswersItIsOwed) {
+  start();
+  const auto client = connect();
+  client->send(laterCall(1));
+  client->shutdownWriting();
+  ASSERT_TRUE(delegate_.events->wait("interrupted"));
+  EXPECT_EQ(delegate_.events->count("invalidated"), 0u);
+  delegate_.object()->answerLater("at last");
+  EXPECT_EQ(textAnswer(*client), "at last");
+  EXPECT_TRUE(client->isEnded());
+  ASSERT_TRUE(delegate_.events->wait("object released"));
+  EXPECT_EQ(delegate_.events->all(),
+            (std::vector<std::string>{"accepted", "Later", "interrupted", "invalidated", "object released"}));
+}
+
+TEST_F(DBusRawServiceTest, AHalfClosedPeerThatIsOwedNothingIsNotInterrupted) {
+  start();
+  const auto client = connect();
+  client->send(describeCall());
+  client->shutdownWriting();
+  EXPECT_EQ(textAnswer(*client), "{category = 7}");
+  EXPECT_TRUE(client->isEnded());
+  ASSERT_TRUE(delegate_.events->wait("object released"));
+  EXPECT_EQ(delegate_.events->count("interrupted"), 0u);
+}
+
+TEST_F(DBusRawServiceTest, InvalidationHandlerIsCalledOnceAndEverythingIsLetGo) {
+  start();
+  const auto client = connect();
+  ASSERT_TRUE(delegate_.events->wait("accepted"));
+  const auto connection = delegate_.connection();
+  client->send(laterCall(1) + describeCall(2));
+  ASSERT_TRUE(delegate_.events->wait("Describe"));
+  connection->invalidate();
+  connection->invalidate();
+  ASSERT_TRUE(delegate_.events->wait("invalidated"));
+  waitForConnections(0);
+  EXPECT_EQ(delegate_.events->count("invalidated"), 1u);
+  EXPECT_EQ(delegate_.events->count("object released"), 1u);
+  EXPECT_NE(connection->callRemote(0, Array{1, Array()}), std::nullopt);
+}
+
+TEST_F(DBusRawServiceTest, AReplyAfterTheEndDoesNothing) {
+  start();
+  auto client = connect();
+  client->send(laterCall(1));
+  ASSERT_TRUE(delegate_.events->wait("Later"));
+  const auto object = delegate_.object();
+  client->close();
+  ASSERT_TRUE(delegate_.events->wait("invalidated"));
+  waitForConnections(0);
+  delegate_.forget();
+  object->answerLater("to nobody");
+}
+
+TEST_F(DBusRawServiceTest, InvalidatingAllConnectionsWaitsForTheirThreads) {
+  start();
+  std::vector<std::unique_ptr<RawClient>> clients;
+  for (int count = 0; count < 10; ++count) clients.push_back(connect());
+  RawClient silent(path_);
+  ASSERT_TRUE(delegate_.events->wait("accepted", 10));
+  listener_->stop();
+  EXPECT_FALSE(RawClient(path_).isConnected());
+  listener_->invalidateConnections();
+  EXPECT_EQ(delegate_.events->count("invalidated"), 10u);
+  EXPECT_EQ(listener_->connectionCount(), 0u);
+}
+
+TEST_F(DBusRawServiceTest, TheNumberOfConnectionsIsTold) {
+  Events counts;
+  auto created = DBusServiceListener::create(options_, entitlements_, log_);
+  ASSERT_TRUE(created);
+  listener_ = std::move(*created);
+  listener_->setDelegate(&delegate_);
+  listener_->setConnectionCountHandler([&counts](size_t count) { counts.add(std::to_string(count)); });
+  listener_->resume();
+  auto client = connect();
+  ASSERT_TRUE(counts.wait("1"));
+  client->close();
+  ASSERT_TRUE(counts.wait("0"));
+  listener_.reset();
+}
+
+// --- Slow readers -------------------------------------------------------------------
+
+TEST_F(DBusRawServiceTest, CallsToAClientThatDoesNotReadAreDropped) {
+  options_.connection.outputLimits.highWaterBytes = 64 << 10;
+  start();
+  const auto client = connect();
+  ASSERT_TRUE(delegate_.events->wait("accepted"));
+  const auto connection = delegate_.connection();
+  const Array arguments{1, Array{Dictionary{{"k", std::string(4000, 'x')}}}};
+  size_t queued = 0;
+  while (!connection->callRemote(0, arguments)) ++queued;
+  EXPECT_LT(queued, 1000u);
+  EXPECT_TRUE(connection->callRemote(0, arguments));
+  for (size_t count = 0; count < queued; ++count) ASSERT_TRUE(client->receiveMessage());
+  expectStillServed(*client);
+  EXPECT_EQ(connection->callRemote(0, arguments), std::nullopt);
+  expectErrors({"listener: " + peerName() + " does not read, calls to it are dropped"});
+}
+
+TEST_F(DBusRawServiceTest, NoFurtherCallsAreReadOfAClientThatDoesNotReadItsReplies) {
+  options_.connection.outputLimits.highWaterBytes = 64 << 10;
+  start();
+  const auto client = connect();
+  constexpr uint32_t kCalls = 400;
+  const WireBytes body = WireBytes().array(
+      8, [](WireBytes& entries) { entries.align(8).text("k").signature("s").text(std::string(16000, 'x')); });
+  std::thread sender([&client, &body] {
+    for (uint32_t serial = 1; serial <= kCalls; ++serial) {
+      client->send(wireCall({.member = "Describe", .signature = "a{sv}", .serial = serial}, body));
+    }
+  });
+  ASSERT_TRUE(delegate_.events->wait("Describe", 3));
+  for (uint32_t serial = 1; serial <= kCalls; ++serial) {
+    const auto message = client->receiveMessage();
+    ASSERT_TRUE(message);
+    ASSERT_EQ(message->header.replySerial, serial);
+  }
+  sender.join();
+}
+
+TEST_F(DBusRawServiceTest, CallsThatWaitForTheirRepliesAreLimited) {
+  options_.connection.outputLimits.maximumPendingReplies = 5;
+  start();
+  const auto client = connect();
+  std::string batch;
+  for (uint32_t serial = 1; serial <= 8; ++serial) batch += laterCall(serial);
+  client->send(batch);
+  ASSERT_TRUE(delegate_.events->wait("Later", 5));
+  EXPECT_EQ(delegate_.events->count("Later"), 5u);
+  delegate_.object()->answerLater("a");
+  for (int count = 0; count < 5; ++count) EXPECT_EQ(textAnswer(*client), "a");
+  ASSERT_TRUE(delegate_.events->wait("Later", 8));
+  delegate_.object()->answerLater("b");
+  for (int count = 0; count < 3; ++count) EXPECT_EQ(textAnswer(*client), "b");
+}
+
+TEST_F(DBusRawServiceTest, RepliesThatDoNotFitEndTheConnection) {
+  options_.connection.outputLimits.maximumBytes = 256 << 10;
+  options_.connection.outputLimits.highWaterBytes = 64 << 10;
+  start();
+  const auto client = connect();
+  std::string batch;
+  for (uint32_t serial = 1; serial <= 20; ++serial) batch += laterCall(serial);
+  client->send(batch);
+  ASSERT_TRUE(delegate_.events->wait("Later", 20));
+  delegate_.object()->answerLater(std::string(100000, 'x'));
+  ASSERT_TRUE(delegate_.events->wait("invalidated"));
+  expectErrors({"listener: " + peerName() + " does not read its replies, closing its connection"});
+}
+
+// --- Descriptors --------------------------------------------------------------------
+
+void sendWithDescriptors(RawClient& client, std::string_view bytes, int count) {
+  std::vector<int> descriptors(static_cast<size_t>(count), STDIN_FILENO);
+  std::vector<char> control(CMSG_SPACE(descriptors.size() * sizeof(int)));
+  iovec part{const_cast<char*>(bytes.data()), bytes.size()};
+  msghdr message{};
+  message.msg_iov = &part;
+  message.msg_iovlen = 1;
+  message.msg_control = control.data();
+  message.msg_controllen = control.size();
+  cmsghdr* const header = CMSG_FIRSTHDR(&message);
+  header->cmsg_level = SOL_SOCKET;
+  header->cmsg_type = SCM_RIGHTS;
+  header->cmsg_len = CMSG_LEN(descriptors.size() * sizeof(int));
+  std::memcpy(CMSG_DATA(header), descriptors.data(), descriptors.size() * sizeof(int));
+  ASSERT_EQ(::sendmsg(client.descriptor(), &message, 0), static_cast<ssize_t>(bytes.size()));
+}
+
+size_t openDescriptors() {
+  size_t count = 0;
+  for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) ++count;
+  return count;
+}
+
+TEST_F(DBusRawServiceTest, DescriptorsThatNobodyTakesAreClosed) {
+  start();
+  const auto client = connect(/*withDescriptors=*/true);
+  expectStillServed(*client);
+  const size_t before = openDescriptors();
+  for (int round = 0; round < 50; ++round) {
+    sendWithDescriptors(*client, wireCall({.member = "Drop", .descriptors = 2}), 2);
+    EXPECT_EQ(errorName(*client), "com.vantix.zunreportingd.Error.NoReply");
+  }
+  expectStillServed(*client);
+  EXPECT_EQ(openDescriptors(), before);
+}
+
+TEST_F(DBusRawServiceTest, DescriptorsAreOnlyTakenWhenNegotiatedAndNotTooMany) {
+  start();
+  const auto client = connect();
+  sendWithDescriptors(*client, wireCall({.member = "Drop", .descriptors = 1}), 1);
+  EXPECT_TRUE(client->isEnded());
+  expectErrors(
+      {"listener: " + peerName() + ": it passed descriptors without asking, closing its connection"});
+  const auto greedy = connect(/*withDescriptors=*/true);
+  sendWithDescriptors(*greedy, wireCall({.member = "Drop", .descriptors = 100}), 100);
+  EXPECT_TRUE(greedy->isEnded());
+  expectErrors({"listener: " + peerName() + ": it passed too many descriptors, closing its connection"});
+}
+
+}  // namespace
+}  // namespace zun

@@ -1,0 +1,139 @@
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include "DBusPeer.h"
+
+namespace zun {
+namespace {
+
+class ServiceListenerTest : public DBusServiceTest {
+ protected:
+  /// Why a listener on `address` cannot be made; empty if it can.
+  std::string failureOn(const std::string& address) {
+    DBusListenerOptions options;
+    options.address = address;
+    const auto created = DBusServiceListener::create(options, entitlements_, log_);
+    return created ? "" : created.error().description;
+  }
+  std::string socketPath() const { return path_; }
+};
+
+TEST_F(ServiceListenerTest, TheSocketsFolderIsMadeAndEverybodyMayConnect) {
+  start();
+  struct stat status {};
+  ASSERT_EQ(::stat(path_.c_str(), &status), 0);
+  EXPECT_TRUE(S_ISSOCK(status.st_mode));
+  EXPECT_EQ(status.st_mode & 0777, 0666u);
+  RawClient client(path_);
+  EXPECT_TRUE(client.isConnected());
+  EXPECT_TRUE(client.authenticate());
+}
+
+TEST_F(ServiceListenerTest, TheSocketGoesAwayWithItsListener) {
+  start();
+  listener_->stop();
+  EXPECT_FALSE(std::filesystem::exists(path_));
+}
+
+TEST_F(ServiceListenerTest, AStaleSocketIsReplaced) {
+  std::filesystem::create_directories(scratch_.path("run"));
+  {
+    const FileDescriptor stale(::socket(AF_UNIX, SOCK_STREAM, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path, path_.data(), path_.size());
+    ASSERT_EQ(::bind(stale.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(::listen(stale.get(), 1), 0);
+  }
+  ASSERT_TRUE(std::filesystem::exists(path_));
+  start();
+  EXPECT_TRUE(RawClient(path_).authenticate());
+}
+
+TEST_F(ServiceListenerTest, ALiveSocketIsNotReplaced) {
+  start();
+  EXPECT_EQ(failureOn(options_.address), "somebody else listens on " + path_ + ": Address already in use");
+  EXPECT_TRUE(RawClient(path_).authenticate());
+}
+
+TEST_F(ServiceListenerTest, AFileThatIsNoSocketIsLeftAlone) {
+  const std::string file = scratch_.path("file");
+  const FileDescriptor made(::open(file.c_str(), O_CREAT | O_WRONLY, 0600));
+  EXPECT_EQ(failureOn("unix:path=" + file), file + " is no socket: File exists");
+  EXPECT_TRUE(std::filesystem::exists(file));
+}
+
+TEST_F(ServiceListenerTest, OnlyPathsAreAddresses) {
+  for (const char* address : {"", "unix:", "unix:path=", "unix:abstract=x", "tcp:host=localhost", "/tmp/x",
+                              "unix:path=/tmp/%zz", "unix:path=/tmp/%00"}) {
+    EXPECT_EQ(failureOn(address), fmt::format("'{}' is no address of the form unix:path=PATH", address));
+  }
+  EXPECT_NE(failureOn("unix:path=/tmp/" + std::string(200, 'x')).find("File name too long"),
+            std::string::npos);
+  EXPECT_EQ(*pathOfDBusAddress("unix:path=/tmp/a%20b,guid=00"), "/tmp/a b");
+}
+
+// The service manager listens before the daemon runs, and goes on when it has ended.
+TEST_F(ServiceListenerTest, ASocketOfTheServiceManagerIsUsed) {
+  const std::string handedOver = scratch_.path("activated");
+  const pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path, handedOver.data(), handedOver.size());
+    bool isGood = ::bind(socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+                  ::listen(socket.get(), 5) == 0;
+    if (socket.get() != 3) isGood = isGood && ::dup2(socket.get(), 3) == 3;
+    if (socket.get() == 3) (void)socket.release();
+    ::setenv("LISTEN_FDS", "1", 1);
+    ::setenv("LISTEN_PID", std::to_string(::getpid()).c_str(), 1);
+    start();
+    isGood = isGood && listener_ != nullptr && RawClient(handedOver).authenticate() &&
+             !std::filesystem::exists(path_);
+    listener_.reset();
+    isGood = isGood && std::filesystem::exists(handedOver);
+    ::_exit(isGood ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+}
+
+// Clients that come when descriptors have run out are turned away, not left to spin on.
+TEST_F(ServiceListenerTest, RunningOutOfDescriptorsRefusesConnections) {
+  start();
+  RawClient early(path_);
+  ASSERT_TRUE(early.authenticate());
+  constexpr size_t kClients = 8;
+  std::vector<FileDescriptor> clients;
+  for (size_t count = 0; count < kClients; ++count) clients.emplace_back(::socket(AF_UNIX, SOCK_STREAM, 0));
+  rlimit before{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+  rlimit tight = before;
+  tight.rlim_cur = static_cast<rlim_t>(clients.back().get()) + 20;
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &tight), 0);
+  {
+    std::vector<FileDescriptor> fillers;
+    do {
+      fillers.emplace_back(::dup(0));
+    } while (fillers.back().isOpen());
+    for (const FileDescriptor& client : clients) {
+      sockaddr_un address{};
+      address.sun_family = AF_UNIX;
+      std::memcpy(address.sun_path, path_.data(), path_.size());
+      ASSERT_EQ(::connect(client.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+      char byte = 0;
+      EXPECT_LE(::recv(client.get(), &byte, 1, 0), 0);
+    }
+  }
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+  expectErrors(std::vector<std::string>(kClients, "listener: a connection is refused: Too many open files"));
+  EXPECT_TRUE(RawClient(path_).authenticate());
+}
+
+}  // namespace
+}  // namespace zun
