@@ -18,11 +18,11 @@ namespace zun {
 enum class CellularAccess : bool { kForbidden, kAllowed };
 
 struct URLRequest {
-  std::string url;
+  std::string url = {};
   std::string method = "GET";
-  std::vector<std::pair<std::string, std::string>> headers;  // sent in this order
-  std::shared_ptr<const std::string> body;                   // none: no body
-  std::chrono::seconds timeout{60};                          // without progress
+  std::vector<std::pair<std::string, std::string>> headers = {};  // sent in this order
+  std::shared_ptr<const std::string> body = {};                   // none: no body
+  std::chrono::seconds timeout{60};                               // without progress
   CellularAccess cellularAccess = CellularAccess::kAllowed;
 
   /// Replaces the header of that name (letter case ignored) or adds it.
@@ -30,9 +30,9 @@ struct URLRequest {
 };
 
 struct URLResponse {
-  std::string url;
+  std::string url = {};
   int32_t statusCode = 0;
-  std::vector<std::pair<std::string, std::string>> headers;
+  std::vector<std::pair<std::string, std::string>> headers = {};
 
   /// Letter case of the name is ignored; the first of several wins.
   [[nodiscard]] std::optional<std::string> header(std::string_view name) const;
@@ -53,6 +53,9 @@ enum class URLSessionError : int32_t {
   kResponseTooLarge,
   kCancelled,
   kCannotReadFile,
+  kBadRequest,         // a method or header that cannot be sent
+  kBadServerResponse,  // not HTTP, or a body that does not decode
+  kTooManyTransfers,   // more tasks, or bytes to send, are under way than the service bears
 };
 
 struct URLSessionConfiguration {
@@ -68,7 +71,8 @@ struct URLSessionConfiguration {
   std::string sourceApplicationIdentifier;
 };
 
-/// One transfer. Any thread.
+/// One transfer. A task counts as its session's from its creation to its end; one that
+/// is let go without ever being resumed has thereby ended, without a word. Any thread.
 class URLSessionTask {
  public:
   virtual ~URLSessionTask() = default;
@@ -116,7 +120,8 @@ class URLSession {
 
   /// A task not started yet; an error after invalidation.
   virtual Result<std::shared_ptr<URLSessionTask>, Error> dataTaskWithRequest(URLRequest request) = 0;
-  /// As above, with the file's bytes, as they are now, as the body.
+  /// As above, with the file's bytes, as they are now, as the body. A file that cannot
+  /// be read makes a task that completes with kCannotReadFile.
   virtual Result<std::shared_ptr<URLSessionTask>, Error> uploadTaskWithRequest(
       URLRequest request, const std::string& filePath) = 0;
 
@@ -125,7 +130,8 @@ class URLSession {
   virtual void finishTasksAndInvalidate() = 0;
 };
 
-/// The platform's URL-session service. Outlives its sessions.
+/// The platform's URL-session service. Its end cancels the tasks that are left and
+/// invalidates the sessions that still are valid.
 class URLSessionService {
  public:
   virtual ~URLSessionService() = default;

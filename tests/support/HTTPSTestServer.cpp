@@ -22,6 +22,7 @@
 namespace zun {
 namespace {
 
+constexpr char kTLSHandshake = 0x16;
 constexpr size_t kMaxBodyBytes = 256U << 20;
 
 struct Freeing {
@@ -211,6 +212,11 @@ bool HTTPSTestServer::Connection::readExactly(size_t count, std::string& into) {
 
 bool HTTPSTestServer::Connection::readHead(TestRequest& request) {
   std::string line;
+  if (buffer_.empty() && !fill()) return false;
+  if (buffer_.front() == kTLSHandshake) {  // someone who takes us for a TLS server
+    send("HTTP/1.1 400 Test\r\nConnection: close\r\n\r\n");
+    return false;
+  }
   if (!readLine(line)) return false;
   const size_t first = line.find(' ');
   const size_t second = line.rfind(' ');
