@@ -17,6 +17,12 @@ constexpr std::string_view kNameWithFallback = "confero";
 constexpr int32_t kLongestRefreshCycle = 86400;
 constexpr uint32_t kFetchClientReleaseTimeout = 30;
 constexpr int32_t kStatusOK = 200;
+// Beyond a request's timeout, so that what the URL session says about it comes first.
+constexpr std::chrono::seconds kGrace{5};
+
+Error failure(URLSessionError code, const char* description) {
+  return {kURLErrorDomain, static_cast<int32_t>(code), description};
+}
 
 }  // namespace
 
@@ -36,10 +42,11 @@ class NetworkStorebagFetcher::Exchange final {
     ended_.notify_all();
   }
 
-  const End& wait() {
+  /// The end, or none after `limit`.
+  std::optional<End> wait(std::chrono::seconds limit) {
     std::unique_lock lock(mutex_);
-    ended_.wait(lock, [this] { return end_.has_value(); });
-    return *end_;
+    if (!ended_.wait_for(lock, limit, [this] { return end_.has_value(); })) return std::nullopt;
+    return end_;
   }
 
  private:
@@ -231,10 +238,7 @@ std::optional<std::string> NetworkStorebagFetcher::fetchSynchronously(
   const std::string url = request.url;
   const auto exchange = std::make_shared<Exchange>();
   LetGo ended([exchange] {
-    exchange->finish({{},
-                      0,
-                      Error{kURLErrorDomain, static_cast<int32_t>(URLSessionError::kCancelled),
-                            "the request was dropped"}});
+    exchange->finish({{}, 0, failure(URLSessionError::kCancelled, "the request was dropped")});
   });
   fetchClient()->getURLRequestWithCompletionHandler(
       std::move(request),
@@ -243,12 +247,15 @@ std::optional<std::string> NetworkStorebagFetcher::fetchSynchronously(
         if (const auto self = fetcher.lock()) self->receive(name, body, response, error);
         exchange->finish({std::move(body), response ? response->statusCode : 0, error});
       });
-  const Exchange::End& end = exchange->wait();
-  if (!end.error && end.statusCode == kStatusOK) return end.body;
+  // A request that waits for a network keeps its timeout for later; its caller does not
+  // wait with it. What it brings in the end still goes to the disk cache.
+  auto end = exchange->wait(options_.requestTimeout + kGrace);
+  if (!end) end = Exchange::End{{}, 0, failure(URLSessionError::kTimedOut, "the request timed out")};
+  if (!end->error && end->statusCode == kStatusOK) return std::move(end->body);
   platform_.log.note(
       "fetchNetworkStorebag: Error resolving with lookup server {}, sendSynchronousRequest "
       "error {}",
-      url, end.error ? end.error->description : "(null)");
+      url, end->error ? end->error->description : "(null)");
   if (name != kNameWithFallback) return std::nullopt;
   platform_.log.note("fetchNetworkStorebag: Loading default storebag '{}'", name);
   return fallbackStorebag();
