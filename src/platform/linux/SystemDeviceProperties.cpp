@@ -18,8 +18,8 @@ constexpr uint64_t kMaximumSystemFile = 64 * 1024;
 
 /// Names this program to the machine id: the id that we tell cannot be matched with
 /// that of another program, nor led back to the machine's own.
-constexpr sd_id128_t kApplication =
-    SD_ID128_MAKE(6d, 2e, 4f, 91, a3, 58, 4c, 07, b1, 9a, 52, e0, 77, 3d, c4, 18);
+constexpr sd_id128_t kApplication{
+    {0x6d, 0x2e, 0x4f, 0x91, 0xa3, 0x58, 0x4c, 0x07, 0xb1, 0x9a, 0x52, 0xe0, 0x77, 0x3d, 0xc4, 0x18}};
 
 std::optional<std::string> uniqueDeviceID() {
   sd_id128_t id{};
