@@ -1,0 +1,114 @@
+// Feeds the D-Bus service's input whatever comes: whole, and again cut into pieces, as
+// a socket may deliver it. Both must give the same messages; what is decoded must
+// survive being encoded and decoded again.
+
+#include <sys/socket.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <string_view>
+
+#include "platform/linux/FileDescriptor.h"
+#include "platform/linux/dbus/DBusAuthentication.h"
+#include "platform/linux/dbus/DBusInput.h"
+#include "platform/linux/dbus/DBusMessage.h"
+
+namespace {
+
+using zun::Array;
+using zun::DBusInput;
+
+void require(bool condition, const char* what) {
+  if (condition) return;
+  std::fprintf(stderr, "broken: %s\n", what);
+  std::abort();
+}
+
+/// Small enough to meet them.
+zun::DBusLimits limits() {
+  return {.maximumMessageBytes = 4096, .maximumDepth = 32, .maximumDecodedBytes = size_t{1} << 18};
+}
+
+// Descriptions tell NaN from NaN no more than they must: equality would.
+void requireRoundTrip(const zun::DBusHeader& header, const Array& values) {
+  if (header.signature.find('h') != std::string_view::npos) return;
+  zun::DBusHeader again = header;
+  again.isSwapped = false;
+  again.descriptorCount = 0;
+  std::string bytes;
+  zun::DBusLimits wide = limits();
+  wide.maximumMessageBytes = size_t{1} << 20;
+  wide.maximumDecodedBytes = size_t{64} << 20;
+  // A variant in a variant is one value, so what comes back is never deeper.
+  if (const auto failure = zun::appendDBusMessage(bytes, again, values, wide)) {
+    require(header.signature.find_first_of("v{") != std::string_view::npos, failure->reason);
+    return;
+  }
+  const auto frame = zun::frameDBusMessage(bytes);
+  require(frame && frame->totalBytes == bytes.size(), "frame of an encoded message");
+  const auto decoded = zun::decodeDBusHeader(bytes, wide);
+  require(static_cast<bool>(decoded), "header of an encoded message");
+  const auto back = zun::decodeDBusBody(*decoded, std::string_view(bytes).substr(frame->headerBytes), wide);
+  require(static_cast<bool>(back), "body of an encoded message");
+  require(zun::Value(*back).description() == zun::Value(values).description(),
+          "values of an encoded message");
+}
+
+/// What became of the messages in `bytes`, sent in pieces of `pieceBytes`.
+std::string outcome(std::string_view bytes, size_t pieceBytes) {
+  int ends[2] = {-1, -1};
+  require(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends) == 0, "socket pair");
+  const zun::FileDescriptor writing(ends[0]);
+  const zun::FileDescriptor reading(ends[1]);
+  DBusInput input(limits());
+  std::string outcomes;
+  while (!bytes.empty()) {
+    const std::string_view piece = bytes.substr(0, pieceBytes);
+    bytes.remove_prefix(piece.size());
+    require(::send(writing.get(), piece.data(), piece.size(), 0) == static_cast<ssize_t>(piece.size()),
+            "send");
+    while (input.receive(reading.get()) == DBusInput::Received::kData) {
+      while (const auto message = input.takeMessage()) {
+        outcomes += static_cast<char>('0' + static_cast<int>(message->state));
+        if (message->state == zun::DBusIncomingMessage::State::kMalformed) return outcomes + message->reason;
+        if (message->state == zun::DBusIncomingMessage::State::kTooLarge) continue;
+        const auto values = zun::decodeDBusBody(message->header, message->body, limits());
+        if (!values) {
+          outcomes += values.error().reason;
+          continue;
+        }
+        outcomes += zun::Value(*values).description();
+        requireRoundTrip(message->header, *values);
+      }
+    }
+  }
+  return outcomes;
+}
+
+std::string authenticated(std::string_view bytes, size_t pieceBytes) {
+  zun::DBusAuthentication authentication(1000, "0123456789abcdef0123456789abcdef");
+  std::string replies;
+  size_t taken = 0;
+  while (taken < bytes.size() && authentication.state() == zun::DBusAuthentication::State::kOngoing) {
+    const size_t count = authentication.feed(bytes.substr(taken, pieceBytes), replies);
+    require(count > 0, "progress of the authentication");
+    taken += count;
+  }
+  require(replies.size() < 4096, "bounded answers");
+  return replies + std::to_string(static_cast<int>(authentication.state()));
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  if (size < 2 || size > 60000) return 0;
+  const std::string_view bytes(reinterpret_cast<const char*>(data) + 1, size - 1);
+  const size_t pieceBytes = size_t{data[0]} + 1;
+  require(outcome(bytes, bytes.size()) == outcome(bytes, pieceBytes), "whole and split give the same");
+  // Where authentication fails tells only how much was sent by then: compare the end.
+  authenticated(bytes, pieceBytes);
+  authenticated(bytes, bytes.size());
+  return 0;
+}
