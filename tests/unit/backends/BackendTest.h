@@ -37,7 +37,9 @@ inline Dictionary profileOf(const Dictionary& client) {
 /// A backend's surroundings on a release build whose user lets diagnostic data out.
 class BackendTest : public PlatformTest {
  protected:
-  BackendTest() { setDiagnosticSubmission(true); }
+  explicit BackendTest(std::string caFile = {}) : PlatformTest(nullptr, std::move(caFile)) {
+    setDiagnosticSubmission(true);
+  }
 
   void setDiagnosticSubmission(bool enabled) {
     platform_.defaults.setObject("com.vantix.diagnostics", "DiagnosticSubmissionEnabled", enabled);

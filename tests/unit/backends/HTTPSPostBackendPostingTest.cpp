@@ -1,0 +1,633 @@
+#include <zlib.h>
+
+#include <future>
+#include <limits>
+#include <set>
+
+#include "BackendTest.h"
+#include "connectivity/ReportingSessionConnectivityHelper.h"
+#include "platform/Crypto.h"
+#include "platform/UUID.h"
+#include "support/HTTPSTestServer.h"
+
+namespace zun {
+namespace {
+
+using Ending = TestAnswer::Ending;
+
+std::string inflated(const std::string& bytes) {
+  z_stream stream{};
+  inflateInit2(&stream, MAX_WBITS + 16);
+  std::string text(1 << 20, '\0');
+  stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(bytes.data()));
+  stream.avail_in = static_cast<uInt>(bytes.size());
+  stream.next_out = reinterpret_cast<Bytef*>(text.data());
+  stream.avail_out = static_cast<uInt>(text.size());
+  EXPECT_EQ(inflate(&stream, Z_FINISH), Z_STREAM_END);
+  text.resize(stream.total_out);
+  inflateEnd(&stream);
+  return text;
+}
+
+/// Keeps what would go to the network, for what no server can see.
+class KeepingHelper final : public ReportingSessionConnectivityInterface {
+ public:
+  void postURLRequestWithCompletionHandler(URLRequest request, ConnectivityCompletion) override {
+    requests.push_back(std::move(request));
+  }
+  void getURLRequestWithCompletionHandler(URLRequest, ConnectivityCompletion) override {}
+
+  std::vector<URLRequest> requests;
+};
+
+// Posts go through a real helper and a real URL session to a real server.
+class HTTPSPostBackendPostingTest : public BackendTest {
+ protected:
+  HTTPSPostBackendPostingTest() : BackendTest(HTTPSTestServer::caFile()) {
+    server_.answer("/post", {});
+    server_.answer("/now", {});
+    helper_ = ReportingSessionConnectivityHelper::create(platform_.services, {}, kPOSTMode);
+    helper_->activate(0);
+  }
+  ~HTTPSPostBackendPostingTest() override {
+    if (helper_) helper_->invalidate();
+  }
+
+  Dictionary postingClient() {
+    return with(with(reportingClient(), "post_url", server_.url("/post")), "realtime_post_url",
+                server_.url("/now"));
+  }
+  std::shared_ptr<HTTPSPostBackend> connected(std::shared_ptr<HTTPSPostBackend> backend) {
+    backend->setReportingSessionConnectivityDelegate(helper_);
+    return backend;
+  }
+  std::shared_ptr<HTTPSPostBackend> connectedBackend() { return connected(start(postingClient())); }
+
+  struct End {
+    std::optional<std::string> result;
+    std::optional<Error> error;
+  };
+  /// A completion that fulfils `promise`; one that is called twice throws into the test.
+  static ZunReportingBackend::FlushCompletion fulfil(std::shared_ptr<std::promise<End>> promise) {
+    return [promise = std::move(promise)](const std::optional<std::string>& result,
+                                          const std::optional<Error>& error) {
+      promise->set_value({result, error});
+    };
+  }
+  static End endOf(std::future<End> future) {
+    if (future.wait_for(HTTPSTestServer::kDeadline) != std::future_status::ready) {
+      ADD_FAILURE() << "the post did not end";
+      return {};
+    }
+    return future.get();
+  }
+  std::future<End> post(HTTPSPostBackend& backend, std::string json, int32_t flag = 0) {
+    auto promise = std::make_shared<std::promise<End>>();
+    auto future = promise->get_future();
+    backend.postJSONMessage(std::move(json), flag, std::nullopt, std::nullopt, fulfil(std::move(promise)));
+    return future;
+  }
+  std::future<End> flush(HTTPSPostBackend& backend) {
+    auto promise = std::make_shared<std::promise<End>>();
+    auto future = promise->get_future();
+    backend.flushMessagesWithCompletion(fulfil(std::move(promise)));
+    return future;
+  }
+  /// Posts `{}` to `url` and gives how it ended.
+  End endOfPostTo(const std::string& url) {
+    const auto backend = connectedBackend();
+    backend->setPostURL(url);
+    return endOf(post(*backend, "{}"));
+  }
+  void expectOnePostError(const End& end) {
+    ASSERT_TRUE(end.error);
+    expectErrors({"HTTPSPostBackend(postJsonMessage): post error: " + end.error->description});
+    EXPECT_EQ(end.result, std::nullopt);
+  }
+  TestRequest onlyRequest() {
+    EXPECT_TRUE(server_.waitForRequests(1));
+    const auto requests = server_.requests();
+    if (requests.size() != 1) {
+      ADD_FAILURE() << requests.size() << " requests";
+      return {};
+    }
+    return requests[0];
+  }
+  /// The values of every header of that name.
+  static std::vector<std::string> headers(const TestRequest& request, std::string_view name) {
+    std::vector<std::string> values;
+    for (const auto& [key, value] : request.headers) {
+      if (key == name) values.push_back(value);
+    }
+    return values;
+  }
+  Dictionary bodyOf(const HTTPSPostBackend& backend, std::vector<Dictionary> records) {
+    const auto json = backend.createMessageForPostAndLogging(std::move(records), nullptr);
+    const auto body = parseJSON(json.value_or(""));
+    return body && body->isDictionary() ? *body->dictionary() : Dictionary();
+  }
+  static bool givesReadableText(const HTTPSPostBackend& backend) {
+    std::optional<std::string> text;
+    EXPECT_TRUE(backend.createMessageForPostAndLogging({Dictionary{{"a", 1}}}, &text).has_value());
+    return text.has_value();
+  }
+  std::string storedIdentifier() { return identity_.getPersistentIdentifierForDNU(false); }
+
+  HTTPSTestServer server_;
+  std::shared_ptr<ReportingSessionConnectivityHelper> helper_;
+};
+
+// --- body ------------------------------------------------------------------------
+
+TEST_F(HTTPSPostBackendPostingTest, BodyHasTimeIdentifierAndEventsInThisOrder) {
+  platform_.clock.setTimeOfDay({1'700'000'123, 250'000});
+  const auto backend = start(postingClient());
+  const auto json = backend->createMessageForPostAndLogging({Dictionary{{"b", 1}, {"a", "x"}}}, nullptr);
+  EXPECT_EQ(json, "{\"postTime\":1700000123.25,\"clientId\":\"" + storedIdentifier() +
+                      "\",\"events\":[{\"b\":1,\"a\":\"x\"}]}");
+}
+
+TEST_F(HTTPSPostBackendPostingTest, ReadableTextIsTheSameBody) {
+  const auto backend = start(postingClient());
+  std::optional<std::string> text;
+  const auto json = backend->createMessageForPostAndLogging({Dictionary{{"a", 1.5}}}, &text);
+  ASSERT_TRUE(json && text);
+  EXPECT_NE(text->find('\n'), std::string::npos);
+  EXPECT_EQ(*parseJSON(*json), *parseJSON(*text));
+}
+
+TEST_F(HTTPSPostBackendPostingTest, MissingIdentifierLeavesOnlyTheTime) {
+  const auto backend =
+      makeWithProfile(profileOf(Dictionary{{"post_url", "https://x"}, {"extras_on_internal", 1}}));
+  backend->setIsInternal(true);
+  backend->updateState();
+  const Dictionary body = bodyOf(*backend, {Dictionary{{"a", 1}}});
+  EXPECT_EQ(body.size(), 1U);
+  EXPECT_TRUE(body.contains("postTime"));
+}
+
+TEST_F(HTTPSPostBackendPostingTest, IdentifierRespectsTheUsersChoiceUnlessOverridden) {
+  EXPECT_EQ(bodyOf(*start(postingClient()), {})["clientId"], Value(storedIdentifier()));
+  setDiagnosticSubmission(false);
+  const auto overriding = start(with(postingClient(), "override_dnu", 1));
+  EXPECT_EQ(bodyOf(*overriding, {})["clientId"], Value(storedIdentifier()));
+  const auto respecting = makeWithProfile(profileOf(Dictionary{{"post_url", "https://x"}}));
+  respecting->updateState();
+  EXPECT_NE(bodyOf(*respecting, {})["clientId"], Value(storedIdentifier()));
+}
+
+TEST_F(HTTPSPostBackendPostingTest, CustomIdentifierComesFirstButForInternalExtras) {
+  const auto backend = start(with(with(postingClient(), "custom_clientId", 1), "extras_on_internal", 1));
+  EXPECT_EQ(bodyOf(*backend, {})["clientId"],
+            Value(platform_.defaults.stringForKey(kReportingSuite, "uuid:Camera:RearCamera").value()));
+  backend->setIsInternal(true);
+  EXPECT_EQ(bodyOf(*backend, {})["clientId"], Value("device-1"));
+}
+
+TEST_F(HTTPSPostBackendPostingTest, RecordsCarryOnlyStringsFiniteNumbersAndDatesAsSeconds) {
+  const auto backend = start(postingClient());
+  const Dictionary record = {{"text", "x"},
+                             {"list", Array{1}},
+                             {"date", Date{1.5}},
+                             {"endless", Date{std::numeric_limits<double>::infinity()}},
+                             {"nan", std::numeric_limits<double>::quiet_NaN()},
+                             {"flag", true},
+                             {"big", std::numeric_limits<uint64_t>::max()},
+                             {"bytes", Value::data("ab")},
+                             {"nested", Dictionary{{"a", 1}}}};
+  const Dictionary body = bodyOf(*backend, {record});
+  EXPECT_EQ(Value((*body["events"].array())[0]),
+            Value(Dictionary{{"text", "x"},
+                             {"date", 1.5},
+                             {"endless", -1.0},
+                             {"flag", true},
+                             {"big", std::numeric_limits<uint64_t>::max()}}));
+  const std::string start =
+      "HTTPSPostBackend(createMessageForPostAndLogging): Textweave unable to handle key: ";
+  expectErrors({start + "list, value: (1)", start + "nan, value: nan", start + "bytes, value: <6162>",
+                start + "nested, value: {a = 1}"});
+}
+
+TEST_F(HTTPSPostBackendPostingTest, RecordWithANestedDictionaryIsPostedWithoutIt) {
+  const auto backend = connected(start(with(postingClient(), "expedite", 1)));
+  const auto text =
+      backend->sendMessage(message({{"nested", Dictionary{{"a", 1}}}, {"note", "x"}}), kEventTime, 1, 2, 0);
+  expectErrors(
+      {"HTTPSPostBackend(createMessageForPostAndLogging): Textweave unable to handle key: nested, value: "
+       "{a = 1}"});
+  EXPECT_EQ(field(eventsOf(text), 0, "note"), Value("x"));
+  EXPECT_TRUE(field(eventsOf(text), 0, "nested").isNone());
+  EXPECT_EQ(field(eventsOf(inflated(onlyRequest().body)), 0, "note"), Value("x"));
+}
+
+TEST_F(HTTPSPostBackendPostingTest, TextMayBeLoggedWhereTheUserLetsDataOutAndNobodyOverrode) {
+  EXPECT_TRUE(givesReadableText(*start(postingClient())));
+  EXPECT_FALSE(givesReadableText(*start(with(postingClient(), "override_dnu", 1))));
+  setDiagnosticSubmission(false);
+  EXPECT_FALSE(givesReadableText(*start(postingClient())));
+}
+
+TEST_F(HTTPSPostBackendPostingTest, ForcedLoggingWorksInTheTwoInnerEnvironments) {
+  setDefault("forceEventLogging", "YES");
+  const auto backend = start(with(postingClient(), "override_dnu", 1));
+  for (const auto& [environment, expected] :
+       std::vector<std::pair<int, bool>>{{1, true}, {2, true}, {3, false}, {4, false}}) {
+    setDefault("environmentType", environment);
+    EXPECT_EQ(givesReadableText(*backend), expected) << environment;
+  }
+}
+
+TEST_F(HTTPSPostBackendPostingTest, ForcedLoggingIsTheBooleanOfAText) {
+  setDefault("environmentType", 1);
+  for (const auto& [setting, expected] : std::vector<std::pair<Value, bool>>{{"YES", true},
+                                                                             {"yes", true},
+                                                                             {"1", true},
+                                                                             {1, true},
+                                                                             {true, true},
+                                                                             {"NO", false},
+                                                                             {"0", false},
+                                                                             {false, false},
+                                                                             {Array{"YES"}, false}}) {
+    setDefault("forceEventLogging", setting);
+    EXPECT_EQ(givesReadableText(*start(with(postingClient(), "override_dnu", 1))), expected)
+        << setting.description();
+  }
+}
+
+// --- request ---------------------------------------------------------------------
+
+TEST_F(HTTPSPostBackendPostingTest, HeadersComeInTheirOrderWithTheirValues) {
+  const auto backend = connectedBackend();
+  backend->setIsInternal(true);
+  backend->setDigestKey("key");
+  send(*backend, 4, 1);
+  const TestRequest request = onlyRequest();
+  EXPECT_EQ(request.method, "POST");
+  EXPECT_EQ(request.path, "/now");
+  const std::vector<std::pair<std::string, std::string>> expected = {
+      {"X-ZUN-Client-Name", "Camera"},      {"X-ZUN-Service-Name", "RearCamera"},
+      {"X-ZUN-Internal-Build", "1"},        {"User-Agent", "ZunReporting/3.2.1 (Pallax12,3; 12.11)"},
+      {"X-ZUN-Client-Version", "3"},        {"X-ZUN-Sender", "BO"},
+      {"X-ZUN-Event-Map", "4 9"},           {"Accept", "application/json"},
+      {"Content-Type", "application/json"}, {"Content-Length", std::to_string(request.body.size())},
+      {"Content-Encoding", "gzip"}};
+  std::vector<std::pair<std::string, std::string>> ours;
+  for (const auto& header : request.headers) {
+    const bool isOurs = std::any_of(expected.begin(), expected.end(),
+                                    [&header](const auto& each) { return each.first == header.first; });
+    if (isOurs) ours.push_back(header);
+  }
+  EXPECT_EQ(ours, expected);
+  EXPECT_EQ(request.headers.back().first, "X-ZUN-DIGEST");
+}
+
+TEST_F(HTTPSPostBackendPostingTest, HeadersOfWhatIsNotThereAreLeftOut) {
+  const auto backend = connectedBackend();
+  backend->setUserInfoDict(Dictionary{{"more", 1}});
+  endOf(post(*backend, "{}"));
+  const TestRequest request = onlyRequest();
+  for (const char* name : {"X-ZUN-Client-Name", "X-ZUN-Service-Name", "X-ZUN-Internal-Build",
+                           "X-ZUN-Event-Map", "Content-Encoding", "X-ZUN-DIGEST"}) {
+    EXPECT_TRUE(headers(request, name).empty()) << name;
+  }
+}
+
+TEST_F(HTTPSPostBackendPostingTest, NamesThatAreNoTextCountAsAbsent) {
+  const auto backend = connectedBackend();
+  backend->setUserInfoDict(userInfo(5, Array{"x"}));
+  endOf(post(*backend, "{}"));
+  EXPECT_TRUE(headers(onlyRequest(), "X-ZUN-Client-Name").empty());
+}
+
+TEST_F(HTTPSPostBackendPostingTest, ControlCharactersOfNamesCannotEndAHeader) {
+  const auto backend = connectedBackend();
+  backend->setUserInfoDict(userInfo(std::string_view("Cam\r\nX-Evil: 1\0\x7F", 16), "Rear\tB\u00fcro"));
+  endOf(post(*backend, "{}"));
+  const TestRequest request = onlyRequest();
+  EXPECT_EQ(headers(request, "X-ZUN-Client-Name"), std::vector<std::string>{"CamX-Evil: 1"});
+  EXPECT_EQ(headers(request, "X-ZUN-Service-Name"), std::vector<std::string>{"RearB\u00fcro"});
+  EXPECT_EQ(request.header("X-Evil"), std::nullopt);
+}
+
+TEST_F(HTTPSPostBackendPostingTest, UserAgentLeavesOutAMinorNumberOfZeroAndSaysNullForWhatIsUnknown) {
+  const auto backend = connectedBackend();
+  backend->setSelfVersion("3.0.0");
+  backend->setHardwareType(std::nullopt);
+  backend->setProductVersion(std::nullopt);
+  endOf(post(*backend, "{}"));
+  EXPECT_EQ(onlyRequest().header("User-Agent"), "ZunReporting/3.0 ((null); (null))");
+}
+
+TEST_F(HTTPSPostBackendPostingTest, BodyThatShrinksIsSentCompressed) {
+  const auto backend = connectedBackend();
+  const std::string json = "{\"text\":\"" + std::string(989, 'x') + "\"}";
+  ASSERT_EQ(json.size(), 1000U);
+  endOf(post(*backend, json));
+  const TestRequest request = onlyRequest();
+  EXPECT_EQ(inflated(request.body), json);
+  EXPECT_LT(request.body.size(), json.size());
+  EXPECT_EQ(headers(request, "Content-Encoding"), std::vector<std::string>{"gzip"});
+  EXPECT_EQ(headers(request, "Content-Length"),
+            std::vector<std::string>{std::to_string(request.body.size())});
+}
+
+TEST_F(HTTPSPostBackendPostingTest, TinyBodyThatDoesNotShrinkIsSentAsItIs) {
+  const auto backend = connectedBackend();
+  endOf(post(*backend, "{\"postTime\":1}"));
+  const TestRequest request = onlyRequest();
+  EXPECT_EQ(request.body, "{\"postTime\":1}");
+  EXPECT_TRUE(headers(request, "Content-Encoding").empty());
+  EXPECT_EQ(headers(request, "Content-Length"), std::vector<std::string>{"14"});
+}
+
+TEST_F(HTTPSPostBackendPostingTest, DigestIsOverTheUncompressedBodyInGroupsOfFourBytes) {
+  const auto backend = connectedBackend();
+  backend->setDigestKey("key");
+  const std::string json = "The quick brown fox jumps over the lazy dog";
+  endOf(post(*backend, json));
+  EXPECT_EQ(onlyRequest().header("X-ZUN-DIGEST"), "<de7c9b85 b8b78aa6 bc8a7a36 f70a9070 1c9db4d9>");
+  server_.clearRequests();
+  const std::string large(5000, 'x');
+  endOf(post(*backend, large));
+  std::string digits;
+  for (const uint8_t byte : hmacSHA1("key", large)) digits += fmt::format("{:02x}", byte);
+  std::string sent = onlyRequest().header("X-ZUN-DIGEST").value_or("");
+  std::erase_if(sent, [](char c) { return c == ' ' || c == '<' || c == '>'; });
+  EXPECT_EQ(sent, digits);
+}
+
+TEST_F(HTTPSPostBackendPostingTest, OtherDigestAlgorithmsMakeNoHeader) {
+  for (const int32_t algorithm : {1, -1, 256}) {
+    server_.clearRequests();
+    const auto backend = connectedBackend();
+    backend->setDigestKey("key");
+    backend->setDigestAlgorithm(algorithm);
+    endOf(post(*backend, "{}"));
+    EXPECT_EQ(onlyRequest().header("X-ZUN-DIGEST"), std::nullopt) << algorithm;
+  }
+}
+
+TEST_F(HTTPSPostBackendPostingTest, FlagsOneAndThreeGoToTheRealtimeURL) {
+  const auto backend = connectedBackend();
+  for (const int32_t flag : {0, 1, 2, 3, 5}) endOf(post(*backend, "{}", flag));
+  EXPECT_EQ(server_.requestsFor("/now").size(), 2U);
+  EXPECT_EQ(server_.requestsFor("/post").size(), 3U);
+}
+
+TEST_F(HTTPSPostBackendPostingTest, WiFiOnlyIsTheLowEightBitsOfTheSetting) {
+  const auto keeping = std::make_shared<KeepingHelper>();
+  for (const auto& [setting, expected] :
+       std::vector<std::pair<Value, CellularAccess>>{{Value(), CellularAccess::kAllowed},
+                                                     {0, CellularAccess::kAllowed},
+                                                     {1, CellularAccess::kForbidden},
+                                                     {256, CellularAccess::kAllowed},
+                                                     {257, CellularAccess::kForbidden}}) {
+    const auto backend = start(with(postingClient(), "use_wifi_only", setting));
+    backend->setReportingSessionConnectivityDelegate(keeping);
+    backend->postJSONMessage("{}", 0, std::nullopt, std::nullopt, nullptr);
+    EXPECT_EQ(keeping->requests.back().cellularAccess, expected) << setting.description();
+  }
+}
+
+// --- URLs ------------------------------------------------------------------------
+
+TEST_F(HTTPSPostBackendPostingTest, ReleaseBuildsPostToHTTPSWhateverTheSchemeConfigured) {
+  const std::string rest = server_.url("/post").substr(std::string("https").size());
+  for (const char* scheme : {"http", "ftp", ""}) {
+    EXPECT_EQ(endOfPostTo(scheme + rest).error, std::nullopt) << scheme;
+  }
+  EXPECT_EQ(server_.requestsFor("/post").size(), 3U);
+}
+
+TEST_F(HTTPSPostBackendPostingTest, TextAfterASecondSchemeSeparatorIsDroppedOnlyWithTheScheme) {
+  const auto keeping = std::make_shared<KeepingHelper>();
+  const auto backend = start(postingClient());
+  backend->setReportingSessionConnectivityDelegate(keeping);
+  const auto sentTo = [&](const char* url) {
+    backend->setPostURL(url);
+    backend->postJSONMessage("{}", 0, std::nullopt, std::nullopt, nullptr);
+    return keeping->requests.back().url;
+  };
+  EXPECT_EQ(sentTo("http://a.example/to?u=b://c"), "https://a.example/to?u=b");
+  EXPECT_EQ(sentTo("HTTPS://a.example/to?u=b://c"), "HTTPS://a.example/to?u=b://c");
+  EXPECT_EQ(sentTo("HTtp://a.example"), "https://a.example");
+  EXPECT_EQ(sentTo("a.example/post"), "a.example/post");
+  EXPECT_EQ(sentTo("http:/a.example"), "http:/a.example");
+  EXPECT_EQ(sentTo("http://"), "https://");
+  EXPECT_EQ(sentTo(""), "");
+}
+
+TEST_F(HTTPSPostBackendPostingTest, InternalBuildsKeepTheURLAsConfigured) {
+  becomeInternalBuild();
+  HTTPSTestServer plain(HTTPSTestServer::Transport::kPlain);
+  plain.answer("/post", {});
+  const std::string url = plain.url("/post");
+  ASSERT_EQ(url.find("http://"), 0U);
+  EXPECT_EQ(endOfPostTo(url).error, std::nullopt);
+  EXPECT_EQ(plain.requestsFor("/post").size(), 1U);
+}
+
+TEST_F(HTTPSPostBackendPostingTest, WithoutURLTheCompletionHearsSoAtOnce) {
+  const auto backend = connected(make(postingClient()));
+  const auto outcome = std::make_shared<Outcome>();
+  backend->postJSONMessage("{}", 0, std::nullopt, std::nullopt, keepIn(outcome));
+  EXPECT_EQ(outcome->calls, 1);
+  EXPECT_EQ(outcome->result, std::nullopt);
+  EXPECT_EQ(outcome->error,
+            (Error{std::string(zunreporting::kZunReportingErrorDomain), -1, "postURL is nil"}));
+  backend->postJSONMessage("{}", 0, std::nullopt, std::nullopt, nullptr);
+}
+
+// --- answers ---------------------------------------------------------------------
+
+TEST_F(HTTPSPostBackendPostingTest, FlushCompletesWithTheReadableTextAndNoError) {
+  const auto backend = connectedBackend();
+  send(*backend, 1);
+  send(*backend, 2);
+  const End end = endOf(flush(*backend));
+  EXPECT_EQ(end.error, std::nullopt);
+  EXPECT_EQ(eventsOf(end.result).size(), 2U);
+  const TestRequest request = onlyRequest();
+  EXPECT_EQ(request.path, "/post");
+  EXPECT_EQ(*parseJSON(inflated(request.body)), *parseJSON(*end.result));
+}
+
+TEST_F(HTTPSPostBackendPostingTest, ServerErrorDisablesTheBackend) {
+  for (const int status : {500, 503, 599}) {
+    server_.answer("/post", {.status = status});
+    const auto backend = connectedBackend();
+    send(*backend, 1);
+    const End end = endOf(flush(*backend));
+    const std::string text = fmt::format("backend httpPost disabled by server {} return code", status);
+    EXPECT_EQ(end.error, (Error{std::string(zunreporting::kZunReportingErrorDomain), status, text}));
+    expectDefaultLine("postJSONMessage: " + text);
+    EXPECT_EQ(backend->state(), ZunBackendStateDisabled);
+    EXPECT_EQ(send(*backend, 1, 1), std::nullopt);
+  }
+}
+
+TEST_F(HTTPSPostBackendPostingTest, OtherStatusesAreNoFailures) {
+  for (const int status : {200, 204, 304, 400, 404, 429, 499}) {
+    server_.answer("/post", {.status = status});
+    const auto backend = connectedBackend();
+    EXPECT_EQ(endOf(post(*backend, "{}")).error, std::nullopt) << status;
+    EXPECT_EQ(backend->state(), ZunBackendStateEnabled) << status;
+  }
+}
+
+TEST_F(HTTPSPostBackendPostingTest, DisabledByTheServerUntilTheNextUpdate) {
+  server_.answer("/post", {.status = 500});
+  const auto backend = connectedBackend();
+  endOf(post(*backend, "{}"));
+  EXPECT_EQ(backend->state(), ZunBackendStateDisabled);
+  EXPECT_EQ(backend->updateState(), ZunBackendStateEnabled);
+}
+
+TEST_F(HTTPSPostBackendPostingTest, FrozenBackendStaysDisabledByTheServer) {
+  server_.answer("/post", {.status = 500});
+  const auto backend = connectedBackend();
+  send(*backend, 1);
+  endOf(flush(*backend));
+  EXPECT_EQ(backend->updateState(), ZunBackendStateDisabled);
+}
+
+// --- faults ----------------------------------------------------------------------
+
+TEST_F(HTTPSPostBackendPostingTest, CertificatesThatDoNotVerifyAreNeverAccepted) {
+  for (const auto transport : {HTTPSTestServer::Transport::kUntrusted, HTTPSTestServer::Transport::kExpired,
+                               HTTPSTestServer::Transport::kWrongHost}) {
+    HTTPSTestServer server(transport);
+    server.handleOthers([](const TestRequest&) { return TestAnswer{}; });
+    expectOnePostError(endOfPostTo(server.url("/post")));
+    EXPECT_TRUE(server.requests().empty());
+  }
+}
+
+TEST_F(HTTPSPostBackendPostingTest, RefusedConnectionIsAnErrorThatChangesNoState) {
+  const auto backend = connectedBackend();
+  server_.stop();
+  send(*backend, 1);
+  const End end = endOf(flush(*backend));
+  ASSERT_TRUE(end.error);
+  EXPECT_EQ(end.error->domain, kURLErrorDomain);
+  expectErrors({"HTTPSPostBackend(postJsonMessage): post error: " + end.error->description});
+  EXPECT_EQ(backend->state(), ZunBackendStateEnabled);
+  EXPECT_EQ(backend->batchedEventsSize(), 0U);  // what was lost is not posted again
+}
+
+TEST_F(HTTPSPostBackendPostingTest, ServerThatClosesWithoutAnAnswerIsAnError) {
+  server_.answer("/post", TestAnswer::ended(Ending::kNoAnswer));
+  expectOnePostError(endOfPostTo(server_.url("/post")));
+}
+
+TEST_F(HTTPSPostBackendPostingTest, ServerThatSpeaksNoTLSIsAnError) {
+  HTTPSTestServer plain(HTTPSTestServer::Transport::kPlain);
+  plain.handleOthers([](const TestRequest&) { return TestAnswer{}; });
+  expectOnePostError(endOfPostTo("https" + plain.url("/post").substr(std::string("http").size())));
+  EXPECT_TRUE(plain.requests().empty());
+}
+
+TEST_F(HTTPSPostBackendPostingTest, ConnectionClosedMidAnswerIsAnErrorThatChangesNoState) {
+  server_.answer("/post", {.body = "half of this", .ending = Ending::kCloseMidAnswer});
+  const auto backend = connectedBackend();
+  send(*backend, 1);
+  const End end = endOf(flush(*backend));
+  ASSERT_TRUE(end.error);
+  EXPECT_EQ(eventsOf(end.result).size(), 1U);  // the text of what was sent, all the same
+  expectErrors({"HTTPSPostBackend(postJsonMessage): post error: " + end.error->description});
+  EXPECT_EQ(backend->state(), ZunBackendStateEnabled);
+}
+
+TEST_F(HTTPSPostBackendPostingTest, ServerErrorClosedMidAnswerCountsAsServerError) {
+  server_.answer("/post", {.status = 502, .body = "half of this", .ending = Ending::kCloseMidAnswer});
+  const auto backend = connectedBackend();
+  const End end = endOf(post(*backend, "{}"));
+  ASSERT_TRUE(end.error);
+  EXPECT_EQ(end.error->code, 502);
+  EXPECT_EQ(platform_.log.takeErrors().size(), 1U);
+  EXPECT_EQ(backend->state(), ZunBackendStateDisabled);
+}
+
+TEST_F(HTTPSPostBackendPostingTest, RedirectedPostEndsAtItsTarget) {
+  server_.answer("/post", TestAnswer::redirect(server_.url("/elsewhere"), 307));
+  server_.answer("/elsewhere", {.status = 503});
+  const auto backend = connectedBackend();
+  const End end = endOf(post(*backend, "{\"a\":1}"));
+  ASSERT_TRUE(end.error);
+  EXPECT_EQ(end.error->code, 503);
+  ASSERT_EQ(server_.requestsFor("/elsewhere").size(), 1U);
+  EXPECT_EQ(server_.requestsFor("/elsewhere")[0].body, "{\"a\":1}");
+}
+
+TEST_F(HTTPSPostBackendPostingTest, EndlessRedirectsAreAnError) {
+  server_.answer("/post", TestAnswer::redirect(server_.url("/post"), 307));
+  expectOnePostError(endOfPostTo(server_.url("/post")));
+}
+
+TEST_F(HTTPSPostBackendPostingTest, URLThatIsNoneIsAnError) {
+  for (const char* url : {"https://", "https://[::", "not a url at all", ""}) {
+    expectOnePostError(endOfPostTo(url));
+  }
+}
+
+TEST_F(HTTPSPostBackendPostingTest, ServerThatHangsHoldsUpNeitherMessagesNorState) {
+  server_.answer("/post", TestAnswer::ended(Ending::kNever));
+  const auto backend = connectedBackend();
+  send(*backend, 1);
+  auto hanging = flush(*backend);
+  ASSERT_TRUE(server_.waitForRequests(1));
+  EXPECT_EQ(send(*backend, 2), std::nullopt);
+  EXPECT_EQ(backend->state(), ZunBackendStateEnabled);
+  EXPECT_TRUE(send(*backend, 3, 1).has_value());
+  server_.stop();
+  EXPECT_TRUE(endOf(std::move(hanging)).error.has_value());
+  helper_->invalidate();
+  (void)platform_.log.takeErrors();  // the realtime post and the forced flush end so too
+}
+
+TEST_F(HTTPSPostBackendPostingTest, AnswerAfterTheBackendIsGoneStillReachesTheCompletion) {
+  const auto gate = std::make_shared<TestGate>();
+  server_.answer("/post", {.status = 503, .gate = gate});
+  auto backend = connectedBackend();
+  send(*backend, 1);
+  auto waiting = flush(*backend);
+  ASSERT_TRUE(server_.waitForRequests(1));
+  const std::weak_ptr<HTTPSPostBackend> watched = backend;
+  backend.reset();
+  EXPECT_TRUE(watched.expired());  // a post under way does not keep it
+  gate->open();
+  EXPECT_EQ(endOf(std::move(waiting)).error->code, 503);
+}
+
+TEST_F(HTTPSPostBackendPostingTest, HelperThatIsGoneLetsGoOfTheCompletion) {
+  const auto backend = connectedBackend();
+  send(*backend, 1);
+  helper_->invalidate();
+  helper_.reset();
+  const auto outcome = std::make_shared<Outcome>();
+  EXPECT_TRUE(backend->flushMessagesWithCompletion(keepIn(outcome)).has_value());
+  EXPECT_EQ(outcome->calls, 0);
+  EXPECT_EQ(outcome.use_count(), 1);
+  EXPECT_TRUE(server_.requests().empty());
+}
+
+// Many events through all of it: none is lost, none comes twice.
+TEST_F(HTTPSPostBackendPostingTest, EveryEventOfManyBatchesArrivesOnce) {
+  const auto backend = connectedBackend();
+  constexpr int kEvents = 1000;
+  size_t posts = 1;
+  for (int i = 0; i < kEvents; ++i) posts += send(*backend, static_cast<uint16_t>(i % 3)) ? 1 : 0;
+  EXPECT_EQ(endOf(flush(*backend)).error, std::nullopt);
+  ASSERT_TRUE(server_.waitForRequests(posts));
+  std::multiset<int64_t> numbers;
+  for (const TestRequest& request : server_.requests()) {
+    for (const Value& event : eventsOf(inflated(request.body))) {
+      numbers.insert((*event.dictionary())["_eventNumber"].intValue());
+    }
+  }
+  EXPECT_EQ(numbers.size(), size_t{kEvents});
+  EXPECT_EQ(std::set<int64_t>(numbers.begin(), numbers.end()).size(), size_t{kEvents});
+}
+
+}  // namespace
+}  // namespace zun
