@@ -16,7 +16,6 @@ namespace zun {
 
 namespace {
 
-
 void appendBigEndian(std::string& out, uint64_t number, size_t width) {
   for (size_t i = width; i-- > 0;) out += static_cast<char>(number >> (8 * i));
 }
