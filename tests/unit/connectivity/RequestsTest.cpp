@@ -207,6 +207,17 @@ TEST_F(RequestsTest, ServerThatClosesWithoutAnAnswerGivesAnErrorAndNoResponse) {
             1);
 }
 
+TEST_F(RequestsTest, RefusedConnectionGivesAnErrorAndNoResponse) {
+  const std::string url = server_.url("/post");
+  server_.stop();
+  makeActive(kPOSTMode);
+  const auto result = post(postRequest(url, "x"));
+  ASSERT_TRUE(finished(result));
+  ASSERT_TRUE(result->error);
+  EXPECT_EQ(result->error->code, static_cast<int32_t>(URLSessionError::kCannotConnect));
+  EXPECT_FALSE(result->response);
+}
+
 TEST_F(RequestsTest, BrokenAnswerGivesTheErrorAndTheBytesThatCame) {
   server_.answer("/bag", {.body = "0123456789", .ending = TestAnswer::Ending::kCloseMidAnswer});
   makeActive(kGETMode);
