@@ -76,10 +76,15 @@ class ScriptedFetcher final : public StorebagFetcher {
 };
 
 StorebagFetchOutcome bag(const std::string& version, uint32_t maxAge) {
-  return {.section = Dictionary{{"bag", version}}, .maxAgeSeconds = maxAge, .version = version, .unchanged = false};
+  return {.section = Dictionary{{"bag", version}},
+          .maxAgeSeconds = maxAge,
+          .version = version,
+          .unchanged = false};
 }
 
-StorebagFetchOutcome failure() { return {}; }
+StorebagFetchOutcome failure() {
+  return {};
+}
 
 class StorebagCacheTest : public ::testing::Test {
  protected:
@@ -128,9 +133,9 @@ TEST_F(StorebagCacheTest, FailedFirstFetchGivesNoneAndIsRetriedOnlyAfter900Secon
   clock_.advance(899s);
   EXPECT_EQ(bagOf(kConfero), "none");
   EXPECT_EQ(fetcher_.calls(), 1u);
-  EXPECT_TRUE(log_.contains(
-      LogLevel::kDefault,
-      "storebagForSession: Not fetching storebag for client type 7 - must wait 900 seconds between attempts"));
+  EXPECT_TRUE(log_.contains(LogLevel::kDefault,
+                            "storebagForSession: Not fetching storebag for client type 7 - must wait 900 "
+                            "seconds between attempts"));
   clock_.advance(1s);
   EXPECT_EQ(bagOf(kConfero), "1.0");
 }
@@ -174,7 +179,8 @@ TEST_F(StorebagCacheTest, DiskFileWrittenAfterTheFetchForcesAFetchOfAFreshEntry)
   EXPECT_EQ(bagOf(kConfero), "2.0");
   EXPECT_TRUE(log_.contains(
       LogLevel::kDefault,
-      "storebagForSession: Override maxAge as disk cache for storebag 'confero' was updated: modification time "
+      "storebagForSession: Override maxAge as disk cache for storebag 'confero' was updated: modification "
+      "time "
       "'2023-11-14 22:13:25 +0000' is greater than last fetch time '2023-11-14 22:13:20 +0000"));
 }
 
@@ -184,7 +190,8 @@ TEST_F(StorebagCacheTest, VersionOfATypeNeverFetchedIsNoneAndStartsNoFetch) {
 }
 
 TEST_F(StorebagCacheTest, UnchangedCountsAsSuccessAndKeepsTheBag) {
-  fetcher_.answerWith({bag("1.0", 60), {.section = {}, .maxAgeSeconds = 60, .version = {}, .unchanged = true}});
+  fetcher_.answerWith(
+      {bag("1.0", 60), {.section = {}, .maxAgeSeconds = 60, .version = {}, .unchanged = true}});
   EXPECT_EQ(bagOf(kConfero), "1.0");
   clock_.advance(60s);
   EXPECT_EQ(bagOf(kConfero), "1.0");

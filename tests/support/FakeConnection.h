@@ -1,0 +1,56 @@
+#pragma once
+
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "platform/ServiceConnection.h"
+
+namespace zun {
+
+/// One end of a connection, without a peer: the test makes the calls and ends it.
+class FakeConnection final : public ServiceConnection {
+ public:
+  explicit FakeConnection(std::map<std::string, bool> entitlements, std::string description = "test peer")
+      : entitlements_(std::move(entitlements)), description_(std::move(description)) {}
+
+  std::optional<bool> booleanEntitlement(std::string_view name) const override {
+    const auto found = entitlements_.find(std::string(name));
+    return found == entitlements_.end() ? std::nullopt : std::optional(found->second);
+  }
+  std::string description() const override { return description_; }
+  void setExportedInterface(const ServiceInterface& interface) override { exportedInterface = &interface; }
+  void setRemoteObjectInterface(const ServiceInterface& interface) override { remoteInterface = &interface; }
+  void setExportedObject(std::shared_ptr<ExportedObject> object) override {
+    exportedObject = std::move(object);
+  }
+  void setInterruptionHandler(UniqueFunction<void()> handler) override { interrupted_ = std::move(handler); }
+  void setInvalidationHandler(UniqueFunction<void()> handler) override { invalidated_ = std::move(handler); }
+  void resume() override { isResumed = true; }
+
+  /// As the real one: the handler is called once, then all is let go.
+  void invalidate() override {
+    if (const auto handler = std::exchange(invalidated_, {})) handler();
+    interrupted_ = {};
+    exportedObject = nullptr;
+  }
+  std::optional<std::string> callRemote(size_t, const Array&) override { return "nobody is there"; }
+
+  void interrupt() {
+    if (interrupted_) interrupted_();
+  }
+
+  const ServiceInterface* exportedInterface = nullptr;
+  const ServiceInterface* remoteInterface = nullptr;
+  std::shared_ptr<ExportedObject> exportedObject;
+  bool isResumed = false;
+
+ private:
+  const std::map<std::string, bool> entitlements_;
+  const std::string description_;
+  UniqueFunction<void()> interrupted_;
+  UniqueFunction<void()> invalidated_;
+};
+
+}  // namespace zun

@@ -1,0 +1,298 @@
+#include "daemon/ReportingdAgent.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "support/FakeConnection.h"
+#include "support/TestPlatform.h"
+#include "zunreporting/Keys.h"
+
+namespace zun {
+namespace {
+
+using namespace zunreporting;
+
+/// A storebag server that has nothing.
+class EmptyFetcher final : public StorebagFetcher {
+ public:
+  StorebagFetchOutcome fetchStorebagForEnvironmentAndClientType(int32_t) override { return {}; }
+  std::optional<Date> modificationDateOfStorebagFile(std::string_view) const override { return std::nullopt; }
+};
+
+class ReportingdAgentTest : public PlatformTest {
+ protected:
+  std::shared_ptr<FakeConnection> connect(bool isEntitled = true) {
+    auto connection = std::make_shared<FakeConnection>(
+        std::map<std::string, bool>{{"com.vantix.private.zunreportingd", isEntitled}});
+    EXPECT_EQ(agent_->shouldAcceptNewConnection(connection), isEntitled);
+    return connection;
+  }
+
+  /// A session of its own, in the place of a client's call.
+  std::shared_ptr<ReportingdSession> makeSession(uint32_t number, const std::string& token, int level) {
+    const auto connection = std::make_shared<FakeConnection>(std::map<std::string, bool>{});
+    auto session = agent_->createReportingSessionWithDelegate(agent_, connection);
+    configure(*session, number, token, level);
+    return session;
+  }
+  void configure(ReportingdSession& session, uint32_t number, const std::string& token, int level) {
+    Dictionary info{{kZunReportingSessionInfoSessionID, number}};
+    if (!token.empty()) {
+      info.set(kZunReportingSessionInfoHierarchyToken, Dictionary{{kZunReportingHierarchyTokenTokenID, token},
+                                                                  {kZunReportingHierarchyTokenLevel, level}});
+    }
+    session.setSessionInfo(info, std::nullopt, {}, false);
+  }
+  int countDefault(const std::string& line) { return platform_.log.count(LogLevel::kDefault, line); }
+
+  DeviceIdentity identity_{platform_.services};
+  MessageLog messageLog_{platform_.services};
+  ReportingServices services_{platform_.services, identity_, messageLog_};
+  EmptyFetcher fetcher_;
+  std::shared_ptr<ReportingdAgent> agent_ = ReportingdAgent::create(services_, fetcher_);
+};
+
+TEST_F(ReportingdAgentTest, PeerWithoutTheEntitlementIsRefusedAndNothingIsConfigured) {
+  const auto connection = std::make_shared<FakeConnection>(std::map<std::string, bool>{});
+  EXPECT_FALSE(agent_->shouldAcceptNewConnection(connection));
+  EXPECT_EQ(agent_->sessionCount(), 0u);
+  EXPECT_EQ(connection->exportedInterface, nullptr);
+  EXPECT_EQ(connection->exportedObject, nullptr);
+  EXPECT_FALSE(connection->isResumed);
+  EXPECT_EQ(platform_.transactions.begins, 0);
+  expectDebugLine(
+      "listener: new Quorx connection test peer does not have required zunreporting entitlement. Closing "
+      "connection...");
+}
+
+TEST_F(ReportingdAgentTest, PeerWhoseEntitlementIsFalseIsRefused) {
+  connect(/*isEntitled=*/false);
+  EXPECT_EQ(agent_->sessionCount(), 0u);
+}
+
+TEST_F(ReportingdAgentTest, AcceptedConnectionIsSetUpAndResumed) {
+  const auto connection = connect();
+  EXPECT_EQ(agent_->sessionCount(), 1u);
+  EXPECT_EQ(connection->exportedInterface, &clientSessionInterface());
+  EXPECT_EQ(connection->remoteInterface, &clientSessionReplyInterface());
+  EXPECT_NE(connection->exportedObject, nullptr);
+  EXPECT_TRUE(connection->isResumed);
+  expectDebugLine(
+      "listener: Accepting new Quorx connection test peer as it has proper entitlement, 0(0) connections.");
+  connection->invalidate();
+}
+
+TEST_F(ReportingdAgentTest, FirstConnectionOpensTheTransactionAndTheSecondOnlyRaisesTheCount) {
+  const auto first = connect();
+  const auto second = connect();
+  EXPECT_EQ(platform_.transactions.begins, 1);
+  EXPECT_EQ(countDefault("createReportingSessionWithDelegate: retained Quorx Transaction. Ref count is 1"),
+            1);
+  EXPECT_EQ(countDefault("createReportingSessionWithDelegate: retained Quorx Transaction. Ref count is 2"),
+            1);
+  int started = 0;
+  for (const auto& line : platform_.log.linesOf(LogLevel::kDebug)) {
+    if (line.starts_with("createReportingSessionWithDelegate: Quorx transaction started with session "))
+      ++started;
+  }
+  EXPECT_EQ(started, 1);
+  first->invalidate();
+  second->invalidate();
+}
+
+TEST_F(ReportingdAgentTest, EndOfTheLastConnectionEndsSessionAndTransaction) {
+  const auto connection = connect();
+  connection->invalidate();
+  EXPECT_EQ(agent_->sessionCount(), 0u);
+  EXPECT_EQ(platform_.transactions.ends, 1);
+  EXPECT_EQ(countDefault("releaseQuorxTransactions: Quorx transaction ref count is 0, decremented by 1"), 1);
+  EXPECT_EQ(countDefault("releaseQuorxTransactions: Quorx transaction ended"), 1);
+}
+
+TEST_F(ReportingdAgentTest, InterruptionLogsOneLineAndKeepsTheSession) {
+  const auto connection = connect();
+  platform_.log.clear();
+  connection->interrupt();
+  const auto lines = platform_.log.lines();
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_TRUE(lines[0].text.starts_with("listener: Quorx connection to "));
+  EXPECT_TRUE(lines[0].text.ends_with(" was interrupted"));
+  EXPECT_EQ(agent_->sessionCount(), 1u);
+  connection->invalidate();
+}
+
+TEST_F(ReportingdAgentTest, InvalidationNamesTheSessionTwice) {
+  const auto connection = connect();
+  platform_.log.clear();
+  connection->invalidate();
+  const auto lines = platform_.log.linesOf(LogLevel::kDebug);
+  ASSERT_GE(lines.size(), 2u);
+  EXPECT_TRUE(lines[0].starts_with("listener: Quorx connection to "));
+  EXPECT_TRUE(lines[0].ends_with(" was invalidated"));
+  EXPECT_TRUE(lines[1].starts_with("invalidateReportingSession: ReportingdSession "));
+  EXPECT_TRUE(lines[1].ends_with(" was invalidated"));
+}
+
+TEST_F(ReportingdAgentTest, ReleaseBeyondTheCountLeavesItNegativeAndTheNextSessionOpensNoTransaction) {
+  const auto first = makeSession(1, "", 0);
+  const auto second = makeSession(2, "", 0);
+  agent_->releaseQuorxTransactions(3);
+  EXPECT_EQ(platform_.transactions.ends, 1);
+  EXPECT_EQ(countDefault("releaseQuorxTransactions: Quorx transaction ref count is -1, decremented by 3"), 1);
+
+  const auto third = makeSession(3, "", 0);
+  EXPECT_EQ(countDefault("createReportingSessionWithDelegate: retained Quorx Transaction. Ref count is 0"),
+            1);
+  EXPECT_EQ(platform_.transactions.begins, 1);
+  for (const auto& session : {first, second, third}) agent_->invalidateReportingSession(session);
+}
+
+TEST_F(ReportingdAgentTest, ReleaseWithoutReferencesIsIgnoredWithoutALine) {
+  agent_->releaseQuorxTransactions(1);
+  EXPECT_TRUE(platform_.log.lines().empty());
+  EXPECT_EQ(platform_.transactions.ends, 0);
+}
+
+TEST_F(ReportingdAgentTest, LastSessionOfATokenLeavesItsListAndSharedDataInPlace) {
+  auto session = makeSession(1, "family", 0);
+  agent_->updateSharedDataForSession(*session, Dictionary{{"key", "value"}});
+  agent_->invalidateReportingSession(session);
+  session = nullptr;
+
+  platform_.log.clear();
+  const auto connection = connect();
+  expectDebugLine(
+      "listener: Accepting new Quorx connection test peer as it has proper entitlement, 0(1) connections.");
+  const auto later = makeSession(2, "family", 0);
+  EXPECT_EQ(agent_->sharedDataForSession(*later), (Dictionary{{"key", "value"}}));
+  agent_->invalidateReportingSession(later);
+  connection->invalidate();
+}
+
+TEST_F(ReportingdAgentTest, StandaloneSessionNeitherStoresNorReadsSharedData) {
+  const auto session = makeSession(1, "", 0);
+  agent_->updateSharedDataForSession(*session, Dictionary{{"key", "value"}});
+  agent_->removeObjectFromSharedDataForSession(*session, "key");
+  EXPECT_EQ(agent_->sharedDataForSession(*session), std::nullopt);
+  expectDefaultLine(
+      "updateCorrelatedSessions: Session 1 has no correlated sessions as it is a standalone session");
+  agent_->invalidateReportingSession(session);
+}
+
+TEST_F(ReportingdAgentTest, SessionsOfOneTokenShareDataAndTheSecondValueWins) {
+  const auto first = makeSession(1, "family", 0);
+  const auto second = makeSession(2, "family", 1);
+  agent_->updateSharedDataForSession(*first, Dictionary{{"key", 1}, {"other", 5}});
+  agent_->updateSharedDataForSession(*second, Dictionary{{"key", 2}});
+  EXPECT_EQ(agent_->sharedDataForSession(*first), (Dictionary{{"key", 2}, {"other", 5}}));
+  agent_->removeObjectFromSharedDataForSession(*first, "key");
+  agent_->removeObjectFromSharedDataForSession(*first, "never there");
+  EXPECT_EQ(agent_->sharedDataForSession(*second), (Dictionary{{"other", 5}}));
+  agent_->invalidateReportingSession(first);
+  agent_->invalidateReportingSession(second);
+}
+
+TEST_F(ReportingdAgentTest, ParentIDStringJoinsTheAncestorsFromTheTop) {
+  const auto top = makeSession(1, "family", 0);
+  const auto middle = makeSession(2, "family", 1);
+  const auto bottom = makeSession(3, "family", 2);
+  EXPECT_EQ(agent_->parentSessionIDStringForSession(*bottom),
+            top->sessionIDString() + "." + middle->sessionIDString());
+  EXPECT_EQ(agent_->parentSessionForChild(*bottom), middle);
+  EXPECT_EQ(agent_->parentSessionIDStringForSession(*top), std::nullopt);
+  EXPECT_EQ(agent_->parentSessionForChild(*top), nullptr);
+  expectDebugLine("parentSessionIDStringForSession: Checking hierarchyToken 'family' for session 3");
+  expectDebugLine(
+      "updateCorrelatedSessions: Adding session 3 to list for hierarchyToken family with hierarchyLevel 2");
+
+  agent_->invalidateReportingSession(middle);
+  EXPECT_EQ(agent_->parentSessionIDStringForSession(*bottom), std::nullopt);  // the gap is next to it
+  EXPECT_EQ(agent_->parentSessionForChild(*bottom), nullptr);
+  expectDefaultLine(
+      "parentSessionIDStringForSession: Found a gap in hierarchy (one of parents missing): incomplete "
+      "parentSessionID is '(null)'");
+  expectDefaultLine(
+      "parentSessionForChild: Unable to find session with hierarchy of 1 for hierarchyToken 'family'");
+  agent_->invalidateReportingSession(top);
+  agent_->invalidateReportingSession(bottom);
+}
+
+TEST_F(ReportingdAgentTest, MissingTopLeavesTheLevelsBelowIt) {
+  const auto middle = makeSession(2, "family", 1);
+  const auto bottom = makeSession(3, "family", 2);
+  EXPECT_EQ(agent_->parentSessionIDStringForSession(*bottom), middle->sessionIDString());
+  agent_->invalidateReportingSession(middle);
+  agent_->invalidateReportingSession(bottom);
+}
+
+TEST_F(ReportingdAgentTest, OfTwoSessionsAtOneLevelTheFirstToJoinIsTheParent) {
+  const auto first = makeSession(1, "family", 0);
+  const auto second = makeSession(2, "family", 0);
+  const auto child = makeSession(3, "family", 1);
+  EXPECT_EQ(agent_->parentSessionForChild(*child), first);
+  for (const auto& session : {first, second, child}) agent_->invalidateReportingSession(session);
+}
+
+TEST_F(ReportingdAgentTest, SessionThatChangesItsTokenMovesToTheOtherList) {
+  const auto parent = makeSession(1, "old", 0);
+  const auto child = makeSession(2, "new", 1);
+  EXPECT_EQ(agent_->parentSessionForChild(*child), nullptr);
+  configure(*parent, 1, "new", 0);
+  EXPECT_EQ(agent_->parentSessionForChild(*child), parent);
+  const auto orphan = makeSession(3, "old", 1);
+  EXPECT_EQ(agent_->parentSessionForChild(*orphan), nullptr);
+  for (const auto& session : {parent, child, orphan}) agent_->invalidateReportingSession(session);
+}
+
+// A client that makes up a new token with every call must not fill the daemon's memory.
+TEST_F(ReportingdAgentTest, TokensWithoutSessionsAreBounded) {
+  const auto session = makeSession(1, "", 0);
+  const std::string filler(100'000, 'x');
+  for (int i = 0; i < 1000; ++i) configure(*session, 1, filler + std::to_string(i), 0);
+  platform_.log.clear();
+  const auto connection = connect();
+  int tokens = 0;
+  for (const auto& line : platform_.log.linesOf(LogLevel::kDebug)) {
+    std::sscanf(line.c_str(),
+                "listener: Accepting new Quorx connection test peer as it has proper entitlement, 1(%d)",
+                &tokens);
+  }
+  EXPECT_GT(tokens, 10);
+  EXPECT_LT(tokens, 400);
+  connection->invalidate();
+  agent_->invalidateReportingSession(session);
+}
+
+TEST_F(ReportingdAgentTest, SharedDataOfOneTokenIsBounded) {
+  const auto session = makeSession(1, "family", 0);
+  agent_->updateSharedDataForSession(*session, Dictionary{{"kept", "value"}});
+  agent_->updateSharedDataForSession(*session, Dictionary{{"huge", std::string(2 << 20, 'x')}});
+  EXPECT_EQ(agent_->sharedDataForSession(*session), (Dictionary{{"kept", "value"}}));
+  expectErrors(
+      {"updateSharedDataForSession: shared data for hierarchyToken family would exceed 1048576 bytes, update "
+       "dropped"});
+  agent_->invalidateReportingSession(session);
+}
+
+TEST_F(ReportingdAgentTest, SessionsComeAndGoOnManyThreads) {
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([this, i] {
+      for (int round = 0; round < 25; ++round) {
+        const auto connection = connect();
+        const auto session = makeSession(static_cast<uint32_t>(i), "family", i);
+        agent_->updateSharedDataForSession(*session, Dictionary{{"round", round}});
+        agent_->updateDownstreamSessions(*session);
+        agent_->invalidateReportingSession(session);
+        connection->invalidate();
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(agent_->sessionCount(), 0u);
+  EXPECT_EQ(platform_.transactions.begins, platform_.transactions.ends);
+}
+
+}  // namespace
+}  // namespace zun
