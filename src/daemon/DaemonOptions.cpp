@@ -27,10 +27,8 @@ std::variant<DaemonOptions, int> parseDaemonOptions(int argc, const char* const*
   uint32_t stopGrace = static_cast<uint32_t>(options.stopGrace.count());
   const std::map<std::string, LogLevel> levels{
       {"debug", LogLevel::kDebug}, {"default", LogLevel::kDefault}, {"error", LogLevel::kError}};
-  const std::map<std::string, DaemonOptions::LogTarget> targets{
-      {"auto", DaemonOptions::LogTarget::kAuto},
-      {"journal", DaemonOptions::LogTarget::kJournal},
-      {"stderr", DaemonOptions::LogTarget::kStderr}};
+  const std::map<std::string, LogTarget> targets{
+      {"auto", LogTarget::kAuto}, {"journal", LogTarget::kJournal}, {"stderr", LogTarget::kStderr}};
 
   CLI::App app("Collects event reports from client processes and sends them on as signed configuration says.",
                "zunreportingd");

@@ -12,8 +12,6 @@ namespace zun {
 
 /// What the command line says.
 struct DaemonOptions {
-  enum class LogTarget { kAuto, kJournal, kStderr };
-
   std::string listenPath;  // empty: the named service's socket under the root
   std::string root;        // empty: the real root
   std::string resources;   // empty: the installed resources under the root

@@ -9,6 +9,10 @@ namespace zun {
 /// Debug traces, default notes, error reports a failure.
 enum class LogLevel { kDebug, kDefault, kError };
 
+/// Where the system log goes. Auto: to the journal where standard error leads there
+/// anyway, else to standard error.
+enum class LogTarget { kAuto, kJournal, kStderr };
+
 /// The system log. Lines are formatted only when their level is on. A log that is
 /// slow or gone never fails the caller. Any thread.
 class SystemLog {

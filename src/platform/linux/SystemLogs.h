@@ -11,10 +11,6 @@
 
 namespace zun {
 
-/// Where the system log goes. Auto: to the journal where standard error leads there
-/// anyway, else to standard error.
-enum class LogTarget { kAuto, kJournal, kStderr };
-
 /// The daemon's log: lines of `level` and above, to `target`.
 [[nodiscard]] std::unique_ptr<SystemLog> makeSystemLog(LogTarget target, LogLevel level);
 

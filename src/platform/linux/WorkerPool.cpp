@@ -33,6 +33,11 @@ void WorkerPool::execute(UniqueFunction<void()> job) {
   workCame_.notify_one();
 }
 
+WorkerPool::Activity WorkerPool::activity() {
+  const MutexLock lock(mutex_);
+  return {jobsTaken_, jobs_.empty() && sleepers_ == threads_.size()};
+}
+
 void WorkerPool::work() noexcept {
   pthread_setname_np(pthread_self(), "zun-worker");
   while (true) {
@@ -45,6 +50,7 @@ void WorkerPool::work() noexcept {
       if (jobs_.empty()) return;
       job = std::move(jobs_.front());
       jobs_.pop_front();
+      ++jobsTaken_;
     }
     job();
   }

@@ -2,6 +2,7 @@
 
 #include <condition_variable>
 #include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <thread>
 #include <vector>
@@ -25,6 +26,13 @@ class WorkerPool final : public Executor {
 
   void execute(UniqueFunction<void()> job) override;
 
+  /// How busy the pool is at a moment.
+  struct Activity {
+    uint64_t jobsTaken = 0;  // since the start
+    bool isIdle = false;     // nothing runs and nothing waits
+  };
+  [[nodiscard]] Activity activity();
+
  private:
   void work() noexcept;
 
@@ -32,6 +40,7 @@ class WorkerPool final : public Executor {
   std::condition_variable_any workCame_;
   std::deque<UniqueFunction<void()>> jobs_ GUARDED_BY(mutex_);
   size_t sleepers_ GUARDED_BY(mutex_) = 0;
+  uint64_t jobsTaken_ GUARDED_BY(mutex_) = 0;
   bool isEnding_ GUARDED_BY(mutex_) = false;
   std::vector<std::thread> threads_;
 };

@@ -18,7 +18,7 @@ TEST(DaemonOptionsTest, NothingGivenMeansTheDefaults) {
   EXPECT_EQ(options.listenPath, "");
   EXPECT_EQ(options.root, "");
   EXPECT_EQ(options.logLevel, LogLevel::kDefault);
-  EXPECT_EQ(options.logTarget, DaemonOptions::LogTarget::kAuto);
+  EXPECT_EQ(options.logTarget, LogTarget::kAuto);
   EXPECT_EQ(options.idleExit, std::nullopt);
   EXPECT_EQ(options.stopGrace, std::chrono::seconds(20));
   EXPECT_EQ(options.maxConnections, 4096u);
@@ -52,7 +52,7 @@ TEST(DaemonOptionsTest, EveryOptionIsTaken) {
   EXPECT_EQ(options.resources, "/usr/share/x");
   EXPECT_EQ(options.caFile, "/etc/passwd");
   EXPECT_EQ(options.logLevel, LogLevel::kDebug);
-  EXPECT_EQ(options.logTarget, DaemonOptions::LogTarget::kStderr);
+  EXPECT_EQ(options.logTarget, LogTarget::kStderr);
   EXPECT_EQ(options.idleExit, std::chrono::seconds(5));
   EXPECT_EQ(options.stopGrace, std::chrono::seconds(0));
   EXPECT_EQ(options.maxConnections, 10u);

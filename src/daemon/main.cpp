@@ -1,0 +1,240 @@
+// zunreportingd: parses the command line, builds the object graph and runs it.
+
+#include <fmt/format.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <thread>
+
+#include "connectivity/ReportingSessionConnectivityHelper.h"
+#include "connectivity/StorageContainers.h"
+#include "daemon/DaemonOptions.h"
+#include "daemon/QuietPeriod.h"
+#include "daemon/ReportingdAgent.h"
+#include "platform/IdleExitPolicy.h"
+#include "platform/linux/CurlURLSession.h"
+#include "platform/linux/EntitlementStore.h"
+#include "platform/linux/EventLoop.h"
+#include "platform/linux/FileUserDefaults.h"
+#include "platform/linux/LinuxFileManager.h"
+#include "platform/linux/ResourceBundle.h"
+#include "platform/linux/ServiceManager.h"
+#include "platform/linux/ServiceTransactions.h"
+#include "platform/linux/SystemClock.h"
+#include "platform/linux/SystemDeviceProperties.h"
+#include "platform/linux/SystemLocale.h"
+#include "platform/linux/SystemLogs.h"
+#include "platform/linux/SystemRandom.h"
+#include "platform/linux/ThreadQuality.h"
+#include "platform/linux/WorkerPool.h"
+#include "platform/linux/dbus/DBusServiceListener.h"
+#include "storebag/NetworkStorebagFetcher.h"
+
+namespace {
+
+using namespace zun;
+
+constexpr int kExitCannotStart = 1;
+constexpr int kExitAtOnce = 1;
+constexpr unsigned kWorkerThreads = 2;
+constexpr std::chrono::milliseconds kBetweenLooks{5};
+
+/// The real machine, as the daemon sees it.
+class Machine final {
+ public:
+  Machine(const DaemonOptions& options, EventLoop& loop, SystemLog& systemLog,
+          UniqueFunction<void(bool isOpen)> transactionChanged)
+      : log(systemLog),
+        locale(clock),
+        files(options.root, homeFolder()),
+        bundle(options.resources.empty() ? files.resolve(DaemonOptions::kResources) : options.resources, log),
+        defaults(files, log),
+        device(files, log),
+        transactions(loop, std::move(transactionChanged)),
+        workers(kWorkerThreads),
+        urlSessions({.caFile = options.caFile}, log),
+        services{log,    clock,  random,  files, defaults,    device,
+                 locale, bundle, workers, loop,  urlSessions, transactions} {}
+
+  SystemLog& log;
+  SystemClock clock;
+  SystemRandom random;
+  SystemLocale locale;
+  LinuxFileManager files;
+  ResourceBundle bundle;
+  FileUserDefaults defaults;
+  SystemDeviceProperties device;
+  ServiceTransactions transactions;
+  WorkerPool workers;
+  CurlURLSessionService urlSessions;
+  const PlatformServices services;
+
+ private:
+  static std::string homeFolder() {
+    const char* const home = std::getenv("HOME");
+    return home == nullptr || *home == '\0' ? "/root" : home;
+  }
+};
+
+/// Ends the daemon: on a signal, or when nobody needs it any more.
+///
+///   running ──SIGTERM, idle──▶ stopping: connections end, transfers finish ──▶ loop quits
+///                                  └──grace over, or a second signal──▶ process ends
+///
+/// Threading: the loop's thread, and one of its own that waits for the connections.
+class Lifetime final {
+ public:
+  Lifetime(const DaemonOptions& options, EventLoop& loop, Machine& machine)
+      : options_(options), loop_(loop), machine_(machine), idleExit_(options.idleExit) {}
+  ~Lifetime() {
+    if (stopping_.joinable()) stopping_.join();
+  }
+
+  void setListener(DBusServiceListener* listener) { listener_ = listener; }
+
+  void terminationRequested() {
+    if (isStopping_) std::_Exit(kExitAtOnce);
+    stop();
+  }
+
+  void transactionChanged(bool isOpen) {
+    idleExit_.transactionChanged(isOpen, machine_.clock.monotonic());
+    watchIdleness();
+  }
+  void connectionsChanged(size_t count) {
+    idleExit_.connectionsChanged(count, machine_.clock.monotonic());
+    watchIdleness();
+  }
+
+  /// False if something still runs that cannot be waited for.
+  [[nodiscard]] bool hasEndedCleanly() const { return !isStopping_ || hasStopped_; }
+
+ private:
+  void watchIdleness() {
+    const auto exitTime = idleExit_.exitTime();
+    if (!exitTime || isStopping_) return;
+    const auto wait = std::max(*exitTime - machine_.clock.monotonic(), std::chrono::nanoseconds(0));
+    onTimer(wait, [this] {
+      if (idleExit_.shouldExit(machine_.clock.monotonic()) && !isStopping_) stop();
+    });
+  }
+
+  void stop() {
+    isStopping_ = true;
+    notifyServiceStopping();
+    listener_->stop();
+    onTimer(options_.stopGrace, [this] { loop_.quit(); });
+    stopping_ = std::thread([this] {
+      listener_->invalidateConnections();
+      QuietPeriod quiet;
+      while (!quiet.observe(activity())) std::this_thread::sleep_for(kBetweenLooks);
+      hasStopped_ = true;
+      loop_.quit();
+    });
+  }
+
+  [[nodiscard]] DaemonActivity activity() {
+    const WorkerPool::Activity workers = machine_.workers.activity();
+    return {.isTransactionOpen = machine_.transactions.isOpen(),
+            .jobsTaken = workers.jobsTaken,
+            .areWorkersIdle = workers.isIdle,
+            .transfersInFlight = machine_.urlSessions.transfersInFlight()};
+  }
+
+  /// Runs `action` on the loop's thread after `wait`.
+  void onTimer(std::chrono::nanoseconds wait, std::function<void()> action) {
+    loop_.startTimer(
+        {.firstFiring = wait, .interval = {}, .leeway = std::chrono::milliseconds(10)}, timerQueue_,
+        [this, action = std::move(action)] { loop_.post(action); }, [] {});
+  }
+
+  const DaemonOptions& options_;
+  EventLoop& loop_;
+  Machine& machine_;
+  DBusServiceListener* listener_ = nullptr;
+  IdleExitPolicy idleExit_;
+  const std::shared_ptr<SerialQueue> timerQueue_ =
+      SerialQueue::create("com.vantix.zunreportingd.lifetime", machine_.workers);
+  bool isStopping_ = false;
+  std::atomic<bool> hasStopped_{false};
+  std::thread stopping_;
+};
+
+Result<std::unique_ptr<DBusServiceListener>, Error> makeListener(const DaemonOptions& options,
+                                                                 Machine& machine,
+                                                                 EntitlementStore& entitlements) {
+  const std::string path =
+      options.listenPath.empty() ? machine.files.resolve(DaemonOptions::kServiceSocket) : options.listenPath;
+  DBusListenerOptions listenerOptions;
+  listenerOptions.address = "unix:path=" + path;
+  listenerOptions.maximumConnections = options.maxConnections;
+  listenerOptions.maximumConnectionsPerUser = options.maxConnectionsPerUser;
+  return DBusServiceListener::create(std::move(listenerOptions), entitlements, machine.log);
+}
+
+int runDaemon(const DaemonOptions& options, EventLoop& loop, SystemLog& log) {
+  setThreadQualityOfServiceUtility();
+  log.note("startLogging: Daemon starts logging...");
+
+  Lifetime* lifetime = nullptr;
+  Machine machine(options, loop, log, [&lifetime](bool isOpen) {
+    if (lifetime != nullptr) lifetime->transactionChanged(isOpen);
+  });
+  const PlatformServices& platform = machine.services;
+  StorageContainers(platform).cleanupStorageRootFolder(ReportingSessionConnectivityHelper::POSTRequestMode());
+
+  const DeviceIdentity identity(platform);
+  MessageLog messageLog(platform);
+  const ReportingServices services{platform, identity, messageLog};
+  const auto fetcher = NetworkStorebagFetcher::create(platform, identity);
+  EntitlementStore entitlements(machine.files.resolve("/etc/zunreportingd/entitlements.d"), log);
+  auto listener = makeListener(options, machine, entitlements);
+  if (!listener) {
+    log.error("main: {}", listener.error().description);
+    return kExitCannotStart;
+  }
+  const auto agent = ReportingdAgent::create(services, *fetcher);
+  Lifetime lifetimeOfThis(options, loop, machine);
+  lifetime = &lifetimeOfThis;
+  lifetime->setListener(listener->get());
+  for (const int signal : {SIGTERM, SIGINT}) {
+    loop.onSignal(signal, [lifetime] { lifetime->terminationRequested(); });
+  }
+  (*listener)->setConnectionCountHandler([&loop, lifetime](size_t count) {
+    loop.post([lifetime, count] { lifetime->connectionsChanged(count); });
+  });
+  (*listener)->setDelegate(agent.get());
+  (*listener)->resume();
+  notifyServiceReady();
+  log.note("main: Listener resumes with sandbox, start loop.");
+
+  const bool didRun = loop.run();
+  if (!lifetime->hasEndedCleanly()) {
+    log.error("main: stopped with {} transfers unfinished", machine.urlSessions.transfersInFlight());
+    std::_Exit(EXIT_SUCCESS);  // what still runs cannot be waited for
+  }
+  return didRun ? EXIT_SUCCESS : kExitCannotStart;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const auto parsed = parseDaemonOptions(argc, argv, ZUN_VERSION);
+  if (const int* const code = std::get_if<int>(&parsed)) return *code;
+  const auto& options = std::get<DaemonOptions>(parsed);
+
+  std::signal(SIGPIPE, SIG_IGN);
+  EventLoop::blockSignals({SIGTERM, SIGINT});
+  const auto log = makeSystemLog(options.logTarget, options.logLevel);
+  const auto loop = EventLoop::create();
+  if (loop == nullptr) {
+    log->error("main: cannot create the event loop");
+    return kExitCannotStart;
+  }
+  return runDaemon(options, *loop, *log);
+}

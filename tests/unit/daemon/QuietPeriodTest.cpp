@@ -1,0 +1,49 @@
+#include "daemon/QuietPeriod.h"
+
+#include <gtest/gtest.h>
+
+namespace zun {
+namespace {
+
+DaemonActivity busy(uint64_t jobsTaken) {
+  return {.isTransactionOpen = true, .jobsTaken = jobsTaken, .areWorkersIdle = false, .transfersInFlight = 0};
+}
+DaemonActivity transferring(uint64_t jobsTaken) {
+  return {.isTransactionOpen = true, .jobsTaken = jobsTaken, .areWorkersIdle = true, .transfersInFlight = 1};
+}
+DaemonActivity quiet(uint64_t jobsTaken) {
+  return {.isTransactionOpen = true, .jobsTaken = jobsTaken, .areWorkersIdle = true, .transfersInFlight = 0};
+}
+
+TEST(QuietPeriodTest, EndedTransactionIsEnough) {
+  QuietPeriod period;
+  DaemonActivity activity = transferring(5);
+  activity.isTransactionOpen = false;
+  EXPECT_TRUE(period.observe(activity));
+}
+
+TEST(QuietPeriodTest, OneQuietLookIsNotEnoughAndTwoAre) {
+  QuietPeriod period;
+  EXPECT_FALSE(period.observe(quiet(5)));
+  EXPECT_TRUE(period.observe(quiet(5)));
+}
+
+TEST(QuietPeriodTest, AJobBetweenTwoQuietLooksStartsAnew) {
+  QuietPeriod period;
+  EXPECT_FALSE(period.observe(quiet(5)));
+  EXPECT_FALSE(period.observe(quiet(6)));
+  EXPECT_TRUE(period.observe(quiet(6)));
+}
+
+TEST(QuietPeriodTest, WorkAndTransfersAreWaitedFor) {
+  QuietPeriod period;
+  EXPECT_FALSE(period.observe(busy(5)));
+  EXPECT_FALSE(period.observe(transferring(5)));
+  EXPECT_FALSE(period.observe(quiet(5)));
+  EXPECT_FALSE(period.observe(transferring(5)));
+  EXPECT_FALSE(period.observe(quiet(5)));
+  EXPECT_TRUE(period.observe(quiet(5)));
+}
+
+}  // namespace
+}  // namespace zun
