@@ -18,7 +18,8 @@ INTERFACE = "com.vantix.zunreportingd.ClientSessionInterface"
 TIMEOUT = 60_000  # milliseconds
 
 SESSION_INFO = {"sessionInfoSessionID": GLib.Variant("u", 7), "sessionInfoClientType": GLib.Variant("i", 7),
-                "sessionInfoClientVersion": GLib.Variant("q", 3), "sessionInfoBatchEvent": GLib.Variant("b", True)}
+                "sessionInfoClientVersion": GLib.Variant("q", 3), "sessionInfoBatchEvent": GLib.Variant("b", True),
+                "sessionInfoRequireUserInfo": GLib.Variant("b", True)}
 USER_INFO = {"userInfoClientName": GLib.Variant("s", "glib"), "userInfoServiceName": GLib.Variant("s", "bench")}
 
 
@@ -168,10 +169,11 @@ class ForeignClientsTest(ScratchTest):
         return result.stdout
 
     def test_busctl_calls_and_introspects(self):
-        target = ["", PATH, INTERFACE]
+        target = ["com.vantix.zunreportingd", PATH, INTERFACE]
         self.assertEqual(self.busctl("call", *target, "fetchDisplayURL").strip(), 's "URL not available"')
-        self.assertEqual(self.busctl("call", *target, "setSessionInfo", "a{sv}aa{sv}asb", "2",
+        self.assertEqual(self.busctl("call", *target, "setSessionInfo", "a{sv}aa{sv}asb", "3",
                                      "sessionInfoSessionID", "u", "1", "sessionInfoClientType", "i", "7",
+                                     "sessionInfoRequireUserInfo", "b", "true",
                                      "1", "1", "userInfoClientName", "s", "busctl", "0", "false").strip(), "")
         self.assertEqual(self.busctl("call", *target, "fetchStatesWithUserInfo", "aa{sv}", "0").strip(), "aas 0")
         self.assertEqual(self.busctl("call", *target, "sendMessageWithDictionary", "a{sv}", "2",

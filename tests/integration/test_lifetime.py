@@ -117,8 +117,10 @@ class LifetimeTest(ScratchTest):
         for thread in threads:
             thread.join(DEADLINE)
         self.assertEqual(len(results), 8)
-        posts = [self.scratch.server.next_post() for _ in range(8)]
-        self.assertEqual(sum(len([e for e in post.events if e["_method"] == 2]) for post in posts), 160)
+        self.scratch.daemon.stop()
+        arrived = [event for post in self.scratch.server.all_posts() for event in post.events]
+        self.assertEqual(len([event for event in arrived if event["_method"] == 2]), 160)
+        self.assertEqual(len([event for event in arrived if event["_method"] == 0]), 16)
 
 
 if __name__ == "__main__":
