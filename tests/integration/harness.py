@@ -366,6 +366,11 @@ class ScratchTest(unittest.TestCase):
     def tearDown(self):
         if self.scratch.daemon is None:
             return
+        self.scratch.server.released.set()
+        if self.scratch.daemon.process.poll() is None:
+            self.assertEqual(self.scratch.daemon.stop(), 0)
+        for report in ("Sanitizer", "runtime error:"):
+            self.assertFalse(self.scratch.daemon.has_line(report), "\n".join(self.scratch.daemon.lines[-60:]))
         for line in self.scratch.daemon.errors():
             self.assertTrue(any(text in line for text in (NOTHING_CACHED, *self.expected_errors)),
                             f"unexpected error line: {line}")

@@ -48,7 +48,8 @@ class ClientFaultsTest(ScratchTest):
         self.addCleanup(peer.close)
         path = b"\x01\x01o\x00" + struct.pack("<I", 1) + b"/\x00"
         member = b"\x03\x01s\x00" + struct.pack("<I", 4) + b"Ping\x00"
-        fields = path.ljust(16, b"\x00") + member
+        signature = b"\x08\x01g\x00\x01s\x00"
+        fields = path.ljust(16, b"\x00") + member.ljust(16, b"\x00") + signature
         header = b"l\x01\x00\x01" + struct.pack("<III", 100_000_000, 1, len(fields)) + fields
         peer.sendall(header.ljust((len(header) + 7) // 8 * 8, b"\x00"))
         self.assertIn(b"org.freedesktop.DBus.Error.LimitsExceeded", peer.recv(4096))
