@@ -12,13 +12,6 @@ std::string signature(std::span<const ServiceArgument> arguments) {
   return types;
 }
 
-Value nothing() {
-  return Array();
-}
-Value just(Value value) {
-  return Array{std::move(value)};
-}
-
 class ClientSessionObjectTest : public SessionTest {
  protected:
   ClientSessionObjectTest() { object_ = makeClientSessionObject(session_); }

@@ -63,6 +63,14 @@ inline Dictionary withPayload(Dictionary payload) {
   return {{kZunReportingMessageParametersPayload, std::move(payload)}};
 }
 
+// Optional values as they come over the wire.
+inline Value nothing() {
+  return Array();
+}
+inline Value just(Value value) {
+  return Array{std::move(value)};
+}
+
 /// A fake agent, and sessions whose backends are TestBackends but for `realBackends`.
 class SessionWorld final {
  public:

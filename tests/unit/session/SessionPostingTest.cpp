@@ -1,0 +1,186 @@
+// Sessions with the HTTPS backend, a connectivity helper and a server, all real.
+
+#include <thread>
+
+#include "RecordingReply.h"
+#include "SessionTest.h"
+#include "support/HTTPSTestServer.h"
+
+namespace zun {
+namespace {
+
+class SessionPostingTest : public PlatformTest {
+ protected:
+  SessionPostingTest() : PlatformTest(nullptr, HTTPSTestServer::caFile()), world_(platform_) {
+    world_.realBackends = true;
+    server_.answer("/events", {.status = 200});
+    platform_.defaults.setObject("com.vantix.diagnostics", "DiagnosticSubmissionEnabled", true);
+  }
+  void TearDown() override {
+    session_.reset();
+    PlatformTest::TearDown();
+  }
+
+  /// A storebag whose HTTP post backend posts to the server.
+  Dictionary storebag(const Dictionary& moreOfClient = {}) const {
+    Dictionary client = {{"filters", Array{}},
+                         {"sampling_threshold", 1.0},
+                         {"locale_whitelist", Array{"DE"}},
+                         {"post_url", server_.url("/events")},
+                         {"event_threshold", 100}};
+    client.addEntries(moreOfClient);
+    return {
+        {"httpPost", Dictionary{{"clients", Array{Value(client)}}, {"display_url", "https://show.example"}}}};
+  }
+  static Dictionary batching(int64_t sessionID) {
+    return sessionInfo(sessionID, {{kZunReportingSessionInfoBatchEvent, true}});
+  }
+
+  std::string call(std::string_view member, const Array& arguments = {}) {
+    const RecordingReply recording = begin(member, arguments);
+    EXPECT_TRUE(recording.wait());
+    return recording.description();
+  }
+  RecordingReply begin(std::string_view member, const Array& arguments = {}) {
+    const auto members = clientSessionInterface().members;
+    RecordingReply recording;
+    for (size_t i = 0; i < members.size(); ++i) {
+      if (members[i].name == member)
+        makeClientSessionObject(session_)->handleCall(i, arguments, recording.reply());
+    }
+    return recording;
+  }
+  std::string configureAndStart(const Dictionary& info, const std::optional<Dictionary>& user) {
+    call("setSessionInfo", {info, user ? just(*user) : nothing(), Array(), false});
+    return call("startConfigWithCompletionHandler");
+  }
+  HTTPSTestServer server_;
+  SessionWorld world_;
+  std::shared_ptr<ReportingdSession> session_ = world_.makeSession();
+};
+
+TEST_F(SessionPostingTest, EventsReachTheServerAndTheirTextTheClient) {
+  world_.agent->storebag = storebag();
+  EXPECT_EQ(configureAndStart(sessionInfo(7), userInfo("C", "S")), "return (((\"httpPost\")))");
+  const std::string answer =
+      call("sendMessageWithDictionary", {message(5, 6, withPayload({{"key", "value"}}))});
+  EXPECT_NE(answer.find("\"key\": \"value\""), std::string::npos) << answer;
+  ASSERT_TRUE(server_.waitForRequests(2));  // the start message and the event
+  EXPECT_EQ(call("fetchDisplayURL"), "return (\"https://show.example\")");
+}
+
+TEST_F(SessionPostingTest, BatchIsPostedAtTheEndOfTheSession) {
+  world_.agent->storebag = storebag();
+  configureAndStart(batching(7), userInfo("C", "S"));
+  EXPECT_EQ(call("sendMessageWithDictionary", {message(5, 6)}), "return (())");
+  EXPECT_TRUE(server_.requests().empty());
+  session_.reset();
+  ASSERT_TRUE(server_.waitForRequests(1));
+}
+
+TEST_F(SessionPostingTest, FlushIsAnsweredWhenThePostHasEnded) {
+  const auto gate = std::make_shared<TestGate>();
+  server_.answer("/events", {.status = 200, .gate = gate});
+  world_.agent->storebag = storebag();
+  configureAndStart(batching(7), userInfo("C", "S"));
+  const RecordingReply flush = begin("flushMessagesWithCompletion");
+  ASSERT_TRUE(server_.waitForRequests(1));
+  EXPECT_EQ(call("sendMessageWithDictionary", {message(5, 6)}), "return (())");
+  EXPECT_EQ(flush.description(), "nothing");
+  gate->open();
+  ASSERT_TRUE(flush.wait());
+  EXPECT_TRUE(flush.description().ends_with(", ())")) << flush.description();
+  EXPECT_EQ(call("flushMessagesWithCompletion").find("return ((\""), 0U);  // the message sent meanwhile
+}
+
+TEST_F(SessionPostingTest, FlushWithNothingToFlushIsAnError) {
+  world_.agent->storebag = storebag();
+  configureAndStart(sessionInfo(7), userInfo("C", "S"));
+  EXPECT_EQ(call("flushMessagesWithCompletion"),
+            "return ((), ((\"com.vantix.zunreporting.error\", -1, \"Nothing to flush\")))");
+}
+
+TEST_F(SessionPostingTest, ServerErrorAnswersTheFlushWithItsStatus) {
+  server_.answer("/events", {.status = 503});
+  world_.agent->storebag = storebag();
+  configureAndStart(batching(7), userInfo("C", "S"));
+  const std::string answer = call("flushMessagesWithCompletion");
+  EXPECT_TRUE(
+      answer.ends_with("((\"com.vantix.zunreporting.error\", 503, \"backend httpPost disabled by "
+                       "server 503 return code\")))"))
+      << answer;
+  EXPECT_EQ(call("fetchStatesWithUserInfo", {just(userInfo("C", "S"))}), "return ((()))");
+}
+
+TEST_F(SessionPostingTest, EventsThatWaitedForTheUserArePostedOnceTheUserIsKnown) {
+  world_.agent->storebag = storebag();
+  EXPECT_EQ(configureAndStart(batching(7), std::nullopt), "return ((()))");
+  call("sendMessageWithDictionary", {message(5, 6)});
+  EXPECT_EQ(call("fetchStatesWithUserInfo", {just(userInfo("C", "S"))}), "return (((\"httpPost\")))");
+  EXPECT_EQ(call("flushMessagesWithCompletion").find("return ((\""), 0U);
+  ASSERT_TRUE(server_.waitForRequests(1));
+  EXPECT_EQ(server_.requests()[0].header("X-ZUN-Client-Name"), "C");
+}
+
+// Without a user there is no connectivity helper, so nothing can be posted, and the client
+// is told rather than left to wait.
+TEST_F(SessionPostingTest, FlushThatCannotBePostedAnswersNoReply) {
+  world_.agent->storebag = storebag();
+  configureAndStart(sessionInfo(7, {{kZunReportingSessionInfoRequireUserInfo, false},
+                                    {kZunReportingSessionInfoBatchEvent, true}}),
+                    std::nullopt);
+  EXPECT_EQ(call("flushMessagesWithCompletion"), "error com.vantix.zunreportingd.Error.NoReply");
+}
+
+TEST_F(SessionPostingTest, SessionMayEndWhileItsFlushIsUnderWay) {
+  const auto gate = std::make_shared<TestGate>();
+  server_.answer("/events", {.status = 200, .gate = gate});
+  world_.agent->storebag = storebag();
+  configureAndStart(batching(7), userInfo("C", "S"));
+  const RecordingReply flush = begin("flushMessagesWithCompletion");
+  ASSERT_TRUE(server_.waitForRequests(1));
+  session_.reset();
+  gate->open();
+  ASSERT_TRUE(flush.wait());
+  EXPECT_TRUE(flush.description().ends_with(", ())")) << flush.description();
+}
+
+TEST_F(SessionPostingTest, SingleMessageIsPosted) {
+  world_.agent->storebag = storebag();
+  EXPECT_EQ(call("sendMessageWithSessionInfo",
+                 {sessionInfo(9), just(userInfo("C", "S")), 5, 6, just(Dictionary{{"key", "value"}})}),
+            "return (\"finished\")");
+  ASSERT_TRUE(server_.waitForRequests(1));
+  EXPECT_EQ(server_.requests()[0].header("X-ZUN-Event-Map"), "5 6");
+}
+
+TEST_F(SessionPostingTest, SessionsOfAHierarchyPostWhileTheirParentReplacesItsUser) {
+  world_.agent->storebag = storebag({{"event_threshold", 5}});
+  const auto start = [this](int64_t number, int64_t level) {
+    auto session = world_.makeSession();
+    Dictionary info = batching(number);
+    info.addEntries(inHierarchy("token", level));
+    session->setSessionInfo(info, userInfo("C", "S"), {}, false);
+    session->startConfigWithCompletionHandler(nullptr);
+    return session;
+  };
+  const auto parent = start(1, 0);
+  const auto child = start(2, 1);
+  constexpr int kRounds = 40;
+  std::thread sender([&child] {
+    for (int round = 0; round < kRounds; ++round) {
+      child->sendMessageWithDictionary(message(5, 6, withPayload({{"round", round}})), nullptr);
+      child->updateSharedDataForKey("round", round);
+    }
+    child->flushMessagesWithCompletion(nullptr);
+  });
+  for (int round = 0; round < kRounds; ++round) {
+    parent->sendMessageWithDictionary(message(5, 6, withPayload({{"round", round}})), nullptr);
+    parent->fetchStatesWithUserInfo(userInfo("C" + std::to_string(round % 2), "S"), nullptr);
+  }
+  sender.join();
+  ASSERT_TRUE(server_.waitForRequests(2));
+}
+
+}  // namespace
+}  // namespace zun
