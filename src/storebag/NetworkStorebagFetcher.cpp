@@ -17,8 +17,6 @@ constexpr std::string_view kNameWithFallback = "confero";
 constexpr int32_t kLongestRefreshCycle = 86400;
 constexpr uint32_t kFetchClientReleaseTimeout = 30;
 constexpr int32_t kStatusOK = 200;
-// Beyond a request's timeout, so that what the URL session says about it comes first.
-constexpr std::chrono::seconds kGrace{5};
 
 Error failure(URLSessionError code, const char* description) {
   return {kURLErrorDomain, static_cast<int32_t>(code), description};
@@ -249,7 +247,7 @@ std::optional<std::string> NetworkStorebagFetcher::fetchSynchronously(
       });
   // A request that waits for a network keeps its timeout for later; its caller does not
   // wait with it. What it brings in the end still goes to the disk cache.
-  auto end = exchange->wait(options_.requestTimeout + kGrace);
+  auto end = exchange->wait(options_.requestTimeout + options_.grace);
   if (!end) end = Exchange::End{{}, 0, failure(URLSessionError::kTimedOut, "the request timed out")};
   if (!end->error && end->statusCode == kStatusOK) return std::move(end->body);
   platform_.log.note(

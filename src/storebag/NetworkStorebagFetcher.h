@@ -17,7 +17,10 @@
 namespace zun {
 
 struct NetworkStorebagOptions {
-  std::chrono::seconds requestTimeout{15};  // bounds a synchronous fetch
+  std::chrono::seconds requestTimeout{15};
+  /// A synchronous fetch waits so much longer than the request's timeout, so that what
+  /// the URL session says about it comes first.
+  std::chrono::seconds grace{5};
 };
 
 /// Gets storebags from the disk cache and the storebag server.

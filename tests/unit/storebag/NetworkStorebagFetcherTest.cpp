@@ -21,7 +21,8 @@ class NetworkStorebagFetcherTest : public StorebagTest {
  protected:
   NetworkStorebagFetcherTest() {
     setDefault("zunreporting_storebag_url", server_.url(""));
-    fetcher_ = NetworkStorebagFetcher::create(platform_.services, identity_, {std::chrono::seconds(2)});
+    fetcher_ = NetworkStorebagFetcher::create(platform_.services, identity_,
+                                              {.requestTimeout = std::chrono::seconds(2)});
   }
 
   // The server's answer with that storebag, as new as can be.
@@ -591,41 +592,81 @@ TEST_F(NetworkStorebagFetcherTest, FetcherMayGoWhileARequestIsUnderWay) {
 
 // MARK: - Requests that the connectivity helper drops
 
-/// A URL session that makes no tasks, as one does that has been invalidated.
-class RefusingSessions final : public URLSessionService {
+/// URL sessions without a network: they make no tasks, as one does that has been
+/// invalidated, or tasks that wait for ever.
+class NoNetworkSessions final : public URLSessionService {
  public:
+  enum class Tasks { kNone, kWaiting };
+
+  class Task final : public URLSessionTask {
+   public:
+    void setTaskDescription(std::string) override {}
+    std::string taskDescription() const override { return "waiting"; }
+    void resume() override {}
+  };
+
   class Session final : public URLSession {
    public:
+    explicit Session(Tasks tasks) : tasks_(tasks) {}
     void setSessionDescription(std::string) override {}
-    std::string sessionDescription() const override { return "refusing"; }
+    std::string sessionDescription() const override { return "no network"; }
     Result<std::shared_ptr<URLSessionTask>, Error> dataTaskWithRequest(URLRequest) override {
-      return refusal();
+      if (tasks_ == Tasks::kWaiting) return std::shared_ptr<URLSessionTask>(std::make_shared<Task>());
+      return Result<std::shared_ptr<URLSessionTask>, Error>::failure({kURLErrorDomain, 1, "gone"});
     }
-    Result<std::shared_ptr<URLSessionTask>, Error> uploadTaskWithRequest(URLRequest,
+    Result<std::shared_ptr<URLSessionTask>, Error> uploadTaskWithRequest(URLRequest request,
                                                                          const std::string&) override {
-      return refusal();
+      return dataTaskWithRequest(std::move(request));
     }
     void finishTasksAndInvalidate() override {}
 
    private:
-    static Result<std::shared_ptr<URLSessionTask>, Error> refusal() {
-      return Result<std::shared_ptr<URLSessionTask>, Error>::failure({kURLErrorDomain, 1, "gone"});
-    }
+    const Tasks tasks_;
   };
 
+  explicit NoNetworkSessions(Tasks tasks) : tasks_(tasks) {}
   std::shared_ptr<URLSession> makeSession(const URLSessionConfiguration&, std::shared_ptr<URLSessionDelegate>,
                                           std::shared_ptr<SerialQueue>) override {
-    return std::make_shared<Session>();
+    return std::make_shared<Session>(tasks_);
   }
+
+ private:
+  const Tasks tasks_;
 };
 
-class DroppedRequestTest : public StorebagTest {
+class NoNetworkTest : public StorebagTest {
  protected:
-  RefusingSessions refusing_;
+  explicit NoNetworkTest(NoNetworkSessions::Tasks tasks) : sessions_(tasks) {}
+
+  NoNetworkSessions sessions_;
   PlatformServices services_{platform_.log,      platform_.clock,  platform_.random, platform_.files,
                              platform_.defaults, platform_.device, platform_.locale, platform_.bundle,
-                             platform_.workers,  platform_.timers, refusing_,        platform_.transactions};
-  std::shared_ptr<NetworkStorebagFetcher> fetcher_ = NetworkStorebagFetcher::create(services_, identity_);
+                             platform_.workers,  platform_.timers, sessions_,        platform_.transactions};
+  std::shared_ptr<NetworkStorebagFetcher> fetcher_ = NetworkStorebagFetcher::create(
+      services_, identity_, {.requestTimeout = std::chrono::seconds(0), .grace = std::chrono::seconds(1)});
+};
+
+class WaitingRequestTest : public NoNetworkTest {
+ protected:
+  WaitingRequestTest() : NoNetworkTest(NoNetworkSessions::Tasks::kWaiting) {}
+};
+
+TEST_F(WaitingRequestTest, CallerDoesNotWaitForANetworkWithTheRequest) {
+  EXPECT_FALSE(fetcher_->fetchStorebagForEnvironmentAndClientType(kTessel).section);
+  expectErrors({notLoaded("tessel"), notFetched(kTessel)});
+  expectDefaultLine(
+      "fetchNetworkStorebag: Error resolving with lookup server "
+      "https://storebag.zunreporting.example/tessel?version=3.2.1, sendSynchronousRequest error the request "
+      "timed out");
+}
+
+class DroppedRequestTest : public NoNetworkTest {
+ protected:
+  // Time enough: the wait ends because the request is dropped.
+  DroppedRequestTest() : NoNetworkTest(NoNetworkSessions::Tasks::kNone) {
+    fetcher_ =
+        NetworkStorebagFetcher::create(services_, identity_, {.requestTimeout = std::chrono::hours(1)});
+  }
 };
 
 TEST_F(DroppedRequestTest, DroppedRequestEndsTheWaitAsAnError) {
