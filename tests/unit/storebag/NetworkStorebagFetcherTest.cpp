@@ -25,6 +25,24 @@ class NetworkStorebagFetcherTest : public StorebagTest {
                                               {.requestTimeout = std::chrono::seconds(2)});
   }
 
+  // Requests still under way use the platform, which goes next.
+  void TearDown() override {
+    fetcher_.reset();
+    server_.stop();
+    waitFor([this] {
+      return countDebugLines("fetchNetworkStorebag: Storebag Server URL: ", "") == countEndedRequests();
+    });
+    StorebagTest::TearDown();
+  }
+
+  int countDebugLines(std::string_view start, std::string_view end) const {
+    const auto lines = platform_.log.linesOf(LogLevel::kDebug);
+    return static_cast<int>(std::count_if(lines.begin(), lines.end(), [start, end](const std::string& line) {
+      return line.starts_with(start) && line.ends_with(end);
+    }));
+  }
+  int countEndedRequests() const { return countDebugLines("ConnectivityHelperTask with ID <", "dealloced"); }
+
   // The server's answer with that storebag, as new as can be.
   static TestAnswer answerWith(const Dictionary& storebag, const std::string& maxAge = "max-age=600") {
     TestAnswer answer;
@@ -51,13 +69,7 @@ class NetworkStorebagFetcherTest : public StorebagTest {
 
   // Waits until the n-th refresh has ended, whatever came of it.
   void waitForEndOfRequests(int count) {
-    waitFor([this, count] {
-      int ended = 0;
-      for (const std::string& line : platform_.log.linesOf(LogLevel::kDebug)) {
-        if (line.starts_with("ConnectivityHelperTask with ID <") && line.ends_with("dealloced")) ++ended;
-      }
-      return ended >= count;
-    });
+    waitFor([this, count] { return countEndedRequests() >= count; });
   }
 
   std::string urlOf(const std::string& name) const { return server_.url("/" + name) + "?version=3.2.1"; }

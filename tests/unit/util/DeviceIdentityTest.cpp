@@ -3,13 +3,25 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <regex>
 #include <thread>
 
 #include "support/TestPlatform.h"
 
 namespace zun {
 namespace {
+
+// "XXXXXXXX-XXXX-XXXX-XXXX-XXXXXXXXXXXX", X an upper-case hexadecimal digit.
+bool isUUID(const std::string& text) {
+  if (text.size() != 36) return false;
+  for (size_t i = 0; i < text.size(); ++i) {
+    const bool isDash = i == 8 || i == 13 || i == 18 || i == 23;
+    if (isDash ? text[i] != '-'
+               : std::string_view("0123456789ABCDEF").find(text[i]) == std::string_view::npos) {
+      return false;
+    }
+  }
+  return true;
+}
 
 class DeviceIdentityTest : public PlatformTest {
  protected:
@@ -91,7 +103,7 @@ TEST_F(DeviceIdentityTest, InternalBuildIsTheSameForEveryThread) {
 TEST_F(DeviceIdentityTest, IdentifierWithoutPartsIsKeptUnderUuidColonColon) {
   const std::string identifier =
       identity_.getPersistentIdentifierForCustomClientIDSuffix(std::nullopt, std::nullopt);
-  EXPECT_TRUE(std::regex_match(identifier, std::regex("[0-9A-F]{8}(-[0-9A-F]{4}){3}-[0-9A-F]{12}")));
+  EXPECT_TRUE(isUUID(identifier)) << identifier;
   EXPECT_EQ(platform_.defaults.stringForKey(kReportingSuite, "uuid::"), identifier);
   EXPECT_EQ(identity_.getPersistentIdentifierForCustomClientIDSuffix(std::nullopt, std::nullopt), identifier);
   expectDefaultLine("getPersistentIdentifierForCustomClientIDSuffix: The value for uuid::: " + identifier);
