@@ -63,12 +63,12 @@ struct URLSessionConfiguration {
   enum class NetworkServiceType { kDefault, kBackground };
 
   Kind kind = Kind::kDefault;
-  std::string identifier;  // of a background configuration
+  std::string identifier = {};  // of a background configuration
   NetworkServiceType networkServiceType = NetworkServiceType::kDefault;
   bool discretionary = false;
   bool requiresPowerPluggedIn = false;
   bool waitsForConnectivity = false;
-  std::string sourceApplicationIdentifier;
+  std::string sourceApplicationIdentifier = {};
 };
 
 /// One transfer. A task counts as its session's from its creation to its end; one that
