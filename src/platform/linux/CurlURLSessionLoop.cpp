@@ -145,8 +145,8 @@ void CurlURLSessionLoop::admit(Task task, Conditions& conditions) {
   if (obstacle == Obstacle::kNone) {
     queueForHost(std::move(task));
   } else {
-    changeWaiting(1);
     wait(std::move(task), obstacle);
+    changeWaiting(1);
   }
 }
 
@@ -278,8 +278,8 @@ void CurlURLSessionLoop::ended(Transfer& transfer, CURLcode code) {
   const Task task = transfer.task().shared_from_this();
   if (waitsInsteadOfFailing(*task, code)) {
     release(transfer);
-    changeWaiting(1);
     wait(task, Obstacle::kNoRoute);
+    changeWaiting(1);
     return;
   }
   CurlDelivery last = transfer.endWith(code);
