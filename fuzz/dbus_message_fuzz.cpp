@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "platform/linux/FileDescriptor.h"
 #include "platform/linux/dbus/DBusAuthentication.h"
@@ -54,6 +55,25 @@ void requireRoundTrip(const zun::DBusHeader& header, const Array& values) {
   require(static_cast<bool>(back), "body of an encoded message");
   require(zun::Value(*back).description() == zun::Value(values).description(),
           "values of an encoded message");
+}
+
+/// `bytes` in a block of their own, so that reading beyond them is noticed: in the
+/// input's buffer there is always something behind.
+std::vector<char> alone(std::string_view bytes) {
+  std::vector<char> block(bytes.begin(), bytes.end());
+  block.shrink_to_fit();
+  return block;
+}
+
+/// Decodes the one message that `bytes` begin with, if they do.
+void decodeAlone(std::string_view bytes) {
+  const auto frame = zun::frameDBusMessage(bytes);
+  if (!frame || frame->headerBytes > bytes.size()) return;
+  const auto headerBytes = alone(bytes.substr(0, frame->headerBytes));
+  const auto header = zun::decodeDBusHeader({headerBytes.data(), headerBytes.size()}, limits());
+  if (!header) return;
+  const auto body = alone(bytes.substr(frame->headerBytes, frame->totalBytes - frame->headerBytes));
+  (void)zun::decodeDBusBody(*header, {body.data(), body.size()}, limits());
 }
 
 /// What became of the messages in `bytes`, sent in pieces of `pieceBytes`.
@@ -107,6 +127,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size < 2 || size > 60000) return 0;
   const std::string_view bytes(reinterpret_cast<const char*>(data) + 1, size - 1);
   const size_t pieceBytes = size_t{data[0]} + 1;
+  decodeAlone(bytes);
   require(outcome(bytes, bytes.size()) == outcome(bytes, pieceBytes), "whole and split give the same");
   require(authenticated(bytes, bytes.size()) == authenticated(bytes, pieceBytes),
           "authentication, whole and split");
