@@ -22,6 +22,7 @@
 #include "platform/linux/EventLoop.h"
 #include "platform/linux/FileUserDefaults.h"
 #include "platform/linux/LinuxFileManager.h"
+#include "platform/linux/ProcessLimits.h"
 #include "platform/linux/ResourceBundle.h"
 #include "platform/linux/ServiceManager.h"
 #include "platform/linux/ServiceTransactions.h"
@@ -230,6 +231,7 @@ int main(int argc, char** argv) {
 
   std::signal(SIGPIPE, SIG_IGN);
   EventLoop::blockSignals({SIGTERM, SIGINT});
+  raiseDescriptorLimit();
   const auto log = makeSystemLog(options.logTarget, options.logLevel);
   const auto loop = EventLoop::create();
   if (loop == nullptr) {

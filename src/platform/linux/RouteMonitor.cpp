@@ -18,6 +18,12 @@
 namespace zun {
 namespace {
 
+/// NLMSG_OK without its comparison of signed with unsigned.
+bool isWholeMessage(const nlmsghdr* message, int left) {
+  return left >= static_cast<int>(sizeof *message) && message->nlmsg_len >= sizeof *message &&
+         message->nlmsg_len <= static_cast<uint32_t>(left);
+}
+
 constexpr size_t kMessageBytes = 65536;
 
 FileDescriptor openNetlink(uint32_t groups, int flags) {
@@ -53,7 +59,7 @@ bool dump(uint16_t type, const std::function<void(const nlmsghdr&)>& take) {
     if (count < 0 && errno == EINTR) continue;
     if (count <= 0) return false;
     int left = static_cast<int>(count);
-    for (auto* message = reinterpret_cast<nlmsghdr*>(buffer.data()); NLMSG_OK(message, left);
+    for (auto* message = reinterpret_cast<nlmsghdr*>(buffer.data()); isWholeMessage(message, left);
          message = NLMSG_NEXT(message, left)) {
       if (message->nlmsg_type == NLMSG_DONE) return true;
       if (message->nlmsg_type == NLMSG_ERROR) return false;
