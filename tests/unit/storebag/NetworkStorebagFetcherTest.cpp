@@ -605,41 +605,70 @@ TEST_F(NetworkStorebagFetcherTest, FetcherMayGoWhileARequestIsUnderWay) {
 // MARK: - Requests that the connectivity helper drops
 
 /// URL sessions without a network: they make no tasks, as one does that has been
-/// invalidated, or tasks that wait for ever.
+/// invalidated, or tasks that wait until the session is invalidated.
 class NoNetworkSessions final : public URLSessionService {
  public:
   enum class Tasks { kNone, kWaiting };
 
   class Task final : public URLSessionTask {
    public:
-    void setTaskDescription(std::string) override {}
-    std::string taskDescription() const override { return "waiting"; }
+    void setTaskDescription(std::string description) override { description_ = std::move(description); }
+    std::string taskDescription() const override { return description_; }
     void resume() override {}
+
+   private:
+    std::string description_;
   };
 
-  class Session final : public URLSession {
+  class Session final : public URLSession, public std::enable_shared_from_this<Session> {
    public:
-    explicit Session(Tasks tasks) : tasks_(tasks) {}
+    Session(Tasks tasks, std::shared_ptr<URLSessionDelegate> delegate, std::shared_ptr<SerialQueue> queue)
+        : kind_(tasks), delegate_(std::move(delegate)), queue_(std::move(queue)) {}
+
     void setSessionDescription(std::string) override {}
     std::string sessionDescription() const override { return "no network"; }
     Result<std::shared_ptr<URLSessionTask>, Error> dataTaskWithRequest(URLRequest) override {
-      if (tasks_ == Tasks::kWaiting) return std::shared_ptr<URLSessionTask>(std::make_shared<Task>());
-      return Result<std::shared_ptr<URLSessionTask>, Error>::failure({kURLErrorDomain, 1, "gone"});
+      if (kind_ == Tasks::kNone) {
+        return Result<std::shared_ptr<URLSessionTask>, Error>::failure({kURLErrorDomain, 1, "gone"});
+      }
+      const MutexLock lock(mutex_);
+      tasks_.push_back(std::make_shared<Task>());
+      return tasks_.back();
     }
     Result<std::shared_ptr<URLSessionTask>, Error> uploadTaskWithRequest(URLRequest request,
                                                                          const std::string&) override {
       return dataTaskWithRequest(std::move(request));
     }
-    void finishTasksAndInvalidate() override {}
+    void finishTasksAndInvalidate() override {
+      queue_->async([self = shared_from_this()] { self->finish(); });
+    }
 
    private:
-    const Tasks tasks_;
+    void finish() {
+      std::vector<std::shared_ptr<URLSessionTask>> tasks;
+      std::shared_ptr<URLSessionDelegate> delegate;
+      {
+        const MutexLock lock(mutex_);
+        tasks.swap(tasks_);
+        delegate.swap(delegate_);
+      }
+      const Error cancelled{kURLErrorDomain, static_cast<int32_t>(URLSessionError::kCancelled), "cancelled"};
+      for (const auto& task : tasks) delegate->didCompleteWithError(*this, *task, std::nullopt, cancelled);
+      delegate->didBecomeInvalidWithError(*this, std::nullopt);
+    }
+
+    const Tasks kind_;
+    Mutex mutex_;
+    std::vector<std::shared_ptr<URLSessionTask>> tasks_;
+    std::shared_ptr<URLSessionDelegate> delegate_;
+    const std::shared_ptr<SerialQueue> queue_;
   };
 
   explicit NoNetworkSessions(Tasks tasks) : tasks_(tasks) {}
-  std::shared_ptr<URLSession> makeSession(const URLSessionConfiguration&, std::shared_ptr<URLSessionDelegate>,
-                                          std::shared_ptr<SerialQueue>) override {
-    return std::make_shared<Session>(tasks_);
+  std::shared_ptr<URLSession> makeSession(const URLSessionConfiguration&,
+                                          std::shared_ptr<URLSessionDelegate> delegate,
+                                          std::shared_ptr<SerialQueue> queue) override {
+    return std::make_shared<Session>(tasks_, std::move(delegate), std::move(queue));
   }
 
  private:
@@ -649,6 +678,16 @@ class NoNetworkSessions final : public URLSessionService {
 class NoNetworkTest : public StorebagTest {
  protected:
   explicit NoNetworkTest(NoNetworkSessions::Tasks tasks) : sessions_(tasks) {}
+
+  // The fetch client ends before its platform does.
+  void TearDown() override {
+    fetcher_.reset();
+    waitFor([this] {
+      return platform_.log.contains(LogLevel::kDebug,
+                                    "ReportingSessionConnectivityHelper dealloced with ID <no network>");
+    });
+    StorebagTest::TearDown();
+  }
 
   NoNetworkSessions sessions_;
   PlatformServices services_{platform_.log,      platform_.clock,  platform_.random, platform_.files,
