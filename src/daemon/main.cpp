@@ -229,7 +229,9 @@ int main(int argc, char** argv) {
   if (const int* const code = std::get_if<int>(&parsed)) return *code;
   const auto& options = std::get<DaemonOptions>(parsed);
 
+  // A peer that has gone and a full quota are told by the calls that meet them.
   std::signal(SIGPIPE, SIG_IGN);
+  std::signal(SIGXFSZ, SIG_IGN);
   EventLoop::blockSignals({SIGTERM, SIGINT});
   raiseDescriptorLimit();
   const auto log = makeSystemLog(options.logTarget, options.logLevel);
