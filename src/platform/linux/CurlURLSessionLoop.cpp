@@ -228,7 +228,11 @@ void CurlURLSessionLoop::startEligible() {
     Host& host = *turns_.front();
     turns_.pop_front();
     host.hasTurn = false;
-    if (host.queue.empty()) continue;
+    if (host.queue.empty()) {  // those who stood in it have expired
+      if (host.active == 0)
+        std::erase_if(hosts_, [&host](const auto& entry) { return &entry.second == &host; });
+      continue;
+    }
     Task task = std::move(host.queue.front());
     host.queue.pop_front();
     --queued_;
