@@ -14,9 +14,27 @@ struct SharedConnectivityHelpers::Table {
   void usageCountReached(int32_t usageCount, const std::string& userInfoKey,
                          const std::shared_ptr<ReportingSessionConnectivityHelper>& helper);
 
+  void share(const std::string& userInfoKey,
+             const std::shared_ptr<ReportingSessionConnectivityHelper>& helper);
+
   SystemLog& log;
   std::unordered_map<std::string, std::shared_ptr<ReportingSessionConnectivityHelper>> helpers;
+  bool hasToldOfOverflow = false;
 };
+
+void SharedConnectivityHelpers::Table::share(
+    const std::string& userInfoKey, const std::shared_ptr<ReportingSessionConnectivityHelper>& helper) {
+  const bool isFull = helpers.size() >= kMaximumHelpers;
+  if (!isFull) helpers.emplace(userInfoKey, helper);
+  if (isFull && !hasToldOfOverflow) {
+    log.error(
+        "requestSharedConnectivityHelperForReportingSession: {} connectivity helpers are shared already, "
+        "further "
+        "ones are not",
+        helpers.size());
+  }
+  hasToldOfOverflow = isFull;
+}
 
 void SharedConnectivityHelpers::Table::usageCountReached(
     int32_t usageCount, const std::string& userInfoKey,
@@ -49,8 +67,10 @@ std::shared_ptr<ReportingSessionConnectivityHelper> SharedConnectivityHelpers::c
         "requestSharedConnectivityHelperForReportingSession: Requesting shared connectivity helper for "
         "userInfoKey {}",
         userInfoKey);
-    std::shared_ptr<ReportingSessionConnectivityHelper>& helper = table_->helpers[userInfoKey];
-    if (helper) {
+    const auto found = table_->helpers.find(userInfoKey);
+    std::shared_ptr<ReportingSessionConnectivityHelper> helper;
+    if (found != table_->helpers.end()) {
+      helper = found->second;
       log.debug(
           "requestSharedConnectivityHelperForReportingSession: Found existing shared connectivity helper for "
           "userInfoKey {}",
@@ -61,6 +81,7 @@ std::shared_ptr<ReportingSessionConnectivityHelper> SharedConnectivityHelpers::c
           "userInfoKey {}",
           userInfoKey);
       helper = ReportingSessionConnectivityHelper::create(platform_, delegate_, mode);
+      table_->share(userInfoKey, helper);
     }
     log.debug(
         "requestSharedConnectivityHelperForReportingSession: Incrementing usage of shared connectivity "

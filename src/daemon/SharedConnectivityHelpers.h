@@ -23,6 +23,10 @@ namespace zun {
 /// queued may come after it has gone.
 class SharedConnectivityHelpers final {
  public:
+  /// More are not shared: a client that makes up a new name with every call must not
+  /// fill the table. Sessions beyond get helpers of their own.
+  static constexpr size_t kMaximumHelpers = 8192;
+
   /// `platform` outlives the helpers; `delegate` takes back their process-alive references.
   SharedConnectivityHelpers(const PlatformServices& platform, std::weak_ptr<QuorxTransactionHolder> delegate);
   ~SharedConnectivityHelpers();

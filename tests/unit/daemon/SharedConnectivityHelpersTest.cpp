@@ -266,6 +266,33 @@ TEST_F(SharedConnectivityHelpersTest, LateCallbackFindsTheTableGone) {
   EXPECT_EQ(count(line(kReachedZero, "a:b", kReachedZeroEnd)), 0);
 }
 
+// A client that makes up a new name with every call must not fill the daemon's memory.
+TEST(SharedConnectivityHelpersBoundTest, BeyondTheBoundHelpersAreNotSharedAndHandBackTheirReferences) {
+  ManualExecutor executor;
+  TestPlatform platform(&executor);
+  const auto holder = std::make_shared<HandedBack>();
+  SharedConnectivityHelpers helpers(platform.services, holder);
+  for (size_t i = 0; i < SharedConnectivityHelpers::kMaximumHelpers; ++i)
+    (void)helpers.copySharedConnectivityHelper(std::to_string(i) + ":", kPOSTMode);
+
+  auto first = helpers.copySharedConnectivityHelper("beyond:", kPOSTMode);
+  auto second = helpers.copySharedConnectivityHelper("beyond:", kPOSTMode);
+  EXPECT_NE(first, second);
+  EXPECT_EQ(helpers.copySharedConnectivityHelper("0:", kPOSTMode),
+            helpers.copySharedConnectivityHelper("0:", kPOSTMode));
+  EXPECT_EQ(platform.log.takeErrors(),
+            std::vector<std::string>{
+                "requestSharedConnectivityHelperForReportingSession: 8192 connectivity helpers "
+                "are shared already, further ones are not"});
+
+  first->incrementTotalSessionsServedCount();
+  helpers.releaseSharedConnectivityHelper("beyond:");
+  first.reset();
+  second.reset();
+  executor.runAll();
+  EXPECT_EQ(holder->total(), 1u);
+}
+
 // Sessions of few clients come and go on many threads while timers fire.
 TEST(SharedConnectivityHelpersConcurrencyTest, EveryReferenceIsHandedBackOnce) {
   TestPlatform platform;
