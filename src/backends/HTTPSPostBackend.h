@@ -36,7 +36,7 @@ class HTTPSPostBackend final : public ZunReportingBackend {
   using ZunReportingBackend::sendMessage;
 
   int32_t updateState() override;
-  std::optional<std::string> sendMessage(const Dictionary& message, const TimeValue& timestamp,
+  std::optional<std::string> sendMessage(const std::optional<Dictionary>& message, const TimeValue& timestamp,
                                          uint16_t method, uint16_t respCode, uint16_t eventID,
                                          int32_t flag) override;
   std::optional<std::string> flushMessagesWithCompletion(FlushCompletion completion) override;
@@ -100,14 +100,14 @@ class HTTPSPostBackend final : public ZunReportingBackend {
   int32_t stateWithoutUserInfo(const Array& clients);
   bool allowsDiagnostics(const Dictionary& client);
   bool allowsDevice(const Dictionary& client, const std::optional<std::string>& region) const;
-  void updateSamplingThreshold(const Dictionary& client, const std::optional<std::string>& region);
-  int32_t samplingDecision(const Dictionary& client);
+  [[nodiscard]] Value thresholdForRegion(const Dictionary& client,
+                                         const std::optional<std::string>& region) const;
+  int32_t samplingDecision(const Dictionary& client, const Value& threshold);
   void adoptClient(const Dictionary& client, const Names& names, int32_t state);
   void updateEventLists(const Dictionary& client);
 
   // Sending
-  [[nodiscard]] Dictionary payloadOfMessage(const Dictionary& message, uint16_t method,
-                                            uint16_t respCode) const;
+  void addSessionStopKeys(Dictionary& payload) const;
   std::optional<std::string> sendNow(Dictionary record, int32_t state, uint16_t method, uint16_t respCode,
                                      int32_t flag);
   void append(Dictionary record, int64_t method, int32_t count);

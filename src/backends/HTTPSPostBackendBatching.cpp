@@ -25,16 +25,31 @@ Value orMinusOne(Value value) {
   return value.isNone() ? Value(-1) : value;
 }
 
+/// The client's part of a message, all of a message without one; null where there is
+/// neither.
+const Dictionary* payloadOf(const std::optional<Dictionary>& message) {
+  if (!message) return nullptr;
+  const Value& clientData = (*message)[kZunReportingMessageBlobClientData];
+  return clientData.isNone() ? &*message : clientData.dictionary();
+}
+
 }  // namespace
 
-std::optional<std::string> HTTPSPostBackend::sendMessage(const Dictionary& message,
+std::optional<std::string> HTTPSPostBackend::sendMessage(const std::optional<Dictionary>& message,
                                                          const TimeValue& timestamp, uint16_t method,
                                                          uint16_t respCode, uint16_t eventID, int32_t flag) {
   const int32_t stateBefore = state();
   if (stateBefore == ZunBackendStateDisabled) return std::nullopt;
-  Dictionary record = newEventDictfromPayload(payloadOfMessage(message, method, respCode), timestamp, method,
-                                              respCode, eventID);
-  prepareEventForMessage(record, message[kZunReportingMessageBlobSharedData].dictionary());
+  Dictionary payload;
+  if (const Dictionary* const given = payloadOf(message)) {
+    payload = *given;
+  } else {
+    log().error("HTTPSPostBackend(sendMessage): SESSION_TYPE_STOP message dictionary is nil");
+  }
+  if (method == kSessionMethod && respCode == kSessionStop) addSessionStopKeys(payload);
+  Dictionary record = newEventDictfromPayload(payload, timestamp, method, respCode, eventID);
+  prepareEventForMessage(record,
+                         message ? (*message)[kZunReportingMessageBlobSharedData].dictionary() : nullptr);
   // The promotion is for the messages to come: this one keeps the state that it found.
   if (promotes(flag) && stateBefore == ZunBackendStateSampledOut) setState(ZunBackendStateEnabled);
   log().debug("HTTPSPostBackend(sendMessage): realtime is {:d}", isRealtime(flag));
@@ -50,17 +65,7 @@ std::optional<std::string> HTTPSPostBackend::sendMessage(const Dictionary& messa
   return batchEvent(std::move(record));
 }
 
-Dictionary HTTPSPostBackend::payloadOfMessage(const Dictionary& message, uint16_t method,
-                                              uint16_t respCode) const {
-  const Value& clientData = message[kZunReportingMessageBlobClientData];
-  Dictionary payload = message;
-  if (!clientData.isNone()) {
-    payload = clientData.isDictionary() ? *clientData.dictionary() : Dictionary();
-    if (!clientData.isDictionary()) {
-      log().error("HTTPSPostBackend(sendMessage): SESSION_TYPE_STOP message dictionary is nil");
-    }
-  }
-  if (method != kSessionMethod || respCode != kSessionStop) return payload;
+void HTTPSPostBackend::addSessionStopKeys(Dictionary& payload) const {
   log().debug(
       "HTTPSPostBackend(sendMessage): Adding dnu type and sampling threshold to SESSION_TYPE_STOP message "
       "dictionary");
@@ -68,7 +73,6 @@ Dictionary HTTPSPostBackend::payloadOfMessage(const Dictionary& message, uint16_
   payload.set(Value::literal("SamplingThreshold"), orMinusOne(samplingThreshold()));
   payload.set(Value::literal("OverrideSampling"), orMinusOne(overrideSampling_));
   payload.set(Value::literal("Batch"), batchEvents_ ? 1 : 0);
-  return payload;
 }
 
 std::optional<std::string> HTTPSPostBackend::sendNow(Dictionary record, int32_t stateBefore, uint16_t method,

@@ -34,7 +34,8 @@ const Dictionary* firstClient(const Array& clients, Predicate applies) {
 
 int32_t HTTPSPostBackend::updateState() {
   const int32_t newState = updateBackendState();
-  setState(newState);
+  // A frozen state is not written back: its server may have changed it by now.
+  if (!immutable_) setState(newState);
   return newState;
 }
 
@@ -60,8 +61,10 @@ int32_t HTTPSPostBackend::updateBackendState() {
     return ZunBackendStateDisabled;
   }
   createFiltersFromArray(*filters);
-  updateSamplingThreshold(*client, region);
-  const int32_t newState = samplingDecision(*client);
+  const Value threshold = thresholdForRegion(*client, region);
+  // Decided on by what was read here: a parent session may set its own meanwhile.
+  setSamplingThreshold(threshold);
+  const int32_t newState = samplingDecision(*client, threshold);
   adoptClient(*client, names, newState);
   return newState;
 }
@@ -132,25 +135,23 @@ bool HTTPSPostBackend::allowsDevice(const Dictionary& client,
   return true;
 }
 
-void HTTPSPostBackend::updateSamplingThreshold(const Dictionary& client,
-                                               const std::optional<std::string>& region) {
-  setSamplingThreshold(client["sampling_threshold"]);
+Value HTTPSPostBackend::thresholdForRegion(const Dictionary& client,
+                                           const std::optional<std::string>& region) const {
+  const Value& general = client["sampling_threshold"];
   const Array* const countries = client["per_country_sampling_thresholds"].array();
-  if (countries == nullptr || !region) return;
+  if (countries == nullptr || !region) return general;
   const Dictionary* const country = firstClient(*countries, [&region](const Dictionary& entry) {
     const Array* const codes = entry["country"].array();
     return codes != nullptr && std::find(codes->begin(), codes->end(), Value(*region)) != codes->end();
   });
-  if (country == nullptr) return;
+  if (country == nullptr) return general;
   const Value& threshold = (*country)["threshold"];
   log().note("HTTPSPostBackend(updateBackendState): sampling threshold for {} changed from {:.2f} to {:.2f}",
-             *region, static_cast<float>(samplingThreshold().doubleValue()),
-             static_cast<float>(threshold.doubleValue()));
-  setSamplingThreshold(threshold);
+             *region, static_cast<float>(general.doubleValue()), static_cast<float>(threshold.doubleValue()));
+  return threshold;
 }
 
-int32_t HTTPSPostBackend::samplingDecision(const Dictionary& client) {
-  const Value threshold = samplingThreshold();
+int32_t HTTPSPostBackend::samplingDecision(const Dictionary& client, const Value& threshold) {
   if (threshold.isNone()) return ZunBackendStateDisabled;
   if (samplingFactor_ < threshold.doubleValue()) return ZunBackendStateEnabled;
   overrideSampling_ = client["override_sampling"];

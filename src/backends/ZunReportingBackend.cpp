@@ -172,7 +172,7 @@ void ZunReportingBackend::setSamplingThreshold(Value threshold) {
   std::swap(samplingThreshold_, threshold);
 }
 
-std::optional<std::string> ZunReportingBackend::sendMessage(const Dictionary& message,
+std::optional<std::string> ZunReportingBackend::sendMessage(const std::optional<Dictionary>& message,
                                                             const TimeValue& timestamp, uint16_t method,
                                                             uint16_t respCode, int32_t flag) {
   ++eventID_;
@@ -192,8 +192,9 @@ int32_t ZunReportingBackend::updateState() {
   return ZunBackendStateEnabled;
 }
 
-std::optional<std::string> ZunReportingBackend::sendMessage(const Dictionary&, const TimeValue&, uint16_t,
-                                                            uint16_t, uint16_t, int32_t) {
+std::optional<std::string> ZunReportingBackend::sendMessage(const std::optional<Dictionary>&,
+                                                            const TimeValue&, uint16_t, uint16_t, uint16_t,
+                                                            int32_t) {
   return std::nullopt;
 }
 

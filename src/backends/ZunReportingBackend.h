@@ -88,8 +88,8 @@ class ZunReportingBackend : public std::enable_shared_from_this<ZunReportingBack
   void setSamplingThreshold(Value threshold);
 
   /// Sends one message under the next event number. Gives the text of what was sent
-  /// where the backend has one.
-  std::optional<std::string> sendMessage(const Dictionary& message, const TimeValue& timestamp,
+  /// where the backend has one. A message may be missing: its event is still one.
+  std::optional<std::string> sendMessage(const std::optional<Dictionary>& message, const TimeValue& timestamp,
                                          uint16_t method, uint16_t respCode, int32_t flag);
 
   [[nodiscard]] bool isWhitelistedEvent(int32_t event) const;
@@ -100,9 +100,9 @@ class ZunReportingBackend : public std::enable_shared_from_this<ZunReportingBack
 
   /// Decides the state anew, sets it and gives it.
   virtual int32_t updateState();
-  virtual std::optional<std::string> sendMessage(const Dictionary& message, const TimeValue& timestamp,
-                                                 uint16_t method, uint16_t respCode, uint16_t eventID,
-                                                 int32_t flag);
+  virtual std::optional<std::string> sendMessage(const std::optional<Dictionary>& message,
+                                                 const TimeValue& timestamp, uint16_t method,
+                                                 uint16_t respCode, uint16_t eventID, int32_t flag);
   virtual std::optional<std::string> flushMessagesWithCompletion(FlushCompletion completion);
   virtual void setCorrelatedSessionID(const std::string& identifier);
   /// Estimated bytes of the events that wait.

@@ -209,9 +209,9 @@ void ReportingdSession::sendOneMessageWithSessionInfo(const std::optional<Dictio
 void ReportingdSession::sendOneMessageToBackends(uint16_t category, uint16_t type,
                                                  const std::optional<Dictionary>& payload) {
   const TimeValue timestamp = services_.platform.clock.timeOfDay();
-  Dictionary message = payload.value_or(Dictionary());
-  if (payload && services_.identity.isInternalBuild())
-    message.set("SerialNum", services_.identity.serialNumber().value_or("Unknown"));
+  std::optional<Dictionary> message = payload;
+  if (message && services_.identity.isInternalBuild())
+    message->set("SerialNum", services_.identity.serialNumber().value_or("Unknown"));
 
   for (const auto& [name, backend, role] : backends_->entries) {
     backend->updateState();

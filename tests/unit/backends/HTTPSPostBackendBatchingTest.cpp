@@ -94,6 +94,21 @@ TEST_F(HTTPSPostBackendBatchingTest, RealtimeMessageFlushesTheBatchFirstAndFreez
   EXPECT_TRUE(immutableIs(*backend));
 }
 
+TEST_F(HTTPSPostBackendBatchingTest, ForcedFlushThatTheListsEmptyLeavesOnlyTheRealtimeEvent) {
+  const auto backend = start(with(reportingClient(), "event_whitelist", Array{3}));
+  send(*backend, 1);
+  const auto text = send(*backend, 3, 1);
+  expectDebugLine(kForced);
+  EXPECT_EQ(field(eventsOf(text), 0, "_method"), Value(3));
+  EXPECT_EQ(backend->batchedEventsSize(), 0U);
+  EXPECT_FALSE(immutableIs(*backend));
+}
+
+TEST_F(HTTPSPostBackendBatchingTest, RealtimeEventsAreSentWhateverTheListsOfBatchedOnes) {
+  const auto backend = start(with(reportingClient(), "event_blacklist", Array{3}));
+  EXPECT_EQ(eventsOf(send(*backend, 3, 1)).size(), 1U);
+}
+
 TEST_F(HTTPSPostBackendBatchingTest, MessageThatIsDueWithoutBeingRealtimeLeavesTheBatchAlone) {
   const auto backend = start(reportingClient());
   send(*backend, 1);
@@ -168,6 +183,19 @@ TEST_F(HTTPSPostBackendBatchingTest, ClientDataThatIsNoDictionaryCountsAsMissing
   EXPECT_TRUE(field(eventsOf(text), 0, "ClientData").isNone());
 }
 
+TEST_F(HTTPSPostBackendBatchingTest, MissingMessageIsAnErrorLineAndAnEventWithoutPayload) {
+  const auto backend = start(with(reportingClient(), "expedite", 1));
+  const Array events = eventsOf(backend->sendMessage(std::nullopt, kEventTime, 1, 2, 0));
+  expectErrors({"HTTPSPostBackend(sendMessage): SESSION_TYPE_STOP message dictionary is nil"});
+  ASSERT_EQ(events.size(), 1U);
+  EXPECT_EQ(field(events, 0, "_method"), Value(1));
+}
+
+TEST_F(HTTPSPostBackendBatchingTest, EmptyMessageIsNotAMissingOne) {
+  const auto backend = start(with(reportingClient(), "expedite", 1));
+  EXPECT_EQ(eventsOf(backend->sendMessage(Dictionary(), kEventTime, 1, 2, 0)).size(), 1U);
+}
+
 TEST_F(HTTPSPostBackendBatchingTest, SessionStopCarriesMinusOneWithoutThresholds) {
   const auto backend = make(reportingClient());
   backend->setState(ZunBackendStateEnabled);
@@ -194,17 +222,33 @@ TEST_F(HTTPSPostBackendBatchingTest, SessionStopCarriesTheThresholdsInForce) {
   const auto backend = start(client);
   ASSERT_EQ(backend->state(), ZunBackendStateSampledOut);
   backend->setState(ZunBackendStateEnabled);
-  const Array events = eventsOf(backend->sendMessage({}, kEventTime, 0, 1, 1));
+  const Array events = eventsOf(backend->sendMessage(Dictionary(), kEventTime, 0, 1, 1));
   EXPECT_EQ(field(events, 0, "Opt"), Value(1));
   EXPECT_EQ(field(events, 0, "SamplingThreshold"), Value(0.2));
   EXPECT_EQ(field(events, 0, "OverrideSampling"), Value(0.5));
   EXPECT_EQ(field(events, 0, "Batch"), Value(1));
 }
 
+TEST_F(HTTPSPostBackendBatchingTest, SessionStopTellsOfAnOverrideWhileTheUserLetsDataOut) {
+  setDefault("forceEventLogging", "YES");
+  setDefault("environmentType", 1);
+  const auto backend = start(with(reportingClient(), "override_dnu", 1));
+  const Array events = eventsOf(backend->sendMessage(Dictionary(), kEventTime, 0, 1, 1));
+  EXPECT_EQ(field(events, 0, "Opt"), Value(2));
+}
+
+// The second threshold is read only where the first one has sampled the device out.
+TEST_F(HTTPSPostBackendBatchingTest, SessionStopOfASampledDeviceKnowsNoOverrideThreshold) {
+  const auto backend = start(with(reportingClient(), "override_sampling", 0.5));
+  const Array events = eventsOf(backend->sendMessage(Dictionary(), kEventTime, 0, 1, 1));
+  EXPECT_EQ(field(events, 0, "SamplingThreshold"), Value(1));
+  EXPECT_EQ(field(events, 0, "OverrideSampling"), Value(-1));
+}
+
 TEST_F(HTTPSPostBackendBatchingTest, OtherMessagesOfTheSessionMethodCarryNoThresholds) {
   const auto backend = start(with(reportingClient(), "expedite", 1));
-  EXPECT_TRUE(field(eventsOf(backend->sendMessage({}, kEventTime, 0, 0, 0)), 0, "Opt").isNone());
-  EXPECT_TRUE(field(eventsOf(backend->sendMessage({}, kEventTime, 1, 1, 0)), 0, "Opt").isNone());
+  EXPECT_TRUE(field(eventsOf(backend->sendMessage(Dictionary(), kEventTime, 0, 0, 0)), 0, "Opt").isNone());
+  EXPECT_TRUE(field(eventsOf(backend->sendMessage(Dictionary(), kEventTime, 1, 1, 0)), 0, "Opt").isNone());
 }
 
 // --- thresholds ------------------------------------------------------------------
@@ -254,6 +298,29 @@ TEST_F(HTTPSPostBackendBatchingTest, FlushEmptiesTheCountsOfEveryMethod) {
   EXPECT_EQ(send(*backend, 7), std::nullopt);
   EXPECT_EQ(send(*backend, 7), std::nullopt);
   EXPECT_EQ(eventsOf(send(*backend, 7)).size(), 3U);
+}
+
+TEST_F(HTTPSPostBackendBatchingTest, FlushThatDiscardsTheBatchEmptiesTheCountsToo) {
+  const auto backend = start(clientWithThreshold(1));
+  send(*backend, 6);
+  send(*backend, 6);
+  backend->setState(ZunBackendStateSampledOut);
+  EXPECT_EQ(flushError(*backend), "Nothing to flush");
+  backend->setState(ZunBackendStateEnabled);
+  EXPECT_EQ(send(*backend, 6), std::nullopt);
+  EXPECT_EQ(send(*backend, 6), std::nullopt);
+  EXPECT_EQ(eventsOf(send(*backend, 6)).size(), 2U);
+}
+
+TEST_F(HTTPSPostBackendBatchingTest, RefusedFlushAtTheThresholdKeepsTheBatchAndCountsAnew) {
+  const auto backend = start(clientWithThreshold(1));
+  backend->setUserInfoDict(std::nullopt);
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(send(*backend, 6), std::nullopt);
+  expectDebugLine(
+      "HTTPSPostBackend(batchEvent): Flushing all batched events as we reached event threshold for method 6");
+  backend->setUserInfoDict(userInfo());
+  EXPECT_EQ(send(*backend, 6), std::nullopt);  // the second one since then
+  EXPECT_EQ(eventsOf(send(*backend, 6)).size(), 4U);
 }
 
 TEST_F(HTTPSPostBackendBatchingTest, ClientThatNeverReachesTheThresholdMeetsTheBatchesOwnBound) {
@@ -356,6 +423,17 @@ TEST_F(HTTPSPostBackendBatchingTest, FlushedBackendKeepsItsStateAndSettings) {
   backend->setState(ZunBackendStateDisabled);
   EXPECT_EQ(backend->updateState(), ZunBackendStateDisabled);
   EXPECT_TRUE(platform_.log.linesOf(LogLevel::kDefault).empty());
+}
+
+TEST_F(HTTPSPostBackendBatchingTest, FrozenBackendTakesOverNothingElse) {
+  const auto backend = start(reportingClient());
+  send(*backend, 1);
+  EXPECT_TRUE(backend->flushMessagesWithCompletion(nullptr).has_value());
+  backend->setSamplingThreshold(0.125);  // as a parent session does
+  backend->setPostURL("https://b.example/post");
+  backend->updateState();
+  EXPECT_EQ(backend->samplingThreshold(), Value(0.125));
+  EXPECT_EQ(backend->postURL(), "https://b.example/post");
 }
 
 TEST_F(HTTPSPostBackendBatchingTest, FlushWhoseTextMayNotBeLoggedLeavesTheConfigurationOpen) {

@@ -200,6 +200,14 @@ TEST_F(HTTPSPostBackendConfigurationTest, UserInformationNotRequiredAndNoPostURL
   expectDefaultLine("setBackendStateWithClient: extras on internal is set to 0");
 }
 
+TEST_F(HTTPSPostBackendConfigurationTest, UpdateBackendStateDecidesWithoutStoring) {
+  const auto backend = make(reportingClient());
+  EXPECT_EQ(backend->updateBackendState(), ZunBackendStateEnabled);
+  EXPECT_EQ(backend->state(), ZunBackendStateAwaitingUserInfo);
+  EXPECT_EQ(backend->updateState(), ZunBackendStateEnabled);
+  EXPECT_EQ(backend->state(), ZunBackendStateEnabled);
+}
+
 // --- gates -----------------------------------------------------------------------
 
 TEST_F(HTTPSPostBackendConfigurationTest, UserWithoutDiagnosticsDisables) {
@@ -268,6 +276,10 @@ TEST_F(HTTPSPostBackendConfigurationTest, AbsentFiltersDisableWithAnErrorLine) {
   }
 }
 
+TEST_F(HTTPSPostBackendConfigurationTest, EmptyFiltersDoNotDisable) {
+  EXPECT_EQ(stateOf(with(reportingClient(), "filters", Array{})), ZunBackendStateEnabled);
+}
+
 TEST_F(HTTPSPostBackendConfigurationTest, EmptyFiltersKeepTheTableThereIs) {
   const auto backend = start(reportingClient());
   backend->createFiltersFromArray({});
@@ -308,6 +320,13 @@ TEST_F(HTTPSPostBackendConfigurationTest, ThresholdOfTheRegionReplacesTheGeneral
   EXPECT_EQ(stateOf(client), ZunBackendStateEnabled);
   expectDefaultLine(
       "HTTPSPostBackend(updateBackendState): sampling threshold for DE changed from 0.00 to 0.75");
+}
+
+TEST_F(HTTPSPostBackendConfigurationTest, DeviceWithoutRegionHasTheGeneralThreshold) {
+  platform_.locale.region = std::nullopt;
+  const auto backend = start(with(reportingClient(), "per_country_sampling_thresholds",
+                                  Array{Dictionary{{"country", Array{""}}, {"threshold", 0}}}));
+  EXPECT_EQ(backend->samplingThreshold(), Value(1));
 }
 
 TEST_F(HTTPSPostBackendConfigurationTest, RegionEntryWithoutThresholdTakesTheThresholdAway) {

@@ -70,11 +70,13 @@ TEST_F(SingleMessageTest, InternalBuildsAddTheSerialNumber) {
   EXPECT_EQ(payload["SerialNum"], Value("client's"));
 }
 
-TEST_F(SingleMessageTest, MissingPayloadStaysEmpty) {
+TEST_F(SingleMessageTest, MissingPayloadIsAMissingMessageToBackends) {
   platform_.device.set("ReleaseType", "Internal");
   agent_.storebag = Dictionary{{"test", Dictionary{}}};
   EXPECT_EQ(sendOne(sessionInfo(9)), "finished");
-  EXPECT_EQ(backend("test").sent.at(0).message, Dictionary{});
+  EXPECT_TRUE(backend("test").sent.at(0).isMissing);
+  sendOne(sessionInfo(9), userInfo("C", "S"), Dictionary{});
+  EXPECT_FALSE(backend("test").sent.at(0).isMissing);
 }
 
 TEST_F(SingleMessageTest, WithoutUserInfoNothingIsSent) {

@@ -20,12 +20,13 @@ namespace zun {
 class TestBackend final : public ZunReportingBackend {
  public:
   struct Sent {
-    Dictionary message;
+    Dictionary message;  // empty where it is missing
     TimeValue timestamp;
     uint16_t method;
     uint16_t respCode;
     uint16_t eventID;
     int32_t flag;
+    bool isMissing;
   };
 
   static std::shared_ptr<TestBackend> create(const ReportingServices& services, std::string_view name,
@@ -44,10 +45,10 @@ class TestBackend final : public ZunReportingBackend {
     setState(state.isNone() ? ZunBackendStateEnabled : state.int32Value());
     return state.isNone() ? ZunBackendStateEnabled : state.int32Value();
   }
-  std::optional<std::string> sendMessage(const Dictionary& message, const TimeValue& timestamp,
+  std::optional<std::string> sendMessage(const std::optional<Dictionary>& message, const TimeValue& timestamp,
                                          uint16_t method, uint16_t respCode, uint16_t eventID,
                                          int32_t flag) override {
-    sent.push_back({message, timestamp, method, respCode, eventID, flag});
+    sent.push_back({message.value_or(Dictionary()), timestamp, method, respCode, eventID, flag, !message});
     return textOf("response");
   }
   std::optional<std::string> flushMessagesWithCompletion(FlushCompletion completion) override {
