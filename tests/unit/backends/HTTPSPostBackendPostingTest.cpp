@@ -292,6 +292,36 @@ TEST_F(HTTPSPostBackendPostingTest, HeadersOfWhatIsNotThereAreLeftOut) {
   }
 }
 
+TEST_F(HTTPSPostBackendPostingTest, EmptyNamesAreHeadersWithoutText) {
+  const auto backend = connectedBackend();
+  backend->setUserInfoDict(userInfo("", ""));
+  endOf(post(*backend, "{}"));
+  const TestRequest request = onlyRequest();
+  EXPECT_EQ(headers(request, "X-ZUN-Client-Name"), std::vector<std::string>{""});
+  EXPECT_EQ(headers(request, "X-ZUN-Service-Name"), std::vector<std::string>{""});
+}
+
+TEST_F(HTTPSPostBackendPostingTest, BatchPostsMapNoEvent) {
+  const auto backend = connectedBackend();
+  send(*backend, 4);
+  endOf(flush(*backend));
+  EXPECT_TRUE(headers(onlyRequest(), "X-ZUN-Event-Map").empty());
+}
+
+// Two URLs, one order: what was batched before a realtime event is handed over first.
+TEST_F(HTTPSPostBackendPostingTest, ForcedFlushIsPostedBeforeItsRealtimeEvent) {
+  const auto keeping = std::make_shared<KeepingHelper>();
+  const auto backend = start(postingClient());
+  backend->setReportingSessionConnectivityDelegate(keeping);
+  send(*backend, 1);
+  send(*backend, 2, 1);
+  ASSERT_EQ(keeping->requests.size(), 2U);
+  EXPECT_EQ(keeping->requests[0].url, server_.url("/post"));
+  EXPECT_EQ(field(eventsOf(inflated(*keeping->requests[0].body)), 0, "_method"), Value(1));
+  EXPECT_EQ(keeping->requests[1].url, server_.url("/now"));
+  EXPECT_EQ(field(eventsOf(inflated(*keeping->requests[1].body)), 0, "_method"), Value(2));
+}
+
 TEST_F(HTTPSPostBackendPostingTest, NamesThatAreNoTextCountAsAbsent) {
   const auto backend = connectedBackend();
   backend->setUserInfoDict(userInfo(5, Array{"x"}));
@@ -354,6 +384,14 @@ TEST_F(HTTPSPostBackendPostingTest, DigestIsOverTheUncompressedBodyInGroupsOfFou
   std::string sent = onlyRequest().header("X-ZUN-DIGEST").value_or("");
   std::erase_if(sent, [](char c) { return c == ' ' || c == '<' || c == '>'; });
   EXPECT_EQ(sent, digits);
+}
+
+TEST_F(HTTPSPostBackendPostingTest, EmptyDigestKeyIsAKey) {
+  const auto backend = connectedBackend();
+  backend->setDigestKey("");
+  endOf(post(*backend, ""));
+  EXPECT_EQ(onlyRequest().header("X-ZUN-DIGEST"), "<fbdb1d1b 18aa6c08 324b7d64 b71fb763 70690e1d>");
+  expectErrors({"compressDataWithZlibOrGzip: Cannot compress empty NSData"});
 }
 
 TEST_F(HTTPSPostBackendPostingTest, OtherDigestAlgorithmsMakeNoHeader) {
