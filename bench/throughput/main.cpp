@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -25,6 +26,11 @@ using namespace zun;
 using namespace zun::bench;
 
 constexpr int kEventThreshold = 499;  // 500 records a post
+
+// Posts that may wait for the sink while every event is one: more than a daemon keeps, it
+// drops. Clients go on when the sink has caught up.
+constexpr uint64_t kMaximumBehind = 4000;
+constexpr uint64_t kEventsASlice = 500;
 
 struct Scenario {
   const char* name;
@@ -62,16 +68,28 @@ void run(const Scenario& scenario, const std::string& program) {
   const auto sinkBefore = cpuTimeOf(sink.process());
   const uint64_t postsBefore = sink.posts();
   const auto start = Clock::now();
+  std::atomic<uint64_t> sent{0};
   std::vector<std::thread> threads;
   for (size_t i = 0; i < clients.size(); ++i) {
     threads.emplace_back([&, i] {
-      clients[i]->send(eventsEach, scenario.sending, latencies[i]);
-      if (scenario.batch) clients[i]->flush();
+      if (scenario.batch) {
+        clients[i]->send(eventsEach, scenario.sending, latencies[i]);
+        clients[i]->flush();
+        return;
+      }
+      for (uint64_t left = eventsEach; left > 0; left -= std::min(left, kEventsASlice)) {
+        const uint64_t slice = std::min(left, kEventsASlice);
+        sent += slice;
+        clients[i]->send(slice, scenario.sending, latencies[i]);
+        while (sent - (sink.posts() - postsBefore) > kMaximumBehind)
+          std::this_thread::sleep_for(std::chrono::microseconds(200));
+      }
     });
   }
   for (std::thread& thread : threads) thread.join();
   const uint64_t events = eventsEach * clients.size();
-  while (!scenario.batch && sink.posts() - postsBefore < events) std::this_thread::yield();
+  while (!scenario.batch && sink.posts() - postsBefore < events)
+    std::this_thread::sleep_for(std::chrono::microseconds(200));
   const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
   const auto count = static_cast<double>(events);
   const double daemonCPU = static_cast<double>((cpuTimeOf(daemon.process()) - daemonBefore).count());
