@@ -53,6 +53,10 @@ class FakeAgent final : public ReportingdSessionDelegate, public std::enable_sha
     const auto found = helpers_.find(key);
     return found == helpers_.end() ? nullptr : found->second;
   }
+  void invalidateHelpers() {
+    const std::lock_guard lock(mutex_);
+    for (const auto& [key, helper] : helpers_) helper->invalidate();
+  }
   std::map<std::string, Dictionary> sharedData() {
     const RecursiveMutexLock lock(objectLock_);
     return sharedData_;

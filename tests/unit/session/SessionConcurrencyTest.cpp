@@ -16,6 +16,11 @@ class SessionConcurrencyTest : public PlatformTest {
         Dictionary{{"httpPost", Dictionary{{"response", "sent"}}}, {"qrs", Dictionary{}}};
   }
 
+  void TearDown() override {
+    world_.waitUntilQuiet();
+    PlatformTest::TearDown();
+  }
+
   std::shared_ptr<ReportingdSession> startSession(int64_t number, int64_t level) {
     auto session = world_.makeSession();
     session->setSessionInfo(sessionInfo(number, inHierarchy("token", level)), userInfo("C", "S"), {}, false);

@@ -18,6 +18,7 @@ class SessionPostingTest : public PlatformTest {
   }
   void TearDown() override {
     session_.reset();
+    world_.waitUntilQuiet();
     PlatformTest::TearDown();
   }
 

@@ -1,11 +1,12 @@
 #pragma once
 
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <map>
 #include <memory>
-#include <set>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -77,6 +78,7 @@ class SessionWorld final {
   explicit SessionWorld(TestPlatform& platform) : platform_(platform) {}
 
   std::shared_ptr<ReportingdSession> makeSession() {
+    ++sessionsMade_;
     const auto factory = [this](const ReportingServices& all, std::string_view name, const Value& profile,
                                 const std::optional<std::string>& productFamily,
                                 int32_t clientType) -> std::shared_ptr<ZunReportingBackend> {
@@ -87,6 +89,23 @@ class SessionWorld final {
       return backend;
     };
     return ReportingdSession::create(services, agent, std::make_shared<IdleConnection>(), factory);
+  }
+
+  /// Waits for what ended sessions left running: posts, and jobs of helpers and backends.
+  /// A test that does not would take its platform from under them. `executor`: the
+  /// test's own, to be cranked.
+  void waitUntilQuiet(ManualExecutor* executor = nullptr) {
+    const auto jobsEnd = [this, executor] {
+      if (executor != nullptr) executor->runAll();
+      return platform_.workers.activity().isIdle;
+    };
+    agent->invalidateHelpers();
+    // A helper hands its references back when its last post has ended.
+    waitUntil([&] { return jobsEnd() && agent->releasedTransactions() >= sessionsMade_; });
+    // A release timer keeps its helper until it has fired.
+    platform_.clock.advance(std::chrono::hours(24));
+    platform_.timers.fireDue();
+    waitUntil(jobsEnd);
   }
 
   /// Entries of the message log, without their dates.
@@ -112,6 +131,18 @@ class SessionWorld final {
   bool realBackends = false;
   /// The latest of each name.
   std::map<std::string, std::shared_ptr<TestBackend>> backends;
+
+ private:
+  template <typename Condition>
+  static void waitUntil(Condition condition) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (!condition()) {
+      if (std::chrono::steady_clock::now() > deadline) FAIL() << "still busy at the end of the test";
+      std::this_thread::yield();
+    }
+  }
+
+  uint32_t sessionsMade_ = 0;
 };
 
 struct OwnsManualExecutor {
@@ -128,7 +159,7 @@ class SessionTest : protected OwnsManualExecutor, public PlatformTest {
   }
   void TearDown() override {
     session_.reset();
-    executor_.runAll();
+    world_.waitUntilQuiet(&executor_);
     PlatformTest::TearDown();
   }
 
