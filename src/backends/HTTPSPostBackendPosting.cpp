@@ -19,34 +19,53 @@ namespace {
 
 constexpr int32_t kHMACSHA1 = 0;  // the digest algorithm that there is
 
-/// What a post can carry of `value`: none for what it cannot.
-Value cleaned(const Value& value) {
-  if (const auto date = value.date()) return finiteOrMinusOne(date->secondsSince1970);
-  if (value.isString() || (value.isNumber() && std::isfinite(value.doubleValue()))) return value;
-  return {};
-}
-
 bool isClean(const Value& value) {
   return value.isString() || value.isInteger() || value.isBoolean() ||
          (value.isReal() && std::isfinite(value.doubleValue()));
 }
 
-/// Most records are clean already and stay untouched.
-void cleanRecord(Dictionary& record, SystemLog& log) {
-  std::vector<DictionaryEntry> unfit;
-  for (const DictionaryEntry& entry : record) {
-    if (!isClean(entry.value)) unfit.push_back(entry);
+/// Makes the records of one body such that JSON can carry them, and tells of what had
+/// to go: a client decides how much that is, so only the first keys have their line.
+class RecordCleaner final {
+ public:
+  explicit RecordCleaner(SystemLog& log) : log_(log) {}
+  ~RecordCleaner() {
+    if (removed_ <= kMaximumLines) return;
+    log_.error("HTTPSPostBackend(createMessageForPostAndLogging): removed {} more such keys from this post",
+               removed_ - kMaximumLines);
   }
-  for (DictionaryEntry& entry : unfit) {
-    Value replacement = cleaned(entry.value);
-    if (replacement.isNone()) {
-      log.error(
-          "HTTPSPostBackend(createMessageForPostAndLogging): Textweave unable to handle key: {}, value: {}",
-          entry.key, entry.value);
+  RecordCleaner(const RecordCleaner&) = delete;
+  RecordCleaner& operator=(const RecordCleaner&) = delete;
+
+  /// Most records are clean already and stay untouched.
+  void clean(Dictionary& record) {
+    std::vector<DictionaryEntry> unfit;
+    for (const DictionaryEntry& entry : record) {
+      if (!isClean(entry.value)) unfit.push_back(entry);
     }
-    record.set(std::move(entry.key), std::move(replacement));
+    for (DictionaryEntry& entry : unfit) {
+      if (const auto date = entry.value.date()) {
+        record.set(std::move(entry.key), finiteOrMinusOne(date->secondsSince1970));
+      } else {
+        report(entry);
+        record.remove(entry.key.stringValue());
+      }
+    }
   }
-}
+
+ private:
+  static constexpr size_t kMaximumLines = 20;  // per body
+
+  void report(const DictionaryEntry& entry) {
+    if (++removed_ > kMaximumLines) return;
+    log_.error(
+        "HTTPSPostBackend(createMessageForPostAndLogging): Textweave unable to handle key: {}, value: {}",
+        entry.key, entry.value);
+  }
+
+  SystemLog& log_;
+  size_t removed_ = 0;
+};
 
 /// `url` over https, whatever scheme it names. Text without a scheme stays as it is.
 std::string securedURL(const std::string& url) {
@@ -102,9 +121,12 @@ std::optional<std::string> HTTPSPostBackend::createMessageForPostAndLogging(
     std::vector<Dictionary> records, std::optional<std::string>* prettyJsonString) const try {
   const double postTime = finiteOrMinusOne(services_.platform.clock.now().secondsSince1970);
   Array events = Array::withCapacity(records.size());
-  for (Dictionary& record : records) {
-    cleanRecord(record, log());
-    events.append(std::move(record));
+  {
+    RecordCleaner cleaner(log());
+    for (Dictionary& record : records) {
+      cleaner.clean(record);
+      events.append(std::move(record));
+    }
   }
   Dictionary body = Dictionary::withCapacity(3);
   body.set(Value::literal("postTime"), postTime);

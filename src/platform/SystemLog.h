@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <string>
 #include <string_view>
 
 namespace zun {
@@ -15,8 +16,13 @@ enum class LogTarget { kAuto, kJournal, kStderr };
 
 /// The system log. Lines are formatted only when their level is on. A log that is
 /// slow or gone never fails the caller. Any thread.
+///
+/// What clients and servers send is part of many lines, so a line has a bound: what is
+/// longer is cut and ends with its length.
 class SystemLog {
  public:
+  static constexpr size_t kMaximumLineBytes = size_t{16} << 10;
+
   virtual ~SystemLog() = default;
 
   [[nodiscard]] virtual bool isEnabled(LogLevel level) const = 0;
@@ -42,8 +48,14 @@ class SystemLog {
  private:
   template <typename... Arguments>
   void log(LogLevel level, fmt::format_string<Arguments...> format, Arguments&&... arguments) {
-    if (isEnabled(level)) write(level, fmt::format(format, std::forward<Arguments>(arguments)...));
+    if (!isEnabled(level)) return;
+    std::string line = fmt::format(format, std::forward<Arguments>(arguments)...);
+    if (line.size() > kMaximumLineBytes) [[unlikely]]
+      cut(line);
+    write(level, line);
   }
+
+  static void cut(std::string& line);
 };
 
 }  // namespace zun

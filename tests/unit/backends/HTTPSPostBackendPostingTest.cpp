@@ -3,6 +3,7 @@
 #include <future>
 #include <limits>
 #include <set>
+#include <thread>
 
 #include "BackendTest.h"
 #include "connectivity/ReportingSessionConnectivityHelper.h"
@@ -218,6 +219,46 @@ TEST_F(HTTPSPostBackendPostingTest, RecordWithANestedDictionaryIsPostedWithoutIt
   EXPECT_EQ(field(eventsOf(text), 0, "note"), Value("x"));
   EXPECT_TRUE(field(eventsOf(text), 0, "nested").isNone());
   EXPECT_EQ(field(eventsOf(inflated(onlyRequest().body)), 0, "note"), Value("x"));
+}
+
+// A client's nested values cost the log a bounded number of lines, however many there are.
+TEST_F(HTTPSPostBackendPostingTest, BodyTellsOfTheFirstTwentyKeysRemovedAndHowManyMore) {
+  const auto backend = start(postingClient());
+  Dictionary many;
+  for (int i = 0; i < 15; ++i) many.set("k" + std::to_string(i), Array{i});
+  std::optional<std::string> text;
+  (void)backend->createMessageForPostAndLogging({many, many}, &text);
+  std::vector<std::string> expected;
+  for (int i = 0; i < 20; ++i) {
+    expected.push_back(
+        fmt::format("HTTPSPostBackend(createMessageForPostAndLogging): Textweave unable to handle key: k{0}, "
+                    "value: ({0})",
+                    i % 15));
+  }
+  expected.emplace_back(
+      "HTTPSPostBackend(createMessageForPostAndLogging): removed 10 more such keys from this post");
+  expectErrors(expected);
+  const Array events = eventsOf(text);
+  ASSERT_EQ(events.size(), 2U);
+  EXPECT_TRUE(events[0].dictionary()->empty());
+  EXPECT_TRUE(events[1].dictionary()->empty());
+}
+
+TEST_F(HTTPSPostBackendPostingTest, BodyTellsOfTwentyKeysOneByOneAndOfNoMore) {
+  const auto backend = start(postingClient());
+  Dictionary many;
+  for (int i = 0; i < 20; ++i) many.set("k" + std::to_string(i), Array{i});
+  (void)backend->createMessageForPostAndLogging({many}, nullptr);
+  EXPECT_EQ(platform_.log.takeErrors().size(), 20U);
+}
+
+TEST_F(HTTPSPostBackendPostingTest, SixtyFiveThousandKeysOfWrongTypesCostTheirMessageOnly) {
+  const auto backend = start(with(postingClient(), "expedite", 1));
+  Dictionary payload;
+  for (int i = 0; i < 65'000; ++i) payload.set("k" + std::to_string(i), Dictionary{{"a", i}});
+  const auto text = backend->sendMessage(message(payload), kEventTime, 1, 2, 0);
+  EXPECT_EQ(eventsOf(text).size(), 1U);
+  EXPECT_EQ(platform_.log.takeErrors().size(), 21U);
 }
 
 TEST_F(HTTPSPostBackendPostingTest, TextMayBeLoggedWhereTheUserLetsDataOutAndNobodyOverrode) {
@@ -641,7 +682,11 @@ TEST_F(HTTPSPostBackendPostingTest, HelperThatIsGoneLetsGoOfTheCompletion) {
   const auto backend = connectedBackend();
   send(*backend, 1);
   helper_->invalidate();
+  const std::weak_ptr<ReportingSessionConnectivityHelper> watched = helper_;
   helper_.reset();
+  // Its queue may hold it a little longer.
+  const auto deadline = std::chrono::steady_clock::now() + HTTPSTestServer::kDeadline;
+  while (!watched.expired() && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
   const auto outcome = std::make_shared<Outcome>();
   EXPECT_TRUE(backend->flushMessagesWithCompletion(keepIn(outcome)).has_value());
   EXPECT_EQ(outcome->calls, 0);
