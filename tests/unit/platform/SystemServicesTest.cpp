@@ -252,7 +252,7 @@ TEST_P(StreamLogTest, OneLineStaysOneLine) {
 
 TEST_P(StreamLogTest, LongLinesAndTextBeyondAsciiComeWhole) {
   const std::string text = "\xC3\xA4" + std::string(20'000, 'x');
-  log_.note("{}", text);
+  log_.write(LogLevel::kDefault, text);
   EXPECT_EQ(channel_.readAll(), linePrefix("default") + text + "\n");
 }
 
@@ -287,7 +287,7 @@ TEST_P(StreamLogTest, AReaderThatDoesNotReadLosesLinesAndGetsThemAgainLater) {
 
 // A line beyond what the channel holds is given up halfway; the next stands alone.
 TEST_P(StreamLogTest, ALineThatWasGivenUpHalfwayDoesNotSwallowTheNext) {
-  log_.note("{}", std::string(4'000'000, 'z'));
+  log_.write(LogLevel::kDefault, std::string(4'000'000, 'z'));
   const std::string torn = channel_.readAll();
   EXPECT_EQ(torn.find('\n'), std::string::npos);
   log_.note("next");
