@@ -8,7 +8,8 @@ namespace zun {
 
 EventBatch::Room EventBatch::append(Dictionary record) {
   const auto bytes = static_cast<uint32_t>(estimatedObjectSize(Value(record)));
-  if (bytes > kMaximumBytes - bytes_) return Room::kFull;
+  if (bytes > kMaximumBytes - bytes_) return Room::kBatchFull;
+  if (!memory_->take(bytes)) return Room::kAllFull;
   bytes_ += bytes;
   records_.push_back(std::move(record));
   return Room::kTaken;

@@ -2,28 +2,37 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <unordered_map>
 #include <utility>
 #include <vector>
 
 #include "platform/Value.h"
+#include "util/MemoryBudget.h"
 
 namespace zun {
 
 /// Event records that wait for one post, and how many of each method there are.
 ///
 /// Storebags bound a batch by a count per method alone. Methods are the client's to
-/// choose and the count is the operator's, so a batch has a bound of its own that
-/// normal use never meets: what does not fit is dropped until the batch is posted.
+/// choose and the count is the operator's, so a batch has a bound of its own, and all
+/// batches together have one, that normal use never meets: what does not fit is dropped
+/// until the batch is posted.
 /// Threading: one thread at a time (its backend's state queue).
+/// Ownership: shares the budget of all batches, and gives its part back at its end.
 class EventBatch final {
  public:
   /// Estimated bytes of the records of one batch.
   static constexpr size_t kMaximumBytes = size_t{16} << 20;
 
-  enum class Room { kTaken, kFull };
+  enum class Room { kTaken, kBatchFull, kAllFull };
 
-  /// Adds a record, unless the batch is full.
+  explicit EventBatch(std::shared_ptr<MemoryBudget> memory) : memory_(std::move(memory)) {}
+  ~EventBatch() { memory_->giveBack(bytes_); }
+  EventBatch(const EventBatch&) = delete;
+  EventBatch& operator=(const EventBatch&) = delete;
+
+  /// Adds a record, if there is room.
   Room append(Dictionary record);
 
   /// A method is whatever a record has under "_method", as an integer.
@@ -42,6 +51,7 @@ class EventBatch final {
   [[nodiscard]] bool noteOverflow() { return !std::exchange(overflowNoted_, true); }
 
  private:
+  const std::shared_ptr<MemoryBudget> memory_;
   std::vector<Dictionary> records_;
   std::unordered_map<int64_t, int32_t> methodCounts_;
   size_t bytes_ = 0;

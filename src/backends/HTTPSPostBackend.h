@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -114,6 +113,7 @@ class HTTPSPostBackend final : public ZunReportingBackend {
   [[nodiscard]] bool hasBatch() const;
   enum class FlushObstacle { kNone, kNothingToFlush, kUserInfoMissing };
   FlushObstacle takeBatch(std::vector<Dictionary>& records);
+  [[nodiscard]] bool admitsEvent(uint16_t method) const;
   std::vector<Dictionary> admittedRecords(std::vector<Dictionary> records) const;
 
   // Posting
@@ -136,7 +136,7 @@ class HTTPSPostBackend final : public ZunReportingBackend {
   const std::string uuidRespectDnu_;
   const std::string uuidOverrideDnu_;
   std::optional<std::string> uuidCustom_;
-  std::atomic<bool> immutable_{false};
+  bool immutable_ = false;
   std::optional<EventBatch> batchedEvents_;  // state queue only
 };
 

@@ -1,10 +1,12 @@
 // What is sent at once, what waits, and how a batch leaves.
 
+#include <algorithm>
 #include <utility>
 
 #include "backends/HTTPSPostBackend.h"
 #include "backends/MessageBlob.h"
 #include "util/Identifiers.h"
+#include "util/MemoryUse.h"
 
 namespace zun {
 
@@ -102,7 +104,7 @@ std::optional<std::string> HTTPSPostBackend::sendNow(Dictionary record, int32_t 
 std::optional<std::string> HTTPSPostBackend::batchEvent(Dictionary record) {
   const int64_t method = record["_method"].intValue();
   int32_t count = stateQueue_->sync([this, method] {
-    if (!batchedEvents_) batchedEvents_.emplace();
+    if (!batchedEvents_) batchedEvents_.emplace(services_.batchMemory);
     return batchedEvents_->countOfMethod(method);
   });
   std::optional<std::string> flushed;
@@ -121,18 +123,22 @@ std::optional<std::string> HTTPSPostBackend::batchEvent(Dictionary record) {
 // In a turn of the caller's own: an idle queue takes it without a switch of threads, and
 // the caller has waited for the queue to read the count anyway.
 void HTTPSPostBackend::append(Dictionary record, int64_t method, int32_t count) {
-  const bool reportsOverflow = stateQueue_->sync([this, &record, method, count] {
-    if (!batchedEvents_) batchedEvents_.emplace();
-    if (batchedEvents_->append(std::move(record)) == EventBatch::Room::kFull) {
-      return batchedEvents_->noteOverflow();
+  bool isFirstOverflow = false;
+  const EventBatch::Room room = stateQueue_->sync([&] {
+    if (!batchedEvents_) batchedEvents_.emplace(services_.batchMemory);
+    const EventBatch::Room found = batchedEvents_->append(std::move(record));
+    if (found == EventBatch::Room::kTaken) {
+      batchedEvents_->setCountOfMethod(method, count + 1);
+    } else {
+      isFirstOverflow = batchedEvents_->noteOverflow();
     }
-    batchedEvents_->setCountOfMethod(method, count + 1);
-    return false;
+    return found;
   });
-  if (!reportsOverflow) return;
-  log().error(
-      "HTTPSPostBackend(batchEvent): {}: batch of {} bytes is full, dropping events until it is flushed",
-      name_, EventBatch::kMaximumBytes);
+  if (!isFirstOverflow) return;
+  const bool isBatchFull = room == EventBatch::Room::kBatchFull;
+  log().error("HTTPSPostBackend(batchEvent): {}: {} of {} bytes is full, dropping events until it is flushed",
+              name_, isBatchFull ? "batch" : "memory of all batches",
+              isBatchFull ? EventBatch::kMaximumBytes : ReportingServices::kBatchMemoryBytes);
 }
 
 bool HTTPSPostBackend::hasBatch() const {
@@ -179,26 +185,47 @@ HTTPSPostBackend::FlushObstacle HTTPSPostBackend::takeBatch(std::vector<Dictiona
   return FlushObstacle::kNone;
 }
 
+bool HTTPSPostBackend::admitsEvent(uint16_t method) const {
+  if (!isWhitelistedEvent(method)) {
+    log().debug(
+        "flushMessagesWithCompletion: Dropping event with category {} as it is not whitelisted for backend "
+        "{}",
+        method, name_);
+    return false;
+  }
+  if (isBlacklistedEvent(method)) {
+    log().debug(
+        "flushMessagesWithCompletion: Dropping event with category {} as it is blacklisted for backend {}",
+        method, name_);
+    return false;
+  }
+  return true;
+}
+
 std::vector<Dictionary> HTTPSPostBackend::admittedRecords(std::vector<Dictionary> records) const {
   Dictionary userInfo = userInfoDict_.value_or(Dictionary());
   filterEvent(userInfo);
+  // Every record gets all of it, and it may be another one than when they were batched:
+  // a large one times many records must not exceed what a batch may hold.
+  const auto userInfoBytes = static_cast<uint32_t>(estimatedObjectSize(Value(userInfo)));
+  const size_t mostRecords = EventBatch::kMaximumBytes / std::max<uint32_t>(userInfoBytes, 1);
+  size_t dropped = 0;
   std::vector<Dictionary> admitted;
   admitted.reserve(records.size());
   for (Dictionary& record : records) {
-    const auto method = static_cast<uint16_t>(record["_method"].intValue());
-    if (!isWhitelistedEvent(method)) {
-      log().debug(
-          "flushMessagesWithCompletion: Dropping event with category {} as it is not whitelisted for backend "
-          "{}",
-          method, name_);
-    } else if (isBlacklistedEvent(method)) {
-      log().debug(
-          "flushMessagesWithCompletion: Dropping event with category {} as it is blacklisted for backend {}",
-          method, name_);
-    } else {
-      record.addEntries(userInfo);
-      admitted.push_back(std::move(record));
+    if (!admitsEvent(static_cast<uint16_t>(record["_method"].intValue()))) continue;
+    if (admitted.size() >= mostRecords) {
+      ++dropped;
+      continue;
     }
+    record.addEntries(userInfo);
+    admitted.push_back(std::move(record));
+  }
+  if (dropped > 0) {
+    log().error(
+        "HTTPSPostBackend(flushMessagesWithCompletion): {}: dropping {} events, too many for user "
+        "information of {} bytes",
+        name_, dropped, userInfoBytes);
   }
   return admitted;
 }

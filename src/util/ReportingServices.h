@@ -1,17 +1,24 @@
 #pragma once
 
+#include <memory>
+
 #include "platform/PlatformServices.h"
 #include "util/DeviceIdentity.h"
+#include "util/MemoryBudget.h"
 #include "util/MessageLog.h"
 
 namespace zun {
 
 /// What every part of the daemon above the platform works with. Made by main; outlives
-/// its users.
+/// its users. Copies share what it holds.
 struct ReportingServices {
+  static constexpr size_t kBatchMemoryBytes = size_t{256} << 20;
+
   const PlatformServices& platform;
   const DeviceIdentity& identity;
   MessageLog& messageLog;
+  /// For the events that all sessions' backends keep for a later post.
+  std::shared_ptr<MemoryBudget> batchMemory = std::make_shared<MemoryBudget>(kBatchMemoryBytes);
 };
 
 }  // namespace zun

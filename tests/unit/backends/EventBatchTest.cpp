@@ -13,18 +13,25 @@ Dictionary recordOf(size_t bytes) {
   return {{"text", std::string(bytes, 'x')}};
 }
 
-TEST(EventBatchTest, SizeIsTheSumOfItsRecordsEstimates) {
-  EventBatch batch;
+class EventBatchTest : public ::testing::Test {
+ protected:
+  static constexpr size_t kBudget = size_t{40} << 20;
+  const std::shared_ptr<MemoryBudget> memory_ = std::make_shared<MemoryBudget>(kBudget);
+};
+
+TEST_F(EventBatchTest, SizeIsTheSumOfItsRecordsEstimates) {
+  EventBatch batch(memory_);
   EXPECT_EQ(batch.estimatedSize(), 0U);
   batch.append(recordOf(100));
   batch.append(recordOf(5000));
   const auto expected = static_cast<uint32_t>(estimatedObjectSize(Value(recordOf(100))) +
                                               estimatedObjectSize(Value(recordOf(5000))));
   EXPECT_EQ(batch.estimatedSize(), expected);
+  EXPECT_EQ(memory_->left(), kBudget - expected);
 }
 
-TEST(EventBatchTest, RecordsBeyondTheBoundAreDroppedAndTheFirstOneIsNoted) {
-  EventBatch batch;
+TEST_F(EventBatchTest, RecordsBeyondTheBoundAreDroppedAndTheFirstOneIsNoted) {
+  EventBatch batch(memory_);
   size_t taken = 0;
   while (batch.append(recordOf(1 << 20)) == EventBatch::Room::kTaken) ++taken;
   EXPECT_GE(taken, 7U);
@@ -36,16 +43,36 @@ TEST(EventBatchTest, RecordsBeyondTheBoundAreDroppedAndTheFirstOneIsNoted) {
   EXPECT_EQ(batch.takeRecords().size(), taken + 1);
 }
 
-TEST(EventBatchTest, SetInAllRecordsReplacesOrAdds) {
-  EventBatch batch;
+TEST_F(EventBatchTest, AllBatchesTogetherHaveABoundAndGiveBackWhatTheyTook) {
+  const auto fill = [](EventBatch& batch) {
+    EventBatch::Room room = EventBatch::Room::kTaken;
+    while (room == EventBatch::Room::kTaken) room = batch.append(recordOf(1 << 20));
+    return room;
+  };
+  {
+    EventBatch first(memory_);
+    EventBatch second(memory_);
+    EventBatch third(memory_);
+    EXPECT_EQ(fill(first), EventBatch::Room::kBatchFull);
+    EXPECT_EQ(fill(second), EventBatch::Room::kBatchFull);
+    EXPECT_EQ(fill(third), EventBatch::Room::kAllFull);
+    EXPECT_LE(first.estimatedSize() + second.estimatedSize() + third.estimatedSize(), kBudget);
+    const auto records = first.takeRecords();  // its end alone makes room, not the taking
+    EXPECT_EQ(fill(third), EventBatch::Room::kAllFull);
+  }
+  EXPECT_EQ(memory_->left(), kBudget);
+}
+
+TEST_F(EventBatchTest, SetInAllRecordsReplacesOrAdds) {
+  EventBatch batch(memory_);
   batch.append({{"id", 1}});
   batch.append({{"other", 1}});
   batch.setInAllRecords("id", "new");
   for (const Dictionary& record : batch.takeRecords()) EXPECT_EQ(record["id"], Value("new"));
 }
 
-TEST(EventBatchTest, CountsAreKeptPerMethod) {
-  EventBatch batch;
+TEST_F(EventBatchTest, CountsAreKeptPerMethod) {
+  EventBatch batch(memory_);
   EXPECT_EQ(batch.countOfMethod(5), 0);
   batch.setCountOfMethod(5, 3);
   EXPECT_EQ(batch.countOfMethod(5), 3);

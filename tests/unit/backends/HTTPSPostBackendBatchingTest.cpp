@@ -340,6 +340,37 @@ TEST_F(HTTPSPostBackendBatchingTest, ClientThatNeverReachesTheThresholdMeetsTheB
   EXPECT_EQ(eventsOf(backend->flushMessagesWithCompletion(nullptr)).size(), 1U);
 }
 
+// Not even many sessions at once can make the daemon keep more than it bears.
+TEST_F(HTTPSPostBackendBatchingTest, BatchesOfAllBackendsHaveABoundTogether) {
+  const auto backend = start(clientWithThreshold(1000));
+  const auto other = start(clientWithThreshold(1000));
+  const size_t taken = services_.batchMemory->left();
+  ASSERT_TRUE(services_.batchMemory->take(taken));  // what others keep
+  EXPECT_EQ(send(*backend, 1), std::nullopt);
+  EXPECT_EQ(send(*backend, 1), std::nullopt);
+  expectErrors(
+      {"HTTPSPostBackend(batchEvent): httpPost: memory of all batches of 268435456 bytes is full, dropping "
+       "events until it is flushed"});
+  EXPECT_EQ(backend->batchedEventsSize(), 0U);
+  services_.batchMemory->giveBack(taken);
+  send(*backend, 1);
+  send(*other, 1);
+  EXPECT_EQ(services_.batchMemory->left(), taken - backend->batchedEventsSize() - other->batchedEventsSize());
+  EXPECT_EQ(eventsOf(backend->flushMessagesWithCompletion(nullptr)).size(), 1U);
+  other->setState(ZunBackendStateDisabled);
+  EXPECT_EQ(flushError(*other), "Nothing to flush");
+  EXPECT_EQ(services_.batchMemory->left(), taken);
+}
+
+TEST_F(HTTPSPostBackendBatchingTest, BatchOfABackendThatGoesIsGivenBack) {
+  const size_t left = services_.batchMemory->left();
+  auto backend = start(reportingClient());
+  send(*backend, 1);
+  EXPECT_LT(services_.batchMemory->left(), left);
+  backend.reset();
+  EXPECT_EQ(services_.batchMemory->left(), left);
+}
+
 // --- flushing --------------------------------------------------------------------
 
 TEST_F(HTTPSPostBackendBatchingTest, FlushWithoutABatchHasNothingToFlush) {
@@ -387,6 +418,23 @@ TEST_F(HTTPSPostBackendBatchingTest, FlushAddsFilteredUserInformationToEveryReco
   // record, which came under method 1, stays.
   EXPECT_EQ(field(events, 0, "userInfoClientName"), Value("Camera"));
   EXPECT_EQ(field(events, 0, "userInfoServiceName"), Value("FrontCamera"));
+}
+
+// A client may batch thousands of small events and then change its user information.
+TEST_F(HTTPSPostBackendBatchingTest, LargeUserInformationIsNotMultipliedByTheBatch) {
+  const auto backend = start(clientWithThreshold(100'000));
+  for (int i = 0; i < 2'000; ++i) send(*backend, 1);
+  Dictionary info = userInfo();
+  for (int i = 0; i < 4'000; ++i) info.set("key" + std::to_string(i), i);
+  backend->setUserInfoDict(info);
+  const size_t bytes = static_cast<uint32_t>(estimatedObjectSize(Value(info)));
+  const size_t kept = EventBatch::kMaximumBytes / bytes;
+  ASSERT_LT(kept, 2'000U);
+  EXPECT_EQ(eventsOf(backend->flushMessagesWithCompletion(nullptr)).size(), kept);
+  expectErrors({fmt::format(
+      "HTTPSPostBackend(flushMessagesWithCompletion): httpPost: dropping {} events, too many for user "
+      "information of {} bytes",
+      2'000 - kept, bytes)});
 }
 
 TEST_F(HTTPSPostBackendBatchingTest, FlushDropsEventsOutsideTheListsAndKeepsTheOrder) {
