@@ -188,7 +188,8 @@ ReportingdAgent::copySharedConnectivityHelperForReportingSession(const Reporting
 }
 
 void ReportingdAgent::releaseSharedConnectivityHelperForReportingSession(const ReportingdSession& session) {
-  sharedConnectivityHelpers_->releaseSharedConnectivityHelper(userInfoKeyOf(session));
+  sharedConnectivityHelpers_->releaseSharedConnectivityHelper(userInfoKeyOf(session),
+                                                              session.connectivityHelper());
 }
 
 }  // namespace zun

@@ -9,6 +9,12 @@ namespace zun {
 
 /// Outlives its owner in queued work. State queue only.
 struct SharedConnectivityHelpers::Table {
+  /// A helper's own count follows the table's, on the helper's own queue.
+  struct Shared {
+    std::shared_ptr<ReportingSessionConnectivityHelper> helper;
+    size_t owners = 0;
+  };
+
   explicit Table(SystemLog& logToUse) : log(logToUse) {}
 
   void usageCountReached(int32_t usageCount, const std::string& userInfoKey,
@@ -18,14 +24,14 @@ struct SharedConnectivityHelpers::Table {
              const std::shared_ptr<ReportingSessionConnectivityHelper>& helper);
 
   SystemLog& log;
-  std::unordered_map<std::string, std::shared_ptr<ReportingSessionConnectivityHelper>> helpers;
+  std::unordered_map<std::string, Shared> helpers;
   bool hasToldOfOverflow = false;
 };
 
 void SharedConnectivityHelpers::Table::share(
     const std::string& userInfoKey, const std::shared_ptr<ReportingSessionConnectivityHelper>& helper) {
   const bool isFull = helpers.size() >= kMaximumHelpers;
-  if (!isFull) helpers.emplace(userInfoKey, helper);
+  if (!isFull) helpers.emplace(userInfoKey, Shared{helper, 1});
   if (isFull && !hasToldOfOverflow) {
     log.error(
         "requestSharedConnectivityHelperForReportingSession: {} connectivity helpers are shared already, "
@@ -40,13 +46,16 @@ void SharedConnectivityHelpers::Table::usageCountReached(
     int32_t usageCount, const std::string& userInfoKey,
     const std::shared_ptr<ReportingSessionConnectivityHelper>& helper) {
   if (usageCount != 0) return;
+  const auto found = helpers.find(userInfoKey);
+  // A helper can hear of its end twice; by then the key may belong to its successor.
+  const bool isInTable = found != helpers.end() && found->second.helper == helper;
+  // A new owner's increment is on its way.
+  if (isInTable && found->second.owners > 0) return;
   log.debug(
       "releaseSharedConnectivityHelperForReportingSession: Usage count of shared connectivity helper for "
       "userInfoKey {} reached zero. Invalidating the helper",
       userInfoKey);
-  // A helper can hear of its end twice; by then the key may belong to its successor.
-  const auto found = helpers.find(userInfoKey);
-  if (found != helpers.end() && found->second == helper) helpers.erase(found);
+  if (isInTable) helpers.erase(found);
   helper->invalidate();
 }
 
@@ -70,7 +79,8 @@ std::shared_ptr<ReportingSessionConnectivityHelper> SharedConnectivityHelpers::c
     const auto found = table_->helpers.find(userInfoKey);
     std::shared_ptr<ReportingSessionConnectivityHelper> helper;
     if (found != table_->helpers.end()) {
-      helper = found->second;
+      helper = found->second.helper;
+      ++found->second.owners;
       log.debug(
           "requestSharedConnectivityHelperForReportingSession: Found existing shared connectivity helper for "
           "userInfoKey {}",
@@ -93,25 +103,29 @@ std::shared_ptr<ReportingSessionConnectivityHelper> SharedConnectivityHelpers::c
   });
 }
 
-void SharedConnectivityHelpers::releaseSharedConnectivityHelper(std::string userInfoKey) {
-  stateQueue_->async([table = table_, queue = stateQueue_, userInfoKey = std::move(userInfoKey)] {
+void SharedConnectivityHelpers::releaseSharedConnectivityHelper(
+    std::string userInfoKey, std::weak_ptr<ReportingSessionConnectivityHelper> released) {
+  stateQueue_->async([table = table_, queue = stateQueue_, userInfoKey = std::move(userInfoKey),
+                      released = std::move(released)] {
     table->log.debug(
         "releaseSharedConnectivityHelperForReportingSession: Releasing shared connectivity helper for "
         "userInfoKey {}",
         userInfoKey);
     const auto found = table->helpers.find(userInfoKey);
-    if (found == table->helpers.end()) return;
+    // A helper that was not shared leaves the one of its key alone.
+    if (found == table->helpers.end() || found->second.helper != released.lock()) return;
+    if (found->second.owners > 0) --found->second.owners;
     table->log.debug(
         "releaseSharedConnectivityHelperForReportingSession: Decrementing usage count of shared connectivity "
         "helper for userInfoKey {}",
         userInfoKey);
-    auto callback = [weakTable = std::weak_ptr(table), weakHelper = std::weak_ptr(found->second),
+    auto callback = [weakTable = std::weak_ptr(table), weakHelper = released,
                      userInfoKey](int32_t usageCount) {
       const auto liveTable = weakTable.lock();
       const auto helper = weakHelper.lock();
       if (liveTable && helper) liveTable->usageCountReached(usageCount, userInfoKey, helper);
     };
-    found->second->ownerDecrementUsageCountWithBlock(std::move(callback), queue);
+    found->second.helper->ownerDecrementUsageCountWithBlock(std::move(callback), queue);
   });
 }
 

@@ -38,8 +38,10 @@ class SharedConnectivityHelpers final {
   [[nodiscard]] std::shared_ptr<ReportingSessionConnectivityHelper> copySharedConnectivityHelper(
       const std::string& userInfoKey, ConnectionMode mode);
 
-  /// Counts the helper of that key once less, later.
-  void releaseSharedConnectivityHelper(std::string userInfoKey);
+  /// Counts the helper that was copied under that key once less, later. Nothing for one
+  /// that is not in the table.
+  void releaseSharedConnectivityHelper(std::string userInfoKey,
+                                       std::weak_ptr<ReportingSessionConnectivityHelper> released);
 
  private:
   struct Table;

@@ -75,6 +75,11 @@ class ReportingdSession final : public ClientSessionInterface,
   void updateSharedDataForKey(const std::string& key, const Value& value) override;
   void setDigestKey(const std::string& key, int32_t algorithm) override;
 
+  /// What the session posts through; null without user information. On the thread of its calls.
+  [[nodiscard]] const std::shared_ptr<ReportingSessionConnectivityHelper>& connectivityHelper() const {
+    return connectivityHelper_;
+  }
+
  private:
   /// What other threads read as well.
   struct Shared {

@@ -154,6 +154,23 @@ TEST_F(ReportingdAgentTest, ReleaseWithoutReferencesIsIgnoredWithoutALine) {
   EXPECT_EQ(platform_.transactions.ends, 0);
 }
 
+TEST_F(ReportingdAgentTest, StorebagIsThatOfTheSessionsClientTypeAndOfTypeZeroWithoutOne) {
+  const auto connection = std::make_shared<FakeConnection>(std::map<std::string, bool>{});
+  const auto session = agent_->createReportingSessionWithDelegate(agent_, connection);
+  session->setSessionInfo(
+      Dictionary{{kZunReportingSessionInfoSessionID, 9}, {kZunReportingSessionInfoClientType, 7}},
+      std::nullopt, {}, false);
+  EXPECT_FALSE(agent_->storebagForSession(*session));
+  expectDebugLine("storebagForSession: Retrieving storebag for session 9 with client type 7");
+  EXPECT_FALSE(agent_->storebagVersionForSession(*session));
+  session->setSessionInfo(Dictionary{{kZunReportingSessionInfoSessionID, 9}}, std::nullopt, {}, false);
+  EXPECT_FALSE(agent_->storebagForSession(*session));
+  expectDebugLine("storebagForSession: Retrieving storebag for session 9 with client type 0");
+  expectErrors({"fetchAndCacheStorebag: Unable to fetch storebag for client type 7",
+                "fetchAndCacheStorebag: clientType 0 is invalid"});
+  agent_->invalidateReportingSession(session);
+}
+
 TEST_F(ReportingdAgentTest, LastSessionOfATokenLeavesItsListAndSharedDataInPlace) {
   auto session = makeSession(1, "family", 0);
   agent_->updateSharedDataForSession(*session, Dictionary{{"key", "value"}});

@@ -105,7 +105,7 @@ class SharedConnectivityHelpersTest : public ::testing::Test {
   }
   /// As a session does: gives the helper back and lets go of it.
   void release(const std::string& key, HelperPointer& helper) {
-    helpers_->releaseSharedConnectivityHelper(key);
+    helpers_->releaseSharedConnectivityHelper(key, helper);
     helper.reset();
     executor_.runAll();
   }
@@ -170,7 +170,7 @@ TEST_F(SharedConnectivityHelpersTest, ExistingHelperKeepsItsModeWhateverIsAskedF
 
 TEST_F(SharedConnectivityHelpersTest, ReleaseReturnsBeforeItsWorkIsDone) {
   auto helper = copy("a:b");
-  helpers_->releaseSharedConnectivityHelper("a:b");
+  helpers_->releaseSharedConnectivityHelper("a:b", helper);
   EXPECT_EQ(count(line(kReleasing, "a:b")), 0);
   executor_.runAll();
   EXPECT_EQ(count(line(kReleasing, "a:b")), 1);
@@ -178,7 +178,7 @@ TEST_F(SharedConnectivityHelpersTest, ReleaseReturnsBeforeItsWorkIsDone) {
 }
 
 TEST_F(SharedConnectivityHelpersTest, ReleaseOfAnUnknownKeyOnlyLogsItsFirstLine) {
-  helpers_->releaseSharedConnectivityHelper("no:body");
+  helpers_->releaseSharedConnectivityHelper("no:body", {});
   executor_.runAll();
   EXPECT_EQ(platform_.log.linesOf(LogLevel::kDebug), std::vector<std::string>{line(kReleasing, "no:body")});
 }
@@ -246,14 +246,45 @@ TEST_F(SharedConnectivityHelpersTest, HelperThatHearsOfItsEndTwiceLeavesItsSucce
   const auto other = copy("a:b");
   // The second release comes before the first one's callback runs, which so hears 0;
   // the timer of the second hears 0 again later.
-  helpers_->releaseSharedConnectivityHelper("a:b");
-  helpers_->releaseSharedConnectivityHelper("a:b");
+  helpers_->releaseSharedConnectivityHelper("a:b", one);
+  helpers_->releaseSharedConnectivityHelper("a:b", other);
   executor_.runAll();
   EXPECT_EQ(count(line(kReachedZero, "a:b", kReachedZeroEnd)), 1);
   const auto successor = copy("a:b");
   EXPECT_NE(successor, other);
   advance(30s);
   EXPECT_EQ(count(line(kReachedZero, "a:b", kReachedZeroEnd)), 2);
+  EXPECT_EQ(copy("a:b"), successor);
+}
+
+// The helper's queue may be far behind the agent's, whatever number of jobs it runs at a time.
+TEST_F(SharedConnectivityHelpersTest, HelperIsKeptForAnOwnerWhoseIncrementIsStillOnItsWay) {
+  for (int jobs = 0; jobs < 130; ++jobs) {
+    const std::string name = std::to_string(jobs) + ":";
+    auto helper = copy(name);
+    helpers_->releaseSharedConnectivityHelper(name, helper);
+    executor_.runAll();
+    for (int job = 0; job < jobs; ++job) helper->setReleaseTimeout(30);
+    platform_.clock.advance(30s);
+    platform_.timers.fireDue();
+    const auto again = helpers_->copySharedConnectivityHelper(name, kPOSTMode);
+    executor_.runAll();
+    EXPECT_EQ(again, helper);
+    EXPECT_EQ(count(line(kReachedZero, name, kReachedZeroEnd)), 0) << jobs;
+  }
+}
+
+TEST_F(SharedConnectivityHelpersTest, ReleaseOfAHelperThatIsNotInTheTableLeavesItsSuccessorAlone) {
+  auto helper = copy("a:b");
+  const auto first = helper;
+  release("a:b", helper);
+  advance(30s);
+  const auto successor = copy("a:b");
+  ASSERT_NE(successor, first);
+  helpers_->releaseSharedConnectivityHelper("a:b", first);
+  executor_.runAll();
+  EXPECT_EQ(count(line(kDecrementing, "a:b")), 1);
+  advance(30s);
   EXPECT_EQ(copy("a:b"), successor);
 }
 
@@ -286,7 +317,7 @@ TEST(SharedConnectivityHelpersBoundTest, BeyondTheBoundHelpersAreNotSharedAndHan
                 "are shared already, further ones are not"});
 
   first->incrementTotalSessionsServedCount();
-  helpers.releaseSharedConnectivityHelper("beyond:");
+  helpers.releaseSharedConnectivityHelper("beyond:", first);
   first.reset();
   second.reset();
   executor.runAll();
@@ -318,7 +349,7 @@ TEST(SharedConnectivityHelpersConcurrencyTest, EveryReferenceIsHandedBackOnce) {
         auto helper = helpers->copySharedConnectivityHelper(key, kPOSTMode);
         if (i % 2 == 0) helper->activate(2);
         helper->incrementTotalSessionsServedCount();
-        helpers->releaseSharedConnectivityHelper(key);
+        helpers->releaseSharedConnectivityHelper(key, helper);
       }
     });
   }
