@@ -118,10 +118,18 @@ class Lifetime final {
  private:
   void watchIdleness() {
     const auto exitTime = idleExit_.exitTime();
-    if (!exitTime || isStopping_) return;
+    // One timer at a time: a busy daemon falls idle far more often than one runs out.
+    if (!exitTime || isStopping_ || isWatchingIdleness_) return;
+    isWatchingIdleness_ = true;
     const auto wait = std::max(*exitTime - machine_.clock.monotonic(), std::chrono::nanoseconds(0));
     onTimer(wait, [this] {
-      if (idleExit_.shouldExit(machine_.clock.monotonic()) && !isStopping_) stop();
+      isWatchingIdleness_ = false;
+      if (isStopping_) return;
+      if (idleExit_.shouldExit(machine_.clock.monotonic())) {
+        stop();
+      } else {
+        watchIdleness();
+      }
     });
   }
 
@@ -147,11 +155,12 @@ class Lifetime final {
             .transfersInFlight = machine_.urlSessions.transfersInFlight()};
   }
 
-  /// Runs `action` on the loop's thread after `wait`.
+  /// Runs `action` on the loop's thread after `wait`. The worker that hands it over may
+  /// do so when this object has gone: the loop has not, but has run its last by then.
   void onTimer(std::chrono::nanoseconds wait, std::function<void()> action) {
     loop_.startTimer(
         {.firstFiring = wait, .interval = {}, .leeway = std::chrono::milliseconds(10)}, timerQueue_,
-        [this, action = std::move(action)] { loop_.post(action); }, [] {});
+        [&loop = loop_, action = std::move(action)] { loop.post(action); }, [] {});
   }
 
   const DaemonOptions& options_;
@@ -162,6 +171,7 @@ class Lifetime final {
   const std::shared_ptr<SerialQueue> timerQueue_ =
       SerialQueue::create("com.vantix.zunreportingd.lifetime", machine_.workers);
   bool isStopping_ = false;
+  bool isWatchingIdleness_ = false;
   std::atomic<bool> hasStopped_{false};
   std::thread stopping_;
 };

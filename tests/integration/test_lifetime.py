@@ -66,6 +66,23 @@ class LifetimeTest(ScratchTest):
         self.assertTrue(self.scratch.daemon.has_line("releaseQuorxTransactions: Quorx transaction ended"))
         self.expect_error("ZunReportingBackend(newBackendWithName): release_timeout")
 
+    def test_idle_daemon_that_gets_work_again_begins_its_time_anew(self):
+        self.scratch.publish(release_timeout=1)
+        self.scratch.start("--idle-exit", "5")
+        for number in range(3):
+            self.scratch.send([{"category": 2, "type": number}])
+            self.scratch.daemon.wait_for_line("releaseQuorxTransactions: Quorx transaction ended", number + 1)
+        self.assertEqual(self.scratch.daemon.wait(), 0)
+        self.assertEqual(len([post for post in self.scratch.server.all_posts()
+                              if any(event["_method"] == 2 for event in post.events)]), 3)
+        self.expect_error("ZunReportingBackend(newBackendWithName): release_timeout")
+
+    def test_start_is_logged_before_clients_are_served(self):
+        self.scratch.start(level="default")
+        lines = [line for line in self.scratch.daemon.lines if "default:" in line]
+        self.assertIn("startLogging: Daemon starts logging...", lines[0])
+        self.assertIn("main: Listener resumes with sandbox, start loop.", lines[-1])
+
     def test_a_second_daemon_does_not_take_the_socket_of_a_living_one(self):
         self.scratch.start()
         second = run(binary("zunreportingd"), "--root", self.scratch.root, "--log-target", "stderr", check=False,
