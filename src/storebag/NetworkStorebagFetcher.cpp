@@ -24,9 +24,13 @@ Error failure(URLSessionError code, const char* description) {
 
 }  // namespace
 
-/// One GET as its waiting caller sees it: it ends once.
+/// One GET as its waiting callers see it: it ends once.
 class NetworkStorebagFetcher::Exchange final {
  public:
+  explicit Exchange(std::string urlToAsk) : url(std::move(urlToAsk)) {}
+
+  const std::string url;
+
   struct End {
     std::string body;
     int32_t statusCode = 0;
@@ -222,8 +226,9 @@ void NetworkStorebagFetcher::refresh(const std::string& name,
     const RecursiveMutexLock lock(self->lock_);
     self->refreshing_.erase(name);
   });
+  URLRequest request = makeRequest(name, lastModified);
   fetchClient()->getURLRequestWithCompletionHandler(
-      makeRequest(name, lastModified),
+      std::move(request),
       [fetcher = weak_from_this(), name, ended = std::move(ended)](
           std::string body, const std::optional<URLResponse>& response, const std::optional<Error>& error) {
         if (const auto self = fetcher.lock()) self->receive(name, body, response, error);
@@ -232,19 +237,7 @@ void NetworkStorebagFetcher::refresh(const std::string& name,
 
 std::optional<std::string> NetworkStorebagFetcher::fetchSynchronously(
     const std::string& name, const std::optional<std::string>& lastModified) {
-  URLRequest request = makeRequest(name, lastModified);
-  const std::string url = request.url;
-  const auto exchange = std::make_shared<Exchange>();
-  LetGo ended([exchange] {
-    exchange->finish({{}, 0, failure(URLSessionError::kCancelled, "the request was dropped")});
-  });
-  fetchClient()->getURLRequestWithCompletionHandler(
-      std::move(request),
-      [fetcher = weak_from_this(), name, exchange, ended = std::move(ended)](
-          std::string body, const std::optional<URLResponse>& response, const std::optional<Error>& error) {
-        if (const auto self = fetcher.lock()) self->receive(name, body, response, error);
-        exchange->finish({std::move(body), response ? response->statusCode : 0, error});
-      });
+  const std::shared_ptr<Exchange> exchange = exchangeFor(name, lastModified);
   // A request that waits for a network keeps its timeout for later; its caller does not
   // wait with it. What it brings in the end still goes to the disk cache.
   auto end = exchange->wait(options_.requestTimeout + options_.grace);
@@ -253,10 +246,46 @@ std::optional<std::string> NetworkStorebagFetcher::fetchSynchronously(
   platform_.log.note(
       "fetchNetworkStorebag: Error resolving with lookup server {}, sendSynchronousRequest "
       "error {}",
-      url, end->error ? end->error->description : "(null)");
+      exchange->url, end->error ? end->error->description : "(null)");
   if (name != kNameWithFallback) return std::nullopt;
   platform_.log.note("fetchNetworkStorebag: Loading default storebag '{}'", name);
   return fallbackStorebag();
+}
+
+// Joins the request of an earlier caller that gave up waiting. Otherwise each attempt
+// made without a network would leave one more request behind.
+std::shared_ptr<NetworkStorebagFetcher::Exchange> NetworkStorebagFetcher::exchangeFor(
+    const std::string& name, const std::optional<std::string>& lastModified) {
+  URLRequest request;
+  std::shared_ptr<Exchange> exchange;
+  {
+    const RecursiveMutexLock lock(lock_);
+    const auto underWay = exchanges_.find(name);
+    if (underWay != exchanges_.end()) return underWay->second;
+    request = makeRequest(name, lastModified);
+    exchange = std::make_shared<Exchange>(request.url);
+    exchanges_.emplace(name, exchange);
+  }
+  // Forgotten before it ends: whoever hears of the end may ask anew at once.
+  auto finish = [fetcher = weak_from_this(), name, exchange](Exchange::End end) {
+    if (const auto self = fetcher.lock()) self->forget(name, exchange);
+    exchange->finish(std::move(end));
+  };
+  LetGo ended([finish] { finish({{}, 0, failure(URLSessionError::kCancelled, "the request was dropped")}); });
+  fetchClient()->getURLRequestWithCompletionHandler(
+      std::move(request),
+      [fetcher = weak_from_this(), name, finish, ended = std::move(ended)](
+          std::string body, const std::optional<URLResponse>& response, const std::optional<Error>& error) {
+        if (const auto self = fetcher.lock()) self->receive(name, body, response, error);
+        finish({std::move(body), response ? response->statusCode : 0, error});
+      });
+  return exchange;
+}
+
+void NetworkStorebagFetcher::forget(const std::string& name, const std::shared_ptr<Exchange>& exchange) {
+  const RecursiveMutexLock lock(lock_);
+  const auto found = exchanges_.find(name);
+  if (found != exchanges_.end() && found->second == exchange) exchanges_.erase(found);
 }
 
 // An answer of the server, on the fetch client's queue. The metrics are kept before the

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <map>
 #include <memory>
 #include <optional>
 #include <set>
@@ -86,6 +87,9 @@ class NetworkStorebagFetcher final : public StorebagFetcher,
   std::optional<std::string> fetchSynchronously(const std::string& name,
                                                 const std::optional<std::string>& lastModified)
       EXCLUDES(lock_);
+  std::shared_ptr<Exchange> exchangeFor(const std::string& name,
+                                        const std::optional<std::string>& lastModified) EXCLUDES(lock_);
+  void forget(const std::string& name, const std::shared_ptr<Exchange>& exchange) EXCLUDES(lock_);
   void receive(const std::string& name, std::string_view body, const std::optional<URLResponse>& response,
                const std::optional<Error>& error) EXCLUDES(lock_);
   std::shared_ptr<ReportingSessionConnectivityHelper> fetchClient() EXCLUDES(lock_);
@@ -99,6 +103,7 @@ class NetworkStorebagFetcher final : public StorebagFetcher,
   RecursiveMutex lock_;
   std::shared_ptr<ReportingSessionConnectivityHelper> fetchClient_ GUARDED_BY(lock_);
   std::set<std::string> refreshing_ GUARDED_BY(lock_);
+  std::map<std::string, std::shared_ptr<Exchange>> exchanges_ GUARDED_BY(lock_);  // by name, while under way
 };
 
 }  // namespace zun

@@ -711,6 +711,23 @@ TEST_F(WaitingRequestTest, CallerDoesNotWaitForANetworkWithTheRequest) {
       "timed out");
 }
 
+TEST_F(WaitingRequestTest, NextAttemptJoinsTheRequestThatStillWaitsForANetwork) {
+  const auto requests = [this] {
+    int number = 0;
+    for (const std::string& line : platform_.log.linesOf(LogLevel::kDebug))
+      number += line.starts_with("createHelperForTask: created helperTask for task <");
+    return number;
+  };
+  for (int attempt = 0; attempt < 3; ++attempt) {
+    EXPECT_FALSE(fetcher_->fetchStorebagForEnvironmentAndClientType(kTessel).section);
+    expectErrors({notLoaded("tessel"), notFetched(kTessel)});
+  }
+  EXPECT_EQ(requests(), 1);
+  EXPECT_FALSE(fetcher_->fetchStorebagForEnvironmentAndClientType(kConfero).section);
+  platform_.log.takeErrors();
+  EXPECT_EQ(requests(), 2);
+}
+
 class DroppedRequestTest : public NoNetworkTest {
  protected:
   // Time enough: the wait ends because the request is dropped.
@@ -732,6 +749,13 @@ TEST_F(DroppedRequestTest, DroppedRequestEndsTheWaitAsAnError) {
       "https://storebag.zunreporting.example/tessel?version=3.2.1, sendSynchronousRequest error the request "
       "was "
       "dropped");
+}
+
+TEST_F(DroppedRequestTest, DroppedRequestIsNotJoined) {
+  for (size_t attempt = 1; attempt <= 2; ++attempt) {
+    EXPECT_FALSE(fetcher_->fetchStorebagForEnvironmentAndClientType(kTessel).section);
+    EXPECT_EQ(platform_.log.takeErrors().size(), 3u) << attempt;
+  }
 }
 
 TEST_F(DroppedRequestTest, DroppedRefreshLetsTheNextLookupTryAgain) {
