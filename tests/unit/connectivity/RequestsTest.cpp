@@ -1,3 +1,6 @@
+#include <sys/resource.h>
+
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <regex>
@@ -385,6 +388,23 @@ TEST_F(RequestsTest, Mode1WithoutBodyDropsThePostWithoutALine) {
   const auto result = post(std::move(request));
   crank();
   EXPECT_TRUE(result->isDropped());
+  EXPECT_TRUE(std::filesystem::is_empty(containerFolder()));
+}
+
+TEST_F(RequestsTest, Mode1ContainerThatCannotBeWrittenIsNotLeftBehind) {
+  StorageContainers(services_).cleanupStorageRootFolder(kBackgroundUploadMode);
+  makeActive(kBackgroundUploadMode);
+  // Files can be made but take no bytes, as on a full disk.
+  std::signal(SIGXFSZ, SIG_IGN);
+  rlimit whole{};
+  ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &whole), 0);
+  const rlimit none{0, whole.rlim_max};
+  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &none), 0);
+  const auto result = post(postRequest(server_.url("/post"), "x"));
+  crank();
+  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &whole), 0);
+  EXPECT_TRUE(result->isDropped());
+  EXPECT_TRUE(taskIDs().empty());
   EXPECT_TRUE(std::filesystem::is_empty(containerFolder()));
 }
 
