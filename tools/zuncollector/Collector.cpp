@@ -4,6 +4,7 @@
 
 #include <fstream>
 #include <iostream>
+#include <thread>
 
 namespace zun {
 
@@ -49,6 +50,13 @@ std::string Collector::bind() {
 
 void Collector::run() {
   server_.listen_after_bind();
+  hasEnded_ = true;
+}
+
+void Collector::stop() {
+  // The server ignores a stop that comes before it listens.
+  while (!server_.is_running() && !hasEnded_) std::this_thread::yield();
+  server_.stop();
 }
 
 void Collector::serveStorebag(const httplib::Request& request, httplib::Response& response) {

@@ -38,7 +38,8 @@ class Collector final {
   [[nodiscard]] uint16_t port() const { return port_; }
   /// Serves until `stop`.
   void run();
-  void stop() { server_.stop(); }
+  /// Ends `run`, also one that is only about to begin: waits for its beginning.
+  void stop();
 
   [[nodiscard]] CollectedTotals totals() const { return sink_.totals(); }
   [[nodiscard]] uint64_t storebagsServed() const { return storebagsServed_; }
@@ -54,6 +55,7 @@ class Collector final {
   EventSink sink_;
   httplib::SSLServer server_;
   uint16_t port_ = 0;
+  std::atomic<bool> hasEnded_{false};
   std::atomic<uint64_t> storebagsServed_{0};
   std::atomic<uint64_t> storebagsNotModified_{0};
 };
