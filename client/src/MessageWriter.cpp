@@ -1,5 +1,7 @@
 #include "MessageWriter.h"
 
+#include <cerrno>
+
 namespace zunreporting {
 
 namespace {
@@ -12,6 +14,12 @@ int appendArray(sd_bus_message* message, const PropertyArray& array) {
   return result < 0 ? result : sd_bus_message_close_container(message);
 }
 
+/// Texts of messages end at a NUL, so one that contains it would arrive cut.
+int appendText(sd_bus_message* message, const std::string& text) {
+  if (text.find('\0') != std::string::npos) return -EINVAL;
+  return sd_bus_message_append(message, "s", text.c_str());
+}
+
 /// Appends content of the type that `typeOf` names.
 struct ContentWriter {
   sd_bus_message* message;
@@ -20,9 +28,7 @@ struct ContentWriter {
   int operator()(int64_t value) const { return sd_bus_message_append(message, "x", value); }
   int operator()(uint64_t value) const { return sd_bus_message_append(message, "t", value); }
   int operator()(double value) const { return sd_bus_message_append(message, "d", value); }
-  int operator()(const std::string& value) const {
-    return sd_bus_message_append(message, "s", value.c_str());
-  }
+  int operator()(const std::string& value) const { return appendText(message, value); }
   int operator()(const PropertyDate& value) const {
     return sd_bus_message_append(message, "(d)", value.secondsSince1970);
   }
@@ -50,7 +56,7 @@ int appendDictionary(sd_bus_message* message, const PropertyDictionary& dictiona
   int result = sd_bus_message_open_container(message, 'a', "{sv}");
   for (const auto& [key, value] : dictionary) {
     if (result >= 0) result = sd_bus_message_open_container(message, 'e', "sv");
-    if (result >= 0) result = sd_bus_message_append(message, "s", key.c_str());
+    if (result >= 0) result = appendText(message, key);
     if (result >= 0) result = appendVariant(message, value);
     if (result >= 0) result = sd_bus_message_close_container(message);
   }

@@ -112,6 +112,18 @@ class EndToEndTest(ScratchTest):
         self.assertIn('line 3: "category" must be a whole number from 0 to 65535', result.stderr)
         self.assertIn("sent 2 events, 2 failed", result.stdout)
 
+    def test_text_with_a_nul_is_told_and_not_sent_cut(self):
+        self.scratch.publish()
+        self.scratch.start()
+        lines = ('{"category": 2, "type": 7, "payload": {"a": "x\\u0000y"}}\n'
+                 '{"category": 2, "type": 7, "payload": {"a\\u0000b": 1}}\n{"category": 2, "type": 8}\n')
+        result = run(binary("zunreportingctl"), "--address", self.scratch.address, "send", "--client-name", "tester",
+                     input=lines, check=False)
+        self.assertEqual(result.returncode, 1)
+        for line in (1, 2):
+            self.assertIn(f"line {line}: sendMessageWithDictionary: cannot encode the arguments", result.stderr)
+        self.assertIn("sent 1 events, 2 failed", result.stdout)
+
     def test_client_that_is_not_entitled_is_refused_before_its_first_call(self):
         self.scratch.entitle({"executable": "/usr/bin/true",
                               "entitlements": {"com.vantix.private.zunreportingd": True}})

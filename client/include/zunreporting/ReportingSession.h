@@ -54,7 +54,8 @@ class ReportingSession final {
  public:
   static constexpr const char* kDefaultAddress = "unix:path=/run/zunreportingd/com.vantix.zunreportingd";
 
-  /// Connects; the error tells a daemon that is not there from one that refuses.
+  /// Connects; the error is that no daemon is there. One that does not serve this process
+  /// hangs up, which the first call tells.
   static Outcome<std::unique_ptr<ReportingSession>> connect(const std::string& address = kDefaultAddress);
   ~ReportingSession();
   ReportingSession(const ReportingSession&) = delete;
