@@ -79,12 +79,13 @@ std::optional<std::vector<std::string>> ReportingdSession::fetchReportingStates(
 }
 
 void ReportingdSession::syncReportingStates() {
-  const auto backends = backendsSnapshot();
-  if (backends == nullptr) return;
   // Let go of after the lock: they may be the last references by then.
+  std::shared_ptr<const BackendTable> backends;
   std::shared_ptr<ReportingdSession> parent;
   std::shared_ptr<const BackendTable> parentBackends;
   const RecursiveMutexLock lock(delegate_->objectLock());
+  backends = backendsSnapshot();
+  if (backends == nullptr) return;
   parent = delegate_->parentSessionForChild(*this);
   if (parent) parentBackends = parent->backendsSnapshot();
   for (const auto& entry : backends->entries) {

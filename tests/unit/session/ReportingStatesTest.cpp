@@ -106,6 +106,10 @@ TEST_F(ReleaseTimeoutTest, IsTheStorebagsValue) {
   EXPECT_EQ(timeoutAfter({{"test", Dictionary{}}, {"release_timeout", 120}}), std::chrono::seconds(120));
 }
 
+TEST_F(ReleaseTimeoutTest, IsReadAsAnIntegerWhateverItsType) {
+  EXPECT_EQ(timeoutAfter({{"test", Dictionary{}}, {"release_timeout", "45 s"}}), std::chrono::seconds(45));
+}
+
 TEST_F(ReleaseTimeoutTest, GoesBackToThirtyWhenTheNextStorebagHasNone) {
   startWith({{"test", Dictionary{}}, {"release_timeout", 120}});
   EXPECT_EQ(timeoutAfter({{"test", Dictionary{}}}), std::chrono::seconds(30));

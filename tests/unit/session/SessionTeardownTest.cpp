@@ -107,6 +107,16 @@ TEST_F(SessionTeardownTest, SessionWithHelperHandsItsTransactionToTheHelper) {
   EXPECT_EQ(agent_.releasedTransactions(), 1U);
 }
 
+TEST_F(SessionTeardownTest, SessionThatLostItsUserReleasesItsTransactionThroughTheAgent) {
+  session_->setSessionInfo(sessionInfo(7), userInfo("Client", "Service"), {}, false);
+  session_->setSessionInfo(sessionInfo(7), std::nullopt, {}, false);
+  EXPECT_EQ(session_->userInfo(), std::nullopt);
+  EXPECT_EQ(agent_.countOfCalls("releaseSharedConnectivityHelper client:service"), 1);
+  endSession();
+  EXPECT_EQ(agent_.countOfCalls("releaseSharedConnectivityHelper client:service"), 1);
+  EXPECT_EQ(agent_.releasedTransactions(), 1U);
+}
+
 TEST_F(SessionTeardownTest, TeardownRunsOnceOnTheThreadThatDropsTheLastReference) {
   startWith({{"test", Dictionary{}}});
   std::thread::id tornDownOn;
