@@ -284,7 +284,8 @@ TEST(XMLPropertyListTest, WhatIsNoPropertyListIsToldByLine) {
 }
 
 TEST(XMLPropertyListTest, ADocumentTypeIsToleratedButNotWhatItMayDeclare) {
-  EXPECT_EQ(valueOf("<!DOCTYPE plist PUBLIC \"-//x//y\" \"http://127.0.0.1:1/x.dtd\"><plist><true/></plist>"),
+  EXPECT_EQ(valueOf("<!DOCTYPE "
+                    "plist PUBLIC \"-//x//y\" \"http://127.0.0.1:1/x.dtd\"><plist><true/></plist>"),
             Value(true));
   EXPECT_EQ(failureOf("<!DOCTYPE p [<!ENTITY a \"x\">]><string>&a;</string>"),
             "line 1: declarations are not accepted");
