@@ -54,6 +54,17 @@ TEST_F(SessionTeardownTest, EndMessageCarriesVersionAndHowTheSessionEnded) {
   expectDebugLine("internalFlushMessagesWithCompletion: test");
 }
 
+TEST_F(SessionTeardownTest, StatesComeBeforeTheStartMessageAndCleanupAfterEndMessageFlushAndHelper) {
+  startWith({{"test", Dictionary{}}});
+  const auto test = world_.backends.at("test");
+  EXPECT_EQ(test->trace, (std::vector<std::string>{"updateState", "send 0 0"}));
+  test->trace.clear();
+  agent_.onHelperRelease = [test] { test->trace.emplace_back("helper released"); };
+  endSession();
+  agent_.onHelperRelease = nullptr;
+  EXPECT_EQ(test->trace, (std::vector<std::string>{"send 0 1", "flush", "helper released", "cleanup"}));
+}
+
 TEST_F(SessionTeardownTest, GracefulFinishShowsInTheEndMessage) {
   startWith({{"test", Dictionary{}}});
   session_->finishSessionGracefully();

@@ -41,6 +41,7 @@ class TestBackend final : public ZunReportingBackend {
 
   int32_t updateState() override {
     ++stateUpdates;
+    trace.emplace_back("updateState");
     const Value& state = profile_["state"];
     setState(state.isNone() ? ZunBackendStateEnabled : state.int32Value());
     return state.isNone() ? ZunBackendStateEnabled : state.int32Value();
@@ -49,10 +50,12 @@ class TestBackend final : public ZunReportingBackend {
                                          uint16_t method, uint16_t respCode, uint16_t eventID,
                                          int32_t flag) override {
     sent.push_back({message.value_or(Dictionary()), timestamp, method, respCode, eventID, flag, !message});
+    trace.push_back("send " + std::to_string(method) + " " + std::to_string(respCode));
     return textOf("response");
   }
   std::optional<std::string> flushMessagesWithCompletion(FlushCompletion completion) override {
     ++flushes;
+    trace.emplace_back("flush");
     const std::string_view how = profile_["flush"].stringValue();
     if (how == "later") {
       heldFlushes.push_back(std::move(completion));
@@ -61,7 +64,10 @@ class TestBackend final : public ZunReportingBackend {
     }
     return std::nullopt;
   }
-  void cleanup() override { ++cleanups; }
+  void cleanup() override {
+    ++cleanups;
+    trace.emplace_back("cleanup");
+  }
 
   static std::optional<Error> errorOf(const std::optional<std::string>& text) {
     return text ? std::optional(Error{"test", 7, *text}) : std::nullopt;
@@ -91,6 +97,7 @@ class TestBackend final : public ZunReportingBackend {
 
   const int32_t factoryClientType;
   std::vector<Sent> sent;
+  std::vector<std::string> trace;  // what was asked of it, in order
   std::vector<FlushCompletion> heldFlushes;
   int stateUpdates = 0;
   int flushes = 0;
