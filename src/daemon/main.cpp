@@ -1,15 +1,15 @@
 // zunreportingd: parses the command line, builds the object graph and runs it.
 
-#include <fmt/format.h>
-
+#include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <memory>
+#include <optional>
 #include <thread>
+#include <variant>
 
 #include "connectivity/ReportingSessionConnectivityHelper.h"
 #include "connectivity/StorageContainers.h"
@@ -60,7 +60,10 @@ class Machine final {
         workers(kWorkerThreads),
         urlSessions({.caFile = options.caFile}, log),
         services{log,    clock,  random,  files, defaults,    device,
-                 locale, bundle, workers, loop,  urlSessions, transactions} {}
+                 locale, bundle, workers, loop,  urlSessions, transactions} {
+    identity.emplace(services);
+    messageLog.emplace(services);
+  }
 
   SystemLog& log;
   SystemClock clock;
@@ -71,6 +74,10 @@ class Machine final {
   FileUserDefaults defaults;
   SystemDeviceProperties device;
   ServiceTransactions transactions;
+  std::optional<DeviceIdentity> identity;
+  std::optional<MessageLog> messageLog;
+  // Last, so that they end first: ending transfers still call back, on the workers, and
+  // those run all of that before anything above goes.
   WorkerPool workers;
   CurlURLSessionService urlSessions;
   const PlatformServices services;
@@ -199,10 +206,8 @@ int runDaemon(const DaemonOptions& options, EventLoop& loop, SystemLog& log) {
   const PlatformServices& platform = machine.services;
   StorageContainers(platform).cleanupStorageRootFolder(ReportingSessionConnectivityHelper::POSTRequestMode());
 
-  const DeviceIdentity identity(platform);
-  MessageLog messageLog(platform);
-  const ReportingServices services{platform, identity, messageLog};
-  const auto fetcher = NetworkStorebagFetcher::create(platform, identity);
+  const ReportingServices services{platform, *machine.identity, *machine.messageLog};
+  const auto fetcher = NetworkStorebagFetcher::create(platform, *machine.identity);
   EntitlementStore entitlements(machine.files.resolve("/etc/zunreportingd/entitlements.d"), log);
   auto listener = makeListener(options, machine, entitlements);
   if (!listener) {
@@ -224,12 +229,15 @@ int runDaemon(const DaemonOptions& options, EventLoop& loop, SystemLog& log) {
   notifyServiceReady();
   log.note("main: Listener resumes with sandbox, start loop.");
 
-  const bool didRun = loop.run();
+  if (!loop.run()) {
+    log.error("main: the event loop has failed");
+    std::_Exit(kExitCannotStart);  // clients are still served: nothing may be taken apart
+  }
   if (!lifetime->hasEndedCleanly()) {
     log.error("main: stopped with {} transfers unfinished", machine.urlSessions.transfersInFlight());
     std::_Exit(EXIT_SUCCESS);  // what still runs cannot be waited for
   }
-  return didRun ? EXIT_SUCCESS : kExitCannotStart;
+  return EXIT_SUCCESS;
 }
 
 }  // namespace
