@@ -1,5 +1,8 @@
 #include "util/MessageLog.h"
 
+#include <sys/resource.h>
+
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -135,6 +138,20 @@ TEST_F(MessageLogTest, FolderThatCannotBeMadeIsAnErrorLineAndNothingElse) {
   EXPECT_TRUE(errors[0].starts_with("writeToLogFile: Error reading from log directory: ")) << errors[0];
   EXPECT_EQ(errors[1], "writeToLogFile: Failed to create new zunreportingd log file " + newFile_);
   EXPECT_EQ(contentOf(directory_), "a file in the way");
+}
+
+TEST_F(MessageLogTest, FileThatCannotBeWrittenIsAnErrorLineAndKept) {
+  const std::string file = addFile("zunreportingd_5_messageLog.diag", 60);
+  std::signal(SIGXFSZ, SIG_IGN);
+  rlimit whole{};
+  ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &whole), 0);
+  const rlimit none{0, whole.rlim_max};
+  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &none), 0);
+  log_.writeToLogFile("m");
+  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &whole), 0);
+  expectErrors({"writeToLogFile: Failed to write log message: File too large"});
+  EXPECT_EQ(platform_.log.count(LogLevel::kDebug, "writeToLogFile: Saved log message to " + file), 0);
+  EXPECT_EQ(contentOf(file), "old\n");
 }
 
 TEST_F(MessageLogTest, EntriesOfManyThreadsAreWhole) {
