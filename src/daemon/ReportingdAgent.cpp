@@ -1,7 +1,5 @@
 #include "daemon/ReportingdAgent.h"
 
-#include <algorithm>
-
 #include "util/Identifiers.h"
 #include "zunreporting/Keys.h"
 
