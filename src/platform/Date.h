@@ -9,7 +9,7 @@ namespace zun {
 struct Date {
   double secondsSince1970 = 0;
 
-  friend auto operator<=>(const Date&, const Date&) = default;
+  friend auto operator<=>(const Date&, const Date&) = default;  // NOLINT(modernize-use-nullptr)
 };
 
 /// "2023-11-14 22:13:20 +0000", in UTC, cut to whole seconds.

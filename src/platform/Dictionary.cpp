@@ -208,13 +208,13 @@ void Dictionary::remove(std::string_view key) {
   --storage->live;
 }
 
-void Dictionary::addEntries(const Dictionary& other) {
+// By value: `other` may be this very dictionary, or live inside it.
+void Dictionary::addEntries(Dictionary other) {
   if (empty()) {
-    *this = other;
+    *this = std::move(other);
     return;
   }
-  const Dictionary source = other;  // `other` may be this very dictionary
-  for (const DictionaryEntry& entry : source) set(entry.key, entry.value);
+  for (const DictionaryEntry& entry : other) set(entry.key, entry.value);
 }
 
 Dictionary::Iterator Dictionary::begin() const {

@@ -99,7 +99,7 @@ class Dictionary final {
   void remove(std::string_view key);
 
   /// Sets every entry of `other`, replacing keys of the same name.
-  void addEntries(const Dictionary& other);
+  void addEntries(Dictionary other);
 
   [[nodiscard]] Iterator begin() const;
   [[nodiscard]] Iterator end() const;
