@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -20,6 +21,9 @@ class UserDefaults {
 
   /// The value under `key`, or none.
   [[nodiscard]] virtual Value objectForKey(std::string_view suite, std::string_view key) const = 0;
+
+  /// How many keys begin with `prefix`.
+  [[nodiscard]] virtual size_t countOfKeys(std::string_view suite, std::string_view prefix) const = 0;
 
   /// None removes the key.
   virtual void setObject(std::string_view suite, std::string_view key, Value value) = 0;

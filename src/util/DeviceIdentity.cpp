@@ -10,6 +10,7 @@ namespace zun {
 namespace {
 
 constexpr std::string_view kPersistentIdentifierKey = "persistentIdentifier";
+constexpr std::string_view kCustomIdentifierPrefix = "uuid:";
 
 // Where `text` can be cut to fit `capacity` without cutting a character.
 size_t lengthOfWholeCharacters(std::string_view text, size_t capacity) {
@@ -19,9 +20,11 @@ size_t lengthOfWholeCharacters(std::string_view text, size_t capacity) {
   return capacity;
 }
 
-// The identifier stored under `key`, made and stored where there is none yet.
-std::string storedIdentifier(const PlatformServices& platform, std::string_view key) {
-  if (auto stored = platform.defaults.stringForKey(kReportingSuite, key)) return *std::move(stored);
+std::optional<std::string> storedIdentifier(const PlatformServices& platform, std::string_view key) {
+  return platform.defaults.stringForKey(kReportingSuite, key);
+}
+
+std::string storeNewIdentifier(const PlatformServices& platform, std::string_view key) {
   std::string made = makeUUIDString(platform.random);
   platform.defaults.setObject(kReportingSuite, key, made);
   return made;
@@ -74,16 +77,34 @@ std::string DeviceIdentity::getPersistentIdentifierForCustomClientIDSuffix(
     const std::optional<std::string>& firstPart, const std::optional<std::string>& secondPart) const {
   const std::string key =
       fmt::format("{}:{}:{}", "uuid", firstPart.value_or(std::string()), secondPart.value_or(std::string()));
-  std::string value = storedIdentifier(platform_, key);
+  auto stored = storedIdentifier(platform_, key);
+  const std::string value = stored               ? *std::move(stored)
+                            : mayStoreUnder(key) ? storeNewIdentifier(platform_, key)
+                                                 : makeUUIDString(platform_.random);
   platform_.log.note("getPersistentIdentifierForCustomClientIDSuffix: The value for {}: {}", key, value);
   return value;
+}
+
+bool DeviceIdentity::mayStoreUnder(std::string_view key) const {
+  const bool hasRoom =
+      key.size() <= kMaximumKeyBytes &&
+      platform_.defaults.countOfKeys(kReportingSuite, kCustomIdentifierPrefix) < kMaximumCustomIdentifiers;
+  if (!hasRoom && !hasToldOfBound_.exchange(true)) {
+    platform_.log.error(
+        "getPersistentIdentifierForCustomClientIDSuffix: Not storing identifiers beyond {} of them or {} "
+        "bytes "
+        "of key",
+        kMaximumCustomIdentifiers, kMaximumKeyBytes);
+  }
+  return hasRoom;
 }
 
 std::string DeviceIdentity::getPersistentIdentifierForDNU(bool respectingDNU) const {
   if (respectingDNU && !diagnosticSubmissionEnabled(platform_.defaults)) {
     return makeUUIDString(platform_.random);
   }
-  return storedIdentifier(platform_, kPersistentIdentifierKey);
+  auto stored = storedIdentifier(platform_, kPersistentIdentifierKey);
+  return stored ? *std::move(stored) : storeNewIdentifier(platform_, kPersistentIdentifierKey);
 }
 
 }  // namespace zun

@@ -1,9 +1,11 @@
 #pragma once
 
+#include <atomic>
 #include <mutex>
 #include <optional>
 #include <span>
 #include <string>
+#include <string_view>
 
 #include "platform/DeviceProperties.h"
 #include "platform/PlatformServices.h"
@@ -34,9 +36,15 @@ class DeviceIdentity final {
   /// "ReleaseType" is "Internal"; asked once, on first use.
   [[nodiscard]] bool isInternalBuild() const;
 
+  /// How many identifiers are stored for client and service names, and the longest key
+  /// that one is stored under. Clients choose their names, the disk is the device's.
+  static constexpr size_t kMaximumCustomIdentifiers = 1024;
+  static constexpr size_t kMaximumKeyBytes = 512;
+
   /// The identifier stored for a client and service name (either may be missing),
   /// made on first use. Two first calls at once may each store their own; the later
-  /// one stays.
+  /// one stays. Beyond the bounds above a new identifier is given but not stored, and
+  /// the first time is an error line.
   [[nodiscard]] std::string getPersistentIdentifierForCustomClientIDSuffix(
       const std::optional<std::string>& firstPart, const std::optional<std::string>& secondPart) const;
 
@@ -46,9 +54,12 @@ class DeviceIdentity final {
   [[nodiscard]] std::string getPersistentIdentifierForDNU(bool respectingDNU) const;
 
  private:
+  [[nodiscard]] bool mayStoreUnder(std::string_view key) const;
+
   const PlatformServices& platform_;
   mutable std::once_flag internalBuildOnce_;
   mutable bool isInternalBuild_ = false;
+  mutable std::atomic<bool> hasToldOfBound_{false};
 };
 
 }  // namespace zun

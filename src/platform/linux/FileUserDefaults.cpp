@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/file.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -73,6 +74,14 @@ const PropertyListFile::Content& FileUserDefaults::contentOf(PropertyListFile& f
 Value FileUserDefaults::objectForKey(std::string_view suite, std::string_view key) const {
   const MutexLock lock(mutex_);
   return contentOf(fileOfSuite(suite)).dictionary[key];
+}
+
+size_t FileUserDefaults::countOfKeys(std::string_view suite, std::string_view prefix) const {
+  const MutexLock lock(mutex_);
+  const Dictionary& dictionary = contentOf(fileOfSuite(suite)).dictionary;
+  return static_cast<size_t>(std::count_if(
+      dictionary.begin(), dictionary.end(),
+      [prefix](const DictionaryEntry& entry) { return entry.key.stringValue().starts_with(prefix); }));
 }
 
 void FileUserDefaults::setObject(std::string_view suite, std::string_view key, Value value) {

@@ -32,6 +32,7 @@ class FileUserDefaults final : public UserDefaults {
       : files_(files), log_(log), lockPatience_(lockPatience) {}
 
   [[nodiscard]] Value objectForKey(std::string_view suite, std::string_view key) const override;
+  [[nodiscard]] size_t countOfKeys(std::string_view suite, std::string_view prefix) const override;
   void setObject(std::string_view suite, std::string_view key, Value value) override;
 
  private:

@@ -258,6 +258,15 @@ TEST_F(UserDefaultsTest, WritersInTwoProcessesLoseNoKeys) {
   }
 }
 
+TEST_F(UserDefaultsTest, KeysAreCountedByTheirBeginning) {
+  EXPECT_EQ(defaults_.countOfKeys(kSuite, ""), 0U);
+  for (const char* key : {"a:1", "a:2", "a", "b:1"}) defaults_.setObject(kSuite, key, 1);
+  EXPECT_EQ(defaults_.countOfKeys(kSuite, "a:"), 2U);
+  EXPECT_EQ(defaults_.countOfKeys(kSuite, ""), 4U);
+  defaults_.setObject(kSuite, "a:1", Value());
+  EXPECT_EQ(defaults_.countOfKeys(kSuite, "a:"), 1U);
+}
+
 TEST_F(UserDefaultsTest, ThreadsMayReadWhileOthersWrite) {
   constexpr int kKeys = 25;
   defaults_.setObject(kSuite, "constant", "here");

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <thread>
 
+#include "platform/PropertyList.h"
 #include "support/TestPlatform.h"
 
 namespace zun {
@@ -126,6 +127,55 @@ TEST_F(DeviceIdentityTest, EachSuffixHasItsOwnIdentifier) {
   };
   EXPECT_NE(identifier("a", "b"), identifier("a", "c"));
   EXPECT_NE(identifier("a", "b"), identifier("b", "a"));
+}
+
+// Clients choose the names: a thousand of them may cost disk, not more.
+TEST_F(DeviceIdentityTest, IdentifiersBeyondTheBoundAreHandedOutButNotStored) {
+  const auto identifier = [this](const std::string& client) {
+    return identity_.getPersistentIdentifierForCustomClientIDSuffix(client, "s");
+  };
+  const std::string first = identifier("first");
+  Dictionary full;
+  for (size_t i = 0; i + 2 < DeviceIdentity::kMaximumCustomIdentifiers; ++i) {
+    full.set("uuid:" + std::to_string(i) + ":s", "x");
+  }
+  full.set("uuid:first:s", first);
+  full.set("other", 1);
+  ASSERT_EQ(platform_.files.writeFileAtomically(
+                platform_.files.resolve("~/Library/Preferences/com.vantix.zunreporting.plist"),
+                serializeBinaryPropertyList(full), Durability::kBestEffort),
+            std::nullopt);
+
+  const std::string last = identifier("last");
+  EXPECT_EQ(identifier("last"), last);
+  EXPECT_EQ(platform_.defaults.countOfKeys(kReportingSuite, "uuid:"),
+            DeviceIdentity::kMaximumCustomIdentifiers);
+
+  const std::string beyond = identifier("beyond");
+  EXPECT_TRUE(isUUID(beyond));
+  expectDefaultLine("getPersistentIdentifierForCustomClientIDSuffix: The value for uuid:beyond:s: " + beyond);
+  EXPECT_NE(identifier("beyond"), beyond);
+  expectErrors(
+      {"getPersistentIdentifierForCustomClientIDSuffix: Not storing identifiers beyond 1024 of them or 512 "
+       "bytes of key"});  // once
+  EXPECT_EQ(platform_.defaults.countOfKeys(kReportingSuite, "uuid:"),
+            DeviceIdentity::kMaximumCustomIdentifiers);
+  EXPECT_EQ(identifier("first"), first);
+  EXPECT_EQ(identifier("last"), last);
+}
+
+TEST_F(DeviceIdentityTest, IdentifiersOfOverlongNamesAreNotStored) {
+  const auto keyBytes = [](const std::string& client) { return ("uuid:" + client + ":").size(); };
+  std::string client(500, 'c');
+  while (keyBytes(client) < DeviceIdentity::kMaximumKeyBytes) client += 'c';
+  const auto identifier = [this](const std::string& name) {
+    return identity_.getPersistentIdentifierForCustomClientIDSuffix(name, std::nullopt);
+  };
+  EXPECT_EQ(identifier(client), identifier(client));
+  client += 'c';
+  EXPECT_NE(identifier(client), identifier(client));
+  EXPECT_EQ(platform_.defaults.countOfKeys(kReportingSuite, "uuid:"), 1U);
+  EXPECT_EQ(platform_.log.takeErrors().size(), 1U);
 }
 
 TEST_F(DeviceIdentityTest, ForbiddenDiagnosticsGiveAFreshIdentifierEachTime) {
