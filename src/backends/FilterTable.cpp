@@ -6,6 +6,7 @@
 
 #include "backends/ListMatching.h"
 #include "backends/ZunReportingBackend.h"
+#include "platform/UTF8.h"
 #include "util/Identifiers.h"
 
 namespace zun {
@@ -25,10 +26,6 @@ uint64_t lengthBit(std::string_view key) {
   return uint64_t{1} << std::min<size_t>(key.size(), 63);
 }
 
-char lowered(char character) {
-  return character >= 'A' && character <= 'Z' ? static_cast<char>(character + ('a' - 'A')) : character;
-}
-
 int32_t numberOrAny(const Value& number) {
   return number.isNumber() || number.isString() ? number.int32Value() : -1;
 }
@@ -42,10 +39,9 @@ FilterTable::FilterTable(const Array& filters) {
     filters_.push_back(filterFromDictionary(description == nullptr ? Dictionary() : *description));
     const std::string_view key = filters_.back().key.stringValue();
     if (!filters_.back().key.isString()) continue;
-    std::string lowerCaseKey(key);
-    std::transform(key.begin(), key.end(), lowerCaseKey.begin(), lowered);
-    byKey_[std::move(lowerCaseKey)].push_back(static_cast<uint32_t>(filters_.size() - 1));
+    byKey_[lowerCased(key)].push_back(static_cast<uint32_t>(filters_.size() - 1));
     keyLengths_ |= lengthBit(key);
+    hasKeysBeyondASCII_ = hasKeysBeyondASCII_ || !isASCII(key);
   }
 }
 
@@ -54,8 +50,9 @@ FilterTable::Filter FilterTable::filterFromDictionary(const Dictionary& descript
           actionFromText(description["action"].stringValue()), description["key"], description["value"]};
 }
 
-const FilterTable::Filter* FilterTable::firstFilterFor(std::string_view key, int32_t method,
-                                                       int32_t status) const {
+const FilterTable::Indices* FilterTable::filtersOfKey(std::string_view key) const {
+  // Letter case may change the length there.
+  if (hasKeysBeyondASCII_ && !isASCII(key)) return filtersOfLowerCaseKey(lowerCased(key));
   if ((keyLengths_ & lengthBit(key)) == 0) return nullptr;
   std::array<char, 64> shortKey;
   std::string longKey;
@@ -64,10 +61,20 @@ const FilterTable::Filter* FilterTable::firstFilterFor(std::string_view key, int
     longKey.resize(key.size());
     text = longKey.data();
   }
-  std::transform(key.begin(), key.end(), text, lowered);
-  const auto found = byKey_.find(std::string_view(text, key.size()));
-  if (found == byKey_.end()) return nullptr;
-  for (const uint32_t index : found->second) {
+  std::transform(key.begin(), key.end(), text, lowerCasedASCII);
+  return filtersOfLowerCaseKey(std::string_view(text, key.size()));
+}
+
+const FilterTable::Indices* FilterTable::filtersOfLowerCaseKey(std::string_view key) const {
+  const auto found = byKey_.find(key);
+  return found == byKey_.end() ? nullptr : &found->second;
+}
+
+const FilterTable::Filter* FilterTable::firstFilterFor(std::string_view key, int32_t method,
+                                                       int32_t status) const {
+  const Indices* const indices = filtersOfKey(key);
+  if (indices == nullptr) return nullptr;
+  for (const uint32_t index : *indices) {
     const Filter& filter = filters_[index];
     const bool fitsMethod = filter.method < 0 || filter.method == method;
     const bool fitsStatus = filter.status < 0 || filter.status == status;

@@ -1,7 +1,10 @@
 #include "platform/UTF8.h"
 
+#include <clocale>
 #include <cstdint>
 #include <cstring>
+
+#include <wctype.h>
 
 namespace zun {
 
@@ -34,7 +37,51 @@ size_t characterLength(std::string_view text) {
   return overlong || tooLarge ? 0 : 4;
 }
 
+/// The character at the start of `text`, which has that length.
+char32_t characterAt(std::string_view text, size_t length) {
+  if (length == 1) return static_cast<unsigned char>(text[0]);
+  char32_t character = static_cast<unsigned char>(text[0]) & (0x7FU >> length);
+  for (size_t i = 1; i < length; ++i) {
+    character = character << 6 | (static_cast<unsigned char>(text[i]) & 0x3FU);
+  }
+  return character;
+}
+
+char32_t lowerCasedCharacter(char32_t character) {
+  // Every system's own; where it is missing, letters beyond ASCII stay as they are.
+  static const locale_t unicode = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
+  if (unicode == nullptr) return character;
+  return static_cast<char32_t>(towlower_l(static_cast<wint_t>(character), unicode));
+}
+
 }  // namespace
+
+bool isASCII(std::string_view text) {
+  uint64_t word = 0;
+  while (text.size() >= sizeof word) {
+    std::memcpy(&word, text.data(), sizeof word);
+    if ((word & kHighBits) != 0) return false;
+    text.remove_prefix(sizeof word);
+  }
+  word = 0;
+  if (!text.empty()) std::memcpy(&word, text.data(), text.size());
+  return (word & kHighBits) == 0;
+}
+
+std::string lowerCased(std::string_view text) {
+  std::string out;
+  out.reserve(text.size());
+  while (!text.empty()) {
+    const size_t length = characterLength(text);
+    if (length <= 1) {
+      out += lowerCasedASCII(text.front());
+    } else {
+      appendUTF8(out, lowerCasedCharacter(characterAt(text, length)));
+    }
+    text.remove_prefix(length == 0 ? 1 : length);
+  }
+  return out;
+}
 
 size_t validUTF8Prefix(std::string_view text) {
   size_t position = 0;

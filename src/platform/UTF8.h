@@ -17,6 +17,17 @@ namespace zun {
 /// `text` with U+FFFD in the place of each byte that belongs to no character.
 [[nodiscard]] std::string replacingInvalidUTF8(std::string_view text);
 
+[[nodiscard]] bool isASCII(std::string_view text);
+
+/// An ASCII letter in lower case; any other byte as it is.
+[[nodiscard]] constexpr char lowerCasedASCII(char byte) {
+  return byte >= 'A' && byte <= 'Z' ? static_cast<char>(byte - 'A' + 'a') : byte;
+}
+
+/// `text` with each letter in lower case, whatever the process's locale. Bytes that
+/// belong to no character stay. Any thread.
+[[nodiscard]] std::string lowerCased(std::string_view text);
+
 /// Appends the UTF-8 form of a code point that is a Unicode scalar value.
 void appendUTF8(std::string& out, char32_t character);
 

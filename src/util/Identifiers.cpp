@@ -3,19 +3,15 @@
 #include <algorithm>
 #include <cmath>
 
+#include "platform/UTF8.h"
 #include "zunreporting/Keys.h"
 
 namespace zun {
 
 namespace {
 
-// Independent of the process's locale.
-char lowerCase(char character) {
-  return character >= 'A' && character <= 'Z' ? static_cast<char>(character - 'A' + 'a') : character;
-}
-
 bool isSameLetter(char left, char right) {
-  return lowerCase(left) == lowerCase(right);
+  return lowerCasedASCII(left) == lowerCasedASCII(right);
 }
 
 }  // namespace
@@ -24,8 +20,7 @@ std::string connectivityUserInfoKey(const Dictionary& userInfo) {
   std::string key(userInfo[zunreporting::kZunReportingUserInfoClientName].stringValue());
   key += ':';
   key += userInfo[zunreporting::kZunReportingUserInfoServiceName].stringValue();
-  std::transform(key.begin(), key.end(), key.begin(), lowerCase);
-  return key;
+  return lowerCased(key);
 }
 
 Error reportingError(std::string message, int32_t code) {
@@ -46,11 +41,13 @@ int64_t wholeMinutes(int64_t seconds) {
 
 bool containsIgnoringCase(std::string_view text, std::string_view part) {
   if (part.empty()) return false;
+  if (!isASCII(part)) return lowerCased(text).find(lowerCased(part)) != std::string::npos;
   return std::search(text.begin(), text.end(), part.begin(), part.end(), isSameLetter) != text.end();
 }
 
 bool equalsIgnoringCase(std::string_view left, std::string_view right) {
-  return std::equal(left.begin(), left.end(), right.begin(), right.end(), isSameLetter);
+  if (std::equal(left.begin(), left.end(), right.begin(), right.end(), isSameLetter)) return true;
+  return !isASCII(left) && !isASCII(right) && lowerCased(left) == lowerCased(right);
 }
 
 }  // namespace zun

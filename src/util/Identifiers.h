@@ -26,8 +26,8 @@ namespace zun {
 /// `seconds` cut to whole minutes, toward zero.
 [[nodiscard]] int64_t wholeMinutes(int64_t seconds);
 
-/// True where `text` contains `part`, ASCII letter case ignored. An empty part is
-/// contained in nothing.
+/// True where `text` contains `part`, letter case ignored. An empty part is contained
+/// in nothing.
 [[nodiscard]] bool containsIgnoringCase(std::string_view text, std::string_view part);
 [[nodiscard]] bool equalsIgnoringCase(std::string_view left, std::string_view right);
 

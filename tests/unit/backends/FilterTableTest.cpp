@@ -27,6 +27,12 @@ TEST(FilterTableTest, KeysAreComparedInAnyLetterCase) {
   EXPECT_EQ(filtered({filter("Account", "remove")}, record), (Dictionary{{"accounts", "us"}}));
 }
 
+TEST(FilterTableTest, LetterCaseBeyondASCIICountsAsLittle) {
+  const Array filters{filter("GRÖße", "remove"), filter("\u2C65", "remove"), filter("plain", "remove")};
+  EXPECT_EQ(filtered(filters, {{"größe", 1}, {"GRÖße", 2}, {"Größen", 3}, {"\u023A", 4}, {"PLAIN", 5}}),
+            (Dictionary{{"Größen", 3}}));
+}
+
 TEST(FilterTableTest, KeysLongerThanAnyUsualOneAreFoundToo) {
   const std::string longKey(300, 'K');
   const std::string sameInLowerCase(300, 'k');

@@ -20,6 +20,31 @@ TEST(UTF8Test, AcceptsEveryScalarValueAndNothingElse) {
   }
 }
 
+TEST(UTF8Test, LowerCaseIsThatOfEveryAlphabetAndOfOneLetterForOne) {
+  EXPECT_EQ(lowerCased("ABC xyz @[`{ 09"), "abc xyz @[`{ 09");
+  EXPECT_EQ(lowerCased("GRÖẞE \u00C9COLE ΣΟΦΟΣ ЖУК"), "größe école σοφοσ жук");
+  EXPECT_EQ(lowerCased("\U00010400"), "\U00010428");  // four bytes
+  EXPECT_EQ(lowerCased("\u023A"), "\u2C65");          // two bytes become three
+  EXPECT_EQ(lowerCased("A\xFF"
+                       "B\xE6\x97"),
+            "a\xFF"
+            "b\xE6\x97");
+  EXPECT_EQ(lowerCased(""), "");
+}
+
+TEST(UTF8Test, ASCIIIsWhatHasNoHighBit) {
+  EXPECT_TRUE(isASCII(""));
+  for (size_t length = 1; length < 20; ++length) {
+    std::string text(length, '\x7F');
+    EXPECT_TRUE(isASCII(text));
+    for (size_t at = 0; at < length; ++at) {
+      text[at] = '\x80';
+      EXPECT_FALSE(isASCII(text)) << length << " " << at;
+      text[at] = 'a';
+    }
+  }
+}
+
 TEST(UTF8Test, ReplacesBytesThatBelongToNoCharacter) {
   EXPECT_EQ(replacingInvalidUTF8(""), "");
   EXPECT_EQ(replacingInvalidUTF8("Größe"), "Größe");

@@ -50,6 +50,18 @@ TEST(FiniteOrMinusOneTest, WhatIsNotFiniteIsMinusOne) {
   EXPECT_EQ(finiteOrMinusOne(std::numeric_limits<double>::quiet_NaN()), -1.0);
 }
 
+TEST(LetterCaseTest, IsIgnoredBeyondASCIIToo) {
+  EXPECT_FALSE(containsIgnoringCase("Die GRÖSSE", "größe"));  // one letter is not two
+  EXPECT_TRUE(containsIgnoringCase("HÄUSER am See", "äu"));
+  EXPECT_TRUE(containsIgnoringCase("Häuser AM", "am"));
+  EXPECT_FALSE(containsIgnoringCase("hauser", "äu"));
+  EXPECT_TRUE(equalsIgnoringCase("ÜBER", "über"));
+  EXPECT_TRUE(equalsIgnoringCase("\u023A", "\u2C65"));
+  EXPECT_FALSE(equalsIgnoringCase("über", "uber"));
+  EXPECT_FALSE(equalsIgnoringCase("ü", "ö"));
+  EXPECT_EQ(connectivityUserInfoKey({{zunreporting::kZunReportingUserInfoClientName, "ÜBER"}}), "über:");
+}
+
 TEST(LetterCaseTest, ContainsIgnoresIt) {
   EXPECT_TRUE(containsIgnoringCase("RearCamera", "cam"));
   EXPECT_TRUE(containsIgnoringCase("cam", "CAM"));
