@@ -29,13 +29,6 @@ bool isClean(const Value& value) {
 class RecordCleaner final {
  public:
   explicit RecordCleaner(SystemLog& log) : log_(log) {}
-  ~RecordCleaner() {
-    if (removed_ <= kMaximumLines) return;
-    log_.error("HTTPSPostBackend(createMessageForPostAndLogging): removed {} more such keys from this post",
-               removed_ - kMaximumLines);
-  }
-  RecordCleaner(const RecordCleaner&) = delete;
-  RecordCleaner& operator=(const RecordCleaner&) = delete;
 
   /// Most records are clean already and stay untouched.
   void clean(Dictionary& record) {
@@ -51,6 +44,13 @@ class RecordCleaner final {
         record.remove(entry.key.stringValue());
       }
     }
+  }
+
+  /// After the last record.
+  void reportOthers() const {
+    if (removed_ <= kMaximumLines) return;
+    log_.error("HTTPSPostBackend(createMessageForPostAndLogging): removed {} more such keys from this post",
+               removed_ - kMaximumLines);
   }
 
  private:
@@ -121,13 +121,12 @@ std::optional<std::string> HTTPSPostBackend::createMessageForPostAndLogging(
     std::vector<Dictionary> records, std::optional<std::string>* prettyJsonString) const try {
   const double postTime = finiteOrMinusOne(services_.platform.clock.now().secondsSince1970);
   Array events = Array::withCapacity(records.size());
-  {
-    RecordCleaner cleaner(log());
-    for (Dictionary& record : records) {
-      cleaner.clean(record);
-      events.append(std::move(record));
-    }
+  RecordCleaner cleaner(log());
+  for (Dictionary& record : records) {
+    cleaner.clean(record);
+    events.append(std::move(record));
   }
+  cleaner.reportOthers();
   Dictionary body = Dictionary::withCapacity(3);
   body.set(Value::literal("postTime"), postTime);
   // Servers tell a body without an identifier by its being empty but for the time.
