@@ -91,7 +91,8 @@ TEST_F(DBusForeignPeersTest, GdbusCallsAndIntrospects) {
                           "\"{'n': <uint16 7>, 'd': <1.5>}\"");
   EXPECT_EQ(call.status, 0) << call.text;
   EXPECT_EQ(call.text, "('{n = 7; d = 1.5}',)\n");
-  const Output introspection = run("gdbus introspect --dest com.vantix.test --address " + address() + " --object-path / --recurse");
+  const Output introspection =
+      run("gdbus introspect --dest com.vantix.test --address " + address() + " --object-path / --recurse");
   EXPECT_EQ(introspection.status, 0) << introspection.text;
   EXPECT_NE(introspection.text.find("Describe(in  a{sv} message"), std::string::npos) << introspection.text;
 }
