@@ -1,6 +1,9 @@
 #pragma once
 
+#include <optional>
 #include <string_view>
+
+#include "platform/Value.h"
 
 namespace zun {
 
@@ -9,5 +12,9 @@ namespace zun {
 // share, where there are any.
 inline constexpr std::string_view kZunReportingMessageBlobClientData = "ClientData";
 inline constexpr std::string_view kZunReportingMessageBlobSharedData = "SharedData";
+
+/// The event's own payload: the client's data where the message has such, else the
+/// message itself; empty for a message that is missing.
+[[nodiscard]] Dictionary eventPayload(const std::optional<Dictionary>& message);
 
 }  // namespace zun

@@ -203,6 +203,14 @@ std::optional<std::string> ZunReportingBackend::flushMessagesWithCompletion(Flus
   return std::nullopt;
 }
 
+bool ZunReportingBackend::uploadFileAtPath(const std::string&, const SandboxExtensionToken&) {
+  return false;
+}
+
+bool ZunReportingBackend::uploadLogData(const Array&) {
+  return false;
+}
+
 void ZunReportingBackend::setCorrelatedSessionID(const std::string& identifier) {
   setCombinedSessionIDString(identifier);
 }

@@ -11,6 +11,7 @@
 #include "connectivity/ReportingSessionConnectivityInterface.h"
 #include "platform/Error.h"
 #include "platform/Mutex.h"
+#include "platform/SandboxExtension.h"
 #include "platform/SerialQueue.h"
 #include "platform/UniqueFunction.h"
 #include "platform/Value.h"
@@ -104,6 +105,11 @@ class ZunReportingBackend : public std::enable_shared_from_this<ZunReportingBack
                                                  const TimeValue& timestamp, uint16_t method,
                                                  uint16_t respCode, uint16_t eventID, int32_t flag);
   virtual std::optional<std::string> flushMessagesWithCompletion(FlushCompletion completion);
+  /// Uploads a client's file. True once that has been attempted. May block for as long
+  /// as the upload takes.
+  virtual bool uploadFileAtPath(const std::string& path, const SandboxExtensionToken& extensionToken);
+  /// Uploads log records. True when a server took them. May block likewise.
+  virtual bool uploadLogData(const Array& logData);
   virtual void setCorrelatedSessionID(const std::string& identifier);
   /// Estimated bytes of the events that wait.
   [[nodiscard]] virtual uint32_t batchedEventsSize() const;
