@@ -24,6 +24,9 @@ class SandboxExtension {
 
   [[nodiscard]] virtual bool isRegularFile() const = 0;
 
+  /// Bytes that the file has at this moment; others may write to it.
+  [[nodiscard]] virtual uint64_t size() const = 0;
+
   /// Up to `buffer.size()` bytes from `offset` on; 0 at the end of the file. May block
   /// on the file's medium.
   [[nodiscard]] virtual Result<size_t, Error> read(uint64_t offset, std::span<char> buffer) const = 0;

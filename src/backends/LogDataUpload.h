@@ -1,0 +1,23 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "connectivity/ReportingSessionConnectivityInterface.h"
+#include "platform/SystemLog.h"
+#include "platform/Value.h"
+
+namespace zun {
+
+/// Posts `logData`, as one keyed archive, to `postURL` and gives the location that the
+/// server tells in its answer. None, after an error line, without a URL, where the array
+/// has no archive (too deep or too large), without a helper, when the post fails, and
+/// when the answer is empty or no UTF-8. The answer's status does not matter.
+///
+/// Blocks until the post has ended; see `postAndWait` for whom that is allowed to.
+[[nodiscard]] std::optional<std::string> uploadLogDataArray(
+    const std::optional<std::string>& postURL, const Array& logData,
+    std::shared_ptr<ReportingSessionConnectivityInterface> helper, SystemLog& log);
+
+}  // namespace zun
