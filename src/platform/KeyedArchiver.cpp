@@ -28,6 +28,8 @@ class Archiver final {
  public:
   /// The object's index; none where it nests too deep.
   std::optional<int64_t> enter(const Value& value, size_t depth) {
+    const bool isContainer = value.isArray() || value.isDictionary();
+    if (isContainer && depth >= kKeyedArchiveDepth) return std::nullopt;
     if (const Array* const array = value.array()) return enterArray(*array, depth);
     if (const Dictionary* const dictionary = value.dictionary()) return enterDictionary(*dictionary, depth);
     return indexOf(identityOfScalar(value), value);
@@ -62,7 +64,6 @@ class Archiver final {
   }
 
   bool enterChild(const Value& child, size_t depth, Indices& into) {
-    if (depth >= kKeyedArchiveDepth) return false;
     const std::optional<int64_t> index = enter(child, depth + 1);
     if (index) into.push_back(*index);
     return index.has_value();

@@ -25,8 +25,7 @@ Dictionary layoutOf(const Value& root) {
   return list && list->isDictionary() ? *list->dictionary() : Dictionary();
 }
 
-Value nested(size_t depth) {
-  Value value = "core";
+Value nested(size_t depth, Value value = "core") {
   for (size_t i = 0; i < depth; ++i)
     value = i % 2 == 0 ? Value(Array{value}) : Value(Dictionary{{"k", value}});
   return value;
@@ -111,6 +110,8 @@ TEST(KeyedArchiverTest, ArrayOfIndicesAndItsTwinOfNumbersAreKeptApart) {
 TEST(KeyedArchiverTest, SixtyFourLevelsAreArchivedAndSixtyFiveAreNot) {
   EXPECT_EQ(roundTrip(nested(64)), nested(64));
   EXPECT_EQ(archiveObject(nested(65)), std::nullopt);
+  EXPECT_EQ(roundTrip(nested(63, Array{})), nested(63, Array{}));
+  EXPECT_EQ(archiveObject(nested(64, Dictionary{})), std::nullopt);
   EXPECT_EQ(archiveObject(nested(2000)), std::nullopt);
 }
 

@@ -1,0 +1,123 @@
+#include "backends/LogDataUpload.h"
+
+#include "connectivity/ReportingSessionConnectivityHelper.h"
+#include "platform/KeyedArchiver.h"
+#include "support/HTTPSTestServer.h"
+#include "support/TestPlatform.h"
+
+namespace zun {
+namespace {
+
+/// Uploads through a real helper to a real server, on the test's thread.
+class LogDataUploadTest : public PlatformTest {
+ protected:
+  using Helper = ReportingSessionConnectivityHelper;
+
+  LogDataUploadTest() : PlatformTest(nullptr, HTTPSTestServer::caFile()) {
+    helper_ = Helper::create(platform_.services, {}, kPOSTMode);
+    helper_->activate(Helper::kDefaultReleaseTimeout);
+  }
+  void TearDown() override {
+    const std::weak_ptr<Helper> weak = helper_;
+    if (helper_) helper_->invalidate();
+    helper_.reset();
+    while (!weak.expired() || !platform_.workers.activity().isIdle) std::this_thread::yield();
+    PlatformTest::TearDown();
+  }
+
+  std::optional<std::string> upload(const Array& logData = {"line"}) {
+    return uploadLogDataArray(server_.url("/logs"), logData, helper_, platform_.log);
+  }
+  void expectFailure(const std::string& why) {
+    expectErrors({"DashboardBackend(uploadLogData): Error uploading log data array (" + why + ")"});
+  }
+
+  HTTPSTestServer server_;
+  std::shared_ptr<Helper> helper_;
+};
+
+TEST_F(LogDataUploadTest, PostsTheArrayAsAKeyedArchiveAndGivesTheLocation) {
+  server_.answer("/logs", {.body = "https://logs.example/größe"});
+  const Array logData = {"line", Dictionary{{"level", 3}, {"text", "line"}}, Value::data("\1\2")};
+  EXPECT_EQ(upload(logData), "https://logs.example/größe");
+  expectDebugLine("DashboardBackend(uploadLogData): Log data uploaded to https://logs.example/größe");
+
+  ASSERT_EQ(server_.requests().size(), 1U);
+  const TestRequest request = server_.requests()[0];
+  EXPECT_EQ(request.method, "POST");
+  EXPECT_EQ(request.header("Content-Type"), "application/octet-stream");
+  const auto archived = unarchiveObject(request.body);
+  ASSERT_TRUE(archived) << archived.error();
+  EXPECT_EQ(*archived, Value(logData));
+}
+
+TEST_F(LogDataUploadTest, EmptyArrayIsUploadedToo) {
+  server_.answer("/logs", {.body = "somewhere"});
+  EXPECT_EQ(upload(Array{}), "somewhere");
+}
+
+TEST_F(LogDataUploadTest, WithoutPostURLNothingIsSent) {
+  EXPECT_EQ(uploadLogDataArray(std::nullopt, {"line"}, helper_, platform_.log), std::nullopt);
+  expectErrors({"DashboardBackend(uploadLogData): Post URL for log data array is nil"});
+}
+
+TEST_F(LogDataUploadTest, ArrayWithoutAnArchiveIsNotSent) {
+  Array tooDeep;
+  for (size_t i = 0; i < kKeyedArchiveDepth; ++i) tooDeep = Array{Value(tooDeep)};
+  EXPECT_EQ(upload(tooDeep), std::nullopt);
+  expectErrors({"DashboardBackend(uploadLogData): Failed to serialize log data array for upload"});
+  EXPECT_TRUE(server_.requests().empty());
+}
+
+TEST_F(LogDataUploadTest, WithoutHelperItFailsInsteadOfWaiting) {
+  EXPECT_EQ(uploadLogDataArray(server_.url("/logs"), {"line"}, nullptr, platform_.log), std::nullopt);
+  expectFailure("there is no connectivity helper");
+}
+
+TEST_F(LogDataUploadTest, RequestThatTheHelperDropsEndsTheWait) {
+  helper_->invalidate();
+  EXPECT_EQ(upload(), std::nullopt);
+  expectFailure("the request was dropped");
+}
+
+TEST_F(LogDataUploadTest, FailedPostTellsItsError) {
+  server_.answer("/logs", TestAnswer::ended(TestAnswer::Ending::kNoAnswer));
+  EXPECT_EQ(upload(), std::nullopt);
+  const auto errors = platform_.log.takeErrors();
+  ASSERT_EQ(errors.size(), 1U);
+  EXPECT_TRUE(errors[0].starts_with("DashboardBackend(uploadLogData): Error uploading log data array ("));
+  EXPECT_EQ(errors[0].find("(null)"), std::string::npos);
+}
+
+TEST_F(LogDataUploadTest, URLThatCannotBeAskedFails) {
+  EXPECT_EQ(uploadLogDataArray("ftp://127.0.0.1/logs", {"line"}, helper_, platform_.log), std::nullopt);
+  EXPECT_EQ(platform_.log.takeErrors().size(), 1U);
+}
+
+TEST_F(LogDataUploadTest, AnswerThatBreaksOffFails) {
+  TestAnswer answer{.body = "https://logs.example/1"};
+  answer.ending = TestAnswer::Ending::kCloseMidAnswer;
+  server_.answer("/logs", answer);
+  EXPECT_EQ(upload(), std::nullopt);
+  EXPECT_EQ(platform_.log.takeErrors().size(), 1U);
+}
+
+TEST_F(LogDataUploadTest, StatusDoesNotMatter) {
+  server_.answer("/logs", {.status = 500, .body = "still a place"});
+  EXPECT_EQ(upload(), "still a place");
+}
+
+TEST_F(LogDataUploadTest, EmptyBodyIsNoLocation) {
+  server_.answer("/logs", {.body = ""});
+  EXPECT_EQ(upload(), std::nullopt);
+  expectFailure("the answer has no body");
+}
+
+TEST_F(LogDataUploadTest, BodyThatIsNoTextIsNoLocation) {
+  server_.answer("/logs", {.body = "caf\xE9"});
+  EXPECT_EQ(upload(), std::nullopt);
+  expectFailure("the answer is not UTF-8");
+}
+
+}  // namespace
+}  // namespace zun
