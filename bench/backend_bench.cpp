@@ -22,6 +22,7 @@
 #include "platform/linux/SystemLocale.h"
 #include "platform/linux/SystemLogs.h"
 #include "platform/linux/SystemRandom.h"
+#include "platform/linux/UDPSockets.h"
 #include "platform/linux/WorkerPool.h"
 #include "zunreporting/Keys.h"
 
@@ -121,11 +122,12 @@ class Setup {
   ResourceBundle bundle{scratch, log};
   std::unique_ptr<EventLoop> loop = EventLoop::create();
   ServiceTransactions transactions{*loop, nullptr};
+  UDPSockets sockets{*loop};
   WorkerPool workers{2};
   FileUserDefaults defaults;
   CurlURLSessionService urlSessions;
-  PlatformServices platform{log,    clock,  random,  files, defaults,    device,
-                            locale, bundle, workers, *loop, urlSessions, transactions};
+  PlatformServices platform{log,    clock,   random, files,       defaults,     device, locale,
+                            bundle, workers, *loop,  urlSessions, transactions, sockets};
   DeviceIdentity identity{platform};
   MessageLog messageLog{platform};
   ReportingServices services{platform, identity, messageLog};

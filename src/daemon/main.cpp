@@ -32,6 +32,7 @@
 #include "platform/linux/SystemLogs.h"
 #include "platform/linux/SystemRandom.h"
 #include "platform/linux/ThreadQuality.h"
+#include "platform/linux/UDPSockets.h"
 #include "platform/linux/WorkerPool.h"
 #include "platform/linux/dbus/DBusServiceListener.h"
 #include "storebag/NetworkStorebagFetcher.h"
@@ -57,10 +58,11 @@ class Machine final {
         defaults(files, log),
         device(files, log),
         transactions(loop, std::move(transactionChanged)),
+        sockets(loop),
         workers(kWorkerThreads),
         urlSessions({.caFile = options.caFile}, log),
-        services{log,    clock,  random,  files, defaults,    device,
-                 locale, bundle, workers, loop,  urlSessions, transactions} {
+        services{log,    clock,   random, files,       defaults,     device, locale,
+                 bundle, workers, loop,   urlSessions, transactions, sockets} {
     identity.emplace(services);
     messageLog.emplace(services);
   }
@@ -74,6 +76,7 @@ class Machine final {
   FileUserDefaults defaults;
   SystemDeviceProperties device;
   ServiceTransactions transactions;
+  UDPSockets sockets;
   std::optional<DeviceIdentity> identity;
   std::optional<MessageLog> messageLog;
   // Last, so that they end first: ending transfers still call back, on the workers, and

@@ -2,6 +2,7 @@
 
 #include "platform/Bundle.h"
 #include "platform/Clock.h"
+#include "platform/DatagramSocket.h"
 #include "platform/DeviceProperties.h"
 #include "platform/FileManager.h"
 #include "platform/Locale.h"
@@ -31,6 +32,7 @@ struct PlatformServices {
   TimerService& timers;
   URLSessionService& urlSessions;
   ProcessTransactions& transactions;
+  DatagramSocketService& sockets;
 };
 
 }  // namespace zun
