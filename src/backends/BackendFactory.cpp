@@ -2,6 +2,8 @@
 #include <iterator>
 
 #include "backends/HTTPSPostBackend.h"
+#include "backends/JoulexBackend.h"
+#include "backends/KodoBackend.h"
 #include "zunreporting/Keys.h"
 
 namespace zun {
@@ -10,7 +12,11 @@ namespace {
 
 using zunreporting::kZunReportingBackendHTTPPost;
 using zunreporting::kZunReportingBackendHTTPPost2;
+using zunreporting::kZunReportingBackendJoulex;
+using zunreporting::kZunReportingBackendKodo;
 using zunreporting::kZunReportingBackendQRS;
+
+constexpr std::string_view kHostWithoutKodo = "Brindle";
 
 /// What a backend is made from.
 struct Section {
@@ -31,6 +37,15 @@ std::shared_ptr<ZunReportingBackend> makeHTTPSPost(const Section& section) {
                                         section.productFamily);
 }
 
+std::shared_ptr<ZunReportingBackend> makeJoulex(const Section& section) {
+  return JoulexBackend::initWithName(section.services, section.name, section.profile, section.productFamily);
+}
+
+std::shared_ptr<ZunReportingBackend> makeKodo(const Section& section) {
+  return KodoBackend::initWithName(section.services, section.name, section.profile, section.productFamily,
+                                   section.clientType);
+}
+
 template <const std::string_view& name>
 bool equals(const Section& section) {
   return section.name == name;
@@ -41,11 +56,19 @@ bool contains(const Section& section) {
   return section.name.find(part) != std::string_view::npos;
 }
 
+/// The metrics adaptor is not for every host.
+bool isKodoOnHostThatHasIt(const Section& section) {
+  return section.name == kZunReportingBackendKodo &&
+         section.services.identity.productType() != kHostWithoutKodo;
+}
+
 /// The first kind that a name fits is the one.
 constexpr Kind kKinds[] = {
     {contains<kZunReportingBackendHTTPPost>, makeHTTPSPost},
     {equals<kZunReportingBackendHTTPPost2>, makeHTTPSPost},
+    {equals<kZunReportingBackendJoulex>, makeJoulex},
     {equals<kZunReportingBackendQRS>, makeHTTPSPost},
+    {isKodoOnHostThatHasIt, makeKodo},
 };
 
 }  // namespace

@@ -2,10 +2,11 @@
 
 #include "platform/Bundle.h"
 #include "platform/Clock.h"
-#include "platform/DatagramSocket.h"
 #include "platform/DeviceProperties.h"
 #include "platform/FileManager.h"
 #include "platform/Locale.h"
+#include "platform/ModuleLoader.h"
+#include "platform/PowerLog.h"
 #include "platform/ProcessTransactions.h"
 #include "platform/RandomSource.h"
 #include "platform/SerialQueue.h"
@@ -32,7 +33,8 @@ struct PlatformServices {
   TimerService& timers;
   URLSessionService& urlSessions;
   ProcessTransactions& transactions;
-  DatagramSocketService& sockets;
+  ModuleLoader& modules;
+  PowerLog& powerLog;
 };
 
 }  // namespace zun

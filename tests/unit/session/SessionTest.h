@@ -25,7 +25,6 @@ class IdleConnection final : public ServiceConnection {
  public:
   std::optional<bool> booleanEntitlement(std::string_view) const override { return true; }
   std::string description() const override { return "<IdleConnection>"; }
-  std::shared_ptr<SandboxExtensions> sandboxExtensions() const override { return nullptr; }
   void setExportedInterface(const ServiceInterface&) override {}
   void setRemoteObjectInterface(const ServiceInterface&) override {}
   void setExportedObject(std::shared_ptr<ExportedObject>) override {}
