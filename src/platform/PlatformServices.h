@@ -2,11 +2,10 @@
 
 #include "platform/Bundle.h"
 #include "platform/Clock.h"
+#include "platform/DatagramSocket.h"
 #include "platform/DeviceProperties.h"
 #include "platform/FileManager.h"
 #include "platform/Locale.h"
-#include "platform/ModuleLoader.h"
-#include "platform/PowerLog.h"
 #include "platform/ProcessTransactions.h"
 #include "platform/RandomSource.h"
 #include "platform/SerialQueue.h"
@@ -33,8 +32,7 @@ struct PlatformServices {
   TimerService& timers;
   URLSessionService& urlSessions;
   ProcessTransactions& transactions;
-  ModuleLoader& modules;
-  PowerLog& powerLog;
+  DatagramSocketService& sockets;
 };
 
 }  // namespace zun

@@ -22,6 +22,8 @@ class SandboxExtension {
  public:
   virtual ~SandboxExtension() = default;
 
+  /// False as well for what only looks like a file and would show more to the daemon than
+  /// to its client, as the kernel's own file systems do. Nothing else can be read.
   [[nodiscard]] virtual bool isRegularFile() const = 0;
 
   /// Bytes that the file has at this moment; others may write to it.
@@ -43,7 +45,8 @@ class SandboxExtensions {
   virtual ~SandboxExtensions() = default;
 
   /// Access to the file at `path`, if the token was issued here, for that very file, and
-  /// `path` is no symbolic link. A token serves once. A NUL at its end does not count.
+  /// `path` is absolute and no symbolic link. A token serves once, a wrong path leaves it.
+  /// A NUL at its end does not count.
   virtual Result<std::unique_ptr<SandboxExtension>, Error> consume(std::string_view token,
                                                                    const std::string& path) = 0;
 };

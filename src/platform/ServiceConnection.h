@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "platform/SandboxExtension.h"
 #include "platform/UniqueFunction.h"
 #include "platform/Value.h"
 
@@ -93,6 +94,10 @@ class ServiceConnection {
 
   /// One line for logs: process id, user, executable.
   [[nodiscard]] virtual std::string description() const = 0;
+
+  /// What the peer has handed over by descriptor and nobody has used yet. May outlive the
+  /// connection, and then gives nothing any more.
+  [[nodiscard]] virtual std::shared_ptr<SandboxExtensions> sandboxExtensions() const = 0;
 
   // Before resume. The interfaces and names they refer to live as long as the program.
   virtual void setExportedInterface(const ServiceInterface& interface) = 0;

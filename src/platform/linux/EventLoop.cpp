@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "platform/Mutex.h"
+#include "platform/linux/ReadSources.h"
 
 namespace zun {
 
@@ -91,7 +92,21 @@ struct EventLoop::Loop {
   std::shared_ptr<Inbox> inbox;
   std::unique_ptr<sd_event, EventDeleter> event;
   Source wakeUp;
+  std::shared_ptr<ReadSources> readSources;
+  Source readiness;
   bool isQuitting = false;
+
+  ~Loop() {
+    if (readSources != nullptr) readSources->end();
+  }
+
+  /// Calls `handler` with this loop whenever `descriptor` can be read from.
+  bool onReadable(Source& source, int descriptor, sd_event_io_handler_t handler) {
+    sd_event_source* added = nullptr;
+    if (sd_event_add_io(event.get(), &added, descriptor, EPOLLIN, handler, this) < 0) return false;
+    source.reset(added);
+    return true;
+  }
 
   struct SignalHandler {
     UniqueFunction<void()> handler;
@@ -227,13 +242,18 @@ std::unique_ptr<EventLoop> EventLoop::create() {
   const int wakeUp = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   if (wakeUp < 0) return nullptr;
   loop->inbox = std::make_shared<Inbox>(wakeUp);
+  loop->readSources = ReadSources::create();
+  if (loop->readSources == nullptr) return nullptr;
   constexpr auto onWakeUp = [](sd_event_source*, int, uint32_t, void* context) noexcept {
     static_cast<Loop*>(context)->runPosted();
     return 0;
   };
-  sd_event_source* source = nullptr;
-  if (sd_event_add_io(event, &source, wakeUp, EPOLLIN, onWakeUp, loop.get()) < 0) return nullptr;
-  loop->wakeUp.reset(source);
+  constexpr auto onReadiness = [](sd_event_source*, int, uint32_t, void* context) noexcept {
+    static_cast<Loop*>(context)->readSources->dispatch();
+    return 0;
+  };
+  if (!loop->onReadable(loop->wakeUp, wakeUp, onWakeUp)) return nullptr;
+  if (!loop->onReadable(loop->readiness, loop->readSources->descriptor(), onReadiness)) return nullptr;
   (void)sd_event_set_watchdog(event, 1);  // does nothing unless the service manager asked
   return std::unique_ptr<EventLoop>(new EventLoop(std::move(loop)));
 }
@@ -292,6 +312,14 @@ std::shared_ptr<TimerSource> EventLoop::startTimer(const TimerOptions& options,
   timer->attach(*loop_, loop_->inbox);
   post([loop = loop_.get(), timer] { loop->add(timer); });
   return timer;
+}
+
+std::shared_ptr<ReadSource> EventLoop::startReadSource(std::shared_ptr<const FileDescriptor> descriptor,
+                                                       std::shared_ptr<SerialQueue> queue,
+                                                       UniqueFunction<void()> readable,
+                                                       UniqueFunction<void()> cancelled) {
+  return loop_->readSources->start(std::move(descriptor), std::move(queue), std::move(readable),
+                                   std::move(cancelled));
 }
 
 }  // namespace zun

@@ -3,19 +3,22 @@
 #include <initializer_list>
 #include <memory>
 
+#include "platform/DatagramSocket.h"
 #include "platform/TimerService.h"
 #include "platform/UniqueFunction.h"
+#include "platform/linux/FileDescriptor.h"
 
 namespace zun {
 
-/// The main thread's loop: timers, signals, functions posted from other threads, and
-/// the service manager's watchdog where that asks for signs of life.
+/// The main thread's loop: timers, read sources, signals, functions posted from other
+/// threads, and the service manager's watchdog where that asks for signs of life.
 ///
 ///   create ──▶ onSignal ... ──▶ run (until quit) ──▶ end: no timer fires any more
 ///
-/// Threading: `run` and `onSignal` on one thread; `post`, `quit`, timers on any.
-/// Ownership: owned by main; timers and posted functions may outlive it and then do
-/// nothing.
+/// Threading: `run` and `onSignal` on one thread; `post`, `quit`, timers and read sources
+/// on any.
+/// Ownership: owned by main; timers, read sources and posted functions may outlive it and
+/// then do nothing.
 class EventLoop final : public TimerService {
  public:
   /// Null if the system has no descriptors or memory left for one.
@@ -48,6 +51,12 @@ class EventLoop final : public TimerService {
   std::shared_ptr<TimerSource> startTimer(const TimerOptions& options, std::shared_ptr<SerialQueue> queue,
                                           UniqueFunction<void()> fired,
                                           UniqueFunction<void()> cancelled) override;
+
+  /// As DatagramSocket::startReadSource, for any descriptor that can be waited on.
+  std::shared_ptr<ReadSource> startReadSource(std::shared_ptr<const FileDescriptor> descriptor,
+                                              std::shared_ptr<SerialQueue> queue,
+                                              UniqueFunction<void()> readable,
+                                              UniqueFunction<void()> cancelled);
 
  private:
   class Inbox;

@@ -48,6 +48,7 @@ DBusServiceConnection::DBusServiceConnection(FileDescriptor socket, FileDescript
       serverID_(std::move(serverID)),
       options_(options),
       description_(peer_.description()),
+      extensions_(std::make_shared<FileExtensions>(peer_.fileSystemIdentity())),
       log_(log),
       socket_(std::move(socket)),
       wake_(std::move(wake)),
@@ -307,6 +308,7 @@ void DBusServiceConnection::end() {
   output_->flush();
   output_->close();
   socket_.reset();
+  extensions_->invalidate();
   if (invalidationHandler_) invalidationHandler_();
   // They may hold this connection, as it holds them.
   invalidationHandler_ = nullptr;

@@ -10,6 +10,7 @@
 #include "platform/ServiceConnection.h"
 #include "platform/SystemLog.h"
 #include "platform/linux/FileDescriptor.h"
+#include "platform/linux/FileExtensions.h"
 #include "platform/linux/dbus/DBusInput.h"
 #include "platform/linux/dbus/DBusObjects.h"
 #include "platform/linux/dbus/DBusOutput.h"
@@ -52,6 +53,7 @@ class DBusServiceConnection final : public ServiceConnection {
 
   std::optional<bool> booleanEntitlement(std::string_view name) const override;
   std::string description() const override { return description_; }
+  std::shared_ptr<SandboxExtensions> sandboxExtensions() const override { return extensions_; }
   void setExportedInterface(const ServiceInterface& interface) override;
   void setRemoteObjectInterface(const ServiceInterface& interface) override;
   void setExportedObject(std::shared_ptr<ExportedObject> object) override;
@@ -86,6 +88,7 @@ class DBusServiceConnection final : public ServiceConnection {
   const std::string serverID_;
   const DBusConnectionOptions options_;
   const std::string description_;
+  const std::shared_ptr<FileExtensions> extensions_;
   SystemLog& log_;
   FileDescriptor socket_;
   FileDescriptor wake_;

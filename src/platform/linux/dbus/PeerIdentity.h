@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "platform/linux/FileSystemIdentity.h"
+
 namespace zun {
 
 /// Who is at the other end of a socket, as the kernel tells: nothing a client says
@@ -19,6 +21,8 @@ struct PeerIdentity {
 
   /// One line for logs.
   [[nodiscard]] std::string description() const;
+
+  [[nodiscard]] FileSystemIdentity fileSystemIdentity() const { return {user, group, supplementaryGroups}; }
 };
 
 /// Reads the identity of a connected Unix socket's peer; none when the kernel has none.

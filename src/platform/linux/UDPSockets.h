@@ -1,0 +1,21 @@
+#pragma once
+
+#include "platform/DatagramSocket.h"
+#include "platform/linux/EventLoop.h"
+
+namespace zun {
+
+/// The system's UDP sockets, with their read sources on the event loop.
+///
+/// Threading: any thread. Ownership: by main; `loop` outlives it and its sockets' users.
+class UDPSockets final : public DatagramSocketService {
+ public:
+  explicit UDPSockets(EventLoop& loop) : loop_(loop) {}
+
+  Result<std::unique_ptr<DatagramSocket>, Error> makeSocket() override;
+
+ private:
+  EventLoop& loop_;
+};
+
+}  // namespace zun
