@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <limits>
 #include <new>
+#include <utility>
 
 namespace zun {
 
@@ -32,6 +33,23 @@ const char* compressionMessage(int code) {
     default: return "Unknown error code.";
   }
 }
+
+void logSetUpFailure(SystemLog& log, int code, const char* message) {
+  log.error("compressDataWithZlibOrGzip: deflateInit2() Error: \"{}\" Message: \"{}\"", setUpMessage(code),
+            message);
+}
+
+void logFailure(SystemLog& log, int code, const char* message) {
+  log.error("compressDataWithZlibOrGzip: zlib error while attempting compression: \"{}\" Message: \"{}\"",
+            compressionMessage(code), message);
+}
+
+void logSuccess(SystemLog& log, size_t from, size_t to) {
+  log.debug("compressDataWithZlibOrGzip: Compressed file from {} to {}", static_cast<uint32_t>(from),
+            static_cast<uint32_t>(to));
+}
+
+}  // namespace
 
 /// A deflate stream that ends with its scope.
 class DeflateStream final {
@@ -68,12 +86,26 @@ class DeflateStream final {
     return status;
   }
 
+  /// Sets what `deflateInto` takes next; zlib counts it in 32 bits.
+  void setInput(std::string_view bytes) {
+    stream_.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(bytes.data()));
+    stream_.avail_in = static_cast<uInt>(bytes.size());
+  }
+  /// One step into `buffer`; sets `count` to the bytes that it has then.
+  int deflateInto(std::string& buffer, int flush, size_t& count) {
+    stream_.next_out = reinterpret_cast<Bytef*>(buffer.data());
+    stream_.avail_out = static_cast<uInt>(buffer.size());
+    const int status = deflate(&stream_, flush);
+    count = buffer.size() - stream_.avail_out;
+    return status;
+  }
+  size_t totalIn() const { return stream_.total_in; }
+  size_t totalOut() const { return stream_.total_out; }
+
  private:
   z_stream stream_{};
   int status_;
 };
-
-}  // namespace
 
 std::optional<std::string> compressDataWithZlibOrGzip(CompressionWrapper wrapper, std::string_view bytes,
                                                       SystemLog& log) {
@@ -83,8 +115,7 @@ std::optional<std::string> compressDataWithZlibOrGzip(CompressionWrapper wrapper
   }
   DeflateStream stream(wrapper);
   if (stream.setUpStatus() != Z_OK) {
-    log.error("compressDataWithZlibOrGzip: deflateInit2() Error: \"{}\" Message: \"{}\"",
-              setUpMessage(stream.setUpStatus()), stream.message());
+    logSetUpFailure(log, stream.setUpStatus(), stream.message());
     return std::nullopt;
   }
   std::string output;
@@ -96,13 +127,69 @@ std::optional<std::string> compressDataWithZlibOrGzip(CompressionWrapper wrapper
     status = Z_MEM_ERROR;
   }
   if (status != Z_STREAM_END) {
-    log.error("compressDataWithZlibOrGzip: zlib error while attempting compression: \"{}\" Message: \"{}\"",
-              compressionMessage(status), stream.message());
+    logFailure(log, status, stream.message());
     return std::nullopt;
   }
-  log.debug("compressDataWithZlibOrGzip: Compressed file from {} to {}", static_cast<uint32_t>(bytes.size()),
-            static_cast<uint32_t>(output.size()));
+  logSuccess(log, bytes.size(), output.size());
   return output;
+}
+
+// MARK: - In pieces
+
+namespace {
+constexpr size_t kOutputBytes = size_t{64} << 10;
+}  // namespace
+
+StreamingCompressor::StreamingCompressor(std::unique_ptr<DeflateStream> stream, SystemLog& log)
+    : stream_(std::move(stream)), log_(log), output_(kOutputBytes, '\0') {}
+
+StreamingCompressor::~StreamingCompressor() = default;
+
+std::unique_ptr<StreamingCompressor> StreamingCompressor::create(CompressionWrapper wrapper,
+                                                                 SystemLog& log) try {
+  auto stream = std::make_unique<DeflateStream>(wrapper);
+  if (stream->setUpStatus() != Z_OK) {
+    logSetUpFailure(log, stream->setUpStatus(), stream->message());
+    return nullptr;
+  }
+  return std::unique_ptr<StreamingCompressor>(new StreamingCompressor(std::move(stream), log));
+} catch (const std::bad_alloc&) {
+  logSetUpFailure(log, Z_MEM_ERROR, "(null)");
+  return nullptr;
+}
+
+bool StreamingCompressor::add(std::string_view bytes, const Sink& sink) {
+  constexpr size_t kPiece = std::numeric_limits<uInt>::max();
+  while (!bytes.empty()) {
+    if (!push(bytes.substr(0, kPiece), Z_NO_FLUSH, sink)) return false;
+    bytes.remove_prefix(std::min(bytes.size(), kPiece));
+  }
+  return true;
+}
+
+bool StreamingCompressor::finish(const Sink& sink) {
+  if (stream_->totalIn() == 0) {
+    log_.error("compressDataWithZlibOrGzip: Cannot compress empty NSData");
+    return false;
+  }
+  if (!push({}, Z_FINISH, sink)) return false;
+  logSuccess(log_, stream_->totalIn(), stream_->totalOut());
+  return true;
+}
+
+/// Until the input is used up; at the end, until the stream has said so.
+bool StreamingCompressor::push(std::string_view bytes, int flush, const Sink& sink) {
+  stream_->setInput(bytes);
+  while (true) {
+    size_t count = 0;
+    const int status = stream_->deflateInto(output_, flush, count);
+    if (status != Z_OK && status != Z_STREAM_END && status != Z_BUF_ERROR) {
+      logFailure(log_, status, stream_->message());
+      return false;
+    }
+    if (count > 0 && !sink({output_.data(), count})) return false;
+    if (count < output_.size()) return true;  // had room left: all is out
+  }
 }
 
 std::optional<std::string> gzipDeflate(std::string_view bytes, SystemLog& log) {

@@ -2,6 +2,8 @@
 
 #include <atomic>
 #include <cstddef>
+#include <memory>
+#include <utility>
 
 namespace zun {
 
@@ -26,6 +28,31 @@ class MemoryBudget final {
 
  private:
   std::atomic<size_t> left_;
+};
+
+/// One holder's part of a budget, given back with the object. One thread at a time.
+class MemoryShare final {
+ public:
+  explicit MemoryShare(std::shared_ptr<MemoryBudget> budget) : budget_(std::move(budget)) {}
+  ~MemoryShare() { budget_->giveBack(bytes_); }
+  MemoryShare(const MemoryShare&) = delete;
+  MemoryShare& operator=(const MemoryShare&) = delete;
+
+  /// False, and nothing is taken, where the budget has less than `bytes` left.
+  [[nodiscard]] bool grow(size_t bytes) {
+    if (!budget_->take(bytes)) return false;
+    bytes_ += bytes;
+    return true;
+  }
+  /// Gives some of it back.
+  void shrink(size_t bytes) {
+    budget_->giveBack(bytes);
+    bytes_ -= bytes;
+  }
+
+ private:
+  const std::shared_ptr<MemoryBudget> budget_;
+  size_t bytes_ = 0;
 };
 
 }  // namespace zun
