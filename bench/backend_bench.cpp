@@ -14,16 +14,15 @@
 #include "platform/linux/CurlURLSession.h"
 #include "platform/linux/EventLoop.h"
 #include "platform/linux/FileUserDefaults.h"
-#include "platform/linux/JournalPowerLog.h"
 #include "platform/linux/LinuxFileManager.h"
 #include "platform/linux/ResourceBundle.h"
 #include "platform/linux/ServiceTransactions.h"
-#include "platform/linux/SharedObjectLoader.h"
 #include "platform/linux/SystemClock.h"
 #include "platform/linux/SystemDeviceProperties.h"
 #include "platform/linux/SystemLocale.h"
 #include "platform/linux/SystemLogs.h"
 #include "platform/linux/SystemRandom.h"
+#include "platform/linux/UDPSockets.h"
 #include "platform/linux/WorkerPool.h"
 #include "zunreporting/Keys.h"
 
@@ -123,13 +122,12 @@ class Setup {
   ResourceBundle bundle{scratch, log};
   std::unique_ptr<EventLoop> loop = EventLoop::create();
   ServiceTransactions transactions{*loop, nullptr};
-  SharedObjectLoader modules;
-  LinePowerLog powerLog{log};
+  UDPSockets sockets{*loop};
   WorkerPool workers{2};
   FileUserDefaults defaults;
   CurlURLSessionService urlSessions;
-  PlatformServices platform{log,    clock,   random, files,       defaults,     device,  locale,
-                            bundle, workers, *loop,  urlSessions, transactions, modules, powerLog};
+  PlatformServices platform{log,    clock,   random, files,       defaults,     device, locale,
+                            bundle, workers, *loop,  urlSessions, transactions, sockets};
   DeviceIdentity identity{platform};
   MessageLog messageLog{platform};
   ReportingServices services{platform, identity, messageLog};

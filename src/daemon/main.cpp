@@ -21,19 +21,18 @@
 #include "platform/linux/EntitlementStore.h"
 #include "platform/linux/EventLoop.h"
 #include "platform/linux/FileUserDefaults.h"
-#include "platform/linux/JournalPowerLog.h"
 #include "platform/linux/LinuxFileManager.h"
 #include "platform/linux/ProcessLimits.h"
 #include "platform/linux/ResourceBundle.h"
 #include "platform/linux/ServiceManager.h"
 #include "platform/linux/ServiceTransactions.h"
-#include "platform/linux/SharedObjectLoader.h"
 #include "platform/linux/SystemClock.h"
 #include "platform/linux/SystemDeviceProperties.h"
 #include "platform/linux/SystemLocale.h"
 #include "platform/linux/SystemLogs.h"
 #include "platform/linux/SystemRandom.h"
 #include "platform/linux/ThreadQuality.h"
+#include "platform/linux/UDPSockets.h"
 #include "platform/linux/WorkerPool.h"
 #include "platform/linux/dbus/DBusServiceListener.h"
 #include "storebag/NetworkStorebagFetcher.h"
@@ -59,11 +58,11 @@ class Machine final {
         defaults(files, log),
         device(files, log),
         transactions(loop, std::move(transactionChanged)),
-        powerLog(makePowerLog(options.logTarget, log)),
+        sockets(loop),
         workers(kWorkerThreads),
         urlSessions({.caFile = options.caFile}, log),
-        services{log,    clock,   random, files,       defaults,     device,  locale,
-                 bundle, workers, loop,   urlSessions, transactions, modules, *powerLog} {
+        services{log,    clock,   random, files,       defaults,     device, locale,
+                 bundle, workers, loop,   urlSessions, transactions, sockets} {
     identity.emplace(services);
     messageLog.emplace(services);
   }
@@ -77,8 +76,7 @@ class Machine final {
   FileUserDefaults defaults;
   SystemDeviceProperties device;
   ServiceTransactions transactions;
-  SharedObjectLoader modules;
-  std::unique_ptr<PowerLog> powerLog;
+  UDPSockets sockets;
   std::optional<DeviceIdentity> identity;
   std::optional<MessageLog> messageLog;
   // Last, so that they end first: ending transfers still call back, on the workers, and

@@ -25,6 +25,8 @@ class ClientSessionInterface {
   using ResponseReply = UniqueFunction<void(const std::optional<std::string>& response)>;
   using FlushReply =
       UniqueFunction<void(const std::optional<std::string>& result, const std::optional<Error>& error)>;
+  using UploadFileReply = UniqueFunction<void(bool succeeded)>;
+  using UploadLogReply = UniqueFunction<void(bool succeeded, const std::optional<Error>& error)>;
 
   virtual ~ClientSessionInterface() = default;
 
@@ -51,6 +53,15 @@ class ClientSessionInterface {
 
   /// The session's end, when it comes, is meant.
   virtual void finishSessionGracefully() = 0;
+
+  /// Uploads a file that the client opened and had a token issued for. True once that has
+  /// been attempted. Blocks until the server has answered.
+  virtual void uploadFileAtPath(const std::string& fileURL, const std::string& extensionToken,
+                                UploadFileReply completionHandler) = 0;
+
+  /// Uploads log records. True when a server took them; the error stays empty. Blocks
+  /// likewise.
+  virtual void uploadLogData(const Array& logData, UploadLogReply completionHandler) = 0;
 
   /// Reports one event of a session that is described here and now. The status is
   /// "finished" or why not.

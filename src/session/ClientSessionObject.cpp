@@ -107,6 +107,20 @@ void finishSession(ClientSessionInterface& session, const Array&, ServiceReply r
   reply.send();
 }
 
+void uploadFile(ClientSessionInterface& session, const Array& arguments, ServiceReply reply) {
+  session.uploadFileAtPath(std::string(arguments[0].stringValue()), std::string(arguments[1].dataValue()),
+                           [reply = std::move(reply)](bool succeeded) mutable { reply.send({succeeded}); });
+}
+
+void uploadLogData(ClientSessionInterface& session, const Array& arguments, ServiceReply reply) {
+  const Array* const logData = arguments[0].array();
+  session.uploadLogData(
+      logData == nullptr ? Array() : *logData,
+      [reply = std::move(reply)](bool succeeded, const std::optional<Error>& error) mutable {
+        reply.send({succeeded, wireError(error)});
+      });
+}
+
 void sendMessageWithSessionInfo(ClientSessionInterface& session, const Array& arguments, ServiceReply reply) {
   session.sendMessageWithSessionInfo(dictionaryArgument(arguments[0]),
                                      optionalDictionaryArgument(arguments[1]), uint16Argument(arguments[2]),
@@ -141,6 +155,10 @@ constexpr ServiceArgument kDisplayURL[] = {{"displayURL", "s"}};
 constexpr ServiceArgument kMessageIn[] = {{"message", "a{sv}"}};
 constexpr ServiceArgument kResponse[] = {{"response", "as"}};
 constexpr ServiceArgument kFlushOut[] = {{"result", "as"}, {"error", "a(sis)"}};
+constexpr ServiceArgument kUploadFileIn[] = {{"fileURL", "s"}, {"extensionToken", "ay"}};
+constexpr ServiceArgument kSuccess[] = {{"success", "b"}};
+constexpr ServiceArgument kLogDataIn[] = {{"logData", "av"}};
+constexpr ServiceArgument kLogDataOut[] = {{"success", "b"}, {"error", "a(sis)"}};
 constexpr ServiceArgument kSendWithSessionInfoIn[] = {{"sessionInfo", "a{sv}"},
                                                       {"userInfo", "aa{sv}"},
                                                       {"category", "q"},
@@ -159,6 +177,8 @@ constexpr Operation kOperations[] = {
     {{"sendMessageWithDictionary", kMessageIn, kResponse}, sendMessage},
     {{"flushMessagesWithCompletion", {}, kFlushOut}, flushMessages},
     {{"finishSessionGracefully", {}, {}}, finishSession},
+    {{"uploadFileAtPath", kUploadFileIn, kSuccess}, uploadFile},
+    {{"uploadLogData", kLogDataIn, kLogDataOut}, uploadLogData},
     {{"sendMessageWithSessionInfo", kSendWithSessionInfoIn, kStatus}, sendMessageWithSessionInfo},
     {{"updateSharedDataWithDictionary", kSharedDataIn, {}}, updateSharedData},
     {{"updateSharedDataForKey", kSharedDataForKeyIn, {}}, updateSharedDataForKey},

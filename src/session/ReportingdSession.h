@@ -68,6 +68,9 @@ class ReportingdSession final : public ClientSessionInterface,
   void sendMessageWithDictionary(const Dictionary& message, ResponseReply reply) override;
   void flushMessagesWithCompletion(FlushReply completion) override;
   void finishSessionGracefully() override;
+  void uploadFileAtPath(const std::string& fileURL, const std::string& extensionToken,
+                        UploadFileReply completionHandler) override;
+  void uploadLogData(const Array& logData, UploadLogReply completionHandler) override;
   void sendMessageWithSessionInfo(const Dictionary& sessionInfo, const std::optional<Dictionary>& userInfo,
                                   uint16_t category, uint16_t type, const std::optional<Dictionary>& payload,
                                   StringReply reply) override;
@@ -127,6 +130,10 @@ class ReportingdSession final : public ClientSessionInterface,
                                      const std::optional<Dictionary>& storebag, uint16_t category,
                                      uint16_t type, const std::optional<Dictionary>& payload);
   void sendOneMessageToBackends(uint16_t category, uint16_t type, const std::optional<Dictionary>& payload);
+
+  // SessionUpload.cpp
+  void uploadFileWithURL(const std::string& fileURL, const std::string& extensionToken,
+                         UploadFileReply completionHandler);
 
   // ReportingStates.cpp
   void createBackendsWithStorebag(const Dictionary& storebag);

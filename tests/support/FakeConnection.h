@@ -6,10 +6,12 @@
 #include <utility>
 
 #include "platform/ServiceConnection.h"
+#include "platform/linux/FileExtensions.h"
 
 namespace zun {
 
-/// One end of a connection, without a peer: the test makes the calls and ends it.
+/// One end of a connection, without a peer: the test makes the calls and ends it. The
+/// file extensions are the real ones, for a peer with the rights of this process.
 class FakeConnection final : public ServiceConnection {
  public:
   explicit FakeConnection(std::map<std::string, bool> entitlements, std::string description = "test peer")
@@ -20,6 +22,7 @@ class FakeConnection final : public ServiceConnection {
     return found == entitlements_.end() ? std::nullopt : std::optional(found->second);
   }
   std::string description() const override { return description_; }
+  std::shared_ptr<SandboxExtensions> sandboxExtensions() const override { return extensions; }
   void setExportedInterface(const ServiceInterface& interface) override { exportedInterface = &interface; }
   void setRemoteObjectInterface(const ServiceInterface& interface) override { remoteInterface = &interface; }
   void setExportedObject(std::shared_ptr<ExportedObject> object) override {
@@ -31,6 +34,7 @@ class FakeConnection final : public ServiceConnection {
 
   /// As the real one: the handler is called once, then all is let go.
   void invalidate() override {
+    extensions->invalidate();
     if (const auto handler = std::exchange(invalidated_, {})) handler();
     interrupted_ = {};
     exportedObject = nullptr;
@@ -44,6 +48,8 @@ class FakeConnection final : public ServiceConnection {
   const ServiceInterface* exportedInterface = nullptr;
   const ServiceInterface* remoteInterface = nullptr;
   std::shared_ptr<ExportedObject> exportedObject;
+  const std::shared_ptr<FileExtensions> extensions =
+      std::make_shared<FileExtensions>(FileSystemIdentity::ofProcess());
   bool isResumed = false;
 
  private:

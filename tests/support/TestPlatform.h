@@ -5,18 +5,18 @@
 #include "platform/PlatformServices.h"
 #include "platform/linux/CurlURLSession.h"
 #include "platform/linux/FileUserDefaults.h"
-#include "platform/linux/JournalPowerLog.h"
 #include "platform/linux/LinuxFileManager.h"
-#include "platform/linux/SharedObjectLoader.h"
+#include "platform/linux/UDPSockets.h"
 #include "platform/linux/WorkerPool.h"
 #include "support/Fakes.h"
+#include "support/LoopThread.h"
 #include "support/RecordingLog.h"
 #include "support/ScratchFolder.h"
 
 namespace zun {
 
-/// A whole platform over a scratch folder: real files, defaults, worker threads and
-/// URL sessions; time, timers, randomness, device, locale and bundle of the test's.
+/// A whole platform over a scratch folder: real files, defaults, worker threads, sockets
+/// and URL sessions; time, timers, randomness, device, locale and bundle of the test's.
 class TestPlatform {
  public:
   /// `executorToUse`: a test's own, such as a ManualExecutor; null for real threads.
@@ -26,11 +26,12 @@ class TestPlatform {
         defaults(files, log),
         timers(clock),
         urlSessions({.caFile = std::move(caFile)}, log),
-        services{log,     clock,       random,
-                 files,   defaults,    device,
-                 locale,  bundle,      executorToUse == nullptr ? workers : *executorToUse,
-                 timers,  urlSessions, transactions,
-                 modules, powerLog} {}
+        sockets(loopThread.loop()),
+        services{log,    clock,       random,
+                 files,  defaults,    device,
+                 locale, bundle,      executorToUse == nullptr ? workers : *executorToUse,
+                 timers, urlSessions, transactions,
+                 sockets} {}
 
   ScratchFolder scratch;
   RecordingLog log;
@@ -40,13 +41,13 @@ class TestPlatform {
   FakeLocale locale;
   FakeBundle bundle;
   FakeTransactions transactions;
-  SharedObjectLoader modules;
-  LinePowerLog powerLog{log};
   WorkerPool workers;
   LinuxFileManager files;
   FileUserDefaults defaults;
   FakeTimers timers;
   CurlURLSessionService urlSessions;
+  LoopThread loopThread;  // for the sockets
+  UDPSockets sockets;
   PlatformServices services;
 };
 

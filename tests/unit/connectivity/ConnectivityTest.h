@@ -90,7 +90,8 @@ class ConnectivityTest : public ::testing::Test {
         urlSessions_(platform_.urlSessions),
         services_{platform_.log,      platform_.clock,  platform_.random, platform_.files,
                   platform_.defaults, platform_.device, platform_.locale, platform_.bundle,
-                  executor_,          platform_.timers, urlSessions_,     platform_.transactions},
+                  executor_,          platform_.timers, urlSessions_,     platform_.transactions,
+                  platform_.sockets},
         holder_(std::make_shared<CountingHolder>()) {}
 
   void TearDown() override {

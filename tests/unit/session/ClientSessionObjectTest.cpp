@@ -58,6 +58,8 @@ TEST(ClientSessionInterfaceTest, MembersHaveTheirNamesAndSignatures) {
                          "sendMessageWithDictionary a{sv} -> as",
                          "flushMessagesWithCompletion  -> asa(sis)",
                          "finishSessionGracefully  -> ",
+                         "uploadFileAtPath say -> b",
+                         "uploadLogData av -> ba(sis)",
                          "sendMessageWithSessionInfo a{sv}aa{sv}qqaa{sv} -> s",
                          "updateSharedDataWithDictionary a{sv} -> ",
                          "updateSharedDataForKey sav -> ",
@@ -146,6 +148,22 @@ TEST_F(ClientSessionObjectTest, FlushThatNobodyWillEverCompleteAnswersNoReply) {
   agent_.storebag = Dictionary{{"a", Dictionary{{"flush", "dropped"}}}};
   begin("startConfigWithCompletionHandler");
   EXPECT_EQ(call("flushMessagesWithCompletion"), "error com.vantix.zunreportingd.Error.NoReply");
+}
+
+TEST_F(ClientSessionObjectTest, UploadsAnswerWhetherTheySucceeded) {
+  configure();
+  agent_.storebag = Dictionary{{"a", Dictionary{{"uploads", true}}}};
+  begin("startConfigWithCompletionHandler");
+  const Array file = {"file:///tmp/file", Value::data(std::string_view("to\0ken", 6))};
+  EXPECT_EQ(call("uploadFileAtPath", file), "return (true)");
+  EXPECT_EQ(backend("a").tokens.at(0).bytes, std::string("to\0ken", 6));
+  EXPECT_EQ(call("uploadLogData", {Value(Array{"line"})}), "return (true, ())");
+  agent_.storebag = Dictionary{{"a", Dictionary{}}};
+  begin("startConfigWithCompletionHandler");
+  EXPECT_EQ(call("uploadFileAtPath", file), "return (false)");
+  EXPECT_EQ(call("uploadLogData", {Value(Array{})}), "return (false, ())");
+  expectErrors(
+      {"uploadFileWithURL: File upload failed for /tmp/file", "uploadLogData: Log data array upload failed"});
 }
 
 TEST_F(ClientSessionObjectTest, SingleMessageAnswersItsStatus) {

@@ -12,6 +12,7 @@
 
 #include "FakeAgent.h"
 #include "TestBackend.h"
+#include "platform/linux/FileExtensions.h"
 #include "session/ReportingdSession.h"
 #include "support/TestPlatform.h"
 #include "zunreporting/Keys.h"
@@ -25,6 +26,7 @@ class IdleConnection final : public ServiceConnection {
  public:
   std::optional<bool> booleanEntitlement(std::string_view) const override { return true; }
   std::string description() const override { return "<IdleConnection>"; }
+  std::shared_ptr<SandboxExtensions> sandboxExtensions() const override { return extensions; }
   void setExportedInterface(const ServiceInterface&) override {}
   void setRemoteObjectInterface(const ServiceInterface&) override {}
   void setExportedObject(std::shared_ptr<ExportedObject>) override {}
@@ -33,6 +35,9 @@ class IdleConnection final : public ServiceConnection {
   void resume() override {}
   void invalidate() override {}
   std::optional<std::string> callRemote(size_t, const Array&) override { return std::nullopt; }
+
+  const std::shared_ptr<FileExtensions> extensions =
+      std::make_shared<FileExtensions>(FileSystemIdentity::ofProcess());
 };
 
 inline Dictionary sessionInfo(int64_t sessionID, const Dictionary& more = {}) {
@@ -88,7 +93,8 @@ class SessionWorld final {
       backends[std::string(name)] = backend;
       return backend;
     };
-    return ReportingdSession::create(services, agent, std::make_shared<IdleConnection>(), factory);
+    connection = std::make_shared<IdleConnection>();
+    return ReportingdSession::create(services, agent, connection, factory);
   }
 
   /// Waits for what ended sessions left running: posts, and jobs of helpers and backends.
@@ -129,6 +135,8 @@ class SessionWorld final {
   ReportingServices services{platform_.services, identity, messageLog};
   std::shared_ptr<FakeAgent> agent = std::make_shared<FakeAgent>(platform_.services);
   bool realBackends = false;
+  /// The latest session's.
+  std::shared_ptr<IdleConnection> connection;
   /// The latest of each name.
   std::map<std::string, std::shared_ptr<TestBackend>> backends;
 

@@ -16,6 +16,7 @@ namespace zun {
 ///   "response"         what a message is answered with
 ///   "flushResult", "flushError"
 ///   "flush"            "later": completions are kept; "dropped": let go uncalled
+///   "uploads"          whether it can upload files and log data
 ///   "display_url", "event_whitelist", "event_blacklist"
 class TestBackend final : public ZunReportingBackend {
  public:
@@ -64,6 +65,15 @@ class TestBackend final : public ZunReportingBackend {
     }
     return std::nullopt;
   }
+  bool uploadFileAtPath(const std::string& path, const SandboxExtensionToken& extensionToken) override {
+    trace.push_back("uploadFileAtPath " + path);
+    tokens.push_back(extensionToken);
+    return profile_["uploads"].boolValue();
+  }
+  bool uploadLogData(const Array& logData) override {
+    trace.push_back("uploadLogData " + Value(logData).description());
+    return profile_["uploads"].boolValue();
+  }
   void cleanup() override {
     ++cleanups;
     trace.emplace_back("cleanup");
@@ -99,6 +109,7 @@ class TestBackend final : public ZunReportingBackend {
   std::vector<Sent> sent;
   std::vector<std::string> trace;  // what was asked of it, in order
   std::vector<FlushCompletion> heldFlushes;
+  std::vector<SandboxExtensionToken> tokens;
   int stateUpdates = 0;
   int flushes = 0;
   int cleanups = 0;

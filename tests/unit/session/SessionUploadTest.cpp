@@ -1,0 +1,118 @@
+// Files and log data that clients hand to a session's backends.
+
+#include "SessionTest.h"
+
+namespace zun {
+namespace {
+
+class SessionUploadTest : public SessionTest {
+ protected:
+  using Trace = std::vector<std::string>;
+
+  /// Starts a session with these backends: whether each can upload.
+  void startWithUploaders(const std::vector<std::pair<std::string, bool>>& uploaders) {
+    Dictionary storebag;
+    for (const auto& [name, uploads] : uploaders) storebag.set(name, Dictionary{{"uploads", uploads}});
+    startWith(storebag);
+    for (const auto& [name, each] : world_.backends) each->trace.clear();
+  }
+
+  bool uploadFile(const std::string& url, const std::string& token = "token") {
+    std::vector<bool> replies;
+    session_->uploadFileAtPath(url, token, [&](bool succeeded) { replies.push_back(succeeded); });
+    EXPECT_EQ(replies.size(), 1U);
+    return replies == std::vector{true};
+  }
+  bool uploadLogs(const Array& logData) {
+    std::vector<bool> replies;
+    session_->uploadLogData(logData, [&](bool succeeded, const std::optional<Error>& error) {
+      EXPECT_FALSE(error);
+      replies.push_back(succeeded);
+    });
+    EXPECT_EQ(replies.size(), 1U);
+    return replies == std::vector{true};
+  }
+};
+
+TEST_F(SessionUploadTest, FileUploadIsASuccessWhenAnyBackendSaysSoAndAllAreAsked) {
+  startWithUploaders({{"a", false}, {"b", true}, {"c", false}});
+  EXPECT_TRUE(uploadFile("file:///tmp/a%20file"));
+  for (const char* const name : {"a", "b", "c"})
+    EXPECT_EQ(backend(name).trace, Trace{"uploadFileAtPath /tmp/a file"}) << name;
+  expectDebugLine("uploadFileAtPath: Uploading file for session 7");
+  expectDebugLine("uploadFileWithURL: File upload successful for /tmp/a file");
+  EXPECT_EQ(world_.messageLogEntries().back(),
+            "[uploadFileWithURL] Upload succeeded for file file:///tmp/a%20file");
+}
+
+TEST_F(SessionUploadTest, SessionWithoutAnUploadBackendRepliesFalseAndNotesItInTheMessageLog) {
+  startWithUploaders({{"a", false}});
+  EXPECT_FALSE(uploadFile("file:///tmp/a%20file"));
+  expectErrors({"uploadFileWithURL: File upload failed for /tmp/a file"});
+  EXPECT_EQ(world_.messageLogEntries().back(),
+            "[uploadFileWithURL] Upload failed for file file:///tmp/a%20file");
+}
+
+TEST_F(SessionUploadTest, SessionWithoutBackendsRepliesFalse) {
+  EXPECT_FALSE(uploadFile("file:///tmp/file"));
+  expectErrors({"uploadFileWithURL: File upload failed for /tmp/file"});
+  EXPECT_EQ(world_.messageLogEntries(), Trace{"[uploadFileWithURL] Upload failed for file file:///tmp/file"});
+}
+
+TEST_F(SessionUploadTest, BackendsGetTheTokenWithTheExtensionsOfTheOwnConnection) {
+  startWithUploaders({{"a", true}, {"b", true}});
+  uploadFile("file:///tmp/file", std::string("to\0ken\0", 7));
+  for (const char* const name : {"a", "b"}) {
+    ASSERT_EQ(backend(name).tokens.size(), 1U);
+    EXPECT_EQ(backend(name).tokens[0].bytes, std::string("to\0ken\0", 7));
+    EXPECT_EQ(backend(name).tokens[0].extensions, world_.connection->extensions);
+  }
+}
+
+TEST_F(SessionUploadTest, URLThatIsNoFileURLIsNobodysToUpload) {
+  startWithUploaders({{"a", true}});
+  for (const char* const url : {"", "https://host/tmp/file", "/tmp/file", "file://elsewhere/tmp/file",
+                                "file:relative", "file:///%00"}) {
+    EXPECT_FALSE(uploadFile(url)) << url;
+    expectErrors({std::string("uploadFileWithURL: File upload failed for ") + url});
+    EXPECT_EQ(world_.messageLogEntries().back(),
+              std::string("[uploadFileWithURL] Upload failed for file ") + url);
+  }
+  EXPECT_EQ(backend("a").trace, Trace{});
+}
+
+TEST_F(SessionUploadTest, URLCannotForgeEntriesOfTheMessageLog) {
+  EXPECT_FALSE(uploadFile("file:///tmp/a\nb"));
+  expectErrors({"uploadFileWithURL: File upload failed for /tmp/a\nb"});
+  EXPECT_EQ(world_.messageLogEntries(),
+            Trace{"[uploadFileWithURL] Upload failed for file file:///tmp/a%0Ab"});
+}
+
+TEST_F(SessionUploadTest, BothBackendsThatCanUploadLogDataAreAskedEvenWhenTheFirstSucceeds) {
+  startWithUploaders({{"a", true}, {"b", true}, {"c", false}});
+  EXPECT_TRUE(uploadLogs({"line", 2}));
+  for (const char* const name : {"a", "b", "c"})
+    EXPECT_EQ(backend(name).trace, Trace{"uploadLogData (\"line\", 2)"}) << name;
+  expectDebugLine("uploadLogData: Log data array upload successful");
+}
+
+TEST_F(SessionUploadTest, LogDataThatNobodyTookIsAFailureWithoutAnError) {
+  startWithUploaders({{"a", false}});
+  EXPECT_FALSE(uploadLogs({"line"}));
+  expectErrors({"uploadLogData: Log data array upload failed"});
+}
+
+TEST_F(SessionUploadTest, LogDataWithoutBackendsIsAFailureWithoutAnError) {
+  EXPECT_FALSE(uploadLogs({}));
+  expectErrors({"uploadLogData: Log data array upload failed"});
+}
+
+TEST_F(SessionUploadTest, ClientThatWantsNoReplyGetsNone) {
+  session_->uploadFileAtPath("file:///tmp/file", "", nullptr);
+  session_->uploadLogData({}, nullptr);
+  expectErrors(
+      {"uploadFileWithURL: File upload failed for /tmp/file", "uploadLogData: Log data array upload failed"});
+}
+
+}  // namespace
+}  // namespace zun
