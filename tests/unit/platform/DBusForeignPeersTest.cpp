@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <sys/wait.h>
 #include <systemd/sd-bus.h>
 
@@ -81,6 +82,17 @@ TEST_F(DBusForeignPeersTest, BusctlCallsIntrospectsAndWalksTheTree) {
   EXPECT_NE(tree.text.find("/com/vantix/test"), std::string::npos) << tree.text;
 }
 
+TEST_F(DBusForeignPeersTest, BusctlListsBothInterfaces) {
+  REQUIRE_TOOL("busctl");
+  start();
+  const std::string busctl = "busctl --no-pager --address=" + address() + " ";
+  const Output introspection = run(busctl + "introspect com.vantix.test /com/vantix/test");
+  for (const char* part :
+       {"com.vantix.test.Echo", "com.vantix.zunreportingd.FileAccess", ".issueExtension"}) {
+    EXPECT_NE(introspection.text.find(part), std::string::npos) << part << " in\n" << introspection.text;
+  }
+}
+
 // --- GLib ---------------------------------------------------------------------------
 
 TEST_F(DBusForeignPeersTest, GdbusCallsAndIntrospects) {
@@ -94,7 +106,10 @@ TEST_F(DBusForeignPeersTest, GdbusCallsAndIntrospects) {
   const Output introspection =
       run("gdbus introspect --dest com.vantix.test --address " + address() + " --object-path / --recurse");
   EXPECT_EQ(introspection.status, 0) << introspection.text;
-  EXPECT_NE(introspection.text.find("Describe(in  a{sv} message"), std::string::npos) << introspection.text;
+  for (const char* part : {"Describe(in  a{sv} message", "interface com.vantix.zunreportingd.FileAccess",
+                           "issueExtension(in  h file,\n", "out ay token"}) {
+    EXPECT_NE(introspection.text.find(part), std::string::npos) << part << " in\n" << introspection.text;
+  }
 }
 
 constexpr const char* kGLibClient = R"PYTHON(
@@ -182,6 +197,63 @@ TEST_F(DBusForeignPeersTest, GLibSendsAndGetsEveryType) {
   EXPECT_EQ(output.status, 0);
 }
 
+constexpr const char* kGLibFileClient = R"PYTHON(
+import os, sys
+from gi.repository import Gio, GLib
+
+connection = Gio.DBusConnection.new_for_address_sync(
+    sys.argv[1], Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT, None, None)
+
+def issue(descriptor):
+    answer, _ = connection.call_with_unix_fd_list_sync(
+        None, '/com/vantix/test', 'com.vantix.zunreportingd.FileAccess', 'issueExtension',
+        GLib.Variant('(h)', (0,)), GLib.VariantType('(ay)'), Gio.DBusCallFlags.NONE, 30000,
+        Gio.UnixFDList.new_from_array([descriptor]), None)
+    return bytes(answer.unpack()[0])
+
+try:
+    issue(os.open('/dev/null', os.O_WRONLY))
+    raise SystemExit('what cannot be read was taken')
+except GLib.Error as failure:
+    assert Gio.dbus_error_get_remote_error(failure) == 'org.freedesktop.DBus.Error.AccessDenied', failure
+
+token = issue(os.open(sys.argv[2], os.O_RDONLY))
+assert len(token) == 33 and token.endswith(b'\0'), token
+with open(sys.argv[3], 'wb') as file:
+    file.write(token)
+connection.call_sync(None, '/com/vantix/test', 'com.vantix.test.Echo', 'Later', GLib.Variant('(s)', ('ready',)),
+                     None, Gio.DBusCallFlags.NONE, 60000, None)
+print('all good')
+)PYTHON";
+
+TEST_F(DBusForeignPeersTest, GLibHandsAFileOver) {
+  if (run("/usr/bin/python3 -c 'from gi.repository import Gio'").status != 0) {
+    GTEST_SKIP() << "python3-gi is not installed";
+  }
+  start();
+  const std::string script = scratch_.path("client.py");
+  const std::string file = scratch_.path("file");
+  const std::string tokenFile = scratch_.path("token");
+  std::ofstream(script) << kGLibFileClient;
+  std::ofstream(file) << "from GLib";
+  std::thread user([&] {
+    if (!delegate_.events->wait("Later") || !std::filesystem::exists(tokenFile)) return;
+    std::string token;
+    std::getline(std::ifstream(tokenFile), token);
+    const auto consumed = delegate_.connection()->sandboxExtensions()->consume(token, file);
+    EXPECT_TRUE(consumed);
+    std::array<char, 32> buffer{};
+    EXPECT_EQ(consumed ? *(*consumed)->read(0, buffer) : 0, 9u);
+    EXPECT_STREQ(buffer.data(), "from GLib");
+    delegate_.object()->answerLater("used");
+  });
+  const Output output = run("/usr/bin/python3 " + script + " " + address() + " " + file + " " + tokenFile);
+  delegate_.events->add("Later");  // lets the user go, should the client have failed before
+  user.join();
+  EXPECT_EQ(output.text, "all good\n");
+  EXPECT_EQ(output.status, 0);
+}
+
 // --- sd-bus -------------------------------------------------------------------------
 
 struct BusDeleter {
@@ -219,6 +291,27 @@ TEST_F(DBusForeignPeersTest, SdBusCallsAsPeerAndAsBusClient) {
     EXPECT_STREQ(error.name, "com.vantix.zunreportingd.Error.NoReply");
     ::sd_bus_error_free(&error);
   }
+}
+
+TEST_F(DBusForeignPeersTest, SdBusHandsAFileOver) {
+  start();
+  const Bus bus = openBus(address(), false);
+  const std::string file = scratch_.path("file");
+  std::ofstream(file) << "from sd-bus";
+  const FileDescriptor descriptor(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
+  sd_bus_message* answer = nullptr;
+  sd_bus_error error = SD_BUS_ERROR_NULL;
+  const int result = ::sd_bus_call_method(bus.get(), "com.vantix.test", "/com/vantix/test",
+                                          "com.vantix.zunreportingd.FileAccess", "issueExtension", &error,
+                                          &answer, "h", descriptor.get());
+  ASSERT_GE(result, 0) << error.message;
+  const void* bytes = nullptr;
+  size_t count = 0;
+  ASSERT_GE(::sd_bus_message_read_array(answer, 'y', &bytes, &count), 0);
+  const std::string token(static_cast<const char*>(bytes), count);
+  ::sd_bus_message_unref(answer);
+  EXPECT_EQ(token.size(), 33u);
+  EXPECT_TRUE(delegate_.connection()->sandboxExtensions()->consume(token, file));
 }
 
 TEST_F(DBusForeignPeersTest, SdBusIsCalledByTheDaemon) {

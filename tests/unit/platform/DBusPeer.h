@@ -291,6 +291,22 @@ class RawClient final {
       bytes.remove_prefix(static_cast<size_t>(sent));
     }
   }
+  /// In one piece, with `descriptors`.
+  void sendWithDescriptors(std::string_view bytes, const std::vector<int>& descriptors) {
+    std::vector<char> control(CMSG_SPACE(descriptors.size() * sizeof(int)));
+    iovec part{const_cast<char*>(bytes.data()), bytes.size()};
+    msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    message.msg_control = control.data();
+    message.msg_controllen = control.size();
+    cmsghdr* const header = CMSG_FIRSTHDR(&message);
+    header->cmsg_level = SOL_SOCKET;
+    header->cmsg_type = SCM_RIGHTS;
+    header->cmsg_len = CMSG_LEN(descriptors.size() * sizeof(int));
+    std::memcpy(CMSG_DATA(header), descriptors.data(), descriptors.size() * sizeof(int));
+    ASSERT_EQ(::sendmsg(socket_.get(), &message, MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
+  }
   /// Waits for some bytes; false at the end.
   bool receiveSome() {
     char chunk[65536];
@@ -377,6 +393,22 @@ class DBusServiceTest : public ::testing::Test {
     listener_ = std::move(*created);
     listener_->setDelegate(&delegate_);
     listener_->resume();
+  }
+  /// A client that is connected and authenticated.
+  std::unique_ptr<RawClient> connect(bool withDescriptors = false) {
+    auto client = std::make_unique<RawClient>(path_);
+    EXPECT_TRUE(client->isConnected());
+    EXPECT_TRUE(client->authenticate(withDescriptors));
+    return client;
+  }
+  /// The error name of the next message of `client`.
+  static std::string errorName(RawClient& client) {
+    const auto message = client.receiveMessage();
+    return message ? message->errorName : "(end)";
+  }
+  static std::string textAnswer(RawClient& client) {
+    const auto message = client.receiveMessage();
+    return message ? std::string(message->values[0].stringValue()) : "(end)";
   }
   std::string peerName() const {
     return "pid " + std::to_string(::getpid()) + ", user " + std::to_string(::geteuid()) + ", " +

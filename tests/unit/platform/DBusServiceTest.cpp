@@ -3,6 +3,7 @@
 #include <thread>
 
 #include "DBusPeer.h"
+#include "DescriptorCount.h"
 
 namespace zun {
 namespace {
@@ -28,22 +29,6 @@ std::string laterCall(uint32_t serial) {
 
 class DBusRawServiceTest : public DBusServiceTest {
  protected:
-  /// A client that is connected and authenticated.
-  std::unique_ptr<RawClient> connect(bool withDescriptors = false) {
-    auto client = std::make_unique<RawClient>(path_);
-    EXPECT_TRUE(client->isConnected());
-    EXPECT_TRUE(client->authenticate(withDescriptors));
-    return client;
-  }
-  /// The error name of the next message of `client`.
-  static std::string errorName(RawClient& client) {
-    const auto message = client.receiveMessage();
-    return message ? message->errorName : "(end)";
-  }
-  static std::string textAnswer(RawClient& client) {
-    const auto message = client.receiveMessage();
-    return message ? std::string(message->values[0].stringValue()) : "(end)";
-  }
   void expectStillServed(RawClient& client) {
     client.send(describeCall(999));
     const auto message = client.receiveMessage();
@@ -593,36 +578,13 @@ TEST_F(DBusRawServiceTest, RepliesThatDoNotFitEndTheConnection) {
 
 // --- Descriptors --------------------------------------------------------------------
 
-void sendWithDescriptors(RawClient& client, std::string_view bytes, int count) {
-  std::vector<int> descriptors(static_cast<size_t>(count), STDIN_FILENO);
-  std::vector<char> control(CMSG_SPACE(descriptors.size() * sizeof(int)));
-  iovec part{const_cast<char*>(bytes.data()), bytes.size()};
-  msghdr message{};
-  message.msg_iov = &part;
-  message.msg_iovlen = 1;
-  message.msg_control = control.data();
-  message.msg_controllen = control.size();
-  cmsghdr* const header = CMSG_FIRSTHDR(&message);
-  header->cmsg_level = SOL_SOCKET;
-  header->cmsg_type = SCM_RIGHTS;
-  header->cmsg_len = CMSG_LEN(descriptors.size() * sizeof(int));
-  std::memcpy(CMSG_DATA(header), descriptors.data(), descriptors.size() * sizeof(int));
-  ASSERT_EQ(::sendmsg(client.descriptor(), &message, 0), static_cast<ssize_t>(bytes.size()));
-}
-
-size_t openDescriptors() {
-  size_t count = 0;
-  for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) ++count;
-  return count;
-}
-
 TEST_F(DBusRawServiceTest, DescriptorsThatNobodyTakesAreClosed) {
   start();
   const auto client = connect(/*withDescriptors=*/true);
   expectStillServed(*client);
   const size_t before = openDescriptors();
   for (int round = 0; round < 50; ++round) {
-    sendWithDescriptors(*client, wireCall({.member = "Drop", .descriptors = 2}), 2);
+    client->sendWithDescriptors(wireCall({.member = "Drop", .descriptors = 2}), {0, 0});
     EXPECT_EQ(errorName(*client), "com.vantix.zunreportingd.Error.NoReply");
   }
   expectStillServed(*client);
@@ -632,12 +594,12 @@ TEST_F(DBusRawServiceTest, DescriptorsThatNobodyTakesAreClosed) {
 TEST_F(DBusRawServiceTest, DescriptorsAreOnlyTakenWhenNegotiatedAndNotTooMany) {
   start();
   const auto client = connect();
-  sendWithDescriptors(*client, wireCall({.member = "Drop", .descriptors = 1}), 1);
+  client->sendWithDescriptors(wireCall({.member = "Drop", .descriptors = 1}), {0});
   EXPECT_TRUE(client->isEnded());
   expectErrors(
       {"listener: " + peerName() + ": it passed descriptors without asking, closing its connection"});
   const auto greedy = connect(/*withDescriptors=*/true);
-  sendWithDescriptors(*greedy, wireCall({.member = "Drop", .descriptors = 100}), 100);
+  greedy->sendWithDescriptors(wireCall({.member = "Drop", .descriptors = 100}), std::vector<int>(100, 0));
   EXPECT_TRUE(greedy->isEnded());
   expectErrors({"listener: " + peerName() + ": it passed too many descriptors, closing its connection"});
 }

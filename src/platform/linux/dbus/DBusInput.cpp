@@ -1,9 +1,13 @@
 #include "platform/linux/dbus/DBusInput.h"
 
+#include <sys/resource.h>
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <iterator>
+#include <limits>
 
 namespace zun {
 
@@ -12,6 +16,16 @@ namespace {
 constexpr size_t kUsualCapacity = size_t{32} << 10;
 constexpr size_t kMaximumDescriptors = 16;
 constexpr size_t kKernelMaximumDescriptors = 253;
+
+/// Descriptors from here on are the daemon's own: however many clients pass, some are left
+/// for connections, transfers and files. The lowest free number is always taken, so a high
+/// one says that nearly all are.
+int firstReservedDescriptor() {
+  rlimit limit{};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return std::numeric_limits<int>::max();
+  const rlim_t first = limit.rlim_cur - limit.rlim_cur / 4;
+  return static_cast<int>(std::min<rlim_t>(first, std::numeric_limits<int>::max()));
+}
 
 DBusIncomingMessage malformedMessage(const char* reason) {
   DBusIncomingMessage message;
@@ -30,6 +44,8 @@ void DBusInput::consume(size_t count) {
   begin_ += count;
   if (begin_ != end_) return;
   begin_ = end_ = 0;
+  // They come with bytes of their message: no later one can claim these.
+  dropDescriptors();
 }
 
 /// Room for the message that is coming, and for others behind it. A buffer that was
@@ -78,10 +94,13 @@ bool DBusInput::takeDescriptors(msghdr& message) {
   for (cmsghdr* part = CMSG_FIRSTHDR(&message); part != nullptr; part = CMSG_NXTHDR(&message, part)) {
     if (part->cmsg_level != SOL_SOCKET || part->cmsg_type != SCM_RIGHTS) continue;
     const size_t count = (part->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+    const int firstReserved = firstReservedDescriptor();
     for (size_t index = 0; index < count; ++index) {
-      int descriptor = -1;
-      std::memcpy(&descriptor, CMSG_DATA(part) + index * sizeof(int), sizeof descriptor);
-      descriptors_.emplace_back(descriptor);
+      int number = -1;
+      std::memcpy(&number, CMSG_DATA(part) + index * sizeof(int), sizeof number);
+      FileDescriptor descriptor(number);
+      if (number >= firstReserved) descriptor.reset();
+      descriptors_.push_back(std::move(descriptor));
     }
   }
   if (descriptors_.empty() && (message.msg_flags & MSG_CTRUNC) == 0) return true;
@@ -102,6 +121,14 @@ std::optional<DBusIncomingMessage> DBusInput::takeMessage() {
   return frame->totalBytes <= limits_.maximumMessageBytes ? takeFramed(*frame) : takeOversized(*frame);
 }
 
+/// The next `count`, or as many as there are.
+void DBusInput::claimDescriptors(uint32_t count, DBusIncomingMessage& message) {
+  const auto end =
+      descriptors_.begin() + static_cast<std::ptrdiff_t>(std::min<size_t>(count, descriptors_.size()));
+  message.descriptors.assign(std::make_move_iterator(descriptors_.begin()), std::make_move_iterator(end));
+  descriptors_.erase(descriptors_.begin(), end);
+}
+
 std::optional<DBusIncomingMessage> DBusInput::takeFramed(const DBusFrame& frame) {
   const std::string_view bytes = buffered();
   wanted_ = frame.totalBytes;
@@ -116,10 +143,7 @@ std::optional<DBusIncomingMessage> DBusInput::takeFramed(const DBusFrame& frame)
   message.header = *header;
   message.totalBytes = frame.totalBytes;
   message.body = bytes.substr(frame.headerBytes, frame.totalBytes - frame.headerBytes);
-  for (uint32_t index = 0; index < header->descriptorCount; ++index) {
-    message.descriptors.push_back(std::move(descriptors_.front()));
-    descriptors_.pop_front();
-  }
+  claimDescriptors(header->descriptorCount, message);
   consume(frame.totalBytes);
   return message;
 }
@@ -137,10 +161,7 @@ std::optional<DBusIncomingMessage> DBusInput::takeOversized(const DBusFrame& fra
   message.state = DBusIncomingMessage::State::kTooLarge;
   message.header = *header;
   message.totalBytes = frame.totalBytes;
-  for (uint32_t index = 0; index < header->descriptorCount && !descriptors_.empty(); ++index) {
-    message.descriptors.push_back(std::move(descriptors_.front()));
-    descriptors_.pop_front();
-  }
+  claimDescriptors(header->descriptorCount, message);
   const size_t present = std::min(bytes.size(), frame.totalBytes);
   skip_ = frame.totalBytes - present;
   consume(present);

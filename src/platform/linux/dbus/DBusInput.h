@@ -24,12 +24,15 @@ struct DBusIncomingMessage {
   std::string_view body;
   size_t totalBytes = 0;
   const char* reason = "";
+  /// As many as the header says. One that is not open was closed because the process has
+  /// nearly as many open as it may.
   std::vector<FileDescriptor> descriptors;
 };
 
 /// What a connection receives: cuts the stream into messages, many for each system
 /// call. Keeps at most one message of the allowed size; what is larger is told by its
-/// header and skipped. Descriptors that came along are kept for their messages, few.
+/// header and skipped. Descriptors that came along are kept, few, until their message is
+/// complete; those that no message claims are closed then.
 ///
 /// One thread, no waiting.
 class DBusInput final {
@@ -53,10 +56,13 @@ class DBusInput final {
   std::optional<DBusIncomingMessage> takeMessage();
 
   void allowDescriptors() { allowsDescriptors_ = true; }
+  /// Closes those that still wait for their message.
+  void dropDescriptors() { descriptors_.clear(); }
 
  private:
   void makeRoom();
   bool takeDescriptors(msghdr& message);
+  void claimDescriptors(uint32_t count, DBusIncomingMessage& message);
   std::optional<DBusIncomingMessage> takeFramed(const DBusFrame& frame);
   std::optional<DBusIncomingMessage> takeOversized(const DBusFrame& frame);
 

@@ -71,7 +71,9 @@ bool acceptsDBusSignature(std::string_view expected, std::string_view actual) {
 }
 
 DBusObjects::Node DBusObjects::nodeAt(std::string_view path) const {
-  if (exported_ && path == exported_->interface().objectPath) return Node::kExported;
+  for (const Exported& exported : exported_) {
+    if (path == exported.table.interface().objectPath) return Node::kExported;
+  }
   if (path == kDBusBusPath) return Node::kBus;
   const auto known = knownPaths();
   const bool isParent = std::any_of(known.begin(), known.end(),
@@ -80,59 +82,71 @@ DBusObjects::Node DBusObjects::nodeAt(std::string_view path) const {
 }
 
 std::vector<std::string_view> DBusObjects::knownPaths() const {
-  std::vector<std::string_view> paths{kDBusBusPath};
-  if (exported_) paths.insert(paths.begin(), exported_->interface().objectPath);
+  std::vector<std::string_view> paths;
+  for (const Exported& exported : exported_) paths.push_back(exported.table.interface().objectPath);
+  paths.push_back(kDBusBusPath);
   return paths;
 }
 
-std::vector<const DBusInterfaceTable*> DBusObjects::interfacesAt(Node node) const {
-  std::vector<const DBusInterfaceTable*> tables;
-  if (node == Node::kExported) tables.push_back(&*exported_);
-  if (node == Node::kBus) tables.push_back(&dbusBusInterface());
-  if (node != Node::kUnknown) {
-    tables.push_back(&dbusIntrospectableInterface());
-    tables.push_back(&dbusPropertiesInterface());
+std::vector<DBusObjects::Offer> DBusObjects::offersAt(std::string_view path) const {
+  const Node node = nodeAt(path);
+  std::vector<Offer> offers;
+  for (const Exported& exported : exported_) {
+    if (path == exported.table.interface().objectPath) offers.push_back({&exported.table, exported.answerer});
   }
-  tables.push_back(&dbusPeerInterface());  // of every path, as D-Bus has it
-  return tables;
+  if (node == Node::kBus) offers.push_back({&dbusBusInterface(), Answerer::kThis});
+  if (node != Node::kUnknown) {
+    offers.push_back({&dbusIntrospectableInterface(), Answerer::kThis});
+    offers.push_back({&dbusPropertiesInterface(), Answerer::kThis});
+  }
+  offers.push_back({&dbusPeerInterface(), Answerer::kThis});  // of every path, as D-Bus has it
+  return offers;
 }
 
 DBusObjects::Target DBusObjects::resolve(const DBusHeader& call) const {
-  Target target;
-  // Nearly every call is one of these: found without building anything.
-  if (exported_ && call.interface == exported_->interface().name &&
-      call.path == exported_->interface().objectPath) {
-    if (const auto member = exported_->find(call.member)) {
-      target = {&*exported_, *member, true, {}, {}};
-    }
-  } else {
-    const Node node = nodeAt(call.path);
-    bool isInterfaceKnown = call.interface.empty();
-    for (const DBusInterfaceTable* const table : interfacesAt(node)) {
-      if (!call.interface.empty() && call.interface != table->interface().name) continue;
-      isInterfaceKnown = true;
-      const auto member = table->find(call.member);
-      if (!member) continue;
-      target = {table, *member, exported_ && table == &*exported_, {}, {}};
-      break;
-    }
-    if (target.table == nullptr && node == Node::kUnknown) {
-      return {nullptr, 0, false, kDBusErrorUnknownObject, fmt::format("No such object path '{}'", call.path)};
-    }
-    if (target.table == nullptr && !isInterfaceKnown) {
-      return {nullptr, 0, false, kDBusErrorUnknownInterface,
-              fmt::format("No interface '{}' at '{}'", call.interface, call.path)};
-    }
-  }
-  if (target.table == nullptr) {
-    return {nullptr, 0, false, kDBusErrorUnknownMethod, fmt::format("No such method '{}'", call.member)};
-  }
+  Target target = find(call);
+  if (target.table == nullptr) return target;
   const std::string& expected = target.table->member(target.member).inSignature;
   if (!acceptsDBusSignature(expected, call.signature)) {
-    return {nullptr, 0, false, kDBusErrorInvalidArgs,
+    return {nullptr, 0, Answerer::kThis, kDBusErrorInvalidArgs,
             fmt::format("'{}' takes '{}', not '{}'", call.member, expected, call.signature)};
   }
   return target;
+}
+
+DBusObjects::Target DBusObjects::find(const DBusHeader& call) const {
+  // Nearly every call is for one of these: found without building anything.
+  for (const Exported& exported : exported_) {
+    const ServiceInterface& interface = exported.table.interface();
+    if (call.interface != interface.name || call.path != interface.objectPath) continue;
+    if (const auto member = exported.table.find(call.member)) {
+      return {&exported.table, *member, exported.answerer, {}, {}};
+    }
+  }
+  return search(call);
+}
+
+DBusObjects::Target DBusObjects::search(const DBusHeader& call) const {
+  bool isInterfaceKnown = call.interface.empty();
+  for (const Offer& offer : offersAt(call.path)) {
+    if (!call.interface.empty() && call.interface != offer.table->interface().name) continue;
+    isInterfaceKnown = true;
+    if (const auto member = offer.table->find(call.member)) {
+      return {offer.table, *member, offer.answerer, {}, {}};
+    }
+  }
+  Target none;
+  if (nodeAt(call.path) == Node::kUnknown) {
+    none.error = kDBusErrorUnknownObject;
+    none.errorText = fmt::format("No such object path '{}'", call.path);
+  } else if (!isInterfaceKnown) {
+    none.error = kDBusErrorUnknownInterface;
+    none.errorText = fmt::format("No interface '{}' at '{}'", call.interface, call.path);
+  } else {
+    none.error = kDBusErrorUnknownMethod;
+    none.errorText = fmt::format("No such method '{}'", call.member);
+  }
+  return none;
 }
 
 void DBusObjects::answer(const Target& target, const DBusHeader& call, const Array& arguments,
@@ -205,9 +219,7 @@ void DBusObjects::answerBus(std::string_view member, const Array& arguments, Ser
 
 std::string DBusObjects::introspect(std::string_view path) const {
   std::string text = fmt::format("<node name=\"{}\">\n", path);
-  for (const DBusInterfaceTable* const table : interfacesAt(nodeAt(path))) {
-    appendDBusIntrospection(text, table->interface());
-  }
+  for (const Offer& offer : offersAt(path)) appendDBusIntrospection(text, offer.table->interface());
   std::vector<std::string> children;
   for (const std::string_view known : knownPaths()) {
     if (!isAtOrAbove(path, known) || path == known) continue;

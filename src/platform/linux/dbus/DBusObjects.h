@@ -16,6 +16,7 @@ namespace zun {
 inline constexpr std::string_view kDBusErrorUnknownObject = "org.freedesktop.DBus.Error.UnknownObject";
 inline constexpr std::string_view kDBusErrorUnknownInterface = "org.freedesktop.DBus.Error.UnknownInterface";
 inline constexpr std::string_view kDBusErrorUnknownMethod = "org.freedesktop.DBus.Error.UnknownMethod";
+inline constexpr std::string_view kDBusErrorAccessDenied = "org.freedesktop.DBus.Error.AccessDenied";
 inline constexpr std::string_view kDBusErrorInvalidArgs = "org.freedesktop.DBus.Error.InvalidArgs";
 inline constexpr std::string_view kDBusErrorLimitsExceeded = "org.freedesktop.DBus.Error.LimitsExceeded";
 inline constexpr std::string_view kDBusErrorFailed = "org.freedesktop.DBus.Error.Failed";
@@ -60,26 +61,45 @@ class DBusObjects final {
  public:
   explicit DBusObjects(DBusEnds ends) : ends_(std::move(ends)) {}
 
-  /// `interface` lives as long as the program.
-  void setExportedInterface(const ServiceInterface& interface) { exported_.emplace(interface); }
+  /// Whose the answers of an interface are.
+  enum class Answerer {
+    kExportedObject,
+    kFileAccess,
+    kThis,  // what is the same for every service
+  };
+
+  /// One more interface that is there; `interface` outlives this. Before calls are resolved.
+  void exportInterface(const ServiceInterface& interface, Answerer answerer) {
+    exported_.push_back({DBusInterfaceTable(interface), answerer});
+  }
 
   struct Target {
     const DBusInterfaceTable* table = nullptr;  // null: there is none, and `error` says why
     size_t member = 0;
-    bool isExported = false;
+    Answerer answerer = Answerer::kThis;
     std::string_view error;
     std::string errorText;
   };
   /// Whom a call is for; its body's signature is checked as well.
   [[nodiscard]] Target resolve(const DBusHeader& call) const;
 
-  /// Answers a call whose target is not exported.
+  /// Answers a call that is this object's to answer.
   void answer(const Target& target, const DBusHeader& call, const Array& arguments, ServiceReply reply) const;
 
  private:
+  struct Exported {
+    DBusInterfaceTable table;
+    Answerer answerer;
+  };
+  struct Offer {
+    const DBusInterfaceTable* table;
+    Answerer answerer;
+  };
   enum class Node { kUnknown, kParent, kExported, kBus };
   [[nodiscard]] Node nodeAt(std::string_view path) const;
-  [[nodiscard]] std::vector<const DBusInterfaceTable*> interfacesAt(Node node) const;
+  [[nodiscard]] std::vector<Offer> offersAt(std::string_view path) const;
+  [[nodiscard]] Target find(const DBusHeader& call) const;
+  [[nodiscard]] Target search(const DBusHeader& call) const;
   [[nodiscard]] std::string introspect(std::string_view path) const;
   [[nodiscard]] std::vector<std::string_view> knownPaths() const;
   void answerPeer(std::string_view member, ServiceReply reply) const;
@@ -87,7 +107,7 @@ class DBusObjects final {
   void answerBus(std::string_view member, const Array& arguments, ServiceReply reply) const;
 
   DBusEnds ends_;
-  std::optional<DBusInterfaceTable> exported_;
+  std::vector<Exported> exported_;
 };
 
 }  // namespace zun

@@ -48,13 +48,13 @@ DBusServiceConnection::DBusServiceConnection(FileDescriptor socket, FileDescript
       serverID_(std::move(serverID)),
       options_(options),
       description_(peer_.description()),
-      extensions_(std::make_shared<FileExtensions>(peer_.fileSystemIdentity())),
       log_(log),
       socket_(std::move(socket)),
       wake_(std::move(wake)),
       output_(std::make_shared<DBusOutput>(socket_.get(), wake_.get(), options_.messageLimits,
                                            options_.outputLimits, log_, description_)),
       input_(options_.messageLimits),
+      fileAccess_(peer_.fileSystemIdentity(), description_, log_),
       objects_(DBusEnds{serverID_, static_cast<uint32_t>(peer_.process), peer_.user}) {}
 
 DBusServiceConnection::~DBusServiceConnection() {
@@ -67,7 +67,8 @@ std::optional<bool> DBusServiceConnection::booleanEntitlement(std::string_view n
 }
 
 void DBusServiceConnection::setExportedInterface(const ServiceInterface& interface) {
-  objects_.setExportedInterface(interface);
+  objects_.exportInterface(interface, DBusObjects::Answerer::kExportedObject);
+  objects_.exportInterface(fileAccess_.interfaceAt(interface.objectPath), DBusObjects::Answerer::kFileAccess);
   isQuick_.assign(interface.members.size(), false);
 }
 
@@ -225,7 +226,7 @@ DBusServiceConnection::Step DBusServiceConnection::dispatchBuffered() {
       output_->flush();
       if (!output_->hasRoom()) return Step::kGoOn;
     }
-    const auto message = input_.takeMessage();
+    auto message = input_.takeMessage();
     if (!message) {
       isStarved_ = true;
       return Step::kGoOn;
@@ -235,7 +236,7 @@ DBusServiceConnection::Step DBusServiceConnection::dispatchBuffered() {
   return Step::kStop;
 }
 
-DBusServiceConnection::Step DBusServiceConnection::dispatch(const DBusIncomingMessage& message) {
+DBusServiceConnection::Step DBusServiceConnection::dispatch(DBusIncomingMessage& message) {
   const DBusHeader& header = message.header;
   switch (message.state) {
     case DBusIncomingMessage::State::kMalformed:
@@ -254,7 +255,7 @@ DBusServiceConnection::Step DBusServiceConnection::dispatch(const DBusIncomingMe
   return dispatchCall(message);
 }
 
-DBusServiceConnection::Step DBusServiceConnection::dispatchCall(const DBusIncomingMessage& message) {
+DBusServiceConnection::Step DBusServiceConnection::dispatchCall(DBusIncomingMessage& message) {
   const DBusHeader& header = message.header;
   const DBusObjects::Target target = objects_.resolve(header);
   if (target.table == nullptr) {
@@ -273,10 +274,14 @@ DBusServiceConnection::Step DBusServiceConnection::dispatchCall(const DBusIncomi
     return Step::kGoOn;
   }
   ServiceReply reply = output_->makeReply(header, target.table->member(target.member).outSignature);
-  if (target.isExported) {
-    callExported(target.member, *arguments, std::move(reply));
-  } else {
-    objects_.answer(target, header, *arguments, std::move(reply));
+  switch (target.answerer) {
+    case DBusObjects::Answerer::kExportedObject:
+      callExported(target.member, *arguments, std::move(reply));
+      break;
+    case DBusObjects::Answerer::kFileAccess:
+      fileAccess_.answer(*arguments, message.descriptors, std::move(reply));
+      break;
+    case DBusObjects::Answerer::kThis: objects_.answer(target, header, *arguments, std::move(reply)); break;
   }
   return Step::kGoOn;
 }
@@ -308,7 +313,8 @@ void DBusServiceConnection::end() {
   output_->flush();
   output_->close();
   socket_.reset();
-  extensions_->invalidate();
+  input_.dropDescriptors();
+  fileAccess_.extensions()->invalidate();
   if (invalidationHandler_) invalidationHandler_();
   // They may hold this connection, as it holds them.
   invalidationHandler_ = nullptr;

@@ -10,7 +10,7 @@
 #include "platform/ServiceConnection.h"
 #include "platform/SystemLog.h"
 #include "platform/linux/FileDescriptor.h"
-#include "platform/linux/FileExtensions.h"
+#include "platform/linux/dbus/DBusFileAccess.h"
 #include "platform/linux/dbus/DBusInput.h"
 #include "platform/linux/dbus/DBusObjects.h"
 #include "platform/linux/dbus/DBusOutput.h"
@@ -53,7 +53,7 @@ class DBusServiceConnection final : public ServiceConnection {
 
   std::optional<bool> booleanEntitlement(std::string_view name) const override;
   std::string description() const override { return description_; }
-  std::shared_ptr<SandboxExtensions> sandboxExtensions() const override { return extensions_; }
+  std::shared_ptr<SandboxExtensions> sandboxExtensions() const override { return fileAccess_.extensions(); }
   void setExportedInterface(const ServiceInterface& interface) override;
   void setRemoteObjectInterface(const ServiceInterface& interface) override;
   void setExportedObject(std::shared_ptr<ExportedObject> object) override;
@@ -77,8 +77,8 @@ class DBusServiceConnection final : public ServiceConnection {
   bool receive();
   bool isFinished();
   Step dispatchBuffered();
-  Step dispatch(const DBusIncomingMessage& message);
-  Step dispatchCall(const DBusIncomingMessage& message);
+  Step dispatch(DBusIncomingMessage& message);
+  Step dispatchCall(DBusIncomingMessage& message);
   void callExported(size_t member, const Array& arguments, ServiceReply reply);
   void sendError(const DBusHeader& call, std::string_view name, std::string_view text);
   void end();
@@ -88,12 +88,12 @@ class DBusServiceConnection final : public ServiceConnection {
   const std::string serverID_;
   const DBusConnectionOptions options_;
   const std::string description_;
-  const std::shared_ptr<FileExtensions> extensions_;
   SystemLog& log_;
   FileDescriptor socket_;
   FileDescriptor wake_;
   std::shared_ptr<DBusOutput> output_;
   DBusInput input_;
+  DBusFileAccess fileAccess_;
 
   // Set up between acceptance and resume; then the connection's thread's.
   DBusObjects objects_;
