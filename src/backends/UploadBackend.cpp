@@ -111,7 +111,8 @@ bool UploadBackend::post(const std::string& uploadURL, URLRequest request) const
     log().error("UploadBackend(uploadFileAtPath): post {}", outcome.errorDescription());
     return false;
   }
-  const std::string_view text = isValidUTF8(outcome.receivedData) ? outcome.receivedData : "(null)";
+  const bool isText = isValidUTF8(outcome.receivedData);
+  const std::string_view text = isText ? std::string_view(outcome.receivedData) : "(null)";
   log().debug("UploadBackend(uploadFileAtPath): sending to |{}|, Json output: {}", uploadURL, text);
   return text.find(kAccepted) != std::string_view::npos;
 }

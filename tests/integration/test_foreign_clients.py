@@ -70,6 +70,10 @@ class ForeignClientsTest(ScratchTest):
         self.assertEqual(client.call("updateSharedDataForKey", "(sav)", "k", [GLib.Variant("d", 2.5)]), ())
         self.assertEqual(client.call("updateSharedDataForKey", "(sav)", "k", []), ())
         self.assertEqual(client.call("setDigestKey", "(ayi)", b"secret", 0), ())
+        self.assertEqual(client.call("uploadFileAtPath", "(say)", "file:///nowhere", b"no token"), (False,))
+        self.assertEqual(client.call("uploadLogData", "(av)", [GLib.Variant("s", "line")]), (False, []))
+        self.expect_error("uploadFileWithURL: File upload failed for /nowhere")
+        self.expect_error("uploadLogData: Log data array upload failed")
         result, error = client.call("flushMessagesWithCompletion", None)
         self.assertEqual(error, [])
         status = client.call("sendMessageWithSessionInfo", "(a{sv}aa{sv}qqaa{sv})", SESSION_INFO, [USER_INFO], 2, 9,
@@ -90,7 +94,7 @@ class ForeignClientsTest(ScratchTest):
     def test_glib_gets_errors_for_what_does_not_exist_and_the_connection_stays(self):
         client = self.glib()
         cases = [("noSuchMember", None, (), INTERFACE, PATH, "org.freedesktop.DBus.Error.UnknownMethod"),
-                 ("uploadFileAtPath", "(say)", ("file:///x", b""), INTERFACE, PATH,
+                 ("uploadFile", "(say)", ("file:///x", b""), INTERFACE, PATH,
                   "org.freedesktop.DBus.Error.UnknownMethod"),
                  ("fetchDisplayURL", "(s)", ("x",), INTERFACE, PATH, "org.freedesktop.DBus.Error.InvalidArgs"),
                  ("fetchDisplayURL", None, (), "no.such.Interface", PATH,
@@ -111,8 +115,8 @@ class ForeignClientsTest(ScratchTest):
         members = {method.name for method in node.lookup_interface(INTERFACE).methods}
         self.assertEqual(members, {
             "setSessionInfo", "startConfigWithCompletionHandler", "fetchStatesWithUserInfo", "fetchDisplayURL",
-            "sendMessageWithDictionary", "flushMessagesWithCompletion", "finishSessionGracefully",
-            "sendMessageWithSessionInfo", "updateSharedDataWithDictionary", "updateSharedDataForKey", "setDigestKey"})
+            "sendMessageWithDictionary", "flushMessagesWithCompletion", "finishSessionGracefully", "uploadFileAtPath",
+            "uploadLogData", "sendMessageWithSessionInfo", "updateSharedDataWithDictionary", "updateSharedDataForKey", "setDigestKey"})
         self.assertEqual(client.call("Ping", None, interface="org.freedesktop.DBus.Peer"), ())
         (machine,) = client.call("GetMachineId", None, interface="org.freedesktop.DBus.Peer")
         self.assertRegex(machine, "^[0-9a-f]{32}$")

@@ -80,5 +80,58 @@ TEST_F(CompressionTest, ZeroBytesAreContent) {
   EXPECT_EQ(inflated(*compressed, kGzipOnly, zeros.size()), zeros);
 }
 
+// --- In pieces ---------------------------------------------------------------------
+
+TEST_F(CompressionTest, PiecesBecomeOneStream) {
+  std::mt19937 generator(9);
+  std::string all;
+  std::string compressed;
+  const StreamingCompressor::Sink sink = [&](std::string_view bytes) {
+    compressed += bytes;
+    return true;
+  };
+  const auto compressor = StreamingCompressor::create(CompressionWrapper::kGzip, platform_.log);
+  ASSERT_NE(compressor, nullptr);
+  for (const size_t length : {1U, 0U, 70'000U, 3U, 300'000U}) {
+    std::string piece(length, '\0');
+    for (char& byte : piece) byte = static_cast<char>(generator());
+    ASSERT_TRUE(compressor->add(piece, sink));
+    all += piece;
+  }
+  ASSERT_TRUE(compressor->finish(sink));
+  EXPECT_EQ(inflated(compressed, kGzipOnly, all.size()), all);
+  expectDebugLine(fmt::format("compressDataWithZlibOrGzip: Compressed file from {} to {}", all.size(),
+                              compressed.size()));
+}
+
+TEST_F(CompressionTest, StreamOfOnePieceIsWhatCompressingItAtOnceGives) {
+  for (const CompressionWrapper wrapper : {CompressionWrapper::kGzip, CompressionWrapper::kZlib}) {
+    std::string compressed;
+    const StreamingCompressor::Sink sink = [&](std::string_view bytes) {
+      compressed += bytes;
+      return true;
+    };
+    const auto compressor = StreamingCompressor::create(wrapper, platform_.log);
+    ASSERT_TRUE(compressor->add("some text, some text", sink) && compressor->finish(sink));
+    EXPECT_EQ(compressed, compressDataWithZlibOrGzip(wrapper, "some text, some text", platform_.log));
+  }
+}
+
+TEST_F(CompressionTest, SinkThatWantsNoMoreEndsTheCompression) {
+  std::string noise(1 << 20, '\0');
+  std::mt19937 generator(3);
+  for (char& byte : noise) byte = static_cast<char>(generator());
+  int calls = 0;
+  const auto compressor = StreamingCompressor::create(CompressionWrapper::kGzip, platform_.log);
+  EXPECT_FALSE(compressor->add(noise, [&calls](std::string_view) { return ++calls < 2; }));
+  EXPECT_EQ(calls, 2);
+}
+
+TEST_F(CompressionTest, StreamOfNothingIsAnErrorLine) {
+  const auto compressor = StreamingCompressor::create(CompressionWrapper::kGzip, platform_.log);
+  EXPECT_FALSE(compressor->finish([](std::string_view) { return true; }));
+  expectErrors({"compressDataWithZlibOrGzip: Cannot compress empty NSData"});
+}
+
 }  // namespace
 }  // namespace zun
