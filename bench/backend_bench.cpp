@@ -14,9 +14,11 @@
 #include "platform/linux/CurlURLSession.h"
 #include "platform/linux/EventLoop.h"
 #include "platform/linux/FileUserDefaults.h"
+#include "platform/linux/JournalPowerLog.h"
 #include "platform/linux/LinuxFileManager.h"
 #include "platform/linux/ResourceBundle.h"
 #include "platform/linux/ServiceTransactions.h"
+#include "platform/linux/SharedObjectLoader.h"
 #include "platform/linux/SystemClock.h"
 #include "platform/linux/SystemDeviceProperties.h"
 #include "platform/linux/SystemLocale.h"
@@ -123,11 +125,13 @@ class Setup {
   std::unique_ptr<EventLoop> loop = EventLoop::create();
   ServiceTransactions transactions{*loop, nullptr};
   UDPSockets sockets{*loop};
+  SharedObjectLoader modules;
+  LinePowerLog powerLog{log};
   WorkerPool workers{2};
   FileUserDefaults defaults;
   CurlURLSessionService urlSessions;
-  PlatformServices platform{log,    clock,   random, files,       defaults,     device, locale,
-                            bundle, workers, *loop,  urlSessions, transactions, sockets};
+  PlatformServices platform{log,     clock, random,      files,        defaults, device,  locale,  bundle,
+                            workers, *loop, urlSessions, transactions, sockets,  modules, powerLog};
   DeviceIdentity identity{platform};
   MessageLog messageLog{platform};
   ReportingServices services{platform, identity, messageLog};

@@ -2,6 +2,8 @@
 #include <iterator>
 
 #include "backends/HTTPSPostBackend.h"
+#include "backends/JoulexBackend.h"
+#include "backends/KodoBackend.h"
 #include "backends/UploadBackend.h"
 #include "zunreporting/Keys.h"
 
@@ -11,8 +13,12 @@ namespace {
 
 using zunreporting::kZunReportingBackendHTTPPost;
 using zunreporting::kZunReportingBackendHTTPPost2;
+using zunreporting::kZunReportingBackendJoulex;
+using zunreporting::kZunReportingBackendKodo;
 using zunreporting::kZunReportingBackendQRS;
 using zunreporting::kZunReportingBackendUploadServer;
+
+constexpr std::string_view kHostWithoutKodo = "Brindle";
 
 /// What a backend is made from.
 struct Section {
@@ -37,6 +43,15 @@ std::shared_ptr<ZunReportingBackend> makeUpload(const Section& section) {
   return UploadBackend::initWithName(section.services, section.name, section.profile, section.productFamily);
 }
 
+std::shared_ptr<ZunReportingBackend> makeJoulex(const Section& section) {
+  return JoulexBackend::initWithName(section.services, section.name, section.profile, section.productFamily);
+}
+
+std::shared_ptr<ZunReportingBackend> makeKodo(const Section& section) {
+  return KodoBackend::initWithName(section.services, section.name, section.profile, section.productFamily,
+                                   section.clientType);
+}
+
 template <const std::string_view& name>
 bool equals(const Section& section) {
   return section.name == name;
@@ -47,12 +62,20 @@ bool contains(const Section& section) {
   return section.name.find(part) != std::string_view::npos;
 }
 
+/// The metrics adaptor is not for every host.
+bool isKodoOnHostThatHasIt(const Section& section) {
+  return section.name == kZunReportingBackendKodo &&
+         section.services.identity.productType() != kHostWithoutKodo;
+}
+
 /// The first kind that a name fits is the one.
 constexpr Kind kKinds[] = {
     {equals<kZunReportingBackendUploadServer>, makeUpload},
     {contains<kZunReportingBackendHTTPPost>, makeHTTPSPost},
     {equals<kZunReportingBackendHTTPPost2>, makeHTTPSPost},
+    {equals<kZunReportingBackendJoulex>, makeJoulex},
     {equals<kZunReportingBackendQRS>, makeHTTPSPost},
+    {isKodoOnHostThatHasIt, makeKodo},
 };
 
 }  // namespace

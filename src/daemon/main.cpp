@@ -21,11 +21,13 @@
 #include "platform/linux/EntitlementStore.h"
 #include "platform/linux/EventLoop.h"
 #include "platform/linux/FileUserDefaults.h"
+#include "platform/linux/JournalPowerLog.h"
 #include "platform/linux/LinuxFileManager.h"
 #include "platform/linux/ProcessLimits.h"
 #include "platform/linux/ResourceBundle.h"
 #include "platform/linux/ServiceManager.h"
 #include "platform/linux/ServiceTransactions.h"
+#include "platform/linux/SharedObjectLoader.h"
 #include "platform/linux/SystemClock.h"
 #include "platform/linux/SystemDeviceProperties.h"
 #include "platform/linux/SystemLocale.h"
@@ -59,10 +61,11 @@ class Machine final {
         device(files, log),
         transactions(loop, std::move(transactionChanged)),
         sockets(loop),
+        powerLog(makePowerLog(options.logTarget, log)),
         workers(kWorkerThreads),
         urlSessions({.caFile = options.caFile}, log),
-        services{log,    clock,   random, files,       defaults,     device, locale,
-                 bundle, workers, loop,   urlSessions, transactions, sockets} {
+        services{log,     clock, random,      files,        defaults, device,  locale,   bundle,
+                 workers, loop,  urlSessions, transactions, sockets,  modules, *powerLog} {
     identity.emplace(services);
     messageLog.emplace(services);
   }
@@ -77,6 +80,8 @@ class Machine final {
   SystemDeviceProperties device;
   ServiceTransactions transactions;
   UDPSockets sockets;
+  SharedObjectLoader modules;
+  std::unique_ptr<PowerLog> powerLog;
   std::optional<DeviceIdentity> identity;
   std::optional<MessageLog> messageLog;
   // Last, so that they end first: ending transfers still call back, on the workers, and

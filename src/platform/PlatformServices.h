@@ -6,6 +6,8 @@
 #include "platform/DeviceProperties.h"
 #include "platform/FileManager.h"
 #include "platform/Locale.h"
+#include "platform/ModuleLoader.h"
+#include "platform/PowerLog.h"
 #include "platform/ProcessTransactions.h"
 #include "platform/RandomSource.h"
 #include "platform/SerialQueue.h"
@@ -33,6 +35,8 @@ struct PlatformServices {
   URLSessionService& urlSessions;
   ProcessTransactions& transactions;
   DatagramSocketService& sockets;
+  ModuleLoader& modules;
+  PowerLog& powerLog;
 };
 
 }  // namespace zun

@@ -1,8 +1,11 @@
 #include "platform/UTF8.h"
 
+#include <fmt/format.h>
+
 #include <clocale>
 #include <cstdint>
 #include <cstring>
+#include <iterator>
 
 #include <wctype.h>
 
@@ -130,6 +133,15 @@ void appendUTF8(std::string& out, char32_t character) {
     append(0x80 | (character >> 6 & 0x3F));
     append(0x80 | (character & 0x3F));
   }
+}
+
+void cutLongText(std::string& text, size_t maximumBytes) {
+  const size_t length = text.size();
+  if (length <= maximumBytes) return;
+  size_t end = maximumBytes;
+  while (end > 0 && end + 3 > maximumBytes && isContinuation(static_cast<unsigned char>(text[end]))) --end;
+  text.resize(end);
+  fmt::format_to(std::back_inserter(text), "... ({} bytes)", length);
 }
 
 }  // namespace zun

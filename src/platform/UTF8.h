@@ -28,6 +28,9 @@ namespace zun {
 /// belong to no character stay. Any thread.
 [[nodiscard]] std::string lowerCased(std::string_view text);
 
+/// Text beyond so many bytes is cut, between characters, and ends with its former length.
+void cutLongText(std::string& text, size_t maximumBytes);
+
 /// Appends the UTF-8 form of a code point that is a Unicode scalar value.
 void appendUTF8(std::string& out, char32_t character);
 

@@ -5,7 +5,9 @@
 #include "platform/PlatformServices.h"
 #include "platform/linux/CurlURLSession.h"
 #include "platform/linux/FileUserDefaults.h"
+#include "platform/linux/JournalPowerLog.h"
 #include "platform/linux/LinuxFileManager.h"
+#include "platform/linux/SharedObjectLoader.h"
 #include "platform/linux/UDPSockets.h"
 #include "platform/linux/WorkerPool.h"
 #include "support/Fakes.h"
@@ -27,11 +29,11 @@ class TestPlatform {
         timers(clock),
         urlSessions({.caFile = std::move(caFile)}, log),
         sockets(loopThread.loop()),
-        services{log,    clock,       random,
-                 files,  defaults,    device,
-                 locale, bundle,      executorToUse == nullptr ? workers : *executorToUse,
-                 timers, urlSessions, transactions,
-                 sockets} {}
+        services{log,     clock,       random,
+                 files,   defaults,    device,
+                 locale,  bundle,      executorToUse == nullptr ? workers : *executorToUse,
+                 timers,  urlSessions, transactions,
+                 sockets, modules,     powerLog} {}
 
   ScratchFolder scratch;
   RecordingLog log;
@@ -41,6 +43,8 @@ class TestPlatform {
   FakeLocale locale;
   FakeBundle bundle;
   FakeTransactions transactions;
+  SharedObjectLoader modules;
+  LinePowerLog powerLog{log};
   WorkerPool workers;
   LinuxFileManager files;
   FileUserDefaults defaults;

@@ -24,10 +24,6 @@ std::string whyNotAPostBody(const Value& body) {
 
 }  // namespace
 
-EventSink::EventSink(const std::string& path) : path_(path) {
-  if (!path.empty()) file_.open(path, std::ios::app | std::ios::binary);
-}
-
 Result<uint64_t, std::string> EventSink::accept(std::string_view body, uint64_t wireBytes) {
   const auto parsed = parseJSON(body);
   if (!parsed) return refuse("the body is no JSON: " + parsed.error());
@@ -37,15 +33,9 @@ Result<uint64_t, std::string> EventSink::accept(std::string_view body, uint64_t 
   std::string lines;
   for (const Value& event : events) lines += writeJSON(event, JSONFormat::kCompact) + "\n";
 
-  const std::lock_guard lock(mutex_);
-  if (file_.is_open()) {
-    file_ << lines << std::flush;
-    if (!file_) {
-      file_.clear();
-      ++totals_.refusedPosts;
-      return Result<uint64_t, std::string>::failure("cannot write to " + path_);
-    }
-  }
+  if (std::string error = file_.append(lines); !error.empty()) return refuse(std::move(error));
+
+  const MutexLock lock(mutex_);
   ++totals_.posts;
   totals_.events += events.size();
   totals_.wireBytes += wireBytes;
@@ -54,12 +44,12 @@ Result<uint64_t, std::string> EventSink::accept(std::string_view body, uint64_t 
 }
 
 CollectedTotals EventSink::totals() const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   return totals_;
 }
 
 Result<uint64_t, std::string> EventSink::refuse(std::string why) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   ++totals_.refusedPosts;
   return Result<uint64_t, std::string>::failure(std::move(why));
 }

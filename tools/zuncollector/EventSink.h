@@ -1,16 +1,16 @@
 #pragma once
 
 #include <cstdint>
-#include <fstream>
-#include <mutex>
 #include <string>
 #include <string_view>
 
+#include "RecordFile.h"
+#include "platform/Mutex.h"
 #include "platform/Result.h"
 
 namespace zun {
 
-/// What has been received so far.
+/// The posts received so far.
 struct CollectedTotals {
   uint64_t posts = 0;
   uint64_t refusedPosts = 0;
@@ -19,27 +19,26 @@ struct CollectedTotals {
   uint64_t bodyBytes = 0;  // bodies after decompression
 };
 
-/// Checks post bodies and keeps their records, one JSON object a line. Any thread.
+/// Checks post bodies and keeps their records, one JSON object a line, just as they came.
+/// Any thread.
 class EventSink final {
  public:
-  /// Appends to the file at `path`; an empty path keeps only the totals.
-  explicit EventSink(const std::string& path);
-  [[nodiscard]] bool isOpen() const { return path_.empty() || file_.is_open(); }
+  /// `file` outlives the sink.
+  explicit EventSink(RecordFile& file) : file_(file) {}
 
   /// Takes the body of one post: {"postTime": ..., "clientId": ..., "events": [...]}.
   /// Either all of its records are kept or none. Gives the number of records, or why
   /// the body is refused.
-  Result<uint64_t, std::string> accept(std::string_view body, uint64_t wireBytes);
+  Result<uint64_t, std::string> accept(std::string_view body, uint64_t wireBytes) EXCLUDES(mutex_);
 
-  [[nodiscard]] CollectedTotals totals() const;
+  [[nodiscard]] CollectedTotals totals() const EXCLUDES(mutex_);
 
  private:
-  Result<uint64_t, std::string> refuse(std::string why);
+  Result<uint64_t, std::string> refuse(std::string why) EXCLUDES(mutex_);
 
-  const std::string path_;
-  mutable std::mutex mutex_;
-  std::ofstream file_;
-  CollectedTotals totals_;
+  RecordFile& file_;
+  mutable Mutex mutex_;
+  CollectedTotals totals_ GUARDED_BY(mutex_);
 };
 
 }  // namespace zun

@@ -2,6 +2,7 @@
 
 #include <optional>
 
+#include "JSONProperties.h"
 #include "platform/JSONReader.h"
 #include "platform/Value.h"
 
@@ -10,34 +11,7 @@ namespace zun {
 namespace {
 
 using zunreporting::Event;
-using zunreporting::PropertyArray;
-using zunreporting::PropertyDictionary;
-using zunreporting::PropertyValue;
 using EventResult = Result<Event, std::string>;
-
-PropertyDictionary propertiesOf(const Dictionary& dictionary);
-
-PropertyValue propertyOf(const Value& value) {
-  if (value.isBoolean()) return value.boolValue();
-  if (value.isAboveInt64()) return static_cast<uint64_t>(value.intValue());
-  if (value.isInteger()) return value.intValue();
-  if (value.isReal()) return value.doubleValue();
-  if (const Dictionary* const dictionary = value.dictionary()) return propertiesOf(*dictionary);
-  if (const Array* const array = value.array()) {
-    PropertyArray elements;
-    for (const Value& element : *array) {
-      if (!element.isNone()) elements.push_back(propertyOf(element));
-    }
-    return elements;
-  }
-  return std::string(value.stringValue());
-}
-
-PropertyDictionary propertiesOf(const Dictionary& dictionary) {
-  PropertyDictionary properties;
-  for (const auto& [key, value] : dictionary) properties.emplace_back(key.stringValue(), propertyOf(value));
-  return properties;
-}
 
 /// A number of the line that must be whole and lie between 0 and `largest`.
 std::optional<uint32_t> wholeNumber(const Value& value, int64_t largest) {

@@ -15,6 +15,7 @@
 #include "platform/PropertyList.h"
 #include "platform/Result.h"
 #include "platform/linux/FileDescriptor.h"
+#include "platform/linux/FileTrust.h"
 
 namespace zun {
 
@@ -40,10 +41,7 @@ Result<std::string, std::string> readTrustedFile(const std::string& path) {
   struct stat status {};
   if (!file.isOpen() || ::fstat(file.get(), &status) != 0) return Read::failure(systemMessage(errno));
   if (!S_ISREG(status.st_mode)) return Read::failure("it is no regular file");
-  if (status.st_uid != 0 && status.st_uid != ::geteuid()) {
-    return Read::failure("it belongs neither to root nor to this user");
-  }
-  if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) return Read::failure("others can write it");
+  if (const char* const reason = reasonToDistrust(status)) return Read::failure(reason);
   if (static_cast<size_t>(status.st_size) > kMaximumFileBytes) return Read::failure("it is too large");
   std::string bytes(kMaximumFileBytes + 1, '\0');
   size_t length = 0;

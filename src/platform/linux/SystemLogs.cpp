@@ -101,11 +101,13 @@ class BrokenPipeGuard final {
 }  // namespace
 
 std::unique_ptr<SystemLog> makeSystemLog(LogTarget target, LogLevel level) {
-  const bool toJournal =
-      target == LogTarget::kJournal ||
-      (target == LogTarget::kAuto && isJournalStream(STDERR_FILENO, std::getenv("JOURNAL_STREAM")));
-  if (toJournal) return std::make_unique<JournalLog>(level);
+  if (leadsToJournal(target)) return std::make_unique<JournalLog>(level);
   return std::make_unique<StreamLog>(STDERR_FILENO, level);
+}
+
+bool leadsToJournal(LogTarget target) {
+  return target == LogTarget::kJournal ||
+         (target == LogTarget::kAuto && isJournalStream(STDERR_FILENO, std::getenv("JOURNAL_STREAM")));
 }
 
 bool isJournalStream(int descriptor, const char* journalStream) {

@@ -14,6 +14,9 @@ namespace zun {
 /// The daemon's log: lines of `level` and above, to `target`.
 [[nodiscard]] std::unique_ptr<SystemLog> makeSystemLog(LogTarget target, LogLevel level);
 
+/// True if a log to `target` goes to the journal.
+[[nodiscard]] bool leadsToJournal(LogTarget target);
+
 /// True if `descriptor` is the stream that `journalStream` ("device:inode", as the
 /// service manager gives it in JOURNAL_STREAM; may be null) names.
 [[nodiscard]] bool isJournalStream(int descriptor, const char* journalStream);

@@ -88,10 +88,10 @@ class ConnectivityTest : public ::testing::Test {
   ConnectivityTest()
       : platform_(&executor_, HTTPSTestServer::caFile()),
         urlSessions_(platform_.urlSessions),
-        services_{platform_.log,      platform_.clock,  platform_.random, platform_.files,
-                  platform_.defaults, platform_.device, platform_.locale, platform_.bundle,
-                  executor_,          platform_.timers, urlSessions_,     platform_.transactions,
-                  platform_.sockets},
+        services_{platform_.log,      platform_.clock,   platform_.random,  platform_.files,
+                  platform_.defaults, platform_.device,  platform_.locale,  platform_.bundle,
+                  executor_,          platform_.timers,  urlSessions_,      platform_.transactions,
+                  platform_.sockets,  platform_.modules, platform_.powerLog},
         holder_(std::make_shared<CountingHolder>()) {}
 
   void TearDown() override {

@@ -690,10 +690,10 @@ class NoNetworkTest : public StorebagTest {
   }
 
   NoNetworkSessions sessions_;
-  PlatformServices services_{platform_.log,      platform_.clock,  platform_.random, platform_.files,
-                             platform_.defaults, platform_.device, platform_.locale, platform_.bundle,
-                             platform_.workers,  platform_.timers, sessions_,        platform_.transactions,
-                             platform_.sockets};
+  PlatformServices services_{platform_.log,      platform_.clock,   platform_.random,  platform_.files,
+                             platform_.defaults, platform_.device,  platform_.locale,  platform_.bundle,
+                             platform_.workers,  platform_.timers,  sessions_,         platform_.transactions,
+                             platform_.sockets,  platform_.modules, platform_.powerLog};
   std::shared_ptr<NetworkStorebagFetcher> fetcher_ = NetworkStorebagFetcher::create(
       services_, identity_, {.requestTimeout = std::chrono::seconds(0), .grace = std::chrono::seconds(1)});
 };
