@@ -11,6 +11,7 @@ EventBatch::Room EventBatch::append(Dictionary record) {
   if (bytes > kMaximumBytes - bytes_) return Room::kBatchFull;
   if (!memory_->take(bytes)) return Room::kAllFull;
   bytes_ += bytes;
+  estimatedSize_ += bytes;
   records_.push_back(std::move(record));
   return Room::kTaken;
 }
@@ -21,15 +22,11 @@ int32_t EventBatch::countOfMethod(int64_t method) const {
 }
 
 void EventBatch::setInAllRecords(const Value& key, const Value& value) {
-  for (Dictionary& record : records_) record.set(key, value);
-}
-
-uint32_t EventBatch::estimatedSize() const {
-  uint32_t bytes = 0;
-  for (const Dictionary& record : records_) {
-    bytes += static_cast<uint32_t>(estimatedObjectSize(Value(record)));
+  estimatedSize_ = 0;
+  for (Dictionary& record : records_) {
+    record.set(key, value);
+    estimatedSize_ += static_cast<uint32_t>(estimatedObjectSize(Value(record)));
   }
-  return bytes;
 }
 
 }  // namespace zun

@@ -42,8 +42,8 @@ class EventBatch final {
   /// Writes `value` under `key` into every record.
   void setInAllRecords(const Value& key, const Value& value);
 
-  /// Estimated bytes, kept in 32 bits.
-  [[nodiscard]] uint32_t estimatedSize() const;
+  /// Estimated bytes of the records as they are now, kept in 32 bits.
+  [[nodiscard]] uint32_t estimatedSize() const { return estimatedSize_; }
 
   [[nodiscard]] std::vector<Dictionary> takeRecords() { return std::move(records_); }
 
@@ -54,7 +54,8 @@ class EventBatch final {
   const std::shared_ptr<MemoryBudget> memory_;
   std::vector<Dictionary> records_;
   std::unordered_map<int64_t, int32_t> methodCounts_;
-  size_t bytes_ = 0;
+  size_t bytes_ = 0;  // as taken from the budget
+  uint32_t estimatedSize_ = 0;
   bool overflowNoted_ = false;
 };
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -40,6 +41,7 @@ class HTTPSPostBackend final : public ZunReportingBackend {
                                          int32_t flag) override;
   std::optional<std::string> flushMessagesWithCompletion(FlushCompletion completion) override;
   void setCorrelatedSessionID(const std::string& identifier) override;
+  /// As of the last turn of the state queue that changed the batch; does not wait for one.
   [[nodiscard]] uint32_t batchedEventsSize() const override;
 
   // Steps of the above that stand for themselves. The session's calls only.
@@ -113,6 +115,8 @@ class HTTPSPostBackend final : public ZunReportingBackend {
   [[nodiscard]] bool hasBatch() const;
   enum class FlushObstacle { kNone, kNothingToFlush, kUserInfoMissing };
   FlushObstacle takeBatch(std::vector<Dictionary>& records);
+  /// State queue only.
+  void publishBatchSize();
   [[nodiscard]] bool admitsEvent(uint16_t method) const;
   std::vector<Dictionary> admittedRecords(std::vector<Dictionary> records) const;
 
@@ -138,6 +142,7 @@ class HTTPSPostBackend final : public ZunReportingBackend {
   std::optional<std::string> uuidCustom_;
   bool immutable_ = false;
   std::optional<EventBatch> batchedEvents_;  // state queue only
+  std::atomic<uint32_t> batchedEventsSize_{0};
 };
 
 }  // namespace zun

@@ -129,6 +129,7 @@ void HTTPSPostBackend::append(Dictionary record, int64_t method, int32_t count) 
     const EventBatch::Room found = batchedEvents_->append(std::move(record));
     if (found == EventBatch::Room::kTaken) {
       batchedEvents_->setCountOfMethod(method, count + 1);
+      publishBatchSize();
     } else {
       isFirstOverflow = batchedEvents_->noteOverflow();
     }
@@ -177,11 +178,13 @@ HTTPSPostBackend::FlushObstacle HTTPSPostBackend::takeBatch(std::vector<Dictiona
   if (!batchedEvents_) return FlushObstacle::kNothingToFlush;
   if (state_ != ZunBackendStateEnabled) {
     batchedEvents_.reset();
+    publishBatchSize();
     return FlushObstacle::kNothingToFlush;
   }
   if (requireUserInfo_ && !userInfoDict_) return FlushObstacle::kUserInfoMissing;
   records = batchedEvents_->takeRecords();
   batchedEvents_.reset();
+  publishBatchSize();
   return FlushObstacle::kNone;
 }
 
@@ -234,12 +237,19 @@ void HTTPSPostBackend::setCorrelatedSessionID(const std::string& identifier) {
   ZunReportingBackend::setCorrelatedSessionID(identifier);
   stateQueue_->async(
       [self = std::static_pointer_cast<HTTPSPostBackend>(shared_from_this()), value = Value(identifier)] {
-        if (self->batchedEvents_) self->batchedEvents_->setInAllRecords(Value::literal("_sessionID"), value);
+        if (!self->batchedEvents_) return;
+        self->batchedEvents_->setInAllRecords(Value::literal("_sessionID"), value);
+        self->publishBatchSize();
       });
 }
 
+// Every session's end asks every backend of every session: none of them makes it wait.
 uint32_t HTTPSPostBackend::batchedEventsSize() const {
-  return stateQueue_->sync([this] { return batchedEvents_ ? batchedEvents_->estimatedSize() : 0; });
+  return batchedEventsSize_.load(std::memory_order_relaxed);
+}
+
+void HTTPSPostBackend::publishBatchSize() {
+  batchedEventsSize_.store(batchedEvents_ ? batchedEvents_->estimatedSize() : 0, std::memory_order_relaxed);
 }
 
 }  // namespace zun

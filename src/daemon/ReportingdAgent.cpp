@@ -1,5 +1,6 @@
 #include "daemon/ReportingdAgent.h"
 
+#include "session/ClientSessionReplyInterface.h"
 #include "util/Identifiers.h"
 #include "zunreporting/Keys.h"
 
@@ -135,6 +136,8 @@ void ReportingdAgent::updateCorrelatedSessions(ReportingdSession& session) {
   if (!token) {
     log_.note("updateCorrelatedSessions: Session {} has no correlated sessions as it is a standalone session",
               session.sessionID());
+    const RecursiveMutexLock lock(objectLock_);
+    correlatedSessions_.updateLevelOfStandaloneSession(session);
     return;
   }
   const RecursiveMutexLock lock(objectLock_);
@@ -148,9 +151,32 @@ std::optional<std::string> ReportingdAgent::parentSessionIDStringForSession(Repo
   return correlatedSessions_.parentSessionIDString(session);
 }
 
-void ReportingdAgent::updateDownstreamSessions(ReportingdSession& session) {
+std::shared_ptr<ReportingdSession> ReportingdAgent::getAncestorWithAggregatorForSession(
+    ReportingdSession& session) {
   const RecursiveMutexLock lock(objectLock_);
-  correlatedSessions_.updateDownstreamSessions(session);
+  return correlatedSessions_.getAncestorWithAggregator(session);
+}
+
+void ReportingdAgent::updateDownstreamSessions(ReportingdSession& session) {
+  if (!session.hierarchyToken()) return;
+  CorrelatedSessions::Sessions below;  // let go of after the lock
+  std::shared_ptr<ReportingdSession> ancestor;
+  const RecursiveMutexLock lock(objectLock_);
+  session.updateCombinedSessionID();
+  session.syncReportingStates();
+  ancestor = correlatedSessions_.getAncestorWithAggregator(session);
+  if (ancestor) session.shutdownSessionAggregation();
+
+  below = correlatedSessions_.sessionsBelow(session);
+  for (const auto& other : below) {
+    log_.debug(
+        "updateDownstreamSessions: Updating combined session ID and syncing reporting states for session {}",
+        other->sessionID());
+    other->updateCombinedSessionID();
+    other->syncReportingStates();
+    // Of one hierarchy only the topmost aggregator goes on.
+    if ((ancestor || session.hasAggregator()) && other->hasAggregator()) other->shutdownSessionAggregation();
+  }
 }
 
 std::shared_ptr<ReportingdSession> ReportingdAgent::parentSessionForChild(ReportingdSession& session) {
@@ -175,6 +201,19 @@ std::optional<Dictionary> ReportingdAgent::sharedDataForSession(ReportingdSessio
   const RecursiveMutexLock lock(objectLock_);
   const auto token = session.hierarchyToken();
   return token ? sharedData_.forToken(*token) : std::nullopt;
+}
+
+// --- State ---------------------------------------------------------------------
+
+ReportingAgentState ReportingdAgent::copyReportingAgentState() {
+  // Room is made outside the lock, for a few more than there are.
+  constexpr size_t kNewcomers = 8;
+  ReportingAgentState state;
+  state.sessions.reserve(sessionCount() + kNewcomers);
+  const RecursiveMutexLock lock(objectLock_);
+  state.sessions.assign(sessionList_.begin(), sessionList_.end());
+  state.cachedStorebags = storebagCache_.entries();
+  return state;
 }
 
 // --- Connectivity helpers ------------------------------------------------------

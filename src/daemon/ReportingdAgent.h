@@ -55,11 +55,13 @@ class ReportingdAgent final : public ReportingdSessionDelegate,
   std::optional<std::string> storebagVersionForSession(const ReportingdSession& session) override;
   std::optional<std::string> parentSessionIDStringForSession(ReportingdSession& session) override;
   void updateCorrelatedSessions(ReportingdSession& session) override;
+  std::shared_ptr<ReportingdSession> getAncestorWithAggregatorForSession(ReportingdSession& session) override;
   void updateDownstreamSessions(ReportingdSession& session) override;
   std::shared_ptr<ReportingdSession> parentSessionForChild(ReportingdSession& session) override;
   void updateSharedDataForSession(ReportingdSession& session, const Dictionary& sharedData) override;
   void removeObjectFromSharedDataForSession(ReportingdSession& session, const std::string& key) override;
   std::optional<Dictionary> sharedDataForSession(ReportingdSession& session) override;
+  [[nodiscard]] ReportingAgentState copyReportingAgentState() override;
   std::shared_ptr<ReportingSessionConnectivityHelper> copySharedConnectivityHelperForReportingSession(
       const ReportingdSession& session, ConnectionMode mode) override;
   void releaseSharedConnectivityHelperForReportingSession(const ReportingdSession& session) override;

@@ -15,6 +15,11 @@ struct TimeValue {
   friend bool operator==(const TimeValue&, const TimeValue&) = default;
 };
 
+/// Seconds since 1970, with the microseconds as their fraction.
+[[nodiscard]] constexpr double secondsOf(const TimeValue& time) {
+  return static_cast<double>(time.seconds) + static_cast<double>(time.microseconds) / 1'000'000.0;
+}
+
 /// The wall clock and the monotonic clock. Any thread.
 class Clock {
  public:
@@ -25,10 +30,7 @@ class Clock {
   /// Never goes back; its zero means nothing.
   [[nodiscard]] virtual std::chrono::nanoseconds monotonic() const = 0;
 
-  [[nodiscard]] Date now() const {
-    const TimeValue time = timeOfDay();
-    return Date{static_cast<double>(time.seconds) + static_cast<double>(time.microseconds) / 1'000'000.0};
-  }
+  [[nodiscard]] Date now() const { return Date{secondsOf(timeOfDay())}; }
 };
 
 }  // namespace zun

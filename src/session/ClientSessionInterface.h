@@ -82,7 +82,4 @@ class ClientSessionInterface {
 /// The interface that clients call, at its object path.
 [[nodiscard]] const ServiceInterface& clientSessionInterface();
 
-/// The interface that clients export.
-[[nodiscard]] const ServiceInterface& clientSessionReplyInterface();
-
 }  // namespace zun

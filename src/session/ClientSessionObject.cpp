@@ -2,6 +2,7 @@
 #include <utility>
 
 #include "session/ReportingdSession.h"
+#include "session/WireOptional.h"
 
 namespace zun {
 
@@ -13,12 +14,6 @@ struct Operation {
   ServiceMember member;
   Handler handler;
 };
-
-// Optional values travel as arrays of no or one element.
-
-Value wireOptional(Value value) {
-  return value.isNone() ? Value(Array()) : Value(Array{std::move(value)});
-}
 
 Value wireString(const std::optional<std::string>& text) {
   return wireOptional(text ? Value(*text) : Value());
@@ -193,10 +188,6 @@ constexpr std::array<ServiceMember, kOperationCount> membersOfOperations() {
 }
 constexpr std::array<ServiceMember, kOperationCount> kMembers = membersOfOperations();
 
-constexpr ServiceArgument kSendMessageToClientIn[] = {
-    {"sessionInfo", "aa{sv}"}, {"timestamp", "d"}, {"category", "q"}, {"type", "q"}, {"payload", "aa{sv}"}};
-constexpr ServiceMember kReplyMembers[] = {{"sendMessageToClient", kSendMessageToClientIn, {}}};
-
 /// Keeps the session alive as long as its connection can call it.
 class ClientSessionObject final : public ExportedObject {
  public:
@@ -215,13 +206,6 @@ class ClientSessionObject final : public ExportedObject {
 const ServiceInterface& clientSessionInterface() {
   static constexpr ServiceInterface kInterface = {
       "/com/vantix/zunreportingd/session", "com.vantix.zunreportingd.ClientSessionInterface", kMembers};
-  return kInterface;
-}
-
-const ServiceInterface& clientSessionReplyInterface() {
-  static constexpr ServiceInterface kInterface = {"/com/vantix/zunreportingd/client",
-                                                  "com.vantix.zunreportingd.ClientSessionReplyInterface",
-                                                  kReplyMembers};
   return kInterface;
 }
 

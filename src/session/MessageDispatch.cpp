@@ -45,20 +45,28 @@ std::optional<std::string> ReportingdSession::sendMessageWithDictionary(const Di
     log().debug("sendMessageWithDictionary: Missing mandatory parameter 'type'");
     return std::nullopt;
   }
+  const auto method = static_cast<uint16_t>(category.intValue());
+  const auto respCode = static_cast<uint16_t>(type.intValue());
+  const Value& payload = message[kZunReportingMessageParametersPayload];
   const int32_t flag = message[kZunReportingMessageParametersFlag].int32Value();
   const TimeValue timestamp = services_.platform.clock.timeOfDay();
+  if (hasAggregator_ || mayHaveAncestors()) {
+    const Dictionary* const entries = payload.dictionary();
+    aggregateMessage(configuredSessionInfo(), secondsOf(timestamp), method, respCode,
+                     entries == nullptr ? std::nullopt : std::optional(*entries));
+  }
+  return dispatchToBackends(messageBlob(payload), timestamp, method, respCode, flag);
+}
 
+Dictionary ReportingdSession::messageBlob(const Value& payload) {
   Dictionary blob = Dictionary::withCapacity(2);
-  {
+  if (hasHierarchyToken_) {  // without one there is nothing shared, nor a lock to wait for
     const RecursiveMutexLock lock(delegate_->objectLock());
     if (auto sharedData = delegate_->sharedDataForSession(*this))
       blob.set(Value::literal(kZunReportingMessageBlobSharedData), std::move(*sharedData));
   }
-  const Value& payload = message[kZunReportingMessageParametersPayload];
   if (payload.isDictionary()) blob.set(Value::literal(kZunReportingMessageBlobClientData), payload);
-
-  return dispatchToBackends(blob, timestamp, static_cast<uint16_t>(category.intValue()),
-                            static_cast<uint16_t>(type.intValue()), flag);
+  return blob;
 }
 
 std::optional<std::string> ReportingdSession::dispatchToBackends(const Dictionary& blob,

@@ -32,13 +32,9 @@ bool differs(std::string_view key, const Dictionary& before, const Dictionary& a
 std::shared_ptr<ReportingdSession> ReportingdSession::create(
     const ReportingServices& services, std::shared_ptr<ReportingdSessionDelegate> delegate,
     std::shared_ptr<ServiceConnection> connection, BackendFactory backendFactory) {
-  const auto tearDown = [](ReportingdSession* session) {
-    session->dealloc();
-    delete session;
-  };
   return {
       new ReportingdSession(services, std::move(delegate), std::move(connection), std::move(backendFactory)),
-      tearDown};
+      &ReportingdSession::tearDown};
 }
 
 ReportingdSession::ReportingdSession(const ReportingServices& services,
@@ -121,6 +117,7 @@ void ReportingdSession::adoptSessionInfo(const Dictionary& sessionInfo) {
     level = static_cast<uint32_t>((*hierarchy)[kZunReportingHierarchyTokenLevel].int32Value());
     token = (*hierarchy)[kZunReportingHierarchyTokenTokenID].string();
   }
+  hasHierarchyToken_ = token.has_value();
   const MutexLock lock(mutex_);
   shared_.sessionInfo = sessionInfo;
   shared_.hierarchyLevel = level;
@@ -263,21 +260,62 @@ void ReportingdSession::updateCombinedSessionID() {
 
 // Teardown
 
+/// Sessions whose teardown is due on one thread, linked through themselves.
+class ReportingdSession::TeardownLine final {
+ public:
+  void add(ReportingdSession* session) {
+    (last_ == nullptr ? first_ : last_->nextToTearDown_) = session;
+    last_ = session;
+    if (!isMoving_) run();
+  }
+
+ private:
+  void run() {
+    isMoving_ = true;
+    while (ReportingdSession* const session = first_) {
+      first_ = session->nextToTearDown_;
+      if (first_ == nullptr) last_ = nullptr;
+      session->dealloc();
+      delete session;
+    }
+    isMoving_ = false;
+  }
+
+  ReportingdSession* first_ = nullptr;
+  ReportingdSession* last_ = nullptr;
+  bool isMoving_ = false;
+};
+
+// The last reference to a session may be another's snapshot for its health report, taken
+// while that one is torn down. Where many sessions end at once this makes chains, which
+// teardowns within teardowns would follow down the stack.
+void ReportingdSession::tearDown(ReportingdSession* session) {
+  thread_local TeardownLine line;
+  line.add(session);
+}
+
 void ReportingdSession::dealloc() {
   log().debug("dealloc: ReportingdSession dealloc: {}", sessionID());
-  Dictionary endPayload;
-  if (storebagVersion_) {
-    endPayload.set("StorebagVersion", *storebagVersion_);
-    endPayload.set("GracefulTermination", hasFinishedGracefully_);
-  }
   if (hasBackends()) {
-    internalSendMessage(endPayload, /*method=*/0, /*respCode=*/1);
+    internalSendMessage(endPayload(), /*method=*/0, /*respCode=*/1);
     flushMessagesWithCompletion(nullptr);
   }
+  shutdownSessionAggregation();
   handBackKeepAliveReference();
   releaseUserInfo();
   if (backends_ == nullptr) return;
   for (const auto& entry : backends_->entries) entry.backend->cleanup();
+}
+
+Dictionary ReportingdSession::endPayload() const {
+  Dictionary payload;
+  if (storebagVersion_) {
+    payload.set("StorebagVersion", *storebagVersion_);
+    payload.set("GracefulTermination", hasFinishedGracefully_);
+  }
+  const ReportingAgentState state = delegate_->copyReportingAgentState();
+  addSessionsAccumulatedHealthInfoToPayload(payload, state.sessions, state.cachedStorebags);
+  return payload;
 }
 
 void ReportingdSession::handBackKeepAliveReference() {

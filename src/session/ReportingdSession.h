@@ -23,13 +23,15 @@ namespace zun {
 ///   created ──setSessionInfo──▶ configured ──startConfig, storebag there──▶ started
 ///      └───────────────┴──────── last reference dropped ───────────────────────┘
 ///                                          ▼
-///             torn down: end message, flush, helper and keep-alive reference handed back
+///             torn down: end message, flush, aggregation ended, helper and keep-alive
+///                        reference handed back
 ///
 /// Threading: the client's calls come one at a time on its connection's thread; what
 /// the agent and other sessions read is listed as "any thread".
 /// Ownership: the agent's session list and the connection hold it. Teardown runs once,
 /// on the thread that drops the last reference, never under the agent's lock: whoever
-/// gets hold of a session under that lock lets go of it after it.
+/// gets hold of a session under that lock lets go of it after it. Sessions whose last
+/// reference goes while their thread tears another one down wait until that is done.
 class ReportingdSession final : public ClientSessionInterface,
                                 public std::enable_shared_from_this<ReportingdSession> {
  public:
@@ -57,6 +59,16 @@ class ReportingdSession final : public ClientSessionInterface,
   // The agent's calls, from any session's thread, some under the agent's lock.
   void updateCombinedSessionID();
   void syncReportingStates();
+  /// Ends the copies to the client, and tells it so, once.
+  void shutdownSessionAggregation();
+
+  // For health reports, any thread.
+  /// Estimated bytes of the events that wait in the session's backends. Does not wait for them.
+  [[nodiscard]] uint64_t batchedEventsSize() const;
+  /// Adds what `sessionList`, this session and the storebag cache come to.
+  void addSessionsAccumulatedHealthInfoToPayload(
+      Dictionary& payload, const std::vector<std::shared_ptr<ReportingdSession>>& sessionList,
+      const Dictionary& storebags) const;
 
   // ClientSessionInterface
   void setSessionInfo(const Dictionary& sessionInfo, const std::optional<Dictionary>& userInfo,
@@ -100,8 +112,11 @@ class ReportingdSession final : public ClientSessionInterface,
   ReportingdSession(const ReportingServices& services, std::shared_ptr<ReportingdSessionDelegate> delegate,
                     std::shared_ptr<ServiceConnection> connection, BackendFactory backendFactory);
   ~ReportingdSession() override = default;
+  class TeardownLine;
+  static void tearDown(ReportingdSession* session);
   /// Teardown, before destruction.
   void dealloc();
+  [[nodiscard]] Dictionary endPayload() const;
   void handBackKeepAliveReference();
 
   [[nodiscard]] SystemLog& log() const { return services_.platform.log; }
@@ -123,6 +138,7 @@ class ReportingdSession final : public ClientSessionInterface,
   std::optional<std::string> sendMessageWithDictionary(const Dictionary& message);
   std::optional<std::string> dispatchToBackends(const Dictionary& blob, const TimeValue& timestamp,
                                                 uint16_t category, uint16_t type, int32_t flag);
+  [[nodiscard]] Dictionary messageBlob(const Value& payload);
   void internalSendMessage(const Dictionary& payload, uint16_t method, uint16_t respCode);
   void internalFlushMessagesWithCompletion(FlushReply completion);
   void sendOneMessageWithSessionInfo(const std::optional<Dictionary>& sessionInfo,
@@ -134,6 +150,18 @@ class ReportingdSession final : public ClientSessionInterface,
   // SessionUpload.cpp
   void uploadFileWithURL(const std::string& fileURL, const std::string& extensionToken,
                          UploadFileReply completionHandler);
+
+  // SessionAggregation.cpp
+  [[nodiscard]] bool mayHaveAncestors() const { return hasHierarchyToken_ && hierarchyLevel() > 0; }
+  void aggregateMessage(const std::optional<Dictionary>& sessionInfo, double timestamp, uint16_t category,
+                        uint16_t type, const std::optional<Dictionary>& payload);
+  void sendToAggregator(const std::optional<Dictionary>& sessionInfo, double timestamp, uint16_t category,
+                        uint16_t type, const std::optional<Dictionary>& payload) EXCLUDES(deliveryMutex_);
+  void deliverToClient(const std::optional<Dictionary>& sessionInfo, double timestamp, uint16_t category,
+                       uint16_t type, const std::optional<Dictionary>& payload) REQUIRES(deliveryMutex_);
+
+  // SessionHealthReport.cpp
+  static uint64_t addSessionHealthInfo(const ReportingdSession& session, Dictionary& healthReport);
 
   // ReportingStates.cpp
   void createBackendsWithStorebag(const Dictionary& storebag);
@@ -154,8 +182,13 @@ class ReportingdSession final : public ClientSessionInterface,
   mutable Mutex mutex_;
   Shared shared_ GUARDED_BY(mutex_);
 
+  // Held while the client is called, so that nothing follows the end of aggregation.
+  Mutex deliveryMutex_;
+  std::optional<std::string> deliveryFailure_ GUARDED_BY(deliveryMutex_);  // of the last call
+
   // The client's thread only, and at last the teardown's.
   std::shared_ptr<const BackendTable> backends_;  // as in shared_, without its lock
+  bool hasHierarchyToken_ = false;                // likewise
   Array frameworks_;
   std::optional<std::string> storebagVersion_;
   std::array<char, 41> deviceid_{};  // up to 40 characters and a zero
@@ -164,6 +197,8 @@ class ReportingdSession final : public ClientSessionInterface,
   int32_t digestAlgorithm_ = 0;
   std::shared_ptr<ReportingSessionConnectivityHelper> connectivityHelper_;
   uint32_t connectivityHelperReleaseTimeout_ = kDefaultReleaseTimeout;
+
+  ReportingdSession* nextToTearDown_ = nullptr;
 };
 
 /// The object that turns a connection's calls into the session's operations.

@@ -3,6 +3,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "connectivity/QuorxTransactionHolder.h"
 #include "connectivity/ReportingSessionConnectivityHelper.h"
@@ -11,6 +12,13 @@
 namespace zun {
 
 class ReportingdSession;
+
+/// The agent's registry at one moment. Whoever lets go of it may be the last to hold one
+/// of its sessions, and then tears that down: never under the agent's lock.
+struct ReportingAgentState {
+  std::vector<std::shared_ptr<ReportingdSession>> sessions;  // in the order in which they came
+  Dictionary cachedStorebags;                                // storebag name to cache entry
+};
 
 /// What a session asks of the agent. Any thread; `objectLock` is the agent's lock.
 class ReportingdSessionDelegate : public QuorxTransactionHolder {
@@ -23,6 +31,9 @@ class ReportingdSessionDelegate : public QuorxTransactionHolder {
   // Hierarchy: sessions of one token, by level.
   virtual std::optional<std::string> parentSessionIDStringForSession(ReportingdSession& session) = 0;
   virtual void updateCorrelatedSessions(ReportingdSession& session) = 0;
+  /// The topmost session above this one whose client aggregates, or null.
+  virtual std::shared_ptr<ReportingdSession> getAncestorWithAggregatorForSession(
+      ReportingdSession& session) = 0;
   virtual void updateDownstreamSessions(ReportingdSession& session) = 0;
   virtual std::shared_ptr<ReportingdSession> parentSessionForChild(ReportingdSession& session) = 0;
 
@@ -30,6 +41,9 @@ class ReportingdSessionDelegate : public QuorxTransactionHolder {
   virtual void updateSharedDataForSession(ReportingdSession& session, const Dictionary& sharedData) = 0;
   virtual void removeObjectFromSharedDataForSession(ReportingdSession& session, const std::string& key) = 0;
   virtual std::optional<Dictionary> sharedDataForSession(ReportingdSession& session) = 0;
+
+  /// All live sessions and the storebags in memory. Takes the agent's lock for the copy alone.
+  [[nodiscard]] virtual ReportingAgentState copyReportingAgentState() = 0;
 
   // Connectivity helpers shared per client and service name.
   virtual std::shared_ptr<ReportingSessionConnectivityHelper> copySharedConnectivityHelperForReportingSession(

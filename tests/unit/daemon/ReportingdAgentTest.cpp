@@ -4,6 +4,7 @@
 
 #include <thread>
 
+#include "session/ClientSessionReplyInterface.h"
 #include "support/FakeConnection.h"
 #include "support/TestPlatform.h"
 #include "zunreporting/Keys.h"

@@ -518,11 +518,10 @@ TEST_F(DBusRawServiceTest, CallsToAClientThatDoesNotReadAreDropped) {
   size_t queued = 0;
   while (!connection->callRemote(0, arguments)) ++queued;
   EXPECT_LT(queued, 1000u);
-  EXPECT_TRUE(connection->callRemote(0, arguments));
+  EXPECT_EQ(connection->callRemote(0, arguments), peerName() + " does not read what it is sent");
   for (size_t count = 0; count < queued; ++count) ASSERT_TRUE(client->receiveMessage());
   expectStillServed(*client);
   EXPECT_EQ(connection->callRemote(0, arguments), std::nullopt);
-  expectErrors({"listener: " + peerName() + " does not read, calls to it are dropped"});
 }
 
 TEST_F(DBusRawServiceTest, NoFurtherCallsAreReadOfAClientThatDoesNotReadItsReplies) {

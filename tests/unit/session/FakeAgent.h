@@ -30,6 +30,7 @@ class FakeAgent final : public ReportingdSessionDelegate, public std::enable_sha
   std::optional<std::string> version = "41";
   std::function<void()> onHelperRelease = nullptr;
   std::function<void()> onParentFound = nullptr;
+  std::function<ReportingAgentState()> onCopyState = nullptr;
 
   // What sessions did.
   std::vector<std::string> calls() const {
@@ -88,6 +89,17 @@ class FakeAgent final : public ReportingdSessionDelegate, public std::enable_sha
     auto parent = sessionAbove(session);
     if (parent && onParentFound) onParentFound();
     return parent;
+  }
+  std::shared_ptr<ReportingdSession> getAncestorWithAggregatorForSession(
+      ReportingdSession& session) override {
+    record("getAncestorWithAggregatorForSession");
+    const RecursiveMutexLock lock(objectLock_);
+    const auto parent = sessionAbove(session);
+    return parent && parent->hasAggregator() ? parent : nullptr;
+  }
+  ReportingAgentState copyReportingAgentState() override {
+    record("copyReportingAgentState");
+    return onCopyState ? onCopyState() : ReportingAgentState{};
   }
   void updateDownstreamSessions(ReportingdSession& session) override {
     record("updateDownstreamSessions");

@@ -57,6 +57,7 @@ void DBusOutput::enqueue(Append append) {
   {
     const MutexLock lock(mutex_);
     if (isClosed_) return;
+    const bool wasEmpty = queued() == 0;
     append();
     if (queued() > limits_.maximumBytes) {
       log_.error("listener: {} does not read its replies, closing its connection", peer_);
@@ -65,7 +66,8 @@ void DBusOutput::enqueue(Append append) {
     }
     if (!isConnectionThread()) {
       write();
-      mustWake = queued() > 0;
+      // While anything is queued, the connection's thread knows, and waits for room.
+      mustWake = wasEmpty && queued() > 0;
     }
   }
   if (mustWake) wake();
@@ -121,16 +123,25 @@ std::optional<std::string> DBusOutput::sendCall(const DBusHeader& call, const Ar
     header.serial = nextSerial();
     if (const auto reason = appendDBusMessage(buffer_, header, arguments, messageLimits_)) {
       failure = reason->reason;
-    } else if (queued() > limits_.highWaterBytes) {
-      buffer_.resize(before);
-      failure = "the client does not read what it is sent";
-      // One line for each time that it falls behind, not for each call.
-      if (!droppedCalls_) log_.error("listener: {} does not read, calls to it are dropped", peer_);
-      droppedCalls_ = true;
+    } else if (queued() > limits_.highWaterBytes && !makeRoomForLast(before)) {
+      failure = fmt::format("{} does not read what it is sent", peer_);
     }
   });
   if (!failure && isClosed()) failure = "the connection has ended";
   return failure;
+}
+
+/// The message that begins at `begin` is one too many: writes what is before it, and
+/// drops it where that does not help. What is held back for the next flush must not
+/// count against a client that reads.
+bool DBusOutput::makeRoomForLast(size_t begin) {
+  const std::string last = buffer_.substr(begin);
+  buffer_.resize(begin);
+  write();
+  if (isClosed_) return true;
+  if (queued() + last.size() > limits_.highWaterBytes) return false;
+  buffer_ += last;
+  return true;
 }
 
 void DBusOutput::write() {
@@ -145,7 +156,6 @@ void DBusOutput::write() {
     written_ += static_cast<size_t>(sent);
   }
   if (queued() == 0) {
-    droppedCalls_ = false;
     buffer_.clear();
     if (buffer_.capacity() > kKeptBufferBytes) buffer_.shrink_to_fit();
     written_ = 0;

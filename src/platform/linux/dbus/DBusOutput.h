@@ -56,7 +56,7 @@ class DBusOutput final : public std::enable_shared_from_this<DBusOutput> {
 
   void sendReturn(uint32_t replySerial, std::string_view signature, const Array& values);
   void sendError(uint32_t replySerial, std::string_view name, std::string_view text);
-  /// None when queued, else why not.
+  /// None when queued, else why not; telling of it is the caller's.
   [[nodiscard]] std::optional<std::string> sendCall(const DBusHeader& call, const Array& arguments);
 
   /// Writes what the socket takes now.
@@ -81,6 +81,7 @@ class DBusOutput final : public std::enable_shared_from_this<DBusOutput> {
   void enqueue(Append append);
   bool appendReturn(uint32_t replySerial, std::string_view signature, const Array& values) REQUIRES(mutex_);
   void appendError(uint32_t replySerial, std::string_view name, std::string_view text) REQUIRES(mutex_);
+  bool makeRoomForLast(size_t begin) REQUIRES(mutex_);
   void write() REQUIRES(mutex_);
   void dropAll() REQUIRES(mutex_);
   uint32_t nextSerial() REQUIRES(mutex_);
@@ -98,7 +99,6 @@ class DBusOutput final : public std::enable_shared_from_this<DBusOutput> {
   int socket_ GUARDED_BY(mutex_);
   int wake_ GUARDED_BY(mutex_);
   bool isClosed_ GUARDED_BY(mutex_) = false;
-  bool droppedCalls_ GUARDED_BY(mutex_) = false;
   uint32_t serial_ GUARDED_BY(mutex_) = 0;
   std::string buffer_ GUARDED_BY(mutex_);
   size_t written_ GUARDED_BY(mutex_) = 0;
