@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <iterator>
 
+#include "backends/DashboardBackend.h"
 #include "backends/HTTPSPostBackend.h"
 #include "backends/JoulexBackend.h"
 #include "backends/KodoBackend.h"
@@ -11,6 +12,7 @@ namespace zun {
 
 namespace {
 
+using zunreporting::kZunReportingBackendDashboard;
 using zunreporting::kZunReportingBackendHTTPPost;
 using zunreporting::kZunReportingBackendHTTPPost2;
 using zunreporting::kZunReportingBackendJoulex;
@@ -33,6 +35,11 @@ struct Kind {
   bool (*isNamedBy)(const Section& section);
   std::shared_ptr<ZunReportingBackend> (*make)(const Section& section);
 };
+
+std::shared_ptr<ZunReportingBackend> makeDashboard(const Section& section) {
+  return DashboardBackend::initWithName(section.services, section.name, section.profile,
+                                        section.productFamily);
+}
 
 std::shared_ptr<ZunReportingBackend> makeHTTPSPost(const Section& section) {
   return HTTPSPostBackend::initWithName(section.services, section.name, section.profile,
@@ -79,6 +86,7 @@ bool isKodoOnHostThatHasIt(const Section& section) {
 
 /// The first kind that a name fits is the one.
 constexpr Kind kKinds[] = {
+    {equals<kZunReportingBackendDashboard>, makeDashboard},
     {equals<kZunReportingBackendUploadServer>, makeUpload},
     {contains<kZunReportingBackendHTTPPost>, makeHTTPSPost},
     {equals<kZunReportingBackendHTTPPost2>, makeHTTPSPost},

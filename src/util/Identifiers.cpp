@@ -39,6 +39,12 @@ int64_t wholeMinutes(int64_t seconds) {
   return seconds / 60 * 60;
 }
 
+IPv4SocketAddress dashboardSocketAddress(std::string_view dottedAddress, uint16_t port) {
+  constexpr size_t kAddressCharacters = 16;
+  return {parseDottedQuad(std::string(dottedAddress.substr(0, kAddressCharacters))),
+          {static_cast<uint8_t>(port >> 8), static_cast<uint8_t>(port)}};
+}
+
 bool containsIgnoringCase(std::string_view text, std::string_view part) {
   if (part.empty()) return false;
   if (!isASCII(part)) return lowerCased(text).find(lowerCased(part)) != std::string::npos;

@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "platform/Clock.h"
+#include "platform/DatagramSocket.h"
 #include "platform/Error.h"
 #include "platform/Value.h"
 
@@ -25,6 +26,10 @@ namespace zun {
 
 /// `seconds` cut to whole minutes, toward zero.
 [[nodiscard]] int64_t wholeMinutes(int64_t seconds);
+
+/// A dashboard server's address, of which the first 16 characters count.
+/// 255.255.255.255 for what is none: not checked here, since nothing connects to that.
+[[nodiscard]] IPv4SocketAddress dashboardSocketAddress(std::string_view dottedAddress, uint16_t port);
 
 /// True where `text` contains `part`, letter case ignored. An empty part is contained
 /// in nothing.

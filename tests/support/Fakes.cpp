@@ -1,17 +1,23 @@
 #include "support/Fakes.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace zun {
 
-struct FakeTimers::Timer final : TimerSource {
+struct FakeTimers::Timer final : TimerSource, std::enable_shared_from_this<Timer> {
   explicit Timer(std::shared_ptr<SerialQueue> queueToUse) : queue(std::move(queueToUse)) {}
 
   void cancel() override {
     const std::lock_guard lock(mutex);
     if (isCancelled) return;
     isCancelled = true;
-    queue->async([handler = std::move(cancelled)] { handler(); });
+    // The handlers are let go of on the queue, where a firing may be under way.
+    queue->async([self = shared_from_this()] {
+      const UniqueFunction<void()> handler = std::exchange(self->cancelled, nullptr);
+      self->fired = nullptr;
+      if (handler) handler();
+    });
   }
 
   /// Runs the firing handler unless the timer was cancelled meanwhile.
@@ -37,6 +43,7 @@ std::shared_ptr<TimerSource> FakeTimers::startTimer(const TimerOptions& options,
                                                     std::shared_ptr<SerialQueue> queue,
                                                     UniqueFunction<void()> fired,
                                                     UniqueFunction<void()> cancelled) {
+  if (isRefusing) return nullptr;
   auto timer = std::make_shared<Timer>(std::move(queue));
   timer->fired = std::move(fired);
   timer->cancelled = std::move(cancelled);

@@ -183,6 +183,9 @@ class FakeTimers final : public TimerService {
   /// Options of every timer ever started.
   std::vector<TimerOptions> started() const;
 
+  /// While set, no timer can be had.
+  std::atomic<bool> isRefusing{false};
+
  private:
   struct Timer;
   const Clock& clock_;

@@ -1,0 +1,204 @@
+#include "backends/DashboardLink.h"
+
+#include <array>
+#include <utility>
+
+namespace zun {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kTimerLeeway = 100ms;
+constexpr auto kLastResortDelay = 9500ms;
+
+/// Ticks that a packet waits for its acknowledgement, by retransmissions so far. One
+/// that was retransmitted as often as there are entries is given up.
+constexpr std::array kRetransmissionThresholds{2, 3, 5, 9};
+
+/// Acknowledgements that one readiness of the socket is good for, so that a server that
+/// floods it leaves sends and ticks their turns.
+constexpr int kReadsAtOnce = 64;
+
+template <typename Source>
+void cancel(std::weak_ptr<Source>& source) {
+  if (const auto running = std::exchange(source, {}).lock()) running->cancel();
+}
+
+}  // namespace
+
+std::shared_ptr<DashboardLink> DashboardLink::open(const PlatformServices& platform,
+                                                   std::unique_ptr<DatagramSocket> socket,
+                                                   const DashboardServer& server) {
+  std::shared_ptr<DashboardLink> link(new DashboardLink(platform, std::move(socket), server.isReliable));
+  // In its turn on the queue, because handlers may fire from the first moment on.
+  const bool hasStarted = link->networkProcQueue_->sync([&link, &server] { return link->start(server); });
+  return hasStarted ? link : nullptr;
+}
+
+DashboardLink::DashboardLink(const PlatformServices& platform, std::unique_ptr<DatagramSocket> socket,
+                             bool isReliable)
+    : platform_(platform),
+      reliableUDP_(isReliable),
+      networkProcQueue_(SerialQueue::create("com.vantix.ZunReporting.networkProc", platform.executor)),
+      socket_(std::move(socket)) {}
+
+bool DashboardLink::start(const DashboardServer& server) {
+  if (reliableUDP_) useReliableUDP();
+  if (socket_->connect(server.address)) {
+    platform_.log.error("DashboardBackend(initWithName): socket connect() failed.");
+    cleanupSources();
+    return false;
+  }
+  if (!startTimer(server.timerPeriod)) {
+    platform_.log.error("DashboardBackend(initWithName): can't create timer source.");
+    cleanupSources();
+    return false;
+  }
+  return true;
+}
+
+void DashboardLink::useReliableUDP() {
+  if (const auto error = socket_->bindToAnyAddress()) {
+    platform_.log.error("DashboardBackend(useReliableUDP): can't bind socket, {}", error->code);
+  }
+  const auto source = socket_->startReadSource(
+      networkProcQueue_, [self = shared_from_this()] { self->readSocket(); },
+      [self = shared_from_this()] { self->socket_->close(); });
+  if (source == nullptr) {
+    platform_.log.error("DashboardBackend(useReliableUDP): can't create read source");
+  }
+  readSource_ = source;
+}
+
+bool DashboardLink::startTimer(std::chrono::milliseconds period) {
+  const auto timer = platform_.timers.startTimer(
+      {.firstFiring = period, .interval = period, .leeway = kTimerLeeway}, networkProcQueue_,
+      [self = shared_from_this()] { self->myPeriodicTask(); },
+      [self = shared_from_this()] {
+        // In reliable mode the read source may still need it: its own handler closes it.
+        if (!self->reliableUDP_) self->socket_->close();
+      });
+  timer_ = timer;
+  return timer != nullptr;
+}
+
+// Sending
+
+void DashboardLink::send(DashboardDatagram datagram, uint16_t eventNumber) {
+  if (queued_.fetch_add(1) >= kMaximumQueued) networkProcQueue_->sync([] {});
+  networkProcQueue_->async([self = shared_from_this(), datagram = std::move(datagram), eventNumber] {
+    --self->queued_;
+    self->tryToSendMsg(datagram.bytes(), eventNumber);
+  });
+}
+
+bool DashboardLink::sendWhole(std::span<const std::byte> datagram) {
+  const auto sent = socket_->send(datagram);
+  return sent && *sent == datagram.size();
+}
+
+void DashboardLink::tryToSendMsg(std::span<const std::byte> datagram, uint16_t eventNumber) {
+  if (hasEnded_) return;
+  const bool isSent = sendWhole(datagram);
+  if (isSent && !reliableUDP_) return;
+  UDPPacketToSend packet(datagram, eventNumber);
+  if (isSent) packet.state = UDPPacketToSend::State::kAwaitingAcknowledgement;
+  messageQueue_.push_back(std::move(packet));
+  if (messageQueue_.size() > kMaximumPackets) messageQueue_.erase(messageQueue_.begin());
+}
+
+// Acknowledgements
+
+void DashboardLink::readSocket() {
+  for (int reads = 0; reads < kReadsAtOnce && processSocketRead(); ++reads) {
+  }
+}
+
+/// False if nothing was there.
+bool DashboardLink::processSocketRead() {
+  std::array<std::byte, DashboardDatagram::kBufferBytes> buffer;
+  const auto received = socket_->receive(buffer);
+  if (!received || *received < 1) return false;
+  const auto eventNumber = acknowledgedEventNumber({buffer.data(), *received});
+  if (!eventNumber) return true;
+  std::erase_if(messageQueue_, [number = *eventNumber](const UDPPacketToSend& packet) {
+    return packet.eventNumber == number;
+  });
+  return true;
+}
+
+// Retransmission
+
+void DashboardLink::myPeriodicTask() {
+  for (auto packet = messageQueue_.begin(); packet != messageQueue_.end();) {
+    packet = isDoneWith(*packet) ? messageQueue_.erase(packet) : packet + 1;
+  }
+  cleanUpIfRequested();
+}
+
+bool DashboardLink::isDoneWith(UDPPacketToSend& packet) {
+  if (packet.state == UDPPacketToSend::State::kNotSent) {
+    if (!sendWhole(packet.data)) return false;
+    packet.state = UDPPacketToSend::State::kAwaitingAcknowledgement;
+    return !reliableUDP_;
+  }
+  if (packet.numberOfRetransmits >= static_cast<int>(kRetransmissionThresholds.size())) return true;
+  retransmitIfDue(packet);
+  return false;
+}
+
+void DashboardLink::retransmitIfDue(UDPPacketToSend& packet) {
+  const int checks = packet.numberOfChecks + 1;
+  if (checks < kRetransmissionThresholds[static_cast<size_t>(packet.numberOfRetransmits)]) {
+    packet.numberOfChecks = checks;
+    return;
+  }
+  if (!sendWhole(packet.data)) return;
+  packet.numberOfChecks = 0;
+  ++packet.numberOfRetransmits;
+}
+
+// The end
+
+void DashboardLink::cleanup() {
+  networkProcQueue_->async([self = shared_from_this()] {
+    if (self->messageQueue_.empty()) {
+      self->cleanupSources();
+    } else {
+      self->cleanupState_ = CleanupState::kRequested;
+    }
+  });
+}
+
+void DashboardLink::end() {
+  networkProcQueue_->async([self = shared_from_this()] { self->cleanupSources(); });
+}
+
+void DashboardLink::cleanUpIfRequested() {
+  if (cleanupState_ == CleanupState::kNone) return;
+  if (messageQueue_.empty()) {
+    platform_.log.debug("DashboardBackend(myPeriodicTask): clean up at myPeriodicTask.");
+    cleanupSources();
+  } else if (cleanupState_ == CleanupState::kRequested) {
+    scheduleLastResort();
+  }
+}
+
+void DashboardLink::scheduleLastResort() {
+  cleanupState_ = CleanupState::kLastResortScheduled;
+  platform_.log.debug("DashboardBackend(myPeriodicTask): scheduled last resort clean-up in {} ms.",
+                      kLastResortDelay.count());
+  lastResort_ = platform_.timers.startTimer(
+      {.firstFiring = kLastResortDelay, .interval = {}, .leeway = kTimerLeeway}, networkProcQueue_,
+      [self = shared_from_this()] { self->cleanupSources(); }, [] {});
+}
+
+void DashboardLink::cleanupSources() {
+  hasEnded_ = true;
+  cancel(timer_);
+  cancel(lastResort_);
+  cancel(readSource_);
+}
+
+}  // namespace zun

@@ -1,0 +1,99 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "backends/DashboardDatagram.h"
+#include "backends/UDPPacketToSend.h"
+#include "platform/DatagramSocket.h"
+#include "platform/PlatformServices.h"
+
+namespace zun {
+
+/// Where a dashboard backend's datagrams go, and how.
+struct DashboardServer {
+  IPv4SocketAddress address;
+  /// The server acknowledges each datagram; until then it is sent again.
+  bool isReliable = false;
+  std::chrono::milliseconds timerPeriod{500};
+};
+
+/// A dashboard backend's socket, the packets that wait on it and the timer that looks
+/// after them. It outlives its backend while packets may still be acknowledged:
+///
+///   open ──▶ sending ──cleanup, nothing waits────────────────────────▶ ended
+///               │  └──cleanup──▶ requested ──tick──▶ last resort ──▶ ended: all
+///               │                                    acknowledged, or after 9.5 s
+///               └──end────────────────────────────────────────────────▶ ended
+///
+/// Threading: `send`, `cleanup` and `end` on any thread; everything else runs on
+/// networkProcQueue, the handlers of the timer and of the read source among it.
+/// Ownership: by its backend, by what it has queued, and until it has ended by the
+/// handlers of its timer and read source.
+class DashboardLink final : public std::enable_shared_from_this<DashboardLink> {
+ public:
+  static constexpr size_t kMaximumPackets = 50;
+  /// Datagrams that wait for their turn on the queue. A caller beyond helps to send
+  /// them first, so that a flood of events costs its client time and nobody memory.
+  static constexpr size_t kMaximumQueued = 256;
+
+  /// Connects the socket and starts the timer; an error line and null if that fails.
+  static std::shared_ptr<DashboardLink> open(const PlatformServices& platform,
+                                             std::unique_ptr<DatagramSocket> socket,
+                                             const DashboardServer& server);
+
+  DashboardLink(const DashboardLink&) = delete;
+  DashboardLink& operator=(const DashboardLink&) = delete;
+  ~DashboardLink() = default;
+
+  [[nodiscard]] bool isReliable() const { return reliableUDP_; }
+
+  void send(DashboardDatagram datagram, uint16_t eventNumber);
+
+  /// Ends as soon as no packet waits any more, or has waited long enough.
+  void cleanup();
+
+  /// Ends after what was sent before; what waits is given up.
+  void end();
+
+ private:
+  enum class CleanupState { kNone = 0, kRequested = 1, kLastResortScheduled = 2 };
+
+  DashboardLink(const PlatformServices& platform, std::unique_ptr<DatagramSocket> socket, bool isReliable);
+
+  // networkProcQueue only.
+  bool start(const DashboardServer& server);
+  void useReliableUDP();
+  bool startTimer(std::chrono::milliseconds period);
+  void tryToSendMsg(std::span<const std::byte> datagram, uint16_t eventNumber);
+  void readSocket();
+  bool processSocketRead();
+  void myPeriodicTask();
+  bool isDoneWith(UDPPacketToSend& packet);
+  void retransmitIfDue(UDPPacketToSend& packet);
+  void cleanUpIfRequested();
+  void scheduleLastResort();
+  void cleanupSources();
+  [[nodiscard]] bool sendWhole(std::span<const std::byte> datagram);
+
+  const PlatformServices& platform_;
+  const bool reliableUDP_;
+  const std::shared_ptr<SerialQueue> networkProcQueue_;
+  std::atomic<size_t> queued_{0};
+
+  // networkProcQueue only.
+  const std::unique_ptr<DatagramSocket> socket_;
+  std::vector<UDPPacketToSend> messageQueue_;  // oldest first
+  CleanupState cleanupState_ = CleanupState::kNone;
+  bool hasEnded_ = false;
+  // The services keep these, and they keep this link.
+  std::weak_ptr<TimerSource> timer_;
+  std::weak_ptr<TimerSource> lastResort_;
+  std::weak_ptr<ReadSource> readSource_;
+};
+
+}  // namespace zun

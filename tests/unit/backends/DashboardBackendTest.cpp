@@ -1,0 +1,294 @@
+#include "backends/DashboardBackend.h"
+
+#include <sys/resource.h>
+
+#include <cerrno>
+#include <new>
+
+#include "DashboardTest.h"
+#include "platform/UTF8.h"
+
+// Buffers of datagrams are asked for without exceptions; a test may refuse them.
+static thread_local bool refusesMemory = false;
+
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
+  if (refusesMemory) return nullptr;
+  try {
+    return ::operator new[](size);
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
+}
+
+namespace zun {
+namespace {
+
+using namespace std::chrono_literals;
+using namespace std::string_literals;
+
+class DashboardBackendTest : public DashboardTest {
+ protected:
+  std::shared_ptr<DashboardBackend> makeWithoutProfile(const std::optional<std::string>& address,
+                                                       uint16_t port) {
+    auto backend = DashboardBackend::initWithName(services_, "dashboard", address, port, "Pallax Large");
+    if (backend != nullptr) setUp(*backend);
+    return backend;
+  }
+  std::string datagram() { return server_.receiveIfThere().value_or(std::string()); }
+  static std::string flagsOf(const std::string& datagram) { return datagram.substr(62, 2); }
+};
+
+// Initialising
+
+TEST_F(DashboardBackendTest, TheFactoryMakesOneOfTheDashboardName) {
+  const auto backend = make(profile());
+  ASSERT_NE(std::dynamic_pointer_cast<DashboardBackend>(backend), nullptr);
+  EXPECT_EQ(backend->name(), "dashboard");
+  EXPECT_EQ(backend->updateState(), ZunBackendStateEnabled);
+}
+
+TEST_F(DashboardBackendTest, AProfileWithoutAnAddressNamesNoServer) {
+  EXPECT_EQ(make(Dictionary{{"port", 80}}), nullptr);
+  expectErrors({"DashboardBackend(initWithName): can't resolve server IP",
+                "DashboardBackend(initWithName): initWitName with all null params."});
+  EXPECT_EQ(make(Dictionary{}), nullptr);
+  expectErrors({"DashboardBackend(initWithName): can't resolve server IP",
+                "DashboardBackend(initWithName): can't resolve server port",
+                "DashboardBackend(initWithName): initWitName with all null params."});
+}
+
+TEST_F(DashboardBackendTest, AProfileThatIsNoDictionaryIsNone) {
+  for (const Value& profile : {Value(), Value("127.0.0.1"), Value(5)}) {
+    EXPECT_EQ(make(profile), nullptr);
+    expectErrors({"DashboardBackend(initWithName): initWitName with all null params."});
+  }
+}
+
+// As without any profile: reliable, and nothing of the profile is used.
+TEST_F(DashboardBackendTest, AProfileWithoutAPortIsSentToPortZeroAndNotUsed) {
+  const auto backend = make(Dictionary{{"ip", "127.0.0.1"}, {"display_url", "https://display.example"}});
+  expectErrors({"DashboardBackend(initWithName): can't resolve server port"});
+  ASSERT_NE(backend, nullptr);
+  EXPECT_EQ(backend->displayURL(), std::nullopt);
+  EXPECT_TRUE(sendEvent(*backend));
+}
+
+TEST_F(DashboardBackendTest, NothingIsHeldUpByPortZero) {
+  const auto backend = make(Dictionary{{"ip", "127.0.0.1"}, {"port", 0}});
+  ASSERT_NE(backend, nullptr);
+  for (int i = 0; i < 100; ++i) EXPECT_TRUE(sendEvent(*backend));
+  for (int i = 0; i < 10; ++i) tick();
+}
+
+TEST_F(DashboardBackendTest, AnAddressThatCannotBeParsedCannotBeConnectedTo) {
+  for (const Value& address : {Value("dashboard.example"), Value(""), Value(5), Value(Array{"127.0.0.1"})}) {
+    EXPECT_EQ(make(Dictionary{{"ip", address}, {"port", 80}}), nullptr);
+    EXPECT_EQ(make(Dictionary{{"ip", address}, {"port", 80}, {"reliable", 500}}), nullptr);
+    const std::string line = "DashboardBackend(initWithName): socket connect() failed.";
+    expectErrors({line, line});
+  }
+  executor_.runAll();
+  EXPECT_EQ(platform_.timers.started().size(), 0U);
+}
+
+TEST_F(DashboardBackendTest, AMachineWithoutDescriptorsIsAnErrorLine) {
+  rlimit before{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+  const rlimit none{0, before.rlim_max};
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+  const auto backend = make(profile());
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+  EXPECT_EQ(backend, nullptr);
+  expectErrors({"DashboardBackend(initWithName): socket() failed (" + std::to_string(EMFILE) + ")"});
+}
+
+TEST_F(DashboardBackendTest, WithoutATimerThereIsNoBackend) {
+  platform_.timers.isRefusing = true;
+  EXPECT_EQ(make(profile()), nullptr);
+  expectErrors({"DashboardBackend(initWithName): can't create timer source."});
+  EXPECT_EQ(make(reliableProfile()), nullptr);
+  expectErrors({"DashboardBackend(initWithName): can't create timer source."});
+}
+
+TEST_F(DashboardBackendTest, WithoutAProfileAnAddressIsNeeded) {
+  EXPECT_EQ(makeWithoutProfile(std::nullopt, 80), nullptr);
+  EXPECT_EQ(makeWithoutProfile("nonsense", 80), nullptr);
+  expectErrors({"DashboardBackend(initWithName): socket connect() failed."});
+}
+
+TEST_F(DashboardBackendTest, WithoutAProfileTheModeIsAlwaysReliable) {
+  const auto backend = makeWithoutProfile("127.0.0.1", server_.port());
+  ASSERT_NE(backend, nullptr);
+  sendEvent(*backend);
+  EXPECT_EQ(flagsOf(datagram()), "\0\3"s);
+  tick();
+  EXPECT_EQ(eventsAtServer(), std::vector<int>{});
+  tick();
+  EXPECT_EQ(eventsAtServer(), std::vector{1});
+}
+
+TEST_F(DashboardBackendTest, FlagsSayWhetherTheModeIsReliable) {
+  const auto plain = make(profile());
+  sendEvent(*plain);
+  EXPECT_EQ(flagsOf(datagram()), "\0\0"s);
+  const auto reliable = make(reliableProfile());
+  sendEvent(*reliable);
+  EXPECT_EQ(flagsOf(datagram()), "\0\1"s);
+}
+
+TEST_F(DashboardBackendTest, ThePortKeepsItsLow16BitsAndMayBeText) {
+  Dictionary of = profile();
+  of.set("port", 0x50000 + server_.port());
+  sendEvent(*make(of));
+  EXPECT_EQ(eventsAtServer(), std::vector{1});
+  of.set("port", std::to_string(server_.port()));
+  sendEvent(*make(of));
+  EXPECT_EQ(eventsAtServer(), std::vector{1});
+}
+
+TEST_F(DashboardBackendTest, TheDisplayURLIsTheProfiles) {
+  Dictionary of = profile();
+  of.set("display_url", "https://display.example/events");
+  EXPECT_EQ(make(of)->displayURL(), "https://display.example/events");
+  of.set("display_url", 5);
+  EXPECT_EQ(make(of)->displayURL(), std::nullopt);
+}
+
+TEST_F(DashboardBackendTest, TheTimerTicksEvery500MillisecondsOrAsTheProfileSays) {
+  struct Case {
+    Value reliable;
+    std::chrono::milliseconds period;
+  };
+  const std::vector<Case> cases{
+      {Value(), 500ms},
+      {250, 250ms},
+      {"1500", 1500ms},
+      {0, 10ms},
+      {-5, 10ms},
+      {true, 10ms},
+      {Dictionary{}, 10ms},
+      {"nonsense", 10ms},
+      {std::numeric_limits<int64_t>::max(), 24h},
+      {1e300, 24h},
+  };
+  for (const Case& each : cases) {
+    Dictionary of = profile();
+    of.set("reliable", each.reliable);
+    const auto backend = make(of);
+    ASSERT_NE(backend, nullptr);
+    const TimerOptions options = platform_.timers.started().back();
+    EXPECT_EQ(options.firstFiring, each.period) << each.reliable.description();
+    EXPECT_EQ(options.interval, each.period);
+    EXPECT_EQ(options.leeway, 100ms);
+  }
+}
+
+// Sending
+
+TEST_F(DashboardBackendTest, AnEventIsOneDatagramOfItsPayload) {
+  const auto backend = make(profile());
+  sendEvent(*backend, {{"b", "xyz"}, {"a", "1"}});
+  const std::string expected = "\x03\x07\x01\x1E\x00\x00\x03\xE8"s + "\xFF\xFF\xFF\xB2"s + "\xFF\xFC"s +
+                               "\xFF\xB5"s + "\x00\xC8\x00\x09"s + "00008030-001C2D223A82802E" +
+                               std::string(15, '\0') + "\x00\x01"s + "\x00\x00"s + " a=1 b=xyz";
+  EXPECT_EQ(datagram(), expected);
+  EXPECT_EQ(server_.receiveIfThere(), std::nullopt);
+}
+
+TEST_F(DashboardBackendTest, TheLocalRecordIsTheResponse) {
+  const auto backend = make(profile());
+  EXPECT_EQ(sendEvent(*backend, {{"a", "1"}}),
+            "1000.120 00008030-001C2D223A82802E 127.0.0.1 KF     3    77     1   200     9  a=1");
+}
+
+TEST_F(DashboardBackendTest, TheClientsDataIsThePayloadElseTheMessageItself) {
+  const auto backend = make(profile());
+  const auto textOf = [&](const std::optional<Dictionary>& message) {
+    backend->sendMessage(message, kEventTime, 1, 2, 0);
+    executor_.runAll();
+    return datagram().substr(64);
+  };
+  EXPECT_EQ(textOf(Dictionary{{"ClientData", Dictionary{{"a", 1}}}, {"SharedData", Dictionary{{"s", 1}}}}),
+            " a=1");
+  EXPECT_EQ(textOf(Dictionary{{"a", 1}}), " a=1");
+  EXPECT_EQ(textOf(Dictionary{{"ClientData", Dictionary{}}}), "");
+  EXPECT_EQ(textOf(std::nullopt), "");
+}
+
+TEST_F(DashboardBackendTest, EventsAreNumberedAndTheFlagChangesNothing) {
+  const auto backend = make(profile());
+  for (const int32_t flag : {0, 1, 2, -1}) backend->sendMessage(Dictionary{}, kEventTime, 1, 2, flag);
+  executor_.runAll();
+  EXPECT_EQ(eventsAtServer(), (std::vector{1, 2, 3, 4}));
+}
+
+TEST_F(DashboardBackendTest, ThereMayBeNoMemoryForADatagram) {
+  const auto backend = make(profile());
+  refusesMemory = true;
+  const auto record = backend->sendMessage(Dictionary{}, kEventTime, 1, 2, 0);
+  refusesMemory = false;
+  EXPECT_EQ(record, std::nullopt);
+  expectErrors({"DashboardBackend(sendMessage): can't malloc."});
+  executor_.runAll();
+  EXPECT_EQ(server_.receiveIfThere(), std::nullopt);
+}
+
+TEST_F(DashboardBackendTest, ADeviceWithoutIdentifierSendsZeros) {
+  auto backend = make(profile());
+  backend->setUdid("");
+  EXPECT_EQ(sendEvent(*backend, {}), "1000.120  127.0.0.1 KF     3    77     1   200     9 ");
+  EXPECT_EQ(datagram().substr(20, 40), std::string(40, '\0'));
+}
+
+TEST_F(DashboardBackendTest, HostileValuesAreSentWithinBounds) {
+  const auto backend = make(profile());
+  sendEvent(*backend,
+            {{"newlines", "\n\n\n"}, {"equals", "===="}, {"slashes", "\\\\"}, {"none", Dictionary{}}});
+  EXPECT_EQ(datagram().substr(64), " slashes=\\\\\\\\ newlines=empty equals=\\=\\=\\=\\= none=null");
+  const auto record = sendEvent(*backend, {{"large", std::string(100'000, '\xC3')}});
+  EXPECT_EQ(datagram().size(), 1087U);
+  EXPECT_TRUE(isValidUTF8(record.value()));
+}
+
+TEST_F(DashboardBackendTest, PlainDatagramsAreSentOnce) {
+  const auto backend = make(profile());
+  sendEvent(*backend);
+  for (int i = 0; i < 30; ++i) tick();
+  EXPECT_EQ(eventsAtServer(), std::vector{1});
+}
+
+// A client that sends faster than the queue takes helps it, and nothing is lost.
+TEST_F(DashboardBackendTest, AFloodOfEventsIsSentByItsOwnCaller) {
+  const auto backend = make(profile());
+  for (int i = 0; i < 1000; ++i) backend->sendMessage(Dictionary{}, kEventTime, 1, 2, 0);
+  EXPECT_GE(eventsAtServer().size(), 1000 - DashboardLink::kMaximumQueued);
+}
+
+// A server that is away
+
+TEST_F(DashboardBackendTest, DatagramsToAServerThatIsAwayAreSentAllTheSame) {
+  const uint16_t port = server_.port();
+  const auto backend = make(profile());
+  server_.close();
+  for (int i = 0; i < 10; ++i) EXPECT_TRUE(sendEvent(*backend));
+  UDPTestServer back(port);
+  sendEvent(*backend);
+  EXPECT_EQ(eventNumberOf(back.receiveIfThere().value_or("")), 11);
+  tick();
+  EXPECT_EQ(back.receiveIfThere(), std::nullopt) << "what was refused is not sent again";
+}
+
+TEST_F(DashboardBackendTest, AReliableBackendReachesAServerThatComesBack) {
+  const uint16_t port = server_.port();
+  const auto backend = make(reliableProfile());
+  server_.close();
+  sendEvent(*backend);
+  runNextJobs();  // the refusal makes the socket readable
+  tick();
+  UDPTestServer back(port);
+  tick();
+  EXPECT_EQ(eventNumberOf(back.receiveIfThere().value_or("")), 1);
+}
+
+}  // namespace
+}  // namespace zun

@@ -1,0 +1,128 @@
+#include <atomic>
+#include <filesystem>
+#include <thread>
+
+#include "DashboardTest.h"
+
+namespace zun {
+namespace {
+
+using namespace std::chrono_literals;
+
+/// The process's open sockets.
+size_t openSockets() {
+  size_t count = 0;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code error;
+    const auto target = std::filesystem::read_symlink(entry.path(), error);
+    if (!error && target.string().starts_with("socket:")) ++count;
+  }
+  return count;
+}
+
+class DashboardEndTest : public DashboardTest {
+ protected:
+  // The read source's own end is told of by its loop's thread.
+  void expectSocketsClosed() {
+    const auto deadline = std::chrono::steady_clock::now() + 1min;
+    while (openSockets() > before_ && std::chrono::steady_clock::now() < deadline) executor_.runAll();
+    EXPECT_EQ(openSockets(), before_);
+    EXPECT_EQ(platform_.timers.running(), 0U);
+  }
+
+  const size_t before_ = openSockets();
+};
+
+TEST_F(DashboardEndTest, CleanupClosesTheSocketInBothModes) {
+  for (const Dictionary& of : {profile(), reliableProfile()}) {
+    const auto backend = make(of);
+    EXPECT_EQ(openSockets(), before_ + 1);
+    backend->cleanup();
+    expectSocketsClosed();
+  }
+}
+
+// A session that makes its backends anew drops the old ones as they are.
+TEST_F(DashboardEndTest, ABackendThatIsDroppedWithoutCleanupLeavesNothingBehind) {
+  for (const Dictionary& of : {profile(), reliableProfile()}) {
+    auto backend = make(of);
+    sendEvent(*backend);
+    backend.reset();
+    expectSocketsClosed();
+  }
+}
+
+TEST_F(DashboardEndTest, WhatWasSentBeforeTheEndStillGoesOut) {
+  auto backend = make(profile());
+  for (int i = 0; i < 5; ++i) backend->sendMessage(Dictionary{}, kEventTime, 1, 2, 0);
+  backend->cleanup();
+  backend.reset();
+  executor_.runAll();
+  EXPECT_EQ(eventsAtServer(), (std::vector{1, 2, 3, 4, 5}));
+  expectSocketsClosed();
+}
+
+TEST_F(DashboardEndTest, EventsAfterTheCleanupAreDropped) {
+  const auto backend = make(reliableProfile());
+  backend->cleanup();
+  executor_.runAll();
+  EXPECT_TRUE(sendEvent(*backend));
+  EXPECT_EQ(eventsAtServer(), std::vector<int>{});
+}
+
+TEST_F(DashboardEndTest, AServerThatCannotBeConnectedToLeavesNothingBehind) {
+  EXPECT_EQ(make(Dictionary{{"ip", "nonsense"}, {"port", 80}, {"reliable", 500}}), nullptr);
+  expectErrors({"DashboardBackend(initWithName): socket connect() failed."});
+  expectSocketsClosed();
+}
+
+/// On real threads: sends, ticks, acknowledgements and ends at the same time.
+class DashboardConcurrencyTest : public PlatformTest {
+ protected:
+  DeviceIdentity identity_{platform_.services};
+  MessageLog messageLog_{platform_.services};
+  ReportingServices services_{platform_.services, identity_, messageLog_};
+};
+
+TEST_F(DashboardConcurrencyTest, BackendsMayBeUsedAndEndedWhileTheirPacketsAreAcknowledged) {
+  UDPTestServer server;
+  std::atomic<bool> isDone = false;
+  std::thread echo([&] {
+    while (!isDone) {
+      if (const auto datagram = server.receiveIfThere()) server.reply(*datagram);
+    }
+  });
+  std::thread ticks([&] {
+    while (!isDone) {
+      platform_.clock.advance(500ms);
+      platform_.timers.fireDue();
+      std::this_thread::yield();
+    }
+  });
+  std::vector<std::thread> sessions;
+  for (int session = 0; session < 4; ++session) {
+    sessions.emplace_back([&, session] {
+      for (int round = 0; round < 20; ++round) {
+        const auto backend = ZunReportingBackend::newBackendWithName(
+            services_, "dashboard",
+            Dictionary{{"ip", "127.0.0.1"}, {"port", server.port()}, {"reliable", 500}}, "Pallax", 7);
+        for (int i = 0; i < 20; ++i) {
+          EXPECT_TRUE(backend->sendMessage(Dictionary{{"i", i}}, {1000, 0}, 1, 2, 0));
+        }
+        if ((round + session) % 2 == 0) backend->cleanup();
+      }
+    });
+  }
+  for (std::thread& session : sessions) session.join();
+  // What was cleaned up ends by itself: acknowledged, given up, or by the last resort.
+  const auto deadline = std::chrono::steady_clock::now() + 1min;
+  while (platform_.timers.running() > 0 && std::chrono::steady_clock::now() < deadline)
+    std::this_thread::yield();
+  EXPECT_EQ(platform_.timers.running(), 0U);
+  isDone = true;
+  echo.join();
+  ticks.join();
+}
+
+}  // namespace
+}  // namespace zun

@@ -1,0 +1,151 @@
+#include "backends/DashboardLink.h"
+
+#include <cerrno>
+
+#include "DashboardTest.h"
+
+namespace zun {
+namespace {
+
+using namespace std::chrono_literals;
+
+/// A real socket with faults that the system rarely has.
+class FaultySocket final : public DatagramSocket {
+ public:
+  struct Faults {
+    bool bind = false;
+    bool readSource = false;
+    bool send = false;
+    bool cutsDatagrams = false;
+  };
+
+  FaultySocket(std::unique_ptr<DatagramSocket> real, const Faults& faults)
+      : real_(std::move(real)), faults_(faults) {}
+
+  std::optional<Error> bindToAnyAddress() override {
+    if (faults_.bind) return Error{kPOSIXErrorDomain, EADDRINUSE, "in use"};
+    return real_->bindToAnyAddress();
+  }
+  std::optional<Error> connect(const IPv4SocketAddress& peer) override { return real_->connect(peer); }
+  Result<size_t, Error> send(std::span<const std::byte> datagram) override {
+    if (faults_.send) return Result<size_t, Error>::failure({kPOSIXErrorDomain, ENETUNREACH, "away"});
+    return real_->send(faults_.cutsDatagrams ? datagram.first(datagram.size() - 1) : datagram);
+  }
+  Result<size_t, Error> receive(std::span<std::byte> buffer) override { return real_->receive(buffer); }
+  std::shared_ptr<ReadSource> startReadSource(std::shared_ptr<SerialQueue> queue,
+                                              UniqueFunction<void()> readable,
+                                              UniqueFunction<void()> cancelled) override {
+    if (faults_.readSource) return nullptr;
+    return real_->startReadSource(std::move(queue), std::move(readable), std::move(cancelled));
+  }
+  void close() override { real_->close(); }
+
+ private:
+  const std::unique_ptr<DatagramSocket> real_;
+  const Faults& faults_;
+};
+
+class DashboardLinkTest : public DashboardTest {
+ protected:
+  std::shared_ptr<DashboardLink> open(bool isReliable) {
+    auto made = platform_.sockets.makeSocket();
+    auto socket = std::make_unique<FaultySocket>(std::move(*made), faults_);
+    return DashboardLink::open(platform_.services, std::move(socket),
+                               {.address = server_.address(), .isReliable = isReliable});
+  }
+  void sendOn(DashboardLink& link, uint16_t eventNumber) {
+    DashboardHeader header;
+    header.eventNumber = eventNumber;
+    link.send(*DashboardDatagram::make(header, {}), eventNumber);
+    executor_.runAll();
+  }
+
+  FaultySocket::Faults faults_;
+};
+
+TEST_F(DashboardLinkTest, ASocketThatCannotBeBoundIsToldOfAndUsed) {
+  faults_.bind = true;
+  const auto link = open(/*isReliable=*/true);
+  expectErrors({"DashboardBackend(useReliableUDP): can't bind socket, " + std::to_string(EADDRINUSE)});
+  ASSERT_NE(link, nullptr);
+  sendOn(*link, 1);
+  EXPECT_EQ(eventsAtServer(), std::vector{1});
+  link->end();
+}
+
+TEST_F(DashboardLinkTest, WithoutAReadSourceAcknowledgementsAreNotHeard) {
+  faults_.readSource = true;
+  const auto link = open(/*isReliable=*/true);
+  expectErrors({"DashboardBackend(useReliableUDP): can't create read source"});
+  ASSERT_NE(link, nullptr);
+  sendOn(*link, 1);
+  server_.reply(server_.receiveIfThere().value_or(""));
+  tick();
+  tick();
+  EXPECT_EQ(eventsAtServer(), std::vector{1});
+  link->end();
+}
+
+TEST_F(DashboardLinkTest, APlainDatagramThatCouldNotBeSentIsSentOnceLater) {
+  const auto link = open(/*isReliable=*/false);
+  faults_.send = true;
+  sendOn(*link, 1);
+  tick();
+  faults_.send = false;
+  tick();
+  EXPECT_EQ(eventsAtServer(), std::vector{1});
+  for (int i = 0; i < 20; ++i) tick();
+  EXPECT_EQ(eventsAtServer(), std::vector<int>{});
+  link->end();
+}
+
+// Its schedule begins when it has gone out.
+TEST_F(DashboardLinkTest, AReliableDatagramThatCouldNotBeSentIsSentLaterAndThenRetransmitted) {
+  const auto link = open(/*isReliable=*/true);
+  faults_.cutsDatagrams = true;
+  sendOn(*link, 1);
+  EXPECT_EQ(server_.receiveAllThere().size(), 1U) << "in part";
+  faults_.cutsDatagrams = false;
+  tick();
+  EXPECT_EQ(eventsAtServer(), std::vector{1});
+  tick();
+  EXPECT_EQ(eventsAtServer(), std::vector<int>{});
+  tick();
+  EXPECT_EQ(eventsAtServer(), std::vector{1});
+  link->end();
+}
+
+TEST_F(DashboardLinkTest, ARetransmissionThatFailsIsTriedAgainOnTheNextTick) {
+  const auto link = open(/*isReliable=*/true);
+  sendOn(*link, 1);
+  server_.receiveAllThere();
+  tick();
+  faults_.send = true;
+  tick();
+  tick();
+  EXPECT_EQ(eventsAtServer(), std::vector<int>{});
+  faults_.send = false;
+  tick();
+  EXPECT_EQ(eventsAtServer(), std::vector{1});
+  tick();
+  tick();
+  EXPECT_EQ(eventsAtServer(), std::vector<int>{});
+  tick();  // the third since
+  EXPECT_EQ(eventsAtServer(), std::vector{1});
+  link->end();
+}
+
+TEST_F(DashboardLinkTest, OfWhatCannotBeSentTheLast50AreKept) {
+  const auto link = open(/*isReliable=*/false);
+  faults_.send = true;
+  for (uint16_t number = 1; number <= 1000; ++number) sendOn(*link, number);
+  faults_.send = false;
+  tick();
+  const auto numbers = eventsAtServer();
+  ASSERT_EQ(numbers.size(), 50U);
+  EXPECT_EQ(numbers.front(), 951);
+  link->end();
+}
+
+}  // namespace
+}  // namespace zun
