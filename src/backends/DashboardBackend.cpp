@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "backends/LogDataUpload.h"
 #include "backends/MessageBlob.h"
 #include "util/Identifiers.h"
 
@@ -123,6 +124,17 @@ std::optional<std::string> DashboardBackend::sendMessage(const std::optional<Dic
   std::string record = datagram->writeLocalLog(senderCode());
   link_->send(*std::move(datagram), eventID);
   return record;
+}
+
+bool DashboardBackend::uploadLogData(const Array& logData) {
+  auto location = uploadLogDataArray(postURL_, logData, reportingSessionConnectivityDelegate_.lock(), log());
+  if (!location) return false;
+  constexpr uint16_t kMethod = 0;
+  constexpr uint16_t kRespCodeUploaded = 2;
+  static_cast<void>(sendMessage(Dictionary{{"LogDataUploadLocation", *std::move(location)}},
+                                services_.platform.clock.timeOfDay(), kMethod, kRespCodeUploaded,
+                                /*flag=*/0));
+  return true;
 }
 
 void DashboardBackend::cleanup() {

@@ -51,6 +51,9 @@ class DashboardBackend final : public ZunReportingBackend {
   std::optional<std::string> sendMessage(const std::optional<Dictionary>& message, const TimeValue& timestamp,
                                          uint16_t method, uint16_t respCode, uint16_t eventID,
                                          int32_t flag) override;
+  /// Posts the records to the profile's "post_url" and reports their location as an
+  /// event. Blocks until the post has ended.
+  bool uploadLogData(const Array& logData) override;
   void cleanup() override;
 
  private:

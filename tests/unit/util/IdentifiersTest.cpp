@@ -62,6 +62,25 @@ TEST(LetterCaseTest, IsIgnoredBeyondASCIIToo) {
   EXPECT_EQ(connectivityUserInfoKey({{zunreporting::kZunReportingUserInfoClientName, "ÜBER"}}), "über:");
 }
 
+TEST(DashboardSocketAddressTest, AddressAndPortAreInNetworkOrder) {
+  const IPv4SocketAddress expected{{192, 168, 7, 20}, {0x1F, 0x90}};
+  EXPECT_EQ(dashboardSocketAddress("192.168.7.20", 8080), expected);
+}
+
+TEST(DashboardSocketAddressTest, SixteenCharactersCount) {
+  const std::array<uint8_t, 4> whole{127, 0, 0, 1};
+  EXPECT_EQ(dashboardSocketAddress("127.000.000.0001", 1).address, whole);
+  // The seventeenth would make it no address.
+  EXPECT_EQ(dashboardSocketAddress("127.000.000.0001x", 1).address, whole);
+}
+
+TEST(DashboardSocketAddressTest, WhatIsNoAddressIsAllOnes) {
+  const std::array<uint8_t, 4> allOnes{255, 255, 255, 255};
+  for (const char* text : {"", "dashboard.example", "1.2.3.400", "::1"}) {
+    EXPECT_EQ(dashboardSocketAddress(text, 1).address, allOnes) << text;
+  }
+}
+
 TEST(LetterCaseTest, ContainsIgnoresIt) {
   EXPECT_TRUE(containsIgnoringCase("RearCamera", "cam"));
   EXPECT_TRUE(containsIgnoringCase("cam", "CAM"));
