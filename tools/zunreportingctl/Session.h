@@ -13,13 +13,7 @@ namespace zun {
 
 /// The session that a subcommand opens, as its options describe it.
 struct SessionOptions {
-  zunreporting::SessionInfo info{.sessionID = 1,
-                                 .clientType = 7,
-                                 .clientVersion = 1,
-                                 .requireUserInfo = {},
-                                 .batchEvents = false,
-                                 .hierarchyToken = {},
-                                 .hierarchyLevel = 0};
+  zunreporting::SessionInfo info{.sessionID = 1, .clientType = 7, .clientVersion = 1};
   std::optional<std::string> clientName;
   std::optional<std::string> serviceName;
   bool noUserInfoRequired = false;

@@ -19,10 +19,10 @@ struct SessionInfo {
   uint32_t sessionID = 0;
   int32_t clientType = 0;
   uint16_t clientVersion = 0;
-  std::optional<bool> requireUserInfo;  // none: the daemon takes it as required
+  std::optional<bool> requireUserInfo = {};  // none: the daemon takes it as required
   bool batchEvents = false;
-  std::string hierarchyToken;  // empty: a standalone session
-  int32_t hierarchyLevel = 0;  // 0 for the top
+  std::string hierarchyToken = {};  // empty: a standalone session
+  int32_t hierarchyLevel = 0;       // 0 for the top
 };
 
 struct UserInfo {
@@ -33,7 +33,7 @@ struct UserInfo {
 struct Event {
   uint16_t category = 0;
   uint16_t type = 0;
-  std::optional<PropertyDictionary> payload;
+  std::optional<PropertyDictionary> payload = {};
   uint32_t flag = 0;
 };
 
