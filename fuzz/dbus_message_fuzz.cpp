@@ -1,12 +1,15 @@
 // Feeds the D-Bus service's input whatever comes: whole, and again cut into pieces, as
 // a socket may deliver it. Both must give the same messages; what is decoded must
-// survive being encoded and decoded again.
+// survive being encoded and decoded again. Descriptors that come with the pieces must all
+// be a message's or be closed.
 
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -26,6 +29,8 @@ void require(bool condition, const char* what) {
   std::fprintf(stderr, "broken: %s\n", what);
   std::abort();
 }
+
+constexpr size_t kMostDescriptors = 16;
 
 /// Small enough to meet them.
 zun::DBusLimits limits() {
@@ -107,6 +112,54 @@ std::string outcome(std::string_view bytes, size_t pieceBytes) {
   return outcomes;
 }
 
+/// Lowest number that the next descriptor would get: it shows whether one is still open.
+int nextDescriptor() {
+  return zun::FileDescriptor(::dup(STDERR_FILENO)).get();
+}
+
+void sendWithDescriptors(int socket, std::string_view bytes, size_t count) {
+  alignas(cmsghdr) char control[CMSG_SPACE(kMostDescriptors * sizeof(int))] = {};
+  iovec part{const_cast<char*>(bytes.data()), bytes.size()};
+  msghdr message{};
+  message.msg_iov = &part;
+  message.msg_iovlen = 1;
+  message.msg_control = control;
+  message.msg_controllen = CMSG_SPACE(count * sizeof(int));
+  cmsghdr* const header = CMSG_FIRSTHDR(&message);
+  header->cmsg_level = SOL_SOCKET;
+  header->cmsg_type = SCM_RIGHTS;
+  header->cmsg_len = CMSG_LEN(count * sizeof(int));
+  const std::vector<int> descriptors(count, STDERR_FILENO);
+  std::memcpy(CMSG_DATA(header), descriptors.data(), count * sizeof(int));
+  require(::sendmsg(socket, &message, 0) == static_cast<ssize_t>(bytes.size()), "send with descriptors");
+}
+
+/// Reads `bytes`, sent in pieces of `pieceBytes` with `count` descriptors at each.
+void readWithDescriptors(std::string_view bytes, size_t pieceBytes, size_t count) {
+  int ends[2] = {-1, -1};
+  require(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends) == 0, "socket pair");
+  const zun::FileDescriptor writing(ends[0]);
+  const zun::FileDescriptor reading(ends[1]);
+  DBusInput input(limits());
+  input.allowDescriptors();
+  while (!bytes.empty()) {
+    const std::string_view piece = bytes.substr(0, pieceBytes);
+    bytes.remove_prefix(piece.size());
+    sendWithDescriptors(writing.get(), piece, count);
+    auto received = input.receive(reading.get());
+    for (; received == DBusInput::Received::kData; received = input.receive(reading.get())) {
+      while (const auto message = input.takeMessage()) {
+        if (message->state == zun::DBusIncomingMessage::State::kMalformed) return;
+        const size_t claimed = message->descriptors.size();
+        require(claimed <= kMostDescriptors, "few descriptors a message");
+        if (message->state == zun::DBusIncomingMessage::State::kTooLarge) continue;
+        require(claimed == message->header.descriptorCount, "as many descriptors as the header says");
+      }
+    }
+    if (received == DBusInput::Received::kRefused) return;
+  }
+}
+
 std::string authenticated(std::string_view bytes, size_t pieceBytes) {
   zun::DBusAuthentication authentication(1000, "0123456789abcdef0123456789abcdef");
   std::string replies;
@@ -131,5 +184,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   require(outcome(bytes, bytes.size()) == outcome(bytes, pieceBytes), "whole and split give the same");
   require(authenticated(bytes, bytes.size()) == authenticated(bytes, pieceBytes),
           "authentication, whole and split");
+  const int next = nextDescriptor();
+  readWithDescriptors(bytes, pieceBytes, data[0] % kMostDescriptors + 1);
+  require(nextDescriptor() == next, "every descriptor is closed");
   return 0;
 }
