@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 #include <initializer_list>
 #include <string_view>
 
@@ -57,6 +58,17 @@ constexpr std::array kFilterKeys{
 constexpr std::array kCountryKeys{
     KnownKey{"country", Kind::kStrings},
     KnownKey{"threshold", Kind::kFraction},
+};
+
+constexpr std::array kDashboardKeys{
+    KnownKey{"ip", Kind::kString},          KnownKey{"port", Kind::kNumber},
+    KnownKey{"reliable", Kind::kNumber},    KnownKey{"post_url", Kind::kString},
+    KnownKey{"display_url", Kind::kString},
+};
+
+constexpr std::array kUploadServerKeys{
+    KnownKey{"post_url", Kind::kString},
+    KnownKey{"display_url", Kind::kString},
 };
 
 constexpr std::array kTopLevelKeys{
@@ -119,10 +131,19 @@ bool isHTTPSBackendName(std::string_view name) {
          name == zunreporting::kZunReportingBackendHTTPPost2 || name == zunreporting::kZunReportingBackendQRS;
 }
 
-bool isOtherBackendName(std::string_view name) {
-  return name == zunreporting::kZunReportingBackendDashboard ||
-         name == zunreporting::kZunReportingBackendUploadServer ||
-         name == zunreporting::kZunReportingBackendJoulex || name == zunreporting::kZunReportingBackendKodo;
+/// Four numbers of 0 to 255 with dots between them.
+bool isIPv4Address(std::string_view text) {
+  int numbers = 0;
+  const char* rest = text.data();
+  const char* const end = rest + text.size();
+  for (;;) {
+    uint8_t number = 0;
+    const auto [stop, error] = std::from_chars(rest, end, number);
+    if (error != std::errc() || stop - rest > 3 || ++numbers > 4) return false;
+    if (stop == end) return numbers == 4;
+    if (*stop != '.') return false;
+    rest = stop + 1;
+  }
 }
 
 /// Collects findings while it walks a storebag.
@@ -240,13 +261,55 @@ class Checker final {
     if (section.empty()) warn(environment, "no backends");
     for (const auto& [key, profile] : section) {
       const std::string at = fmt::format("{}.{}", environment, key);
-      if (isHTTPSBackendName(key.stringValue())) {
-        checkHTTPSBackend(at, profile);
-      } else if (!isOtherBackendName(key.stringValue())) {
-        warn(at, "no backend has this name");
-      } else if (!profile.isDictionary()) {
-        warn(at, "must be a dictionary, is " + std::string(kindOf(profile)));
-      }
+      checkBackend(at, key.stringValue(), profile);
+    }
+  }
+
+  void checkBackend(const std::string& where, std::string_view name, const Value& profile) {
+    if (isHTTPSBackendName(name)) return checkHTTPSBackend(where, profile);
+    const bool isDashboard = name == zunreporting::kZunReportingBackendDashboard;
+    const bool isUploadServer = name == zunreporting::kZunReportingBackendUploadServer;
+    if (!isDashboard && !isUploadServer && name != zunreporting::kZunReportingBackendJoulex &&
+        name != zunreporting::kZunReportingBackendKodo) {
+      return warn(where, "no backend has this name");
+    }
+    const Dictionary* const fields = profile.dictionary();
+    if (fields == nullptr) return warn(where, "must be a dictionary, is " + std::string(kindOf(profile)));
+    // Of the other two the daemon reads no key: it is enough that they are there.
+    if (isDashboard) checkDashboard(where, *fields);
+    if (isUploadServer) checkUploadServer(where, *fields);
+  }
+
+  void checkDashboard(const std::string& where, const Dictionary& fields) {
+    checkKeys(where, fields, kDashboardKeys);
+    const Value& ip = fields["ip"];
+    if (ip.isNone()) warn(where, "no \"ip\": the backend is not created");
+    if (ip.isString() && !isIPv4Address(ip.stringValue())) {
+      warn(where + ".ip", "must be an IPv4 address like \"192.0.2.1\": names are not looked up");
+    }
+    const Value& port = fields["port"];
+    if (port.isNone()) warn(where, "no \"port\": the backend is not created");
+    if (port.isNumber() && (port.doubleValue() < 1 || port.doubleValue() > 65535)) {
+      warn(where + ".port", "must be 1 to 65535");
+    }
+    const Value& reliable = fields["reliable"];
+    if (reliable.isNumber() && reliable.doubleValue() < 1) {
+      warn(where + ".reliable",
+           "must be at least 1, the milliseconds of one tick; leave it out for plain datagrams");
+    }
+    checkURL(where, fields, "post_url");
+  }
+
+  void checkUploadServer(const std::string& where, const Dictionary& fields) {
+    checkKeys(where, fields, kUploadServerKeys);
+    if (fields["post_url"].isNone()) warn(where, "no \"post_url\": the backend is not created");
+    checkURL(where, fields, "post_url");
+  }
+
+  void checkURL(const std::string& where, const Dictionary& fields, std::string_view key) {
+    const Value& url = fields[key];
+    if (url.isString() && !url.stringValue().starts_with("https://")) {
+      warn(fmt::format("{}.{}", where, key), "must begin with https://");
     }
   }
 
@@ -290,12 +353,7 @@ class Checker final {
                       : "no \"sampling_threshold\": reporting is disabled");
     }
     if (client["post_url"].isNone()) warn(where, "no \"post_url\": events have nowhere to go");
-    for (const std::string_view key : {"post_url", "realtime_post_url"}) {
-      const Value& url = client[key];
-      if (url.isString() && !url.stringValue().starts_with("https://")) {
-        warn(fmt::format("{}.{}", where, key), "must begin with https://");
-      }
-    }
+    for (const std::string_view key : {"post_url", "realtime_post_url"}) checkURL(where, client, key);
     for (const std::string_view key : {"client", "service"}) {
       if (client[key].stringValue().find_first_of(" \t") != std::string_view::npos) {
         warn(fmt::format("{}.{}", where, key), "blanks count: names are divided by commas alone");

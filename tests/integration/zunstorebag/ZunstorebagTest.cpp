@@ -276,6 +276,44 @@ TEST_F(ZunstorebagTest, SignWarnsOfWhatTheDaemonWouldReadOtherwise) {
   EXPECT_FALSE(fs::exists(file("envelope")));
 }
 
+TEST_F(ZunstorebagTest, SignWarnsOfDashboardsAndUploadServersThatCannotWork) {
+  makeKeys();
+  const std::string source = write("source.json", R"({"version": "1", "release": {
+      "dashboard": {"ip": "dashboard.example", "port": 65536, "reliable": 0, "post_url": "http://a", "prot": 1},
+      "uploadServer": {"display_url": 5},
+      "kodo": []}, "seed": {"dashboard": {}, "uploadServer": {"post_url": "http://a"}}})");
+  const Outcome outcome = sign(source);
+  EXPECT_EQ(outcome.exitCode, 0) << outcome.errors;
+  for (const std::string line :
+       {"warning: release.dashboard.ip: must be an IPv4 address like \"192.0.2.1\": names are not looked up",
+        "warning: release.dashboard.port: must be 1 to 65535",
+        "warning: release.dashboard.reliable: must be at least 1, the milliseconds of one tick; leave it out "
+        "for plain datagrams",
+        "warning: release.dashboard.post_url: must begin with https://",
+        "warning: release.dashboard.prot: unknown key, the daemon ignores it",
+        "warning: release.uploadServer: no \"post_url\": the backend is not created",
+        "warning: release.uploadServer.display_url: must be a string, is a number",
+        "warning: release.kodo: must be a dictionary, is a list",
+        "warning: seed.dashboard: no \"ip\": the backend is not created",
+        "warning: seed.dashboard: no \"port\": the backend is not created",
+        "warning: seed.uploadServer.post_url: must begin with https://"}) {
+    EXPECT_TRUE(contains(outcome.errors, line + "\n")) << line << "\nin:\n" << outcome.errors;
+  }
+}
+
+TEST_F(ZunstorebagTest, AddressesThatAreNotFourNumbersAreWarnedOf) {
+  makeKeys();
+  for (const std::string ip :
+       {"", "1.2.3", "1.2.3.4.5", "256.1.1.1", "1.2.3.4 ", "-1.2.3.4", "1..2.3", "1.2.3."}) {
+    const Outcome outcome =
+        sign(write("source.json", R"({"release": {"dashboard": {"ip": ")" + ip + R"("}}})"));
+    EXPECT_TRUE(contains(outcome.errors, "release.dashboard.ip: must be an IPv4 address")) << ip;
+  }
+  const Outcome good =
+      sign(write("source.json", R"({"release": {"dashboard": {"ip": "255.0.2.1", "port": 65535}}})"));
+  EXPECT_FALSE(contains(good.errors, "release.dashboard")) << good.errors;
+}
+
 TEST_F(ZunstorebagTest, DefinitionsReplacePlaceholdersInsideStrings) {
   makeKeys();
   const std::string source = write("source.json", R"({"version": "@VERSION@-x", "release": {"httpPost": {
