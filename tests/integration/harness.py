@@ -351,6 +351,62 @@ class Daemon:
         self.wait()
 
 
+class Collector:
+    """zuncollector as a process. `url` and `dashboard` (an address) are where it serves."""
+
+    def __init__(self, folder, authority, *options, storebags=None, **popen):
+        self.output = os.path.join(folder, "received.ndjson")
+        self.uploads = os.path.join(folder, "uploads")
+        os.makedirs(self.uploads, exist_ok=True)
+        port, dashboard_port = (os.path.join(folder, name) for name in ("port", "dashboard-port"))
+        command = [binary("zuncollector"), "--cert", authority.certificate, "--key", authority.key,
+                   "--storebags", storebags or folder, "--output", self.output, "--port-file", port,
+                   "--dashboard-port", "0", "--dashboard-port-file", dashboard_port,
+                   "--uploads", self.uploads, *options]
+        self.log = open(os.path.join(folder, "collector.log"), "w+", encoding="utf-8")
+        self.process = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=self.log, text=True, **popen)
+
+        def number_in(path):
+            if self.process.poll() is not None:
+                raise AssertionError(f"the collector ended: {self.errors()}")
+            if not os.path.exists(path):
+                return None
+            with open(path, encoding="ascii") as file:
+                text = file.read()
+            return int(text) if text.endswith("\n") else None
+
+        self.url = f"https://localhost:{wait_until(lambda: number_in(port), 'a port')}"
+        self.dashboard = ("127.0.0.1", wait_until(lambda: number_in(dashboard_port), "a dashboard port"))
+
+    def records(self, way=None):
+        """What has been received so far, of one way or all."""
+        with open(self.output, encoding="utf-8") as file:
+            lines = [json.loads(line) for line in file.read().split("\n")[:-1]]
+        return [line for line in lines if way is None or line.get("_way") == way]
+
+    def wait_for_records(self, count, way):
+        wait_until(lambda: len(self.records(way)) >= count, f"{count} records of the way {way}")
+        return self.records(way)
+
+    def errors(self):
+        with open(self.log.name, encoding="utf-8") as file:
+            return file.read()
+
+    def stop(self):
+        """The numbers of the summary, by name."""
+        self.process.send_signal(signal.SIGTERM)
+        summary, _ = self.process.communicate(timeout=DEADLINE)
+        if self.process.returncode != 0:
+            raise AssertionError(f"the collector exited {self.process.returncode}: {self.errors()}")
+        return {name: int(number) for name, number in (line.split() for line in summary.splitlines())}
+
+    def close(self):
+        if self.process.poll() is None:
+            self.process.kill()
+            self.process.communicate(timeout=DEADLINE)
+        self.log.close()
+
+
 class ScratchTest(unittest.TestCase):
     """A test with a scratch root of its own. An error line that it did not expect fails it."""
 
