@@ -59,15 +59,6 @@ std::shared_ptr<ZunReportingBackend> makeUpload(const Section& section) {
   return UploadBackend::initWithName(section.services, section.name, section.profile, section.productFamily);
 }
 
-std::shared_ptr<ZunReportingBackend> makeJoulex(const Section& section) {
-  return JoulexBackend::initWithName(section.services, section.name, section.profile, section.productFamily);
-}
-
-std::shared_ptr<ZunReportingBackend> makeKodo(const Section& section) {
-  return KodoBackend::initWithName(section.services, section.name, section.profile, section.productFamily,
-                                   section.clientType);
-}
-
 template <const std::string_view& name>
 bool equals(const Section& section) {
   return section.name == name;
