@@ -1,6 +1,6 @@
 #pragma once
 
-#include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -11,12 +11,16 @@
 namespace zun {
 
 /// A module of tests/modules as it was built, copied to `path` with the folders above it:
-/// a file of its own, which the process has not loaded yet.
+/// a file of its own, which the process has not loaded yet, and which only its owner can
+/// write, whatever the umask.
 inline void installTestModule(const std::string& name, const std::string& path) {
   const std::filesystem::path target(path);
+  const mode_t umaskBefore = ::umask(022);
   std::filesystem::create_directories(target.parent_path());
+  ::umask(umaskBefore);
   std::filesystem::copy_file(std::filesystem::path(ZUN_TEST_MODULES) / (name + ".so"), target,
                              std::filesystem::copy_options::overwrite_existing);
+  ::chmod(path.c_str(), 0755);
 }
 
 /// The record of the recording adaptor: while this lives, it writes to a file of the test's.

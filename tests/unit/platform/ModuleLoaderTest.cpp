@@ -29,8 +29,10 @@ constexpr const char* kOperation = "sendMessageWithMethod:respCode:dict:";
 class ModuleLoaderTest : public ::testing::Test {
  protected:
   void install(const std::string& module) { installTestModule(module, path_); }
+  /// A file that is no module in the module's place.
   void write(const std::string& bytes) {
-    std::filesystem::create_directories(std::filesystem::path(path_).parent_path());
+    install("recording_adaptor");
+    std::filesystem::resize_file(path_, 0);
     std::ofstream(path_) << bytes;
   }
 
@@ -187,6 +189,7 @@ TEST_F(ModuleLoaderTest, RepeatedRefusalsKeepNoDescriptors) {
   ASSERT_NE(refusal(), "");
   const auto before = openDescriptors();
   for (int i = 0; i < 100; ++i) ASSERT_NE(refusal(), "");
+  std::filesystem::remove(path_);  // what is loaded must not be written into
   write("no module");
   for (int i = 0; i < 100; ++i) ASSERT_NE(refusal(), "");
   EXPECT_EQ(openDescriptors(), before);
