@@ -354,8 +354,8 @@ class Daemon:
 class Collector:
     """zuncollector as a process. `url` and `dashboard` (an address) are where it serves."""
 
-    def __init__(self, folder, authority, *options, storebags=None, **popen):
-        self.output = os.path.join(folder, "received.ndjson")
+    def __init__(self, folder, authority, *options, storebags=None, output=None, **popen):
+        self.output = output or os.path.join(folder, "received.ndjson")
         self.uploads = os.path.join(folder, "uploads")
         os.makedirs(self.uploads, exist_ok=True)
         port, dashboard_port = (os.path.join(folder, name) for name in ("port", "dashboard-port"))

@@ -92,10 +92,13 @@ class ServingTest(unittest.TestCase):
         return connection
 
     def request(self, method, target, body=None, headers=None, connection=None):
-        connection = connection or self.connect()
-        connection.request(method, target, body, headers or {})
-        answer = connection.getresponse()
-        return answer.status, answer.read()
+        own = connection or self.connect()
+        own.request(method, target, body, headers or {})
+        answer = own.getresponse()
+        content = answer.read()
+        if connection is None:  # an idle one would hold up the collector's end
+            own.close()
+        return answer.status, content
 
     def upload(self, name, content, **headers):
         headers = {"Content-Type": "application/octet-stream", "Content-Encoding": "gzip"} | headers
@@ -362,7 +365,7 @@ class UploadServerTest(ServingTest):
         self.assertEqual(collector.stop()["uploads"], 0)
 
     def test_upload_that_cannot_be_recorded_is_not_kept(self):
-        self.serve("--output", "/dev/full")
+        self.serve(output="/dev/full")
         status, answer = self.upload("f", b"content")
         self.assertEqual(status, 500)
         self.assertNotIn(b"success", answer)
