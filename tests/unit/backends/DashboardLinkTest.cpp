@@ -9,7 +9,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-/// A real socket with faults that the system rarely has.
+/// A real socket with faults that the system rarely has. Counts what it receives.
 class FaultySocket final : public DatagramSocket {
  public:
   struct Faults {
@@ -17,9 +17,10 @@ class FaultySocket final : public DatagramSocket {
     bool readSource = false;
     bool send = false;
     bool cutsDatagrams = false;
+    int received = 0;  // on the queue
   };
 
-  FaultySocket(std::unique_ptr<DatagramSocket> real, const Faults& faults)
+  FaultySocket(std::unique_ptr<DatagramSocket> real, Faults& faults)
       : real_(std::move(real)), faults_(faults) {}
 
   std::optional<Error> bindToAnyAddress() override {
@@ -31,7 +32,11 @@ class FaultySocket final : public DatagramSocket {
     if (faults_.send) return Result<size_t, Error>::failure({kPOSIXErrorDomain, ENETUNREACH, "away"});
     return real_->send(faults_.cutsDatagrams ? datagram.first(datagram.size() - 1) : datagram);
   }
-  Result<size_t, Error> receive(std::span<std::byte> buffer) override { return real_->receive(buffer); }
+  Result<size_t, Error> receive(std::span<std::byte> buffer) override {
+    auto received = real_->receive(buffer);
+    if (received) ++faults_.received;
+    return received;
+  }
   std::shared_ptr<ReadSource> startReadSource(std::shared_ptr<SerialQueue> queue,
                                               UniqueFunction<void()> readable,
                                               UniqueFunction<void()> cancelled) override {
@@ -42,7 +47,7 @@ class FaultySocket final : public DatagramSocket {
 
  private:
   const std::unique_ptr<DatagramSocket> real_;
-  const Faults& faults_;
+  Faults& faults_;
 };
 
 class DashboardLinkTest : public DashboardTest {
@@ -132,6 +137,24 @@ TEST_F(DashboardLinkTest, ARetransmissionThatFailsIsTriedAgainOnTheNextTick) {
   EXPECT_EQ(eventsAtServer(), std::vector<int>{});
   tick();  // the third since
   EXPECT_EQ(eventsAtServer(), std::vector{1});
+  link->end();
+}
+
+TEST_F(DashboardLinkTest, ManyAcknowledgementsAtOnceAreAllHeard) {
+  const auto link = open(/*isReliable=*/true);
+  for (uint16_t number = 1; number <= 50; ++number) sendOn(*link, number);
+  const auto sent = server_.receiveAllThere();
+  ASSERT_EQ(sent.size(), 50U);
+  constexpr int kRounds = 3;
+  for (int round = 0; round < kRounds; ++round) {
+    for (const std::string& each : sent) server_.reply(each);
+  }
+  while (faults_.received < kRounds * 50) {
+    runNextJobs();
+    if (HasFatalFailure()) return;
+  }
+  for (int i = 0; i < 20; ++i) tick();
+  EXPECT_EQ(eventsAtServer(), std::vector<int>{});
   link->end();
 }
 
