@@ -86,7 +86,9 @@ FileDescriptor openFolder(const std::string& path) {
   how.flags = O_PATH | O_DIRECTORY | O_CLOEXEC;
   how.resolve = RESOLVE_NO_MAGICLINKS;
   const long opened = ::syscall(SYS_openat2, AT_FDCWD, path.c_str(), &how, sizeof how);
-  if (opened >= 0 || errno != ENOSYS) return FileDescriptor(static_cast<int>(opened));
+  // An older kernel, or a sandbox that does not know the call.
+  const bool isUnknown = opened < 0 && (errno == ENOSYS || errno == EPERM);
+  if (!isUnknown) return FileDescriptor(static_cast<int>(opened));
   return FileDescriptor(::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
 }
 

@@ -112,14 +112,12 @@ Result<AssumedFileSystemIdentity, Error> AssumedFileSystemIdentity::assume(
   if (!capabilities.load()) return Assumed::failure(systemError(errno));
   // From here on every way out puts things right again.
   AssumedFileSystemIdentity assumed(FileSystemIdentity::ofProcess(), capabilities.effective());
-  if (::geteuid() == 0) {
-    // The user last: with it go the rights.
+  if (!isCoveredBy(assumed.own_, identity)) {
     if (!setThreadGroups(identity.supplementaryGroups)) return Assumed::failure(systemError(errno));
+    // The user last: with it may go the right to all of this.
     if (!setThreadGroup(identity.group) || !setThreadUser(identity.user)) {
       return Assumed::failure(systemError(EPERM));
     }
-  } else if (!isCoveredBy(assumed.own_, identity)) {
-    return Assumed::failure(systemError(EPERM));
   }
   if (identity.user != 0 && !dropFileCapabilities()) return Assumed::failure(systemError(EPERM));
   return assumed;

@@ -31,8 +31,8 @@ struct FileSystemIdentity {
 /// Threading: begins and ends on one thread.
 class AssumedFileSystemIdentity final {
  public:
-  /// Fails (kPOSIXErrorDomain) when the process cannot act as somebody else. Unless it is
-  /// root it acts only as its own user, and only for those who have all of its groups.
+  /// Fails (kPOSIXErrorDomain) when the process may not act as somebody else, as root may.
+  /// Without that it acts only for its own user, and only for those who have all of its groups.
   static Result<AssumedFileSystemIdentity, Error> assume(const FileSystemIdentity& identity);
 
   AssumedFileSystemIdentity(AssumedFileSystemIdentity&& other) noexcept
