@@ -4,6 +4,9 @@ GLib, dbus-send and busctl each come with a D-Bus implementation of their own. W
 say and hear is printed, so that a run leaves a transcript.
 """
 
+import hashlib
+import hmac
+import os
 import threading
 import unittest
 
@@ -12,7 +15,7 @@ import gi
 gi.require_version("Gio", "2.0")
 from gi.repository import Gio, GLib  # noqa: E402
 
-from harness import ScratchTest, run  # noqa: E402
+from harness import Collector, ScratchTest, client_entry, run  # noqa: E402
 
 PATH = "/com/vantix/zunreportingd/session"
 INTERFACE = "com.vantix.zunreportingd.ClientSessionInterface"
@@ -28,6 +31,15 @@ def message(category=2, kind=7, payload=None):
     return {"messageParametersCategory": GLib.Variant("u", category), "messageParametersType": GLib.Variant("u", kind),
             "messageParametersPayload": GLib.Variant("a{sv}", payload or {"answer": GLib.Variant("i", 42)})}
 
+CLIENT_OBJECT = """
+<node><interface name="com.vantix.zunreportingd.ClientSessionReplyInterface">
+  <method name="sendMessageToClient">
+    <arg type="aa{sv}" direction="in"/><arg type="d" direction="in"/><arg type="q" direction="in"/>
+    <arg type="q" direction="in"/><arg type="aa{sv}" direction="in"/>
+  </method>
+</interface></node>
+"""
+
 
 class GLibClient:
     def __init__(self, address):
@@ -41,11 +53,39 @@ class GLibClient:
         print(f"GLib: {member} -> {reply.print_(True)[:120]}")
         return reply.unpack()
 
+    def issue_extension(self, path):
+        """A token for the file, given for its descriptor."""
+        descriptors = Gio.UnixFDList.new_from_array([os.open(path, os.O_RDONLY)])  # the list takes it
+        reply, _ = self.connection.call_with_unix_fd_list_sync(
+            None, PATH, "com.vantix.zunreportingd.FileAccess", "issueExtension", GLib.Variant("(h)", (0,)), None,
+            Gio.DBusCallFlags.NONE, TIMEOUT, descriptors, None)
+        print(f"GLib: issueExtension -> {reply.get_type_string()}")
+        return bytes(reply.unpack()[0])
+
+    def take_messages(self):
+        """Exports the client's object; the list that is given fills with what the daemon sends."""
+        messages = []
+        node = Gio.DBusNodeInfo.new_for_xml(CLIENT_OBJECT)
+
+        def called(_connection, _sender, _path, _interface, _member, parameters, _invocation):
+            print(f"GLib: sendMessageToClient {parameters.print_(True)[:120]}")
+            messages.append(parameters.unpack())
+
+        self.connection.register_object("/com/vantix/zunreportingd/client", node.interfaces[0], called, None, None)
+        return messages
+
     def close(self):
         self.connection.close_sync(None)
 
 
-class ForeignClientsTest(ScratchTest):
+class GLibTest(ScratchTest):
+    def glib(self):
+        client = GLibClient(self.scratch.address)
+        self.addCleanup(lambda: None if client.connection.is_closed() else client.close())
+        return client
+
+
+class ForeignClientsTest(GLibTest):
     def setUp(self):
         super().setUp()
         section = {"httpPost": {"display_url": "https://show.example/here",
@@ -53,11 +93,6 @@ class ForeignClientsTest(ScratchTest):
                                              "override_dnu": 1, "event_threshold": 100, "post_url": "==post_url"}]}}
         self.scratch.publish(backends=section)
         self.scratch.start()
-
-    def glib(self):
-        client = GLibClient(self.scratch.address)
-        self.addCleanup(lambda: None if client.connection.is_closed() else client.close())
-        return client
 
     def test_glib_calls_every_member(self):
         client = self.glib()
@@ -116,7 +151,8 @@ class ForeignClientsTest(ScratchTest):
         self.assertEqual(members, {
             "setSessionInfo", "startConfigWithCompletionHandler", "fetchStatesWithUserInfo", "fetchDisplayURL",
             "sendMessageWithDictionary", "flushMessagesWithCompletion", "finishSessionGracefully", "uploadFileAtPath",
-            "uploadLogData", "sendMessageWithSessionInfo", "updateSharedDataWithDictionary", "updateSharedDataForKey", "setDigestKey"})
+            "uploadLogData", "sendMessageWithSessionInfo", "updateSharedDataWithDictionary", "updateSharedDataForKey",
+            "setDigestKey"})
         self.assertEqual(client.call("Ping", None, interface="org.freedesktop.DBus.Peer"), ())
         (machine,) = client.call("GetMachineId", None, interface="org.freedesktop.DBus.Peer")
         self.assertRegex(machine, "^[0-9a-f]{32}$")
@@ -188,6 +224,164 @@ class ForeignClientsTest(ScratchTest):
                          's "Could not retrieve identifiers from sessionInfo"')
         self.expect_error("sendMessageWithSessionInfo: Could not retrieve identifiers from sessionInfo")
         self.assertIn("flushMessagesWithCompletion", self.busctl("introspect", *target))
+
+
+class EffectsTest(GLibTest):
+    """Each of the thirteen operations, called by GLib, and what it brings about at the servers."""
+
+    def setUp(self):
+        super().setUp()
+        self.collector = Collector(self.scratch.folder, self.scratch.authority)
+        self.addCleanup(self.collector.close)
+        host, port = self.collector.dashboard
+        https = {"clients": [client_entry()], "display_url": "https://show.example/here"}
+        self.scratch.publish(backends={
+            "httpPost": https, "qrs": https, "uploadServer": {"post_url": self.collector.url + "/upload"},
+            "dashboard": {"ip": host, "port": port, "post_url": self.collector.url + "/logdata"}})
+        self.scratch.start()
+
+    def client(self, level, session_id, aggregates=False, user="glib"):
+        client = self.glib()
+        messages = client.take_messages()
+        client.call("setSessionInfo", "(a{sv}aa{sv}asb)", self.info(level, session_id),
+                    [{"userInfoClientName": GLib.Variant("s", user)}], ["a framework"], aggregates)
+        (backends,) = client.call("startConfigWithCompletionHandler", None)
+        self.assertEqual(backends, [["httpPost", "qrs", "uploadServer", "dashboard"]])
+        return client, messages
+
+    @staticmethod
+    def info(level, session_id, **changes):
+        token = {"hierarchyTokenTokenID": GLib.Variant("s", "family"), "hierarchyTokenLevel": GLib.Variant("i", level)}
+        info = dict(SESSION_INFO, sessionInfoSessionID=GLib.Variant("u", session_id),
+                    sessionInfoHierarchyToken=GLib.Variant("a{sv}", token))
+        info.update(changes)
+        return info
+
+    def posts_of_flush(self, client):
+        """The posts of both HTTPS backends that a flush brings about, the one with a digest first."""
+        _, error = client.call("flushMessagesWithCompletion", None)
+        self.assertEqual(error, [])
+        return sorted((self.scratch.server.next_post() for _ in range(2)),
+                      key=lambda post: "X-ZUN-DIGEST" not in post.headers)
+
+    def dashboard_records(self, session_id, category):
+        return [record for record in self.collector.records("dashboard")
+                if (record["sessionID"], record["method"]) == (session_id, category)]
+
+    def test_messages_reach_every_backend_with_shared_data_and_digest(self):
+        client, _ = self.client(0, 1)
+        client.call("updateSharedDataWithDictionary", "(a{sv})",
+                    {"kept": GLib.Variant("s", "yes"), "dropped": GLib.Variant("s", "no")})
+        client.call("updateSharedDataForKey", "(sav)", "dropped", [])
+        client.call("updateSharedDataForKey", "(sav)", "number", [GLib.Variant("d", 2.5)])
+        client.call("setDigestKey", "(ayi)", b"secret", 0)
+        (response,) = client.call("sendMessageWithDictionary", "(a{sv})", message(category=3))
+        with_digest, without = self.posts_of_flush(client)
+        digest = hmac.new(b"secret", with_digest.body, hashlib.sha1).hexdigest()
+        self.assertEqual(with_digest.headers["X-ZUN-DIGEST"],
+                         "<" + " ".join(digest[i:i + 8] for i in range(0, 40, 8)) + ">")
+        for post in (with_digest, without):
+            start, record = post.events
+            self.assertEqual((start["_method"], start["_status"]), (0, 0))
+            self.assertEqual({key: record.get(key) for key in ("answer", "kept", "number", "dropped")},
+                             {"answer": 42, "kept": "yes", "number": 2.5, "dropped": None})
+        self.collector.wait_for_records(2, "dashboard")
+        (datagram,) = self.dashboard_records(1, 3)
+        self.assertEqual(datagram["fields"], {"answer": "42"})
+        self.assertEqual(len(response), 1)  # batching says nothing, so the dashboard's local record is it
+        self.assertIn("answer=42", response[0])
+
+    def test_single_message_is_posted_as_the_session_it_names(self):
+        client = self.glib()
+        info = self.info(0, 99, sessionInfoBatchEvent=GLib.Variant("b", False))
+        status = client.call("sendMessageWithSessionInfo", "(a{sv}aa{sv}qqaa{sv})", info, [USER_INFO], 4, 9,
+                             [{"single": GLib.Variant("b", True)}])
+        self.assertEqual(status, ("finished",))
+        for _ in range(2):
+            (record,) = self.scratch.server.next_post().events
+            self.assertEqual((record["_method"], record["_status"], record["single"]), (4, 9, True))
+        self.collector.wait_for_records(1, "dashboard")
+        self.assertEqual(self.dashboard_records(99, 4)[0]["fields"], {"single": "1"})
+
+    def test_user_information_is_replaced_and_the_display_URL_told(self):
+        client, _ = self.client(0, 1)
+        self.assertEqual(client.call("fetchDisplayURL", None), ("https://show.example/here",))
+        new = {"userInfoClientName": GLib.Variant("s", "another"), "userInfoServiceName": GLib.Variant("s", "one")}
+        (active,) = client.call("fetchStatesWithUserInfo", "(aa{sv})", [new])
+        self.assertEqual(active, [["httpPost", "qrs", "uploadServer", "dashboard"]])
+        client.call("sendMessageWithDictionary", "(a{sv})", message())
+        for post in self.posts_of_flush(client):
+            self.assertEqual(post.headers["X-ZUN-Client-Name"], "another")
+            self.assertEqual(post.headers["X-ZUN-Service-Name"], "one")
+
+    def test_graceful_end_is_told_in_the_last_message(self):
+        for gracefully in (True, False):
+            client, _ = self.client(0, 1)
+            if gracefully:
+                client.call("finishSessionGracefully", None)
+            client.close()
+            for _ in range(2):
+                record = self.scratch.server.next_post().events[-1]
+                self.assertEqual((record["_method"], record["_status"]), (0, 1))
+                self.assertEqual(bool(record["GracefulTermination"]), gracefully)
+
+    def test_file_proven_by_its_descriptor_is_uploaded_and_removed(self):
+        client, _ = self.client(0, 7)
+        path = self.scratch.path("a log")
+        with open(path, "wb") as file:
+            file.write(b"content of the log")
+        token = client.issue_extension(path)
+        url = "file://" + path.replace(" ", "%20")
+        self.assertEqual(client.call("uploadFileAtPath", "(say)", url, token), (True,))
+        self.assertFalse(os.path.exists(path))
+        (record,) = self.collector.wait_for_records(1, "upload")
+        print(f"collector: {record}")
+        (kept,) = os.listdir(self.collector.uploads)
+        with open(os.path.join(self.collector.uploads, kept), "rb") as file:
+            self.assertEqual(file.read(), b"content of the log")
+        self.assertIn("a log", kept + str(record))
+
+    def test_token_of_another_connection_uploads_nothing(self):
+        client, _ = self.client(0, 7)
+        other, _ = self.client(0, 8)
+        path = self.scratch.path("log")
+        with open(path, "wb") as file:
+            file.write(b"content")
+        token = client.issue_extension(path)
+        self.assertEqual(other.call("uploadFileAtPath", "(say)", "file://" + path, token), (False,))
+        self.assertTrue(os.path.exists(path))
+        self.assertEqual(self.collector.records("upload"), [])
+        self.expect_error("UploadBackend(uploadFileAtPath): Only upload a regular file.")
+        self.expect_error("uploadFileWithURL: File upload failed for " + path)
+
+    def test_log_data_is_uploaded_and_its_location_reported(self):
+        client, _ = self.client(0, 7)
+        records = [GLib.Variant("s", "line"), GLib.Variant("a{sv}", {"level": GLib.Variant("i", 3)}),
+                   GLib.Variant("ay", b"\x00\xff"), GLib.Variant("(d)", (12.5,))]
+        self.assertEqual(client.call("uploadLogData", "(av)", records), (True, []))
+        (archive,) = self.collector.wait_for_records(1, "logdata")
+        self.assertEqual(archive["records"], ["line", {"level": 3}, {"base64": "AP8="}, {"date": 12.5}])
+        self.collector.wait_for_records(2, "dashboard")
+        event = self.dashboard_records(7, 0)[-1]
+        self.assertEqual((event["respCode"], event["fields"]), (2, {"LogDataUploadLocation": archive["location"]}))
+
+    def test_messages_of_a_child_come_back_to_the_client_that_aggregates(self):
+        parent, messages = self.client(0, 1, aggregates=True)
+        child, childs_messages = self.client(1, 2, aggregates=True, user="child")
+        child.call("sendMessageWithDictionary", "(a{sv})", message(category=5, kind=6))
+        context = GLib.MainContext.default()
+        while not any(category == 5 for _, _, category, _, _ in messages) or not childs_messages:
+            context.iteration(True)
+        (info,), timestamp, category, kind, (payload,) = messages[-1]
+        self.assertEqual((category, kind), (5, 6))
+        self.assertEqual(info["sessionInfoSessionID"], 2)
+        self.assertGreater(timestamp, 1.7e9)
+        self.assertEqual(payload, {"answer": 42, "userInfoClientName": "child"})
+        # The topmost aggregator is the one: the child's was told that its own has ended.
+        self.assertEqual(childs_messages, [([], 0.0, 0, 0, [])])
+        self.assertEqual([m[0][0]["sessionInfoSessionID"] for m in messages], [1, 2, 2])
+        parent.close()
+        self.expect_error("sendMessageWithDictionary: Failed to get remote object proxy")
 
 
 if __name__ == "__main__":
