@@ -54,22 +54,21 @@ const zun_kodo_value* valueForKey(const zun_kodo_value* value, const char* key, 
   return found.isNone() ? nullptr : opaque(found);
 }
 
-/// The container's iterator in a cursor's room; all zeros is the beginning.
+/// A container's iterator as it lies in a cursor's room; all zeros is the beginning.
 template <typename Iterator>
-Iterator iteratorIn(const zun_kodo_cursor& cursor, Iterator begin) {
-  static_assert(sizeof(Iterator) <= sizeof cursor.place && std::is_trivially_copyable_v<Iterator>);
-  if (cursor.place[0] == nullptr) return begin;
-  std::memcpy(static_cast<void*>(&begin), cursor.place, sizeof begin);
-  return begin;
-}
+struct Place {
+  Iterator iterator;
+};
 
 template <typename Container, typename Give>
 int advance(const Container& container, zun_kodo_cursor& cursor, Give give) {
-  auto iterator = iteratorIn(cursor, container.begin());
-  if (iterator == container.end()) return 0;
-  give(*iterator);
-  ++iterator;
-  std::memcpy(cursor.place, &iterator, sizeof iterator);
+  Place<decltype(container.begin())> place{container.begin()};
+  static_assert(sizeof place <= sizeof cursor.place && std::is_trivially_copyable_v<decltype(place)>);
+  if (cursor.place[0] != nullptr) std::memcpy(static_cast<void*>(&place), cursor.place, sizeof place);
+  if (place.iterator == container.end()) return 0;
+  give(*place.iterator);
+  ++place.iterator;
+  std::memcpy(cursor.place, &place, sizeof place);
   return 1;
 }
 
