@@ -218,7 +218,8 @@ class ForeignClientsTest(GLibTest):
         self.assertEqual(self.busctl("call", *target, "sendMessageWithDictionary", "a{sv}", "2",
                                      "messageParametersCategory", "q", "1", "messageParametersType", "q", "2").strip(),
                          "as 0")
-        self.assertEqual(self.busctl("call", *target, "updateSharedDataForKey", "sav", "key", "1", "s", "x").strip(), "")
+        self.assertEqual(self.busctl("call", *target, "updateSharedDataForKey", "sav", "key", "1", "s",
+                                     "x").strip(), "")
         self.assertEqual(self.busctl("call", *target, "sendMessageWithSessionInfo", "a{sv}aa{sv}qqaa{sv}",
                                      "0", "0", "1", "2", "0").strip(),
                          's "Could not retrieve identifiers from sessionInfo"')

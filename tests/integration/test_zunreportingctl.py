@@ -150,7 +150,8 @@ class SendAndFlushTest(CtlTest):
     def test_lines_that_are_no_events_are_told_and_the_others_are_sent(self):
         self.scratch.publish()
         self.scratch.start()
-        lines = ['{"category": 2, "type": 1}', "nonsense", '{"category": 70000, "type": 1}', "", '{"category": 2, "type": 2}']
+        lines = ['{"category": 2, "type": 1}', "nonsense", '{"category": 70000, "type": 1}', "",
+                 '{"category": 2, "type": 2}']
         result = self.assert_exit(1, self.ctl("send", "--client-name", "tester", input="\n".join(lines)))
         self.assertEqual(result.stdout, "sent 2 events, 2 failed\n")
         self.assertIn("line 2: not JSON", result.stderr)
@@ -390,7 +391,8 @@ class UploadLogsTest(CtlTest):
         self.assertEqual(post.body[:8], b"bplist00")
         for text in (b"line", b"one", b"two"):
             self.assertIn(text, post.body)
-        self.scratch.daemon.wait_for_line("DashboardBackend(uploadLogData): Log data uploaded to https://logs.example/1")
+        self.scratch.daemon.wait_for_line(
+            "DashboardBackend(uploadLogData): Log data uploaded to https://logs.example/1")
 
     def test_lines_that_are_no_records_are_told_and_the_others_are_uploaded(self):
         self.scratch.start()
@@ -457,7 +459,7 @@ class SharedTest(CtlTest):
             for event in self.scratch.server.next_post().events:
                 if event["_method"] == 2:
                     return {key: value for key, value in event.items()
-                            if not key.startswith("_") and not key.startswith("userInfo") and key not in ("own", "eventTime")}
+                            if not key.startswith(("_", "userInfo")) and key not in ("own", "eventTime")}
 
     def shared(self, *arguments):
         return self.assert_exit(0, self.ctl("shared", *arguments, "--parent", "family:0"))
