@@ -2,8 +2,11 @@
 
 #include <map>
 #include <memory>
+#include <mutex>
+#include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "platform/ServiceConnection.h"
 #include "platform/linux/FileExtensions.h"
@@ -11,7 +14,8 @@
 namespace zun {
 
 /// One end of a connection, without a peer: the test makes the calls and ends it. The
-/// file extensions are the real ones, for a peer with the rights of this process.
+/// file extensions are the real ones, for a peer with the rights of this process. Calls
+/// of the peer's object are kept; they may come from any thread.
 class FakeConnection final : public ServiceConnection {
  public:
   explicit FakeConnection(std::map<std::string, bool> entitlements, std::string description = "test peer")
@@ -39,7 +43,27 @@ class FakeConnection final : public ServiceConnection {
     interrupted_ = {};
     exportedObject = nullptr;
   }
-  std::optional<std::string> callRemote(size_t, const Array&) override { return "nobody is there"; }
+  std::optional<std::string> callRemote(size_t member, const Array& arguments) override {
+    const std::lock_guard lock(mutex_);
+    if (!remoteFailure_) remoteCalls_.emplace_back(member, arguments);
+    return remoteFailure_;
+  }
+
+  /// From now on the peer's object cannot be called, for this reason; none: it can.
+  void failRemoteCalls(std::optional<std::string> reason) {
+    const std::lock_guard lock(mutex_);
+    remoteFailure_ = std::move(reason);
+  }
+  /// Arguments of the calls of the peer's one operation since the last time, in order.
+  std::vector<Array> takeRemoteCalls() {
+    const std::lock_guard lock(mutex_);
+    std::vector<Array> calls;
+    for (auto& [member, arguments] : remoteCalls_) {
+      if (member == 0) calls.push_back(std::move(arguments));
+    }
+    remoteCalls_.clear();
+    return calls;
+  }
 
   void interrupt() {
     if (interrupted_) interrupted_();
@@ -57,6 +81,10 @@ class FakeConnection final : public ServiceConnection {
   const std::string description_;
   UniqueFunction<void()> interrupted_;
   UniqueFunction<void()> invalidated_;
+
+  std::mutex mutex_;
+  std::optional<std::string> remoteFailure_;
+  std::vector<std::pair<size_t, Array>> remoteCalls_;
 };
 
 }  // namespace zun

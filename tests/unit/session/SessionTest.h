@@ -12,33 +12,14 @@
 
 #include "FakeAgent.h"
 #include "TestBackend.h"
-#include "platform/linux/FileExtensions.h"
 #include "session/ReportingdSession.h"
+#include "support/FakeConnection.h"
 #include "support/TestPlatform.h"
 #include "zunreporting/Keys.h"
 
 namespace zun {
 
 using namespace zunreporting;
-
-/// A client's connection that only has to be there.
-class IdleConnection final : public ServiceConnection {
- public:
-  std::optional<bool> booleanEntitlement(std::string_view) const override { return true; }
-  std::string description() const override { return "<IdleConnection>"; }
-  std::shared_ptr<SandboxExtensions> sandboxExtensions() const override { return extensions; }
-  void setExportedInterface(const ServiceInterface&) override {}
-  void setRemoteObjectInterface(const ServiceInterface&) override {}
-  void setExportedObject(std::shared_ptr<ExportedObject>) override {}
-  void setInterruptionHandler(UniqueFunction<void()>) override {}
-  void setInvalidationHandler(UniqueFunction<void()>) override {}
-  void resume() override {}
-  void invalidate() override {}
-  std::optional<std::string> callRemote(size_t, const Array&) override { return std::nullopt; }
-
-  const std::shared_ptr<FileExtensions> extensions =
-      std::make_shared<FileExtensions>(FileSystemIdentity::ofProcess());
-};
 
 inline Dictionary sessionInfo(int64_t sessionID, const Dictionary& more = {}) {
   Dictionary info = {{kZunReportingSessionInfoSessionID, sessionID},
@@ -83,6 +64,9 @@ class SessionWorld final {
   explicit SessionWorld(TestPlatform& platform) : platform_(platform) {}
 
   std::shared_ptr<ReportingdSession> makeSession() {
+    return makeSession(std::make_shared<FakeConnection>(std::map<std::string, bool>{}));
+  }
+  std::shared_ptr<ReportingdSession> makeSession(std::shared_ptr<FakeConnection> connectionToUse) {
     ++sessionsMade_;
     const auto factory = [this](const ReportingServices& all, std::string_view name, const Value& profile,
                                 const std::optional<std::string>& productFamily,
@@ -93,7 +77,7 @@ class SessionWorld final {
       backends[std::string(name)] = backend;
       return backend;
     };
-    connection = std::make_shared<IdleConnection>();
+    connection = std::move(connectionToUse);
     return ReportingdSession::create(services, agent, connection, factory);
   }
 
@@ -136,7 +120,7 @@ class SessionWorld final {
   std::shared_ptr<FakeAgent> agent = std::make_shared<FakeAgent>(platform_.services);
   bool realBackends = false;
   /// The latest session's.
-  std::shared_ptr<IdleConnection> connection;
+  std::shared_ptr<FakeConnection> connection;
   /// The latest of each name.
   std::map<std::string, std::shared_ptr<TestBackend>> backends;
 

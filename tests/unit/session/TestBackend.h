@@ -17,6 +17,7 @@ namespace zun {
 ///   "flushResult", "flushError"
 ///   "flush"            "later": completions are kept; "dropped": let go uncalled
 ///   "uploads"          whether it can upload files and log data
+///   "batched"          bytes of the events that wait
 ///   "display_url", "event_whitelist", "event_blacklist"
 class TestBackend final : public ZunReportingBackend {
  public:
@@ -74,6 +75,7 @@ class TestBackend final : public ZunReportingBackend {
     trace.push_back("uploadLogData " + Value(logData).description());
     return profile_["uploads"].boolValue();
   }
+  uint32_t batchedEventsSize() const override { return static_cast<uint32_t>(profile_["batched"].intValue()); }
   void cleanup() override {
     ++cleanups;
     trace.emplace_back("cleanup");
