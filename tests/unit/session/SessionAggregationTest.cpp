@@ -190,7 +190,8 @@ TEST_F(SessionAggregationTest, RefusedMessagesAreNotAggregated) {
 TEST_F(SessionAggregationTest, SingleMessageIsNotAggregated) {
   startParent(/*isAggregator=*/true);
   startChild(/*isAggregator=*/true);
-  session_->sendMessageWithSessionInfo(childInfo(), userInfo("C", "S"), 5, 6, Dictionary{{"key", 1}}, nullptr);
+  session_->sendMessageWithSessionInfo(childInfo(), userInfo("C", "S"), 5, 6, Dictionary{{"key", 1}},
+                                       nullptr);
   EXPECT_EQ(backend("test").sent.back().method, 5);
   EXPECT_TRUE(own_->takeRemoteCalls().empty());
   EXPECT_TRUE(parents_->takeRemoteCalls().empty());

@@ -15,8 +15,8 @@ class SessionHealthReportTest : public SessionTest {
   std::shared_ptr<ReportingdSession> sessionOfType(int64_t clientType, Dictionary storebag = {}) {
     auto session = world_.makeSession();
     agent_.storebag = std::move(storebag);
-    session->setSessionInfo(sessionInfo(1, {{kZunReportingSessionInfoClientType, clientType}}), std::nullopt, {},
-                            false);
+    session->setSessionInfo(sessionInfo(1, {{kZunReportingSessionInfoClientType, clientType}}), std::nullopt,
+                            {}, false);
     session->startConfigWithCompletionHandler(nullptr);
     return session;
   }
@@ -98,7 +98,8 @@ TEST_F(SessionHealthReportTest, EmptyStorebagCacheIsTheSizeOfAnEmptyDictionary) 
 
 TEST_F(SessionHealthReportTest, StorebagsAreCountedAndEstimated) {
   const Dictionary storebags = {
-      {"confero", Dictionary{{"StorebagData", Dictionary{{"a long key of a storebag", "a long text of a storebag"}}}}},
+      {"confero",
+       Dictionary{{"StorebagData", Dictionary{{"a long key of a storebag", "a long text of a storebag"}}}}},
       {"tessel", Dictionary{{"StorebagVersion", "1.0"}}}};
   const Dictionary payload = report(*sessionOfType(5, holding(10)), {}, storebags);
   EXPECT_EQ(payload["StorebagsCount"], Value(2));
@@ -113,7 +114,8 @@ TEST_F(SessionHealthReportTest, ProcessMemoryIsThatOfTheProcess) {
 }
 
 TEST_F(SessionHealthReportTest, ReportIsAddedToWhatThePayloadHolds) {
-  const Dictionary payload = report(*session_, {}, {}, {{"StorebagVersion", "41"}, {"SessionsCount_Unknown", 6}});
+  const Dictionary payload =
+      report(*session_, {}, {}, {{"StorebagVersion", "41"}, {"SessionsCount_Unknown", 6}});
   EXPECT_EQ(payload["StorebagVersion"], Value("41"));
   EXPECT_EQ(payload["SessionsCount_Unknown"], Value(7));
 }
@@ -167,7 +169,8 @@ TEST_F(SessionHealthReportTest, SessionsThatOnlySnapshotsHoldEndOneAfterTheOther
   const auto [lowest, highest] = std::minmax_element(stackPositions.begin(), stackPositions.end());
   EXPECT_LT(*highest - *lowest, 4096U);
   for (const int64_t number : {0, 1, 500, 999}) {
-    EXPECT_EQ(platform_.log.count(LogLevel::kDebug, "dealloc: ReportingdSession dealloc: " + std::to_string(number)),
+    EXPECT_EQ(platform_.log.count(LogLevel::kDebug,
+                                  "dealloc: ReportingdSession dealloc: " + std::to_string(number)),
               1);
   }
 }

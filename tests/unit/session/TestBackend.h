@@ -75,7 +75,9 @@ class TestBackend final : public ZunReportingBackend {
     trace.push_back("uploadLogData " + Value(logData).description());
     return profile_["uploads"].boolValue();
   }
-  uint32_t batchedEventsSize() const override { return static_cast<uint32_t>(profile_["batched"].intValue()); }
+  uint32_t batchedEventsSize() const override {
+    return static_cast<uint32_t>(profile_["batched"].intValue());
+  }
   void cleanup() override {
     ++cleanups;
     trace.emplace_back("cleanup");

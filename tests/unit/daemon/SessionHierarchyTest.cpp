@@ -1,0 +1,377 @@
+// Sessions of one token, with the real agent: who is whose parent, whom a change reaches,
+// and whose client gets the copies.
+
+#include <thread>
+
+#include "HierarchyTest.h"
+
+namespace zun {
+namespace {
+
+class SessionHierarchyTest : public HierarchyTest {
+ protected:
+  int countDebug(const std::string& line) { return platform_.log.count(LogLevel::kDebug, line); }
+  static std::string updating(int number) {
+    return "updateDownstreamSessions: Updating combined session ID and syncing reporting states for "
+           "session " +
+           std::to_string(number);
+  }
+};
+
+// --- who is whose parent ---------------------------------------------------------
+
+TEST_F(SessionHierarchyTest, ParentIDStringJoinsAllLevelsFromTheTop) {
+  Client a = join(1, "family", 0);
+  Client b = join(2, "family", 1);
+  Client c = join(3, "family", 2);
+  EXPECT_EQ(agent_->parentSessionIDStringForSession(*c.session), a.id() + "." + b.id());
+  EXPECT_EQ(agent_->parentSessionIDStringForSession(*b.session), a.id());
+  EXPECT_EQ(agent_->parentSessionIDStringForSession(*a.session), std::nullopt);
+  EXPECT_EQ(agent_->parentSessionForChild(*a.session), nullptr);
+  end(a, b, c);
+}
+
+TEST_F(SessionHierarchyTest, GapAtTheParentGivesNoneAndOneFurtherUpGivesWhatIsBelowIt) {
+  Client a = join(1, "family", 0);
+  Client c = join(3, "family", 2);
+  EXPECT_EQ(agent_->parentSessionIDStringForSession(*c.session), std::nullopt);
+  expectDefaultLine(
+      "parentSessionIDStringForSession: Found a gap in hierarchy (one of parents missing): incomplete "
+      "parentSessionID is '(null)'");
+  Client b = join(2, "family", 1);
+  end(a);
+  EXPECT_EQ(agent_->parentSessionIDStringForSession(*c.session), b.id());
+  expectDefaultLine(
+      "parentSessionIDStringForSession: Found a gap in hierarchy (one of parents missing): incomplete "
+      "parentSessionID is '" +
+      b.id() + "'");
+  end(b, c);
+}
+
+TEST_F(SessionHierarchyTest, SessionThatHasNotJoinedIsNotFound) {
+  Client child = join(1, "family", 1);
+  agent_->invalidateReportingSession(child.session);
+  // Its token's list is there, and empty.
+  EXPECT_EQ(agent_->parentSessionIDStringForSession(*child.session), std::nullopt);
+  EXPECT_EQ(agent_->parentSessionForChild(*child.session), nullptr);
+  expectErrors({"parentSessionIDStringForSession: ERROR: No sessions found for hierarchyToken family",
+                "parentSessionForChild: ERROR: No sessions found for hierarchyToken family"});
+  expectDebugLine("parentSessionForChild: Checking hierarchyToken 'family' for session 1");
+
+  Client other = join(2, "family", 0);
+  EXPECT_EQ(agent_->parentSessionIDStringForSession(*child.session), std::nullopt);
+  EXPECT_EQ(agent_->parentSessionForChild(*child.session), nullptr);
+  expectDefaultLine("parentSessionIDStringForSession: Session 1 not found for hierarchyToken family");
+  expectErrors({"parentSessionForChild: ERROR: Session 1 not found for hierarchyToken family"});
+  end(other);
+}
+
+TEST_F(SessionHierarchyTest, OfTwoSessionsAtOneLevelTheFirstToJoinCountsAndThenTheSecond) {
+  Client first = join(1, "family", 0);
+  Client second = join(2, "family", 0);
+  Client child = join(3, "family", 1);
+  EXPECT_EQ(agent_->parentSessionForChild(*child.session), first.session);
+  EXPECT_EQ(agent_->parentSessionIDStringForSession(*child.session), first.id());
+  configure(first, 1, "family", 0);  // joins again, and now stands behind the other
+  EXPECT_EQ(agent_->parentSessionForChild(*child.session), second.session);
+  end(second);
+  EXPECT_EQ(agent_->parentSessionForChild(*child.session), first.session);
+  end(first, child);
+}
+
+TEST_F(SessionHierarchyTest, SessionThatChangesItsTokenMovesToTheOtherList) {
+  Client parent = join(1, "old", 0);
+  Client oldChild = join(2, "old", 1);
+  Client newChild = join(3, "new", 1);
+  EXPECT_EQ(agent_->parentSessionForChild(*newChild.session), nullptr);
+  configure(parent, 1, "new", 0);
+  expectDebugLine(
+      "updateCorrelatedSessions: Adding session 1 to list for hierarchyToken new with hierarchyLevel 0");
+  EXPECT_EQ(agent_->parentSessionForChild(*newChild.session), parent.session);
+  EXPECT_EQ(agent_->parentSessionForChild(*oldChild.session), nullptr);
+  expectDefaultLine(
+      "parentSessionForChild: Unable to find session with hierarchy of 0 for hierarchyToken 'old'");
+  end(parent, oldChild, newChild);
+}
+
+TEST_F(SessionHierarchyTest, SessionThatChangesItsLevelIsFoundAtTheNewOne) {
+  Client parent = join(1, "family", 0);
+  Client child = join(2, "family", 3);
+  EXPECT_EQ(agent_->parentSessionForChild(*child.session), nullptr);
+  configure(parent, 1, "family", 2);
+  EXPECT_EQ(agent_->parentSessionForChild(*child.session), parent.session);
+  end(parent, child);
+}
+
+// It never leaves its list for want of another one; without a hierarchy its level is 0.
+TEST_F(SessionHierarchyTest, SessionThatLosesItsTokenStaysInItsListAtLevelZeroAndNeverDangles) {
+  Client former = join(1, "family", 4);
+  Client child = join(2, "family", 1);
+  configure(former, 1, "", 0);
+  expectDefaultLine(
+      "updateCorrelatedSessions: Session 1 has no correlated sessions as it is a standalone session");
+  EXPECT_EQ(agent_->parentSessionForChild(*child.session), former.session);
+  EXPECT_EQ(agent_->parentSessionForChild(*former.session), nullptr);
+  const std::weak_ptr<ReportingdSession> watched = former.session;
+  end(former);
+  EXPECT_TRUE(watched.expired());
+  EXPECT_EQ(agent_->parentSessionForChild(*child.session), nullptr);
+  end(child);
+}
+
+TEST_F(SessionHierarchyTest, TableDoesNotKeepSessionsAlive) {
+  Client parent = join(1, "family", 0);
+  Client child = join(2, "family", 1);
+  const std::weak_ptr<ReportingdSession> watched = parent.session;
+  end(parent);
+  EXPECT_TRUE(watched.expired());
+  EXPECT_EQ(agent_->parentSessionForChild(*child.session), nullptr);
+  end(child);
+}
+
+// Levels are the clients' to choose: their numbers must cost nothing.
+TEST_F(SessionHierarchyTest, LargestLevelsAreLevelsLikeOthers) {
+  Client top = start(1, "family", 0, Aggregates::kYes);
+  Client parent = join(2, "family", 4294967294);
+  Client deepest = start(3, "family", -1);
+  EXPECT_EQ(deepest->hierarchyLevel(), 4294967295U);
+  EXPECT_EQ(agent_->parentSessionForChild(*deepest.session), parent.session);
+  EXPECT_EQ(agent_->parentSessionIDStringForSession(*deepest.session), parent.id());
+  copies(top);
+  send(deepest, 5);
+  EXPECT_EQ(copies(top), Copies{"3:5"});
+  end(top, parent, deepest);
+}
+
+TEST_F(SessionHierarchyTest, LongChainOfLevelsIsJoinedInOnePass) {
+  std::vector<Client> chain;
+  std::string expected;
+  for (uint32_t level = 0; level < 300; ++level) {
+    chain.push_back(join(level, "family", level));
+    if (level < 299) expected += (level == 0 ? "" : ".") + chain.back().id();
+  }
+  EXPECT_EQ(agent_->parentSessionIDStringForSession(*chain.back().session), expected);
+  for (Client& client : chain) end(client);
+}
+
+// --- whom a change reaches -------------------------------------------------------
+
+TEST_F(SessionHierarchyTest, ChangeReachesAllDeeperSessionsInTheOrderInWhichTheyJoined) {
+  Client deep = start(4, "family", 5);
+  Client top = start(1, "family", 0);
+  Client child = start(2, "family", 1);
+  Client sibling = start(3, "family", 1);
+  Client stranger = start(9, "others", 7);
+  platform_.log.clear();
+  agent_->updateDownstreamSessions(*child.session);
+  EXPECT_EQ(countDebug(updating(4)), 1);
+  for (const int number : {1, 2, 3, 9}) EXPECT_EQ(countDebug(updating(number)), 0) << number;
+  expectDebugLine("updateCombinedSessionID: Updating combined session ID '" + top.id() + "." + child.id() +
+                  "' for session 2 backends");
+
+  platform_.log.clear();
+  agent_->updateDownstreamSessions(*top.session);
+  std::vector<std::string> order;
+  for (const std::string& line : platform_.log.linesOf(LogLevel::kDebug)) {
+    if (line.starts_with("updateDownstreamSessions: ")) order.push_back(line);
+  }
+  EXPECT_EQ(order, (std::vector<std::string>{updating(4), updating(2), updating(3)}));
+  end(deep, top, child, sibling, stranger);
+}
+
+TEST_F(SessionHierarchyTest, StandaloneSessionChangesNobody) {
+  Client alone = start(1, "", 0);
+  Client child = start(2, "family", 1);
+  platform_.log.clear();
+  agent_->updateDownstreamSessions(*alone.session);
+  EXPECT_TRUE(platform_.log.lines().empty());
+  end(alone, child);
+}
+
+TEST_F(SessionHierarchyTest, StartingUnderAnAggregatingAncestorEndsOnesOwnAggregation) {
+  Client top = start(1, "family", 0, Aggregates::kYes);
+  EXPECT_EQ(copies(top), Copies{"1:0"});  // its start message: it aggregates itself
+  Client child = start(2, "family", 1, Aggregates::kYes);
+  EXPECT_EQ(copies(child), Copies{"end"});
+  EXPECT_FALSE(child->hasAggregator());
+  EXPECT_TRUE(top->hasAggregator());
+  EXPECT_EQ(copies(top), Copies{"2:0"});
+  expectDebugLine("shutdownSessionAggregation: Disable aggregation module for session 2");
+  end(child, top);
+}
+
+TEST_F(SessionHierarchyTest, StartingAboveAggregatorsEndsTheirs) {
+  Client middle = start(2, "family", 1, Aggregates::kYes);
+  Client deep = start(3, "family", 2);
+  Client deeper = join(4, "family", 3, Aggregates::kYes);
+  copies(middle);
+  Client top = start(1, "family", 0, Aggregates::kYes);
+  EXPECT_EQ(copies(middle), Copies{"end"});
+  EXPECT_EQ(copies(deeper), Copies{"end"});
+  EXPECT_TRUE(copies(deep).empty());
+  EXPECT_EQ(copies(top), Copies{"1:0"});
+  agent_->updateDownstreamSessions(*top.session);
+  EXPECT_TRUE(copies(middle).empty());  // told once
+  end(deeper, deep, middle, top);
+}
+
+// Its own was ended by the ancestor's; the descendants' go all the same.
+TEST_F(SessionHierarchyTest, AncestorOfTheOneThatStartsEndsAggregationBelowIt) {
+  Client top = join(1, "family", 0, Aggregates::kYes);
+  Client deep = join(3, "family", 2, Aggregates::kYes);
+  Client middle = start(2, "family", 1);
+  EXPECT_EQ(copies(deep), Copies{"end"});
+  EXPECT_FALSE(deep->hasAggregator());
+  EXPECT_EQ(copies(top), Copies{"2:0"});
+  end(middle, deep, top);
+}
+
+TEST_F(SessionHierarchyTest, WithoutAggregatorAboveThoseBelowGoOn) {
+  Client deep = join(3, "family", 2, Aggregates::kYes);
+  Client top = start(1, "family", 0);
+  EXPECT_TRUE(deep->hasAggregator());
+  EXPECT_TRUE(copies(deep).empty());
+  end(deep, top);
+}
+
+// --- whose client gets the copies ------------------------------------------------
+
+TEST_F(SessionHierarchyTest, TopmostAggregatingAncestorGetsTheMessage) {
+  Client top = start(1, "family", 0);
+  Client middle = join(2, "family", 1, Aggregates::kYes);
+  Client lower = join(3, "family", 2, Aggregates::kYes);
+  Client deep = join(4, "family", 3);
+  deep->startConfigWithCompletionHandler(nullptr);
+  EXPECT_EQ(agent_->getAncestorWithAggregatorForSession(*deep.session), middle.session);
+  copies(middle);
+  send(deep, 5);
+  EXPECT_EQ(copies(middle), Copies{"4:5"});
+  EXPECT_TRUE(copies(lower).empty());
+  EXPECT_TRUE(copies(top).empty());
+  EXPECT_EQ(agent_->getAncestorWithAggregatorForSession(*middle.session), nullptr);
+  EXPECT_EQ(agent_->getAncestorWithAggregatorForSession(*top.session), nullptr);
+  end(deep, lower, middle, top);
+}
+
+TEST_F(SessionHierarchyTest, MissingLevelsAboveDoNotHideAnAggregator) {
+  Client top = join(1, "family", 2, Aggregates::kYes);
+  Client deep = start(4, "family", 9);
+  EXPECT_EQ(copies(top), Copies{"4:0"});
+  end(deep, top);
+}
+
+TEST_F(SessionHierarchyTest, OfOneLevelOnlyTheFirstToJoinCanBeTheAggregator) {
+  Client first = join(1, "family", 0);
+  Client second = join(2, "family", 0, Aggregates::kYes);
+  Client child = start(3, "family", 1);
+  EXPECT_EQ(agent_->getAncestorWithAggregatorForSession(*child.session), nullptr);
+  EXPECT_TRUE(copies(second).empty());
+  end(first);
+  EXPECT_EQ(agent_->getAncestorWithAggregatorForSession(*child.session), second.session);
+  send(child, 5);
+  EXPECT_EQ(copies(second), Copies{"3:5"});
+  end(child, second);
+}
+
+TEST_F(SessionHierarchyTest, MessagesFindTheNextAggregatorWhenTheTopmostEnds) {
+  Client top = start(1, "family", 0, Aggregates::kYes);
+  Client middle = start(2, "family", 1);
+  middle->setSessionInfo(info(2, "family", 1), std::nullopt, {}, true);  // after the start: goes on
+  Client deep = start(3, "family", 2);
+  copies(top);
+  end(top);
+  // The start of the lowest ended the middle's, too.
+  configure(middle, 2, "family", 1, Aggregates::kYes);
+  copies(middle);
+  send(deep, 5);
+  EXPECT_EQ(copies(middle), Copies{"3:5"});
+  end(deep, middle);
+}
+
+TEST_F(SessionHierarchyTest, OtherTokensDoNotAggregate) {
+  Client top = join(1, "others", 0, Aggregates::kYes);
+  Client child = start(2, "family", 1);
+  send(child, 5);
+  EXPECT_TRUE(copies(top).empty());
+  end(child, top);
+}
+
+TEST_F(SessionHierarchyTest, EndMessageOfASessionThatHasLeftItsListStillFindsItsAncestor) {
+  Client top = start(1, "family", 0, Aggregates::kYes);
+  Client child = start(2, "family", 1);
+  copies(top);
+  end(child);
+  const auto calls = top.connection->takeRemoteCalls();
+  ASSERT_EQ(calls.size(), 1U);
+  EXPECT_EQ(calls[0][2], Value(0));
+  EXPECT_EQ(calls[0][3], Value(1));
+  end(top);
+}
+
+TEST_F(SessionHierarchyTest, SharedDataOfTheTokenComesWithEveryMessageAndSurvivesItsSessions) {
+  Client first = start(1, "family", 0);
+  first->updateSharedDataWithDictionary({{"conference", "daily"}, {"room", 5}});
+  first->updateSharedDataForKey("room", Value());
+  EXPECT_EQ(agent_->sharedDataForSession(*first.session), (Dictionary{{"conference", "daily"}}));
+  end(first);
+  Client later = start(2, "family", 3);
+  EXPECT_EQ(agent_->sharedDataForSession(*later.session), (Dictionary{{"conference", "daily"}}));
+  Client alone = start(3, "", 0);
+  alone->updateSharedDataForKey("room", 1);
+  EXPECT_EQ(agent_->sharedDataForSession(*alone.session), std::nullopt);
+  end(later, alone);
+}
+
+// --- the agent's state -----------------------------------------------------------
+
+TEST_F(SessionHierarchyTest, StateHasAllSessionsInTheirOrderAndTheCachedStorebags) {
+  Client first = connect();
+  Client second = start(2, "family", 0);
+  Client third = join(3, "", 0);
+  const ReportingAgentState state = agent_->copyReportingAgentState();
+  EXPECT_EQ(state.sessions, (std::vector{first.session, second.session, third.session}));
+  ASSERT_EQ(state.cachedStorebags.size(), 1U);
+  EXPECT_EQ((*state.cachedStorebags["confero"].dictionary())["StorebagVersion"], Value("1.0"));
+  end(first, second, third);
+}
+
+TEST_F(SessionHierarchyTest, StateHoldsASessionThatWasListedWhileItWasBeingTaken) {
+  Client early = connect();
+  ReportingAgentState state;
+  std::thread taker;
+  Client late;
+  {
+    const RecursiveMutexLock lock(agent_->objectLock());
+    taker = std::thread([this, &state] { state = agent_->copyReportingAgentState(); });
+    late = connect();
+  }
+  taker.join();
+  // Either it was counted before the lock was free, or after it: the content is the later one.
+  EXPECT_EQ(state.sessions, (std::vector{early.session, late.session}));
+  state = {};
+  end(early, late);
+}
+
+TEST_F(SessionHierarchyTest, EndMessageCountsTheSessionsThatAreLeftAndTheEndingOne) {
+  Client top = start(1, "family", 0, Aggregates::kYes);
+  Client other = start(2, "", 0);
+  send(other, 5);
+  ASSERT_GT(other->batchedEventsSize(), 0U);
+  Client child = start(3, "family", 1);
+  const uint64_t bytes = top->batchedEventsSize() + other->batchedEventsSize() + child->batchedEventsSize();
+  copies(top);
+  end(child);
+  const auto calls = top.connection->takeRemoteCalls();
+  ASSERT_EQ(calls.size(), 1U);
+  const Dictionary payload = *(*calls[0][4].array())[0].dictionary();
+  EXPECT_EQ(payload["StorebagVersion"], Value("1.0"));
+  EXPECT_EQ(payload["SessionsCount_confero"], Value(3));
+  EXPECT_EQ(payload["BatchSize_confero"], Value(bytes));
+  EXPECT_EQ(payload["StorebagsCount"], Value(1));
+  EXPECT_EQ(payload["CalculatedMemoryUsage"].intValue(),
+            static_cast<int64_t>(bytes) + payload["StorebagsSize"].intValue());
+  end(top, other);
+}
+
+}  // namespace
+}  // namespace zun
