@@ -301,10 +301,11 @@ class UploadTest(CtlTest):
         link, fifo = self.scratch.path("link"), self.scratch.path("fifo")
         os.symlink(target, link)
         os.mkfifo(fifo)
-        missing = self.scratch.path("missing")
-        result = self.assert_exit(1, self.ctl("upload", missing, self.scratch.folder, link, fifo, empty, good))
+        missing, odd = self.scratch.path("missing"), self.scratch.path("\033[2Jmiss\ning")
+        result = self.assert_exit(1, self.ctl("upload", missing, odd, self.scratch.folder, link, fifo, empty, good))
         self.assertEqual(result.stdout.splitlines(), [
             f"{missing}: failed: No such file or directory",
+            f"{self.scratch.path('?[2Jmiss?ing')}: failed: No such file or directory",
             f"{self.scratch.folder}: failed: not a regular file",
             f"{link}: failed: a symbolic link, which is not followed",
             f"{fifo}: failed: not a regular file",

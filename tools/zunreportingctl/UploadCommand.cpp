@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <memory>
 #include <vector>
 
@@ -27,6 +28,14 @@ std::string sizeText(const std::string& path) {
   if (stat(path.c_str(), &status) != 0) return "unknown size";
   if (status.st_size < 1'000'000) return fmt::format("{} bytes", status.st_size);
   return fmt::format("{:.1f} MB", static_cast<double>(status.st_size) / 1e6);
+}
+
+/// The path on one line that leaves a terminal as it is.
+std::string printable(std::string path) {
+  std::replace_if(
+      path.begin(), path.end(), [](unsigned char character) { return character < ' ' || character == 0x7F; },
+      '?');
+  return path;
 }
 
 bool isThere(const std::string& path) {
@@ -61,8 +70,8 @@ class Uploading final {
   zunreporting::Outcome<bool> upload(const std::string& path, size_t index) {
     std::optional<ElapsedTime> progress;
     if (context_.showProgress) {
-      progress.emplace(context_.errors, fmt::format("[{}/{}] {} ({})", index + 1, options_.files.size(), path,
-                                                    sizeText(path)));
+      progress.emplace(context_.errors, fmt::format("[{}/{}] {} ({})", index + 1, options_.files.size(),
+                                                    printable(path), sizeText(path)));
     }
     return session_.uploadFile(path);
   }
@@ -82,7 +91,7 @@ class Uploading final {
   }
 
   void tell(const std::string& path, const std::string& result) {
-    context_.output << path << ": " << result << std::endl;
+    context_.output << printable(path) << ": " << result << std::endl;
   }
 
   const UploadOptions& options_;
