@@ -2,30 +2,13 @@
 // bytes that are compressed and posted.
 
 #include <benchmark/benchmark.h>
-#include <unistd.h>
 
-#include <cstdlib>
-#include <filesystem>
 #include <memory>
 #include <string>
 
+#include "BenchPlatform.h"
 #include "backends/HTTPSPostBackend.h"
 #include "backends/MessageBlob.h"
-#include "platform/linux/CurlURLSession.h"
-#include "platform/linux/EventLoop.h"
-#include "platform/linux/FileUserDefaults.h"
-#include "platform/linux/JournalPowerLog.h"
-#include "platform/linux/LinuxFileManager.h"
-#include "platform/linux/ResourceBundle.h"
-#include "platform/linux/ServiceTransactions.h"
-#include "platform/linux/SharedObjectLoader.h"
-#include "platform/linux/SystemClock.h"
-#include "platform/linux/SystemDeviceProperties.h"
-#include "platform/linux/SystemLocale.h"
-#include "platform/linux/SystemLogs.h"
-#include "platform/linux/SystemRandom.h"
-#include "platform/linux/UDPSockets.h"
-#include "platform/linux/WorkerPool.h"
 #include "zunreporting/Keys.h"
 
 namespace zun {
@@ -77,18 +60,9 @@ Dictionary payload() {
           {"relayed", false}};
 }
 
-std::string makeScratchFolder() {
-  std::string name = (std::filesystem::temp_directory_path() / "zun-bench-XXXXXX").string();
-  return ::mkdtemp(name.data());
-}
-
-class Setup {
+class Setup final : public BenchPlatform {
  public:
-  ~Setup() { std::filesystem::remove_all(scratch); }
-
-  Setup() : defaults(files, log), urlSessions({}, log) {
-    defaults.setObject("com.vantix.diagnostics", "DiagnosticSubmissionEnabled", true);
-  }
+  Setup() { defaults.setObject("com.vantix.diagnostics", "DiagnosticSubmissionEnabled", true); }
 
   std::shared_ptr<HTTPSPostBackend> backend(int32_t threshold) {
     Dictionary client = clientEntry();
@@ -113,28 +87,6 @@ class Setup {
     made->updateState();
     return made;
   }
-
-  const std::string scratch = makeScratchFolder();
-  StreamLog log{STDERR_FILENO, LogLevel::kError};
-  SystemClock clock;
-  SystemRandom random;
-  LinuxFileManager files{scratch, "/home/bench"};
-  SystemDeviceProperties device{files, log, scratch};
-  SystemLocale locale{clock};
-  ResourceBundle bundle{scratch, log};
-  std::unique_ptr<EventLoop> loop = EventLoop::create();
-  ServiceTransactions transactions{*loop, nullptr};
-  UDPSockets sockets{*loop};
-  SharedObjectLoader modules;
-  LinePowerLog powerLog{log};
-  WorkerPool workers{2};
-  FileUserDefaults defaults;
-  CurlURLSessionService urlSessions;
-  PlatformServices platform{log,     clock, random,      files,        defaults, device,  locale,  bundle,
-                            workers, *loop, urlSessions, transactions, sockets,  modules, powerLog};
-  DeviceIdentity identity{platform};
-  MessageLog messageLog{platform};
-  ReportingServices services{platform, identity, messageLog};
 };
 
 Dictionary blob() {
