@@ -6,6 +6,7 @@
 #include <memory>
 #include <string>
 
+#include "BenchPayload.h"
 #include "BenchPlatform.h"
 #include "backends/HTTPSPostBackend.h"
 #include "backends/MessageBlob.h"
@@ -41,25 +42,6 @@ Dictionary clientEntry() {
           {"post_url", "https://127.0.0.1:1/post"}};
 }
 
-/// Fifteen entries such as a call's events have.
-Dictionary payload() {
-  return {{"callID", "6F1E0E4C-3B57-4E0A-9C6C-4B2D4C9C3F11"},
-          {"peer", "someone@example.org"},
-          {"reason", "remote hangup"},
-          {"durationSeconds", 182.25},
-          {"packetsSent", 91125},
-          {"packetsReceived", 90877},
-          {"packetsLost", 248},
-          {"jitterMilliseconds", 7.5},
-          {"roundTripMilliseconds", 48.25},
-          {"codec", "AAC-ELD"},
-          {"isVideo", true},
-          {"networkType", "wifi"},
-          {"bitrate", 512000},
-          {"frameRate", 29.97},
-          {"relayed", false}};
-}
-
 class Setup final : public BenchPlatform {
  public:
   Setup() { defaults.setObject("com.vantix.diagnostics", "DiagnosticSubmissionEnabled", true); }
@@ -90,7 +72,7 @@ class Setup final : public BenchPlatform {
 };
 
 Dictionary blob() {
-  return {{Value(kZunReportingMessageBlobClientData), payload()},
+  return {{Value(kZunReportingMessageBlobClientData), benchPayload()},
           {Value(kZunReportingMessageBlobSharedData), Dictionary{{"conference", "daily-review"}}}};
 }
 
@@ -116,7 +98,7 @@ BENCHMARK(BM_EventIntoBatch);
 void BM_EventRecord(benchmark::State& state) {
   Setup setup;
   const auto backend = setup.backend(49);
-  const Dictionary content = payload();
+  const Dictionary content = benchPayload();
   for (auto _ : state) {
     Dictionary record = backend->newEventDictfromPayload(content, kEventTime, 200, 1, 1);
     benchmark::DoNotOptimize(record);
@@ -129,7 +111,7 @@ void BM_PrepareEvent(benchmark::State& state) {
   const auto backend = setup.backend(49);
   const Dictionary shared{{"conference", "daily-review"}};
   for (auto _ : state) {
-    Dictionary record = backend->newEventDictfromPayload(payload(), kEventTime, 200, 1, 1);
+    Dictionary record = backend->newEventDictfromPayload(benchPayload(), kEventTime, 200, 1, 1);
     backend->prepareEventForMessage(record, &shared);
     benchmark::DoNotOptimize(record);
   }
@@ -140,7 +122,7 @@ BENCHMARK(BM_PrepareEvent);
 void BM_BodyOf50Records(benchmark::State& state) {
   Setup setup;
   const auto backend = setup.backend(49);
-  Dictionary record = backend->newEventDictfromPayload(payload(), kEventTime, 200, 1, 1);
+  Dictionary record = backend->newEventDictfromPayload(benchPayload(), kEventTime, 200, 1, 1);
   backend->prepareEventForMessage(record, nullptr);
   const std::vector<Dictionary> records(50, record);
   size_t bytes = 0;

@@ -1,0 +1,158 @@
+// What one event costs in the dashboard backend: its datagram and record, and its way to
+// a server on loopback, and back.
+
+#include <arpa/inet.h>
+#include <benchmark/benchmark.h>
+#include <netinet/in.h>
+#include <pthread.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <ctime>
+#include <thread>
+
+#include "BenchPayload.h"
+#include "BenchPlatform.h"
+#include "backends/DashboardBackend.h"
+#include "backends/MessageBlob.h"
+#include "platform/Check.h"
+
+namespace zun {
+namespace {
+
+constexpr TimeValue kEventTime{1'700'000'010, 500'000};
+
+double seconds(clockid_t clock) {
+  timespec time{};
+  clock_gettime(clock, &time);
+  return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
+}
+
+/// Receives datagrams on a thread of its own and sends each back where `echoes`.
+class Server final {
+ public:
+  explicit Server(bool echoes) : socket_(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    ZUN_CHECK(::bind(socket_, reinterpret_cast<const sockaddr*>(&address), length) == 0);
+    ZUN_CHECK(::getsockname(socket_, reinterpret_cast<sockaddr*>(&address), &length) == 0);
+    port_ = ntohs(address.sin_port);
+    thread_ = std::thread([this, echoes] { serve(echoes); });
+  }
+  ~Server() {
+    ::shutdown(socket_, SHUT_RDWR);
+    thread_.join();
+    ::close(socket_);
+  }
+  Server(const Server&) = delete;
+  Server& operator=(const Server&) = delete;
+
+  [[nodiscard]] uint16_t port() const { return port_; }
+  [[nodiscard]] int64_t received() const { return received_; }
+  [[nodiscard]] double cpuSeconds() {
+    clockid_t clock{};
+    ZUN_CHECK(pthread_getcpuclockid(thread_.native_handle(), &clock) == 0);
+    return seconds(clock);
+  }
+
+ private:
+  void serve(bool echoes) {
+    std::array<char, 2048> buffer{};
+    while (true) {
+      sockaddr_in peer{};
+      socklen_t length = sizeof peer;
+      const ssize_t size =
+          ::recvfrom(socket_, buffer.data(), buffer.size(), 0, reinterpret_cast<sockaddr*>(&peer), &length);
+      if (size <= 0) return;
+      ++received_;
+      if (echoes)
+        (void)::sendto(socket_, buffer.data(), static_cast<size_t>(size), 0,
+                       reinterpret_cast<const sockaddr*>(&peer), length);
+    }
+  }
+
+  const int socket_;
+  uint16_t port_ = 0;
+  std::atomic<int64_t> received_{0};
+  std::thread thread_;
+};
+
+class Setup final : public BenchPlatform {
+ public:
+  Setup() : loopThread_([this] { (void)loop->run(); }) {}
+  ~Setup() {
+    loop->quit();
+    loopThread_.join();
+  }
+
+  std::shared_ptr<ZunReportingBackend> backend(const Server& server, bool isReliable) {
+    Dictionary profile{{"ip", "127.0.0.1"}, {"port", server.port()}};
+    if (isReliable) profile.set("reliable", 500);
+    auto made = ZunReportingBackend::newBackendWithName(services, "dashboard", profile, "Pallax Large", 7);
+    made->setSessionID(77);
+    made->setCompType(7);
+    made->setUdid("00008030-001C2D223A82802E");
+    made->setSelfVersion("3.2.1");
+    return made;
+  }
+
+ private:
+  std::thread loopThread_;
+};
+
+void BM_Datagram(benchmark::State& state) {
+  const Dictionary payload = benchPayload();
+  const DashboardHeader header{.formatMajorVersion = 3,
+                               .clientType = 7,
+                               .timestamp = kEventTime,
+                               .sessionID = 77,
+                               .clientVersion = 3,
+                               .method = 200,
+                               .respCode = 1,
+                               .deviceIdentifier = "00008030-001C2D223A82802E",
+                               .eventNumber = 1,
+                               .isReliable = true,
+                               .isWithoutProfile = false};
+  for (auto _ : state) benchmark::DoNotOptimize(DashboardDatagram::make(header, payload));
+  state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_Datagram);
+
+void BM_LocalRecord(benchmark::State& state) {
+  const auto datagram = DashboardDatagram::make({}, benchPayload());
+  for (auto _ : state) benchmark::DoNotOptimize(datagram->writeLocalLog("KF"));
+  state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_LocalRecord);
+
+// Whole events as fast as they go; the server's own CPU is not counted. What arrives of
+// them is up to the receive buffers.
+void sendEvents(benchmark::State& state, bool isReliable) {
+  Setup setup;
+  Server server(/*echoes=*/isReliable);
+  const auto backend = setup.backend(server, isReliable);
+  const Dictionary message{{Value(kZunReportingMessageBlobClientData), benchPayload()}};
+  const double cpuBefore = seconds(CLOCK_PROCESS_CPUTIME_ID) - server.cpuSeconds();
+  for (auto _ : state) benchmark::DoNotOptimize(backend->sendMessage(message, kEventTime, 200, 1, 0));
+  const double cpu = seconds(CLOCK_PROCESS_CPUTIME_ID) - server.cpuSeconds() - cpuBefore;
+  const auto events = static_cast<double>(state.iterations());
+  state.SetItemsProcessed(state.iterations());
+  state.counters["cpu_us_per_event"] = cpu * 1e6 / events;
+  state.counters["arrived"] = static_cast<double>(server.received()) / events;
+  backend->cleanup();
+}
+void BM_PlainEvents(benchmark::State& state) {
+  sendEvents(state, /*isReliable=*/false);
+}
+BENCHMARK(BM_PlainEvents)->UseRealTime();
+void BM_ReliableEvents(benchmark::State& state) {
+  sendEvents(state, /*isReliable=*/true);
+}
+BENCHMARK(BM_ReliableEvents)->UseRealTime();
+
+}  // namespace
+}  // namespace zun
