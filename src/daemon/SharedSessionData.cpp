@@ -9,30 +9,54 @@ namespace {
 /// What the tables themselves cost per token, roughly.
 constexpr int64_t kBytesPerTokenEntry = 256;
 
+/// What one entry adds to the estimate of its dictionary.
+int64_t bytesOfEntry(const Value& key, const Value& value) {
+  Dictionary alone;
+  alone.set(key, value);
+  return estimatedObjectSize(alone) - static_cast<int64_t>(alone.allocationSize());
+}
+
 }  // namespace
 
 SharedSessionData::SharedSessionData(SystemLog& log) : log_(log) {}
 
 void SharedSessionData::update(const std::string& token, const Dictionary& sharedData) {
   const auto found = sharedData_.find(token);
-  Dictionary updated = found == sharedData_.end() ? Dictionary() : found->second;
-  updated.addEntries(sharedData);
-  if (estimatedObjectSize(updated) > kMaximumBytesPerToken) {
+  const int64_t growth =
+      found == sharedData_.end() ? TokenValues().growthBy(sharedData) : found->second.growthBy(sharedData);
+  const int64_t bytes = found == sharedData_.end() ? 0 : found->second.bytes();
+  if (bytes + growth > kMaximumBytesPerToken) {
     log_.error(
         "updateSharedDataForSession: shared data for hierarchyToken {} would exceed {} bytes, update dropped",
         token, kMaximumBytesPerToken);
     return;
   }
-  sharedData_[token] = std::move(updated);
+  TokenValues& kept = sharedData_[token];
+  kept.values.addEntries(sharedData);
+  kept.entryBytes += growth;
+}
+
+int64_t SharedSessionData::TokenValues::growthBy(const Dictionary& update) const {
+  int64_t growth = 0;
+  for (const auto& [key, value] : update) {
+    growth += bytesOfEntry(key, value);
+    if (const Value& former = values[key.stringValue()]; !former.isNone())
+      growth -= bytesOfEntry(key, former);
+  }
+  return growth;
 }
 
 void SharedSessionData::remove(const std::string& token, const std::string& key) {
-  if (const auto found = sharedData_.find(token); found != sharedData_.end()) found->second.remove(key);
+  const auto found = sharedData_.find(token);
+  if (found == sharedData_.end()) return;
+  TokenValues& kept = found->second;
+  if (const Value& former = kept.values[key]; !former.isNone()) kept.entryBytes -= bytesOfEntry(key, former);
+  kept.values.remove(key);
 }
 
 std::optional<Dictionary> SharedSessionData::forToken(const std::string& token) const {
   const auto found = sharedData_.find(token);
-  return found == sharedData_.end() ? std::nullopt : std::optional(found->second);
+  return found == sharedData_.end() ? std::nullopt : std::optional(found->second.values);
 }
 
 std::list<std::string> SharedSessionData::tokenBecameIdle(const std::string& token) {
@@ -64,7 +88,7 @@ void SharedSessionData::removeToken(const std::string& token) {
 
 int64_t SharedSessionData::bytesKeptFor(const std::string& token) const {
   const auto found = sharedData_.find(token);
-  const int64_t values = found == sharedData_.end() ? 0 : estimatedObjectSize(found->second);
+  const int64_t values = found == sharedData_.end() ? 0 : found->second.bytes();
   return kBytesPerTokenEntry + 2 * static_cast<int64_t>(token.size()) + values;
 }
 

@@ -39,13 +39,22 @@ class SharedSessionData final {
  private:
   [[nodiscard]] int64_t bytesKeptFor(const std::string& token) const;
 
+  /// Values and their estimated size, kept up entry by entry: an update must not cost
+  /// what all that is there does.
+  struct TokenValues {
+    [[nodiscard]] int64_t growthBy(const Dictionary& update) const;
+    [[nodiscard]] int64_t bytes() const { return entryBytes + static_cast<int64_t>(values.allocationSize()); }
+
+    Dictionary values;
+    int64_t entryBytes = 0;
+  };
   struct IdleToken {
     std::list<std::string>::iterator place;
     int64_t bytes = 0;
   };
 
   SystemLog& log_;
-  std::map<std::string, Dictionary, std::less<>> sharedData_;
+  std::map<std::string, TokenValues, std::less<>> sharedData_;
   std::list<std::string> idleOrder_;  // the longest idle first
   std::map<std::string, IdleToken, std::less<>> idle_;
   int64_t idleBytes_ = 0;

@@ -69,7 +69,8 @@ class HierarchyConcurrencyTest : public HierarchyTest {
 };
 
 TEST_F(HierarchyConcurrencyTest, ParentsAndChildrenComeSendSyncMoveAndEndAtRandom) {
-  constexpr int kSteps = 1500;
+  constexpr int kSteps = 5000;
+  platform_.log.muteBelow(LogLevel::kError);
   onThreads([this](int number) {
     std::mt19937 random(static_cast<uint32_t>(number));
     std::vector<Client> clients;
@@ -114,6 +115,7 @@ TEST_F(HierarchyConcurrencyTest, AThousandSessionsOfOneTokenEndAtOnce) {
 
 // Nothing may follow the end of aggregation: a client stops to listen with it.
 TEST_F(HierarchyConcurrencyTest, NoCopyFollowsTheEndOfAggregation) {
+  platform_.log.muteBelow(LogLevel::kError);
   for (int round = 0; round < 50; ++round) {
     Client middle = start(2, "family", 1, Aggregates::kYes);
     Client child = start(3, "family", 2);

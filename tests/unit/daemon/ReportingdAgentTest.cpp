@@ -211,58 +211,6 @@ TEST_F(ReportingdAgentTest, SessionsOfOneTokenShareDataAndTheSecondValueWins) {
   agent_->invalidateReportingSession(second);
 }
 
-TEST_F(ReportingdAgentTest, ParentIDStringJoinsTheAncestorsFromTheTop) {
-  const auto top = makeSession(1, "family", 0);
-  const auto middle = makeSession(2, "family", 1);
-  const auto bottom = makeSession(3, "family", 2);
-  EXPECT_EQ(agent_->parentSessionIDStringForSession(*bottom),
-            top->sessionIDString() + "." + middle->sessionIDString());
-  EXPECT_EQ(agent_->parentSessionForChild(*bottom), middle);
-  EXPECT_EQ(agent_->parentSessionIDStringForSession(*top), std::nullopt);
-  EXPECT_EQ(agent_->parentSessionForChild(*top), nullptr);
-  expectDebugLine("parentSessionIDStringForSession: Checking hierarchyToken 'family' for session 3");
-  expectDebugLine(
-      "updateCorrelatedSessions: Adding session 3 to list for hierarchyToken family with hierarchyLevel 2");
-
-  agent_->invalidateReportingSession(middle);
-  EXPECT_EQ(agent_->parentSessionIDStringForSession(*bottom), std::nullopt);  // the gap is next to it
-  EXPECT_EQ(agent_->parentSessionForChild(*bottom), nullptr);
-  expectDefaultLine(
-      "parentSessionIDStringForSession: Found a gap in hierarchy (one of parents missing): incomplete "
-      "parentSessionID is '(null)'");
-  expectDefaultLine(
-      "parentSessionForChild: Unable to find session with hierarchy of 1 for hierarchyToken 'family'");
-  agent_->invalidateReportingSession(top);
-  agent_->invalidateReportingSession(bottom);
-}
-
-TEST_F(ReportingdAgentTest, MissingTopLeavesTheLevelsBelowIt) {
-  const auto middle = makeSession(2, "family", 1);
-  const auto bottom = makeSession(3, "family", 2);
-  EXPECT_EQ(agent_->parentSessionIDStringForSession(*bottom), middle->sessionIDString());
-  agent_->invalidateReportingSession(middle);
-  agent_->invalidateReportingSession(bottom);
-}
-
-TEST_F(ReportingdAgentTest, OfTwoSessionsAtOneLevelTheFirstToJoinIsTheParent) {
-  const auto first = makeSession(1, "family", 0);
-  const auto second = makeSession(2, "family", 0);
-  const auto child = makeSession(3, "family", 1);
-  EXPECT_EQ(agent_->parentSessionForChild(*child), first);
-  for (const auto& session : {first, second, child}) agent_->invalidateReportingSession(session);
-}
-
-TEST_F(ReportingdAgentTest, SessionThatChangesItsTokenMovesToTheOtherList) {
-  const auto parent = makeSession(1, "old", 0);
-  const auto child = makeSession(2, "new", 1);
-  EXPECT_EQ(agent_->parentSessionForChild(*child), nullptr);
-  configure(*parent, 1, "new", 0);
-  EXPECT_EQ(agent_->parentSessionForChild(*child), parent);
-  const auto orphan = makeSession(3, "old", 1);
-  EXPECT_EQ(agent_->parentSessionForChild(*orphan), nullptr);
-  for (const auto& session : {parent, child, orphan}) agent_->invalidateReportingSession(session);
-}
-
 // A client that makes up a new token with every call must not fill the daemon's memory.
 TEST_F(ReportingdAgentTest, TokensWithoutSessionsAreBounded) {
   const auto session = makeSession(1, "", 0);
@@ -290,6 +238,20 @@ TEST_F(ReportingdAgentTest, SharedDataOfOneTokenIsBounded) {
   expectErrors(
       {"updateSharedDataForSession: shared data for hierarchyToken family would exceed 1048576 bytes, update "
        "dropped"});
+  agent_->invalidateReportingSession(session);
+}
+
+// Room that was given back can be used again, whether by removal or by a smaller value.
+TEST_F(ReportingdAgentTest, SharedDataTakesNewValuesWhereOldOnesWent) {
+  const auto session = makeSession(1, "family", 0);
+  const std::string large(400'000, 'x');  // counts twice
+  for (int round = 0; round < 5; ++round) {
+    agent_->updateSharedDataForSession(*session, Dictionary{{"first", large}});
+    agent_->updateSharedDataForSession(*session, Dictionary{{"first", "small"}});
+    agent_->updateSharedDataForSession(*session, Dictionary{{"second", large}});
+    agent_->removeObjectFromSharedDataForSession(*session, "second");
+  }
+  EXPECT_EQ(agent_->sharedDataForSession(*session), (Dictionary{{"first", "small"}}));
   agent_->invalidateReportingSession(session);
 }
 

@@ -25,6 +25,7 @@ TEST_F(SessionHierarchyTest, ParentIDStringJoinsAllLevelsFromTheTop) {
   Client b = join(2, "family", 1);
   Client c = join(3, "family", 2);
   EXPECT_EQ(agent_->parentSessionIDStringForSession(*c.session), a.id() + "." + b.id());
+  expectDebugLine("parentSessionIDStringForSession: Checking hierarchyToken 'family' for session 3");
   EXPECT_EQ(agent_->parentSessionIDStringForSession(*b.session), a.id());
   EXPECT_EQ(agent_->parentSessionIDStringForSession(*a.session), std::nullopt);
   EXPECT_EQ(agent_->parentSessionForChild(*a.session), nullptr);
