@@ -76,6 +76,14 @@ void addUploadOptions(CLI::App& app, zun::CollectorOptions& options) {
 
 }  // namespace
 
+#if defined(__SANITIZE_THREAD__)
+// The HTTP library comes without instrumentation: how its threads wait for each other's
+// first use of a table cannot be seen, only that they read it.
+extern "C" const char* __tsan_default_suppressions() {
+  return "called_from_lib:libcpp-httplib.so\n";
+}
+#endif
+
 int main(int argc, char** argv) {
   zun::CollectorOptions options;
   CLI::App app(
