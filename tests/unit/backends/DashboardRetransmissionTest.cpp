@@ -8,6 +8,11 @@ using namespace std::string_literals;
 
 class ReliableDashboardTest : public DashboardTest {
  protected:
+  void TearDown() override {
+    backend_.reset();  // whose last job still has to run
+    DashboardTest::TearDown();
+  }
+
   /// The datagram of one event, sent and arrived.
   std::string sendAndReceive(Dictionary payload = {{"k", "v"}}) {
     sendEvent(*backend_, std::move(payload));
