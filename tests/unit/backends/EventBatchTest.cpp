@@ -30,6 +30,19 @@ TEST_F(EventBatchTest, SizeIsTheSumOfItsRecordsEstimates) {
   EXPECT_EQ(memory_->left(), kBudget - expected);
 }
 
+TEST_F(EventBatchTest, SizeFollowsWhatIsWrittenIntoAllRecords) {
+  EventBatch batch(memory_);
+  batch.append(recordOf(100));
+  batch.append(recordOf(5000));
+  batch.setInAllRecords("_sessionID", std::string(300, 'i'));
+  const uint32_t told = batch.estimatedSize();
+  uint32_t expected = 0;
+  for (const Dictionary& record : batch.takeRecords())
+    expected += static_cast<uint32_t>(estimatedObjectSize(Value(record)));
+  EXPECT_EQ(told, expected);
+  EXPECT_GT(told, 5100U + 2 * 300U);
+}
+
 TEST_F(EventBatchTest, RecordsBeyondTheBoundAreDroppedAndTheFirstOneIsNoted) {
   EventBatch batch(memory_);
   size_t taken = 0;
