@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <sys/epoll.h>
 #include <sys/resource.h>
 
 #include <fstream>
@@ -279,6 +280,34 @@ TEST_F(DBusFileAccessTest, DescriptorsOfRefusedMessagesAreClosed) {
   expectErrors({log_.linesOf(LogLevel::kError).at(0)});
   expectUsable(issue(*client));
   expectOpenDescriptors(before);
+}
+
+// A connection that held the client's end of itself would never end.
+TEST_F(DBusFileAccessTest, ASocketIsNoFileAndEndsTheConnection) {
+  start();
+  const size_t before = openDescriptors();
+  const std::string call = issueCall();
+  for (const size_t bytes : {call.size(), call.size() / 2}) {
+    auto client = connect(/*withDescriptors=*/true);
+    client->sendWithDescriptors(call.substr(0, bytes), {client->descriptor()});
+    client.reset();
+    waitForConnections(0);
+  }
+  expectOpenDescriptors(before);
+  const std::string line =
+      "listener: " + peerName() + ": it passed a descriptor that is no file's, closing its connection";
+  expectErrors({line, line});
+}
+
+// An io_uring instance, say, has files of its own; what stands for all of its kind here has none.
+TEST_F(DBusFileAccessTest, WhatIsInNoFileSystemEndsTheConnection) {
+  start();
+  const FileDescriptor anonymous(::epoll_create1(EPOLL_CLOEXEC));
+  const auto client = connect(/*withDescriptors=*/true);
+  client->sendWithDescriptors(issueCall(), {open().get(), anonymous.get()});
+  EXPECT_TRUE(client->isEnded());
+  expectErrors({"listener: " + peerName() +
+                ": it passed a descriptor that is no file's, closing its connection"});
 }
 
 // However many files clients hand over, connections and transfers still find descriptors.

@@ -1,6 +1,7 @@
 #include "platform/linux/dbus/DBusInput.h"
 
 #include <sys/resource.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <array>
@@ -25,6 +26,15 @@ int firstReservedDescriptor() {
   if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return std::numeric_limits<int>::max();
   const rlim_t first = limit.rlim_cur - limit.rlim_cur / 4;
   return static_cast<int>(std::min<rlim_t>(first, std::numeric_limits<int>::max()));
+}
+
+/// Sockets, and what has no place in any file system (io_uring instances, say), can hold
+/// other descriptors. A client that handed over its own end of this connection in one
+/// would keep the connection from ever ending, though its process had long gone.
+bool mayHoldDescriptors(const FileDescriptor& descriptor) {
+  struct stat status {};
+  if (::fstat(descriptor.get(), &status) != 0) return false;
+  return S_ISSOCK(status.st_mode) || (status.st_mode & S_IFMT) == 0;
 }
 
 DBusIncomingMessage malformedMessage(const char* reason) {
@@ -91,6 +101,7 @@ DBusInput::Received DBusInput::receive(int socket) {
 }
 
 bool DBusInput::takeDescriptors(msghdr& message) {
+  bool holdsOthers = false;
   for (cmsghdr* part = CMSG_FIRSTHDR(&message); part != nullptr; part = CMSG_NXTHDR(&message, part)) {
     if (part->cmsg_level != SOL_SOCKET || part->cmsg_type != SCM_RIGHTS) continue;
     const size_t count = (part->cmsg_len - CMSG_LEN(0)) / sizeof(int);
@@ -99,6 +110,7 @@ bool DBusInput::takeDescriptors(msghdr& message) {
       int number = -1;
       std::memcpy(&number, CMSG_DATA(part) + index * sizeof(int), sizeof number);
       FileDescriptor descriptor(number);
+      holdsOthers |= mayHoldDescriptors(descriptor);
       if (number >= firstReserved) descriptor.reset();
       descriptors_.push_back(std::move(descriptor));
     }
@@ -106,6 +118,8 @@ bool DBusInput::takeDescriptors(msghdr& message) {
   if (descriptors_.empty() && (message.msg_flags & MSG_CTRUNC) == 0) return true;
   refusal_ = "it passed descriptors without asking";
   if (!allowsDescriptors_) return false;
+  refusal_ = "it passed a descriptor that is no file's";
+  if (holdsOthers) return false;
   refusal_ = "it passed too many descriptors";
   return descriptors_.size() <= kMaximumDescriptors && (message.msg_flags & MSG_CTRUNC) == 0;
 }

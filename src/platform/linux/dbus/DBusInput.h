@@ -24,7 +24,7 @@ struct DBusIncomingMessage {
   std::string_view body;
   size_t totalBytes = 0;
   const char* reason = "";
-  /// As many as the header says. One that is not open was closed because the process has
+  /// As many as the header says, none of a socket. One that is not open was closed because the process has
   /// nearly as many open as it may.
   std::vector<FileDescriptor> descriptors;
 };
