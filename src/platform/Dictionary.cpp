@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <cstring>
 #include <memory>
-#include <random>
 #include <utility>
 
+#include "platform/SeededHash.h"
 #include "platform/Value.h"
 #include "platform/ValueStorage.h"
 
@@ -16,28 +16,6 @@ using namespace detail;
 namespace {
 
 constexpr uint32_t kIndexedFrom = 48;
-
-/// Keys come from clients, so the index is seeded: nobody outside can choose keys
-/// that collide.
-uint64_t hashOf(std::string_view text) {
-  static const uint64_t seed = std::random_device{}() * 0x9E3779B97F4A7C15ULL | 1;
-  uint64_t hash = seed ^ (text.size() * 0xFF51AFD7ED558CCDULL);
-  __extension__ using Product = unsigned __int128;
-  const auto mix = [&hash](uint64_t word) {
-    const auto product = static_cast<Product>(hash ^ word) * 0xA0761D6478BD642FULL;
-    hash = static_cast<uint64_t>(product) ^ static_cast<uint64_t>(product >> 64) ^ seed;
-  };
-  uint64_t word = 0;
-  while (text.size() >= sizeof word) {
-    std::memcpy(&word, text.data(), sizeof word);
-    mix(word);
-    text.remove_prefix(sizeof word);
-  }
-  word = 0;
-  if (!text.empty()) std::memcpy(&word, text.data(), text.size());
-  mix(word);
-  return hash;
-}
 
 /// Eight bits of a key's length, beginning and end: enough to tell most keys of a small
 /// dictionary apart. A client that chooses keys alike gains nothing but the comparisons.
@@ -59,7 +37,7 @@ uint8_t fingerprintOf(std::string_view text) {
 }
 
 void insertIntoIndex(DictionaryStorage& storage, std::string_view key, uint32_t slot) {
-  uint64_t place = hashOf(key) & storage.indexMask;
+  uint64_t place = seededHash(key) & storage.indexMask;
   while (storage.index[place] != 0) place = (place + 1) & storage.indexMask;
   storage.index[place] = slot + 1;
 }
@@ -95,7 +73,7 @@ DictionaryEntry* find(DictionaryStorage* storage, std::string_view key) {
     }
     return nullptr;
   }
-  for (uint64_t place = hashOf(key) & storage->indexMask; storage->index[place] != 0;
+  for (uint64_t place = seededHash(key) & storage->indexMask; storage->index[place] != 0;
        place = (place + 1) & storage->indexMask) {
     DictionaryEntry& entry = entries[storage->index[place] - 1];
     if (!entry.key.isNone() && entry.key.stringValue() == key) return &entry;

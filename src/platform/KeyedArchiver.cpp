@@ -8,6 +8,8 @@
 #include <utility>
 #include <vector>
 
+#include "platform/SeededHash.h"
+
 namespace zun {
 
 namespace {
@@ -107,7 +109,7 @@ class Archiver final {
     return identity;
   }
 
-  std::unordered_map<std::string, int64_t> indices_;
+  std::unordered_map<std::string, int64_t, SeededHash> indices_;
   Array objects_;
 };
 

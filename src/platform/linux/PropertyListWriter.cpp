@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "platform/Crypto.h"
+#include "platform/SeededHash.h"
 #include "platform/UTF8.h"
 #include "platform/linux/PropertyListForms.h"
 
@@ -176,7 +177,7 @@ class BinaryWriter final {
   }
 
   std::vector<Object> objects_;
-  std::unordered_map<std::string_view, uint64_t> strings_;
+  std::unordered_map<std::string_view, uint64_t, SeededHash> strings_;
   size_t referenceWidth_ = 1;
   std::string out_;
 };

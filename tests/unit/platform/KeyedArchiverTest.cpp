@@ -3,6 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <limits>
+#include <string>
+
+#include "support/CollidingTexts.h"
 
 namespace zun {
 namespace {
@@ -113,6 +116,16 @@ TEST(KeyedArchiverTest, SixtyFourLevelsAreArchivedAndSixtyFiveAreNot) {
   EXPECT_EQ(roundTrip(nested(63, Array{})), nested(63, Array{}));
   EXPECT_EQ(archiveObject(nested(64, Dictionary{})), std::nullopt);
   EXPECT_EQ(archiveObject(nested(2000)), std::nullopt);
+}
+
+// A client that chooses its records well must not keep a thread busy with comparing them:
+// in a table of the standard library these take a minute.
+TEST(KeyedArchiverTest, DataChosenToCollideIsArchivedAsAnyOther) {
+  constexpr uint32_t kCount = 200'000;
+  Array records;
+  for (const std::string& text : collidingTexts('x', kCount))
+    records.append(Value::data(std::string_view(text).substr(1)));
+  EXPECT_EQ(layoutOf(records)["objects"].array()->size(), kCount + 1);
 }
 
 TEST(KeyedArchiverTest, WhatIsNoArchiveIsRefused) {

@@ -1,9 +1,11 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <functional>
 #include <limits>
 
 #include "platform/PropertyList.h"
+#include "support/CollidingTexts.h"
 
 namespace zun {
 namespace {
@@ -134,6 +136,15 @@ TEST(PropertyListTest, OrderOfManyKeysIsKept) {
   for (const auto serialize : {serializeBinaryPropertyList, serializeXMLPropertyList}) {
     EXPECT_EQ(keysOf(valueOf(serialize(dictionary))), keysOf(dictionary));
   }
+}
+
+// Clients choose what is written: in a table of the standard library these take a minute.
+TEST(PropertyListTest, TextsChosenToCollideAreWrittenAsAnyOther) {
+  const std::vector<std::string> texts = collidingTexts('t', 200'000);
+  ASSERT_EQ(std::hash<std::string>()(texts[0]), std::hash<std::string>()(texts[1]));
+  Array array;
+  for (const std::string& text : texts) array.append(text);
+  EXPECT_EQ(valueOf(serializeBinaryPropertyList(array)), Value(array));
 }
 
 TEST(PropertyListTest, SizeIsBounded) {
