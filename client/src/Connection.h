@@ -67,7 +67,9 @@ class Connection final {
 
  private:
   struct BusUnref {
-    void operator()(sd_bus* bus) const { sd_bus_flush_close_unref(bus); }
+    // Not flushed: what was answered has been sent, and a daemon that has stopped reading
+    // would hold the process for ever.
+    void operator()(sd_bus* bus) const { sd_bus_close_unref(bus); }
   };
   struct SlotUnref {
     void operator()(sd_bus_slot* slot) const { sd_bus_slot_unref(slot); }
