@@ -2,14 +2,18 @@
 
 #include "platform/FileManager.h"
 #include "platform/URLText.h"
+#include "platform/UTF8.h"
 #include "session/ReportingdSession.h"
 
 namespace zun {
 
 namespace {
 
-/// Nothing in it ends an entry of the message log.
-std::string oneLine(std::string_view url) {
+/// Nothing in it ends an entry of the message log, or makes one much longer than the
+/// longest path could.
+std::string oneLine(std::string url) {
+  constexpr size_t kMaximumBytes = size_t{16} << 10;
+  cutLongText(url, kMaximumBytes);
   std::string out;
   for (const char character : url) {
     const bool isControl = static_cast<unsigned char>(character) < 0x20 || character == 0x7F;

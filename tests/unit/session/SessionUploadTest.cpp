@@ -1,6 +1,7 @@
 // Files and log data that clients hand to a session's backends.
 
 #include "SessionTest.h"
+#include "platform/UTF8.h"
 
 namespace zun {
 namespace {
@@ -86,6 +87,17 @@ TEST_F(SessionUploadTest, URLCannotForgeEntriesOfTheMessageLog) {
   expectErrors({"uploadFileWithURL: File upload failed for /tmp/a\nb"});
   EXPECT_EQ(world_.messageLogEntries(),
             Trace{"[uploadFileWithURL] Upload failed for file file:///tmp/a%0Ab"});
+}
+
+// The message log is a file on disk, and nothing else in it can be as long as a message.
+TEST_F(SessionUploadTest, LongURLIsCutInTheMessageLog) {
+  const std::string url = "file:///" + std::string(1'000'000, 'a');
+  EXPECT_FALSE(uploadFile(url));
+  EXPECT_EQ(world_.messageLogEntries(), Trace{"[uploadFileWithURL] Upload failed for file " +
+                                              url.substr(0, 16 << 10) + "... (1000008 bytes)"});
+  std::string line = "uploadFileWithURL: File upload failed for " + url.substr(7);
+  cutLongText(line, SystemLog::kMaximumLineBytes);
+  expectErrors({line});
 }
 
 TEST_F(SessionUploadTest, BothBackendsThatCanUploadLogDataAreAskedEvenWhenTheFirstSucceeds) {
