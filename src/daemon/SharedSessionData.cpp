@@ -9,11 +9,13 @@ namespace {
 /// What the tables themselves cost per token, roughly.
 constexpr int64_t kBytesPerTokenEntry = 256;
 
-/// What one entry adds to the estimate of its dictionary.
-int64_t bytesOfEntry(const Value& key, const Value& value) {
-  Dictionary alone;
-  alone.set(key, value);
-  return estimatedObjectSize(alone) - static_cast<int64_t>(alone.allocationSize());
+/// The part that one entry has in its dictionary's table, roughly.
+constexpr int64_t kBytesPerEntry = 64;
+
+/// The same when an entry comes and when it goes. So the key counts with its length: the
+/// one that names it at its end has another block than the one it came with.
+int64_t bytesOfEntry(std::string_view key, const Value& value) {
+  return kBytesPerEntry + static_cast<int64_t>(key.size()) + estimatedObjectSize(value);
 }
 
 }  // namespace
@@ -24,7 +26,7 @@ void SharedSessionData::update(const std::string& token, const Dictionary& share
   const auto found = sharedData_.find(token);
   const int64_t growth =
       found == sharedData_.end() ? TokenValues().growthBy(sharedData) : found->second.growthBy(sharedData);
-  const int64_t bytes = found == sharedData_.end() ? 0 : found->second.bytes();
+  const int64_t bytes = found == sharedData_.end() ? 0 : found->second.entryBytes;
   if (bytes + growth > kMaximumBytesPerToken) {
     log_.error(
         "updateSharedDataForSession: shared data for hierarchyToken {} would exceed {} bytes, update dropped",
@@ -39,9 +41,9 @@ void SharedSessionData::update(const std::string& token, const Dictionary& share
 int64_t SharedSessionData::TokenValues::growthBy(const Dictionary& update) const {
   int64_t growth = 0;
   for (const auto& [key, value] : update) {
-    growth += bytesOfEntry(key, value);
+    growth += bytesOfEntry(key.stringValue(), value);
     if (const Value& former = values[key.stringValue()]; !former.isNone())
-      growth -= bytesOfEntry(key, former);
+      growth -= bytesOfEntry(key.stringValue(), former);
   }
   return growth;
 }
@@ -88,8 +90,10 @@ void SharedSessionData::removeToken(const std::string& token) {
 
 int64_t SharedSessionData::bytesKeptFor(const std::string& token) const {
   const auto found = sharedData_.find(token);
-  const int64_t values = found == sharedData_.end() ? 0 : found->second.bytes();
-  return kBytesPerTokenEntry + 2 * static_cast<int64_t>(token.size()) + values;
+  const int64_t tokenBytes = kBytesPerTokenEntry + 2 * static_cast<int64_t>(token.size());
+  if (found == sharedData_.end()) return tokenBytes;
+  // A table stays as large as it once was, whatever left it.
+  return tokenBytes + found->second.entryBytes + static_cast<int64_t>(found->second.values.allocationSize());
 }
 
 }  // namespace zun

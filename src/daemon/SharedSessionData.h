@@ -17,7 +17,7 @@ namespace zun {
 /// Threading: under the agent's lock.
 class SharedSessionData final {
  public:
-  /// More than this, by the estimate of util/MemoryUse.h, one token does not keep.
+  /// More than this, by an estimate of its entries' memory, one token does not keep.
   static constexpr int64_t kMaximumBytesPerToken = int64_t{1} << 20;
   /// What all tokens without sessions together may keep.
   static constexpr int64_t kMaximumIdleBytes = int64_t{32} << 20;
@@ -43,7 +43,6 @@ class SharedSessionData final {
   /// what all that is there does.
   struct TokenValues {
     [[nodiscard]] int64_t growthBy(const Dictionary& update) const;
-    [[nodiscard]] int64_t bytes() const { return entryBytes + static_cast<int64_t>(values.allocationSize()); }
 
     Dictionary values;
     int64_t entryBytes = 0;

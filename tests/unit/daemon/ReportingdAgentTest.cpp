@@ -255,6 +255,38 @@ TEST_F(ReportingdAgentTest, SharedDataTakesNewValuesWhereOldOnesWent) {
   agent_->invalidateReportingSession(session);
 }
 
+// Keys and values so small that they need no memory of their own still fill the table.
+TEST_F(ReportingdAgentTest, SharedDataFullOfSmallEntriesCanBeChangedAndEmptied) {
+  const auto session = makeSession(1, "family", 0);
+  const auto key = [](int number) { return "k" + std::to_string(number); };
+  const auto size = [&] { return static_cast<int>(agent_->sharedDataForSession(*session)->size()); };
+  int added = 0;
+  for (; added < 200'000 && (added == 0 || size() == added); ++added)
+    agent_->updateSharedDataForSession(*session, Dictionary{{key(added), added}});
+  --added;  // the last one was dropped
+  EXPECT_GT(added, 5'000);
+  EXPECT_LT(added, 100'000);
+  const std::vector<std::string> dropped{
+      "updateSharedDataForSession: shared data for hierarchyToken family would exceed 1048576 bytes, update "
+      "dropped"};
+  expectErrors(dropped);
+
+  agent_->updateSharedDataForSession(*session, Dictionary{{key(7), "new"}});
+  EXPECT_EQ((*agent_->sharedDataForSession(*session))[key(7)], Value("new"));
+  agent_->removeObjectFromSharedDataForSession(*session, key(0));
+  agent_->updateSharedDataForSession(*session, Dictionary{{key(added), added}});
+  EXPECT_EQ(size(), added);
+  for (int number = 1; number <= added; ++number)
+    agent_->removeObjectFromSharedDataForSession(*session, key(number));
+  EXPECT_EQ(size(), 0);
+  for (int number = 0; number < added; ++number)
+    agent_->updateSharedDataForSession(*session, Dictionary{{key(number), number}});
+  EXPECT_EQ(size(), added);
+  agent_->updateSharedDataForSession(*session, Dictionary{{key(added), added}});
+  expectErrors(dropped);
+  agent_->invalidateReportingSession(session);
+}
+
 TEST_F(ReportingdAgentTest, SessionsComeAndGoOnManyThreads) {
   std::vector<std::thread> threads;
   for (int i = 0; i < 4; ++i) {
