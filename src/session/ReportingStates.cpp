@@ -84,9 +84,9 @@ void ReportingdSession::syncReportingStates() {
   std::shared_ptr<ReportingdSession> parent;
   std::shared_ptr<const BackendTable> parentBackends;
   const RecursiveMutexLock lock(delegate_->objectLock());
+  parent = delegate_->parentSessionForChild(*this);
   backends = backendsSnapshot();
   if (backends == nullptr) return;
-  parent = delegate_->parentSessionForChild(*this);
   if (parent) parentBackends = parent->backendsSnapshot();
   for (const auto& entry : backends->entries) {
     if (parent) {

@@ -180,6 +180,21 @@ TEST_F(SessionHierarchyTest, ChangeReachesAllDeeperSessionsInTheOrderInWhichThey
   end(deep, top, child, sibling, stranger);
 }
 
+// One that has not started has no states to take over; it is told all the same.
+TEST_F(SessionHierarchyTest, ChangeReachesSessionsThatHaveNotStarted) {
+  Client top = start(1, "family", 0);
+  Client waiting = join(2, "family", 2);
+  platform_.log.clear();
+  agent_->updateDownstreamSessions(*top.session);
+  EXPECT_EQ(countDebug(updating(2)), 1);
+  expectDefaultLine(
+      "parentSessionIDStringForSession: Found a gap in hierarchy (one of parents missing): incomplete "
+      "parentSessionID is '(null)'");
+  expectDefaultLine(
+      "parentSessionForChild: Unable to find session with hierarchy of 1 for hierarchyToken 'family'");
+  end(waiting, top);
+}
+
 TEST_F(SessionHierarchyTest, StandaloneSessionChangesNobody) {
   Client alone = start(1, "", 0);
   Client child = start(2, "family", 1);
@@ -233,6 +248,50 @@ TEST_F(SessionHierarchyTest, WithoutAggregatorAboveThoseBelowGoOn) {
   EXPECT_TRUE(deep->hasAggregator());
   EXPECT_TRUE(copies(deep).empty());
   end(deep, top);
+}
+
+TEST_F(SessionHierarchyTest, StartingAgainTellsTheNewBackendsAndThoseBelow) {
+  Client top = start(1, "family", 0);
+  Client child = start(2, "family", 1);
+  const std::string state =
+      "HTTPSPostBackend(syncReportingStates): httpPost: state and sampling rate updated to ";
+  const std::string combined = "updateCombinedSessionID: Updating combined session ID '" + top.id() + "." +
+                               child.id() + "' for session 2 backends";
+  for (const Client& again : {child, top}) {
+    platform_.log.clear();
+    again->startConfigWithCompletionHandler(nullptr);
+    EXPECT_EQ(countDebug(combined), 1);
+    EXPECT_EQ(countDebug(state + "0, 0.00%"), 1);
+  }
+  EXPECT_EQ(countDebug(updating(2)), 1);
+  end(child, top);
+}
+
+TEST_F(SessionHierarchyTest, SingleMessageTakesItsSessionIntoTheHierarchyItNames) {
+  Client top = start(1, "family", 0, Aggregates::kYes);
+  Client deep = start(3, "family", 2);
+  Client single = start(9, "others", 0, Aggregates::kYes);
+  copies(top);
+  copies(single);
+  platform_.log.clear();
+  std::string status;
+  single->sendMessageWithSessionInfo(info(2, "family", 1),
+                                     Dictionary{{zunreporting::kZunReportingUserInfoClientName, "C"},
+                                                {zunreporting::kZunReportingUserInfoServiceName, "S"}},
+                                     5, 6, std::nullopt,
+                                     [&status](const std::string& text) { status = text; });
+  EXPECT_EQ(status, "finished");
+  expectDebugLine(
+      "updateCorrelatedSessions: Adding session 2 to list for hierarchyToken family with hierarchyLevel 1");
+  EXPECT_EQ(agent_->parentSessionForChild(*deep.session), single.session);
+  EXPECT_EQ(agent_->parentSessionIDStringForSession(*deep.session), top.id() + "." + single.id());
+  expectDebugLine("updateCombinedSessionID: Updating combined session ID '" + top.id() + "." + single.id() +
+                  "' for session 2 backends");
+  EXPECT_EQ(countDebug(updating(3)), 1);
+  // The message itself is not aggregated; but the one above has taken over from its client.
+  EXPECT_EQ(copies(single), Copies{"end"});
+  EXPECT_TRUE(copies(top).empty());
+  end(single, deep, top);
 }
 
 // --- whose client gets the copies ------------------------------------------------
