@@ -213,6 +213,16 @@ void BM_MessageInFamilyWithoutAggregator(benchmark::State& state) {
 }
 BENCHMARK(BM_MessageInFamilyWithoutAggregator)->Arg(10)->Arg(1000);
 
+// The same where every session has a level of its own: all of them are ancestors.
+void BM_MessageAtTheEndOfAChain(benchmark::State& state) {
+  Hierarchy hierarchy;
+  for (uint32_t level = 0; level < state.range(0); ++level)
+    hierarchy.sessions.push_back(hierarchy.start(Hierarchy::info(level, level)));
+  const Dictionary sent = message();
+  for (auto _ : state) hierarchy.sessions.back()->sendMessageWithDictionary(sent, nullptr);
+}
+BENCHMARK(BM_MessageAtTheEndOfAChain)->Arg(10)->Arg(250)->Arg(1000);
+
 // A member of a family of so many says anew who it is: it leaves, and joins at the end.
 void BM_Join(benchmark::State& state) {
   Hierarchy hierarchy;
