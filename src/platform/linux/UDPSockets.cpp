@@ -10,6 +10,8 @@
 #include <system_error>
 #include <utility>
 
+#include "platform/linux/ProcessLimits.h"
+
 namespace zun {
 
 namespace {
@@ -95,6 +97,7 @@ Result<std::unique_ptr<DatagramSocket>, Error> UDPSockets::makeSocket() {
   using Made = Result<std::unique_ptr<DatagramSocket>, Error>;
   FileDescriptor descriptor(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, IPPROTO_UDP));
   if (!descriptor.isOpen()) return Made::failure(errnoError(errno));
+  if (descriptor.get() >= firstReservedDescriptor()) return Made::failure(errnoError(EMFILE));
   return Made(std::make_unique<UDPSocket>(loop_, std::move(descriptor)));
 }
 

@@ -5,7 +5,8 @@
 
 namespace zun {
 
-/// The system's UDP sockets, with their read sources on the event loop.
+/// The system's UDP sockets, with their read sources on the event loop. Each session can
+/// have one, so none is made (EMFILE) of the descriptors that the daemon needs itself.
 ///
 /// Threading: any thread. Ownership: by main; `loop` outlives it and its sockets' users.
 class UDPSockets final : public DatagramSocketService {

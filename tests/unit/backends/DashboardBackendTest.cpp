@@ -102,6 +102,31 @@ TEST_F(DashboardBackendTest, AMachineWithoutDescriptorsIsAnErrorLine) {
   expectErrors({"DashboardBackend(initWithName): socket() failed (" + std::to_string(EMFILE) + ")"});
 }
 
+// One socket each: when nearly all descriptors are taken, further sessions go without
+// and everything else goes on.
+TEST_F(DashboardBackendTest, OfAThousandSessionsThoseWithADescriptorLeftHaveABackend) {
+  rlimit before{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+  const rlimit low{256, before.rlim_max};
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &low), 0);
+  std::vector<std::shared_ptr<ZunReportingBackend>> backends;
+  for (int i = 0; i < 1000; ++i) {
+    if (auto backend = make(reliableProfile())) backends.push_back(std::move(backend));
+  }
+  EXPECT_EQ(platform_.files.writeFile(platform_.scratch.path() + "/file", "still written"), std::nullopt);
+  const size_t made = backends.size();
+  EXPECT_GT(made, 20U);
+  EXPECT_LT(made, 192U) << "three quarters, of which the test itself has some";
+  for (const auto& backend : backends) sendEvent(*backend);
+  EXPECT_EQ(eventsAtServer().size(), made);
+  backends.pop_back();
+  executor_.runAll();
+  EXPECT_NE(make(reliableProfile()), nullptr) << "one has become free";
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+  expectErrors(std::vector(
+      1000 - made, "DashboardBackend(initWithName): socket() failed (" + std::to_string(EMFILE) + ")"));
+}
+
 TEST_F(DashboardBackendTest, WithoutATimerThereIsNoBackend) {
   platform_.timers.isRefusing = true;
   EXPECT_EQ(make(profile()), nullptr);
@@ -220,6 +245,19 @@ TEST_F(DashboardBackendTest, EventsAreNumberedAndTheFlagChangesNothing) {
   for (const int32_t flag : {0, 1, 2, -1}) backend->sendMessage(Dictionary{}, kEventTime, 1, 2, flag);
   executor_.runAll();
   EXPECT_EQ(eventsAtServer(), (std::vector{1, 2, 3, 4}));
+}
+
+// States are for the client to see; a dashboard gets every event.
+TEST_F(DashboardBackendTest, EventsAreSentInEveryState) {
+  const auto backend = make(profile());
+  for (const int32_t state : {ZunBackendStateAwaitingUserInfo, ZunBackendStateDisabled,
+                              ZunBackendStateEnabled, ZunBackendStateSampledOut}) {
+    backend->setState(state);
+    EXPECT_TRUE(sendEvent(*backend)) << state;
+    EXPECT_EQ(eventsAtServer().size(), 1U) << state;
+    EXPECT_EQ(backend->state(), state);
+  }
+  EXPECT_EQ(backend->updateState(), ZunBackendStateEnabled) << "whatever it was";
 }
 
 TEST_F(DashboardBackendTest, ThereMayBeNoMemoryForADatagram) {

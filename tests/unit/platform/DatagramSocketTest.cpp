@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
@@ -166,6 +167,26 @@ TEST_F(DatagramSocketTest, AMachineWithoutDescriptorsGivesAnError) {
   ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
   ASSERT_FALSE(made);
   EXPECT_EQ(made.error().code, EMFILE);
+}
+
+// Connections, transfers and files need some even when every session has a socket.
+TEST_F(DatagramSocketTest, TheLastQuarterOfTheDescriptorsIsNotForSockets) {
+  rlimit before{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+  const FileDescriptor lowestFree(::dup(0));
+  const auto next = static_cast<rlim_t>(lowestFree.get()) + 1;
+  const rlimit nearlyUsedUp{next + 2, before.rlim_max};
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &nearlyUsedUp), 0);
+  const auto refused = sockets_.makeSocket();
+  const FileDescriptor other(::dup(0));
+  const rlimit twice{next * 2, before.rlim_max};
+  EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &twice), 0);
+  const auto made = sockets_.makeSocket();
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+  ASSERT_FALSE(refused);
+  EXPECT_EQ(refused.error().code, EMFILE);
+  EXPECT_TRUE(other.isOpen());
+  EXPECT_TRUE(made);
 }
 
 class ReadSourceTest : public DatagramSocketTest {

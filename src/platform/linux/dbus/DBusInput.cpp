@@ -1,6 +1,5 @@
 #include "platform/linux/dbus/DBusInput.h"
 
-#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -8,7 +7,8 @@
 #include <cerrno>
 #include <cstring>
 #include <iterator>
-#include <limits>
+
+#include "platform/linux/ProcessLimits.h"
 
 namespace zun {
 
@@ -17,16 +17,6 @@ namespace {
 constexpr size_t kUsualCapacity = size_t{32} << 10;
 constexpr size_t kMaximumDescriptors = 16;
 constexpr size_t kKernelMaximumDescriptors = 253;
-
-/// Descriptors from here on are the daemon's own: however many clients pass, some are left
-/// for connections, transfers and files. The lowest free number is always taken, so a high
-/// one says that nearly all are.
-int firstReservedDescriptor() {
-  rlimit limit{};
-  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return std::numeric_limits<int>::max();
-  const rlim_t first = limit.rlim_cur - limit.rlim_cur / 4;
-  return static_cast<int>(std::min<rlim_t>(first, std::numeric_limits<int>::max()));
-}
 
 /// Sockets, and what has no place in any file system (io_uring instances, say), can hold
 /// other descriptors. A client that handed over its own end of this connection in one
