@@ -30,27 +30,30 @@ void cancel(std::weak_ptr<Source>& source) {
 std::shared_ptr<DashboardLink> DashboardLink::open(const PlatformServices& platform,
                                                    std::unique_ptr<DatagramSocket> socket,
                                                    const DashboardServer& server) {
-  std::shared_ptr<DashboardLink> link(new DashboardLink(platform, std::move(socket), server.isReliable));
+  std::shared_ptr<DashboardLink> link(new DashboardLink(platform, std::move(socket), server));
   // In its turn on the queue, because handlers may fire from the first moment on.
-  const bool hasStarted = link->networkProcQueue_->sync([&link, &server] { return link->start(server); });
+  const bool hasStarted =
+      link->networkProcQueue_->sync([&link, &server] { return link->start(server.address); });
   return hasStarted ? link : nullptr;
 }
 
 DashboardLink::DashboardLink(const PlatformServices& platform, std::unique_ptr<DatagramSocket> socket,
-                             bool isReliable)
+                             const DashboardServer& server)
     : platform_(platform),
-      reliableUDP_(isReliable),
+      reliableUDP_(server.isReliable),
+      timerPeriod_(server.timerPeriod),
+      startTime_(platform.clock.monotonic()),
       networkProcQueue_(SerialQueue::create("com.vantix.ZunReporting.networkProc", platform.executor)),
       socket_(std::move(socket)) {}
 
-bool DashboardLink::start(const DashboardServer& server) {
+bool DashboardLink::start(const IPv4SocketAddress& server) {
   if (reliableUDP_) useReliableUDP();
-  if (socket_->connect(server.address)) {
+  if (socket_->connect(server)) {
     platform_.log.error("DashboardBackend(initWithName): socket connect() failed.");
     cleanupSources();
     return false;
   }
-  if (!startTimer(server.timerPeriod)) {
+  if (!startTimer()) {
     platform_.log.error("DashboardBackend(initWithName): can't create timer source.");
     cleanupSources();
     return false;
@@ -71,16 +74,16 @@ void DashboardLink::useReliableUDP() {
   readSource_ = source;
 }
 
-bool DashboardLink::startTimer(std::chrono::milliseconds period) {
+bool DashboardLink::startTimer() {
   const auto timer = platform_.timers.startTimer(
-      {.firstFiring = period, .interval = period, .leeway = kTimerLeeway}, networkProcQueue_,
-      [self = shared_from_this()] { self->myPeriodicTask(); },
-      [self = shared_from_this()] {
-        // In reliable mode the read source may still need it: its own handler closes it.
-        if (!self->reliableUDP_) self->socket_->close();
-      });
+      {.firstFiring = untilNextTick(), .interval = timerPeriod_, .leeway = kTimerLeeway}, networkProcQueue_,
+      [self = shared_from_this()] { self->myPeriodicTask(); }, [] {});
   timer_ = timer;
   return timer != nullptr;
+}
+
+std::chrono::nanoseconds DashboardLink::untilNextTick() const {
+  return timerPeriod_ - (platform_.clock.monotonic() - startTime_) % timerPeriod_;
 }
 
 // Sending
@@ -106,6 +109,7 @@ void DashboardLink::tryToSendMsg(std::span<const std::byte> datagram, uint16_t e
   if (isSent) packet.state = UDPPacketToSend::State::kAwaitingAcknowledgement;
   messageQueue_.push_back(std::move(packet));
   if (messageQueue_.size() > kMaximumPackets) messageQueue_.erase(messageQueue_.begin());
+  if (timer_.expired()) (void)startTimer();  // should there be none, the next packet asks again
 }
 
 // Acknowledgements
@@ -135,6 +139,9 @@ void DashboardLink::myPeriodicTask() {
     packet = isDoneWith(*packet) ? messageQueue_.erase(packet) : packet + 1;
   }
   cleanUpIfRequested();
+  // The next packet starts it again. An acknowledgement does not stop it: in a stream of
+  // events that would be a start and a stop for each.
+  if (messageQueue_.empty()) cancel(timer_);
 }
 
 bool DashboardLink::isDoneWith(UDPPacketToSend& packet) {
@@ -163,7 +170,7 @@ void DashboardLink::retransmitIfDue(UDPPacketToSend& packet) {
 
 void DashboardLink::cleanup() {
   networkProcQueue_->async([self = shared_from_this()] {
-    if (self->messageQueue_.empty()) {
+    if (self->messageQueue_.empty() || self->timer_.expired()) {
       self->cleanupSources();
     } else {
       self->cleanupState_ = CleanupState::kRequested;
@@ -195,10 +202,14 @@ void DashboardLink::scheduleLastResort() {
 }
 
 void DashboardLink::cleanupSources() {
-  hasEnded_ = true;
+  if (std::exchange(hasEnded_, true)) return;
   cancel(timer_);
   cancel(lastResort_);
-  cancel(readSource_);
+  if (const auto source = readSource_.lock()) {
+    source->cancel();  // whose handler closes the socket
+  } else {
+    socket_->close();
+  }
 }
 
 }  // namespace zun

@@ -23,7 +23,8 @@ struct DashboardServer {
 };
 
 /// A dashboard backend's socket, the packets that wait on it and the timer that looks
-/// after them. It outlives its backend while packets may still be acknowledged:
+/// after them: its ticks are whole periods from the start, and it is armed only while
+/// something waits. It outlives its backend while packets may still be acknowledged:
 ///
 ///   open ──▶ sending ──cleanup, nothing waits────────────────────────▶ ended
 ///               │  └──cleanup──▶ requested ──tick──▶ last resort ──▶ ended: all
@@ -63,12 +64,14 @@ class DashboardLink final : public std::enable_shared_from_this<DashboardLink> {
  private:
   enum class CleanupState { kNone = 0, kRequested = 1, kLastResortScheduled = 2 };
 
-  DashboardLink(const PlatformServices& platform, std::unique_ptr<DatagramSocket> socket, bool isReliable);
+  DashboardLink(const PlatformServices& platform, std::unique_ptr<DatagramSocket> socket,
+                const DashboardServer& server);
 
   // networkProcQueue only.
-  bool start(const DashboardServer& server);
+  bool start(const IPv4SocketAddress& server);
   void useReliableUDP();
-  bool startTimer(std::chrono::milliseconds period);
+  bool startTimer();
+  [[nodiscard]] std::chrono::nanoseconds untilNextTick() const;
   void tryToSendMsg(std::span<const std::byte> datagram, uint16_t eventNumber);
   void readSocket();
   bool processSocketRead();
@@ -82,6 +85,8 @@ class DashboardLink final : public std::enable_shared_from_this<DashboardLink> {
 
   const PlatformServices& platform_;
   const bool reliableUDP_;
+  const std::chrono::nanoseconds timerPeriod_;
+  const std::chrono::nanoseconds startTime_;  // of the monotonic clock
   const std::shared_ptr<SerialQueue> networkProcQueue_;
   std::atomic<size_t> queued_{0};
 
@@ -91,7 +96,7 @@ class DashboardLink final : public std::enable_shared_from_this<DashboardLink> {
   CleanupState cleanupState_ = CleanupState::kNone;
   bool hasEnded_ = false;
   // The services keep these, and they keep this link.
-  std::weak_ptr<TimerSource> timer_;
+  std::weak_ptr<TimerSource> timer_;  // none while nothing waits
   std::weak_ptr<TimerSource> lastResort_;
   std::weak_ptr<ReadSource> readSource_;
 };

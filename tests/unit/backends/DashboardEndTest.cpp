@@ -42,6 +42,18 @@ TEST_F(DashboardEndTest, CleanupClosesTheSocketInBothModes) {
   }
 }
 
+TEST_F(DashboardEndTest, CleanupClosesTheSocketOfABackendThatHasBeenIdle) {
+  for (const Dictionary& of : {profile(), reliableProfile()}) {
+    const auto backend = make(of);
+    tick();
+    EXPECT_EQ(platform_.timers.running(), 0U);
+    EXPECT_EQ(openSockets(), before_ + 1);
+    backend->cleanup();
+    backend->cleanup();
+    expectSocketsClosed();
+  }
+}
+
 // A session that makes its backends anew drops the old ones as they are.
 TEST_F(DashboardEndTest, ABackendThatIsDroppedWithoutCleanupLeavesNothingBehind) {
   for (const Dictionary& of : {profile(), reliableProfile()}) {

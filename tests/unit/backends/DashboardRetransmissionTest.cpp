@@ -136,6 +136,72 @@ TEST_F(ReliableDashboardTest, PacketsOfDifferentAgesKeepTheirOwnSchedules) {
   EXPECT_EQ(seen, (std::vector<std::vector<int>>{{1}, {2}, {}, {1}, {2}}));
 }
 
+// The timer
+
+TEST_F(ReliableDashboardTest, TheTimerRunsOnlyWhileSomethingWaits) {
+  EXPECT_EQ(platform_.timers.running(), 1U);
+  tick();
+  EXPECT_EQ(platform_.timers.running(), 0U);
+  const std::string original = sendAndReceive();
+  EXPECT_EQ(platform_.timers.running(), 1U);
+  acknowledge(original);
+  acknowledge(sendAndReceive());
+  EXPECT_EQ(platform_.timers.started().size(), 2U) << "an acknowledgement stops nothing";
+  tick();
+  EXPECT_EQ(platform_.timers.running(), 0U);
+  sendAndReceive();
+  for (int number = 1; number <= 19; ++number) tick();
+  EXPECT_EQ(platform_.timers.running(), 1U);
+  tick();  // it is given up
+  EXPECT_EQ(platform_.timers.running(), 0U);
+}
+
+// As if it had never stopped: ticks are whole periods from the start.
+TEST_F(ReliableDashboardTest, ATimerThatStartsAgainKeepsThePace) {
+  tick();
+  platform_.clock.advance(700ms);
+  sendAndReceive();
+  tick(299ms);
+  tick(1ms);    // the third of all, its first
+  tick(499ms);  // not yet the fourth
+  EXPECT_EQ(eventsAtServer(), std::vector<int>{});
+  tick(1ms);
+  EXPECT_EQ(eventsAtServer(), std::vector{1});
+}
+
+TEST_F(ReliableDashboardTest, WhatIsSentOnATickWaitsForTheNextOne) {
+  tick();
+  tick();
+  sendAndReceive();
+  tick();
+  EXPECT_EQ(eventsAtServer(), std::vector<int>{});
+  tick();
+  EXPECT_EQ(eventsAtServer(), std::vector{1});
+}
+
+TEST_F(ReliableDashboardTest, ATimerThatCannotStartAgainIsAskedForAgainByTheNextPacket) {
+  tick();
+  platform_.timers.isRefusing = true;
+  sendAndReceive();
+  platform_.timers.isRefusing = false;
+  sendAndReceive();
+  tick();
+  tick();
+  EXPECT_EQ(eventsAtServer(), (std::vector{1, 2}));
+}
+
+// Nothing would ever look after them.
+TEST_F(ReliableDashboardTest, CleanupWithoutATimerAbandonsWhatStillWaits) {
+  tick();
+  platform_.timers.isRefusing = true;
+  acknowledge(sendAndReceive());
+  sendAndReceive();
+  backend_->cleanup();
+  executor_.runAll();
+  EXPECT_TRUE(sendEvent(*backend_));
+  EXPECT_EQ(eventsAtServer(), std::vector<int>{}) << "it has ended";
+}
+
 // The end
 
 TEST_F(ReliableDashboardTest, CleanupWithNothingWaitingEndsAtOnce) {
