@@ -3,15 +3,19 @@
 
 #include <arpa/inet.h>
 #include <benchmark/benchmark.h>
+#include <linux/sock_diag.h>
 #include <netinet/in.h>
 #include <pthread.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <array>
-#include <atomic>
+#include <chrono>
 #include <ctime>
+#include <memory>
 #include <thread>
+#include <vector>
 
 #include "BenchPayload.h"
 #include "BenchPlatform.h"
@@ -44,15 +48,34 @@ class Server final {
     thread_ = std::thread([this, echoes] { serve(echoes); });
   }
   ~Server() {
-    ::shutdown(socket_, SHUT_RDWR);
-    thread_.join();
+    stop();
     ::close(socket_);
   }
   Server(const Server&) = delete;
   Server& operator=(const Server&) = delete;
 
   [[nodiscard]] uint16_t port() const { return port_; }
+  void stop() {
+    ::shutdown(socket_, SHUT_RDWR);
+    if (thread_.joinable()) thread_.join();
+  }
+  /// Once stopped.
   [[nodiscard]] int64_t received() const { return received_; }
+  /// Datagrams that found the receive buffer full.
+  [[nodiscard]] int64_t dropped() const {
+    std::array<uint32_t, SK_MEMINFO_VARS> figures{};
+    socklen_t length = sizeof figures;
+    ZUN_CHECK(::getsockopt(socket_, SOL_SOCKET, SO_MEMINFO, figures.data(), &length) == 0);
+    return figures[SK_MEMINFO_DROPS];
+  }
+  /// Until all that came is received. Over loopback what was sent has come.
+  void waitUntilAllIsReceived() const {
+    int waiting = 0;
+    do {
+      std::this_thread::yield();
+      ZUN_CHECK(::ioctl(socket_, FIONREAD, &waiting) == 0);
+    } while (waiting > 0);
+  }
   [[nodiscard]] double cpuSeconds() {
     clockid_t clock{};
     ZUN_CHECK(pthread_getcpuclockid(thread_.native_handle(), &clock) == 0);
@@ -77,7 +100,7 @@ class Server final {
 
   const int socket_;
   uint16_t port_ = 0;
-  std::atomic<int64_t> received_{0};
+  int64_t received_ = 0;
   std::thread thread_;
 };
 
@@ -98,6 +121,10 @@ class Setup final : public BenchPlatform {
     made->setUdid("00008030-001C2D223A82802E");
     made->setSelfVersion("3.2.1");
     return made;
+  }
+
+  void waitUntilNothingRuns() {
+    while (!workers.activity().isIdle) std::this_thread::yield();
   }
 
  private:
@@ -129,8 +156,9 @@ void BM_LocalRecord(benchmark::State& state) {
 }
 BENCHMARK(BM_LocalRecord);
 
-// Whole events as fast as they go; the server's own CPU is not counted. What arrives of
-// them is up to the receive buffers.
+// Whole events as fast as they go; the server's own CPU is not counted. How many of their
+// datagrams arrive is up to its receive buffer: "datagrams", with retransmissions, is
+// "arrived" and "dropped" together, all three per event.
 void sendEvents(benchmark::State& state, bool isReliable) {
   Setup setup;
   Server server(/*echoes=*/isReliable);
@@ -138,11 +166,18 @@ void sendEvents(benchmark::State& state, bool isReliable) {
   const Dictionary message{{Value(kZunReportingMessageBlobClientData), benchPayload()}};
   const double cpuBefore = seconds(CLOCK_PROCESS_CPUTIME_ID) - server.cpuSeconds();
   for (auto _ : state) benchmark::DoNotOptimize(backend->sendMessage(message, kEventTime, 200, 1, 0));
+  setup.waitUntilNothingRuns();
+  server.waitUntilAllIsReceived();
   const double cpu = seconds(CLOCK_PROCESS_CPUTIME_ID) - server.cpuSeconds() - cpuBefore;
+  server.stop();
   const auto events = static_cast<double>(state.iterations());
+  const auto arrived = static_cast<double>(server.received());
+  const auto dropped = static_cast<double>(server.dropped());
   state.SetItemsProcessed(state.iterations());
   state.counters["cpu_us_per_event"] = cpu * 1e6 / events;
-  state.counters["arrived"] = static_cast<double>(server.received()) / events;
+  state.counters["datagrams"] = (arrived + dropped) / events;
+  state.counters["arrived"] = arrived / events;
+  state.counters["dropped"] = dropped / events;
   backend->cleanup();
 }
 void BM_PlainEvents(benchmark::State& state) {
@@ -153,6 +188,23 @@ void BM_ReliableEvents(benchmark::State& state) {
   sendEvents(state, /*isReliable=*/true);
 }
 BENCHMARK(BM_ReliableEvents)->UseRealTime();
+
+// What a thousand sessions' backends cost while nobody reports anything.
+void BM_IdleBackends(benchmark::State& state) {
+  constexpr int kBackends = 1000;
+  constexpr auto kSecond = std::chrono::seconds(1);
+  Setup setup;
+  Server server(/*echoes=*/true);
+  std::vector<std::shared_ptr<ZunReportingBackend>> backends;
+  for (int i = 0; i < kBackends; ++i) backends.push_back(setup.backend(server, /*isReliable=*/true));
+  std::this_thread::sleep_for(kSecond);  // their first ticks
+  const double cpuBefore = seconds(CLOCK_PROCESS_CPUTIME_ID);
+  for (auto _ : state) std::this_thread::sleep_for(kSecond);
+  const double cpu = seconds(CLOCK_PROCESS_CPUTIME_ID) - cpuBefore;
+  state.counters["cpu_us_per_second"] = cpu * 1e6 / static_cast<double>(state.iterations());
+  for (const auto& backend : backends) backend->cleanup();
+}
+BENCHMARK(BM_IdleBackends)->Iterations(3)->UseRealTime();
 
 }  // namespace
 }  // namespace zun
