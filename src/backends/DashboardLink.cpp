@@ -46,6 +46,10 @@ DashboardLink::DashboardLink(const PlatformServices& platform, std::unique_ptr<D
       networkProcQueue_(SerialQueue::create("com.vantix.ZunReporting.networkProc", platform.executor)),
       socket_(std::move(socket)) {}
 
+DashboardLink::~DashboardLink() {
+  stopOutliving();
+}
+
 bool DashboardLink::start(const IPv4SocketAddress& server) {
   if (reliableUDP_) useReliableUDP();
   if (socket_->connect(server)) {
@@ -170,16 +174,27 @@ void DashboardLink::retransmitIfDue(UDPPacketToSend& packet) {
 
 void DashboardLink::cleanup() {
   networkProcQueue_->async([self = shared_from_this()] {
-    if (self->messageQueue_.empty() || self->timer_.expired()) {
-      self->cleanupSources();
-    } else {
+    const bool isLookedAfter = !self->messageQueue_.empty() && !self->timer_.expired();
+    if (isLookedAfter && self->mayOutliveBackend()) {
       self->cleanupState_ = CleanupState::kRequested;
+    } else {
+      self->cleanupSources();
     }
   });
 }
 
 void DashboardLink::end() {
   networkProcQueue_->async([self = shared_from_this()] { self->cleanupSources(); });
+}
+
+bool DashboardLink::mayOutliveBackend() {
+  if (isOutliving_) return true;
+  isOutliving_ = true;
+  return outliving_.fetch_add(1) < kMaximumOutliving;
+}
+
+void DashboardLink::stopOutliving() {
+  if (std::exchange(isOutliving_, false)) --outliving_;
 }
 
 void DashboardLink::cleanUpIfRequested() {
@@ -203,6 +218,7 @@ void DashboardLink::scheduleLastResort() {
 
 void DashboardLink::cleanupSources() {
   if (std::exchange(hasEnded_, true)) return;
+  stopOutliving();
   cancel(timer_);
   cancel(lastResort_);
   if (const auto source = readSource_.lock()) {

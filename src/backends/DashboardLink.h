@@ -41,6 +41,9 @@ class DashboardLink final : public std::enable_shared_from_this<DashboardLink> {
   /// Datagrams that wait for their turn on the queue. A caller beyond helps to send
   /// them first, so that a flood of events costs its client time and nobody memory.
   static constexpr size_t kMaximumQueued = 256;
+  /// Links of this process that outlive their backends, as many as there may usually be
+  /// sessions. One beyond ends at once: clients that come and go must not pile them up.
+  static constexpr size_t kMaximumOutliving = 4096;
 
   /// Connects the socket and starts the timer; an error line and null if that fails.
   static std::shared_ptr<DashboardLink> open(const PlatformServices& platform,
@@ -49,13 +52,14 @@ class DashboardLink final : public std::enable_shared_from_this<DashboardLink> {
 
   DashboardLink(const DashboardLink&) = delete;
   DashboardLink& operator=(const DashboardLink&) = delete;
-  ~DashboardLink() = default;
+  ~DashboardLink();
 
   [[nodiscard]] bool isReliable() const { return reliableUDP_; }
 
   void send(DashboardDatagram datagram, uint16_t eventNumber);
 
-  /// Ends as soon as no packet waits any more, or has waited long enough.
+  /// Ends as soon as no packet waits any more, has waited long enough, or may not wait
+  /// because too many links do.
   void cleanup();
 
   /// Ends after what was sent before; what waits is given up.
@@ -78,10 +82,14 @@ class DashboardLink final : public std::enable_shared_from_this<DashboardLink> {
   void myPeriodicTask();
   bool isDoneWith(UDPPacketToSend& packet);
   void retransmitIfDue(UDPPacketToSend& packet);
+  [[nodiscard]] bool mayOutliveBackend();
+  void stopOutliving();
   void cleanUpIfRequested();
   void scheduleLastResort();
   void cleanupSources();
   [[nodiscard]] bool sendWhole(std::span<const std::byte> datagram);
+
+  inline static std::atomic<size_t> outliving_{0};
 
   const PlatformServices& platform_;
   const bool reliableUDP_;
@@ -94,6 +102,7 @@ class DashboardLink final : public std::enable_shared_from_this<DashboardLink> {
   const std::unique_ptr<DatagramSocket> socket_;
   std::vector<UDPPacketToSend> messageQueue_;  // oldest first
   CleanupState cleanupState_ = CleanupState::kNone;
+  bool isOutliving_ = false;  // one of those counted
   bool hasEnded_ = false;
   // The services keep these, and they keep this link.
   std::weak_ptr<TimerSource> timer_;  // none while nothing waits

@@ -1,3 +1,5 @@
+#include <sys/resource.h>
+
 #include <atomic>
 #include <filesystem>
 #include <thread>
@@ -72,6 +74,39 @@ TEST_F(DashboardEndTest, WhatWasSentBeforeTheEndStillGoesOut) {
   executor_.runAll();
   EXPECT_EQ(eventsAtServer(), (std::vector{1, 2, 3, 4, 5}));
   expectSocketsClosed();
+}
+
+/// Sessions that come and go, each with an event that is not acknowledged.
+class DashboardChurnTest : public DashboardEndTest {
+ protected:
+  static constexpr size_t kMaximum = DashboardLink::kMaximumOutliving;
+
+  void comeAndGo(size_t sessions) {
+    for (size_t i = 0; i < sessions; ++i) {
+      const auto backend = make(reliableProfile());
+      ASSERT_NE(backend, nullptr) << "descriptors: " << openSockets();
+      sendEvent(*backend);
+      server_.receiveAllThere();
+      backend->cleanup();
+      executor_.runAll();
+    }
+  }
+};
+
+TEST_F(DashboardChurnTest, SessionsThatComeAndGoDoNotPileUpTheirPackets) {
+  ::rlimit before{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+  if (before.rlim_max < 2 * kMaximum) GTEST_SKIP() << "needs " << 2 * kMaximum << " descriptors";
+  const ::rlimit all{before.rlim_max, before.rlim_max};
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &all), 0);
+  comeAndGo(kMaximum + 500);
+  EXPECT_EQ(platform_.timers.running(), kMaximum);
+  EXPECT_EQ(openSockets(), before_ + kMaximum);
+  for (int i = 0; i < 30; ++i) tick();
+  expectSocketsClosed();
+  comeAndGo(10);
+  EXPECT_EQ(platform_.timers.running(), 10U) << "those that have ended do not count any more";
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
 }
 
 TEST_F(DashboardEndTest, EventsAfterTheCleanupAreDropped) {
