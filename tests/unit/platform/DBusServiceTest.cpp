@@ -575,15 +575,33 @@ TEST_F(DBusRawServiceTest, RepliesThatDoNotFitEndTheConnection) {
   expectErrors({"listener: " + peerName() + " does not read its replies, closing its connection"});
 }
 
+// Its own end may be on its way to the daemon in what that does not read: nothing else
+// would ever end the connection.
+TEST_F(DBusRawServiceTest, RepliesThatAreNeverReadEndTheConnection) {
+  options_.connection.outputLimits.highWaterBytes = 64 << 10;
+  options_.connection.unreadTimeout = std::chrono::milliseconds(200);
+  start();
+  const auto client = connect();
+  const WireBytes body = WireBytes().array(
+      8, [](WireBytes& entries) { entries.align(8).text("k").signature("s").text(std::string(16000, 'x')); });
+  const std::string call = wireCall({.member = "Describe", .signature = "a{sv}"}, body);
+  std::string calls;  // more than the sockets and the queue hold of them and their replies
+  for (size_t i = 0; i < 100; ++i) calls += call;
+  client->send(calls);  // until the daemon hangs up
+  expectErrors({"listener: " + peerName() + " does not read its replies, closing its connection"});
+  waitForConnections(0);
+}
+
 // --- Descriptors --------------------------------------------------------------------
 
 TEST_F(DBusRawServiceTest, DescriptorsThatNobodyTakesAreClosed) {
   start();
   const auto client = connect(/*withDescriptors=*/true);
   expectStillServed(*client);
+  const FileDescriptor file(::open("/dev/null", O_RDONLY | O_CLOEXEC));
   const size_t before = openDescriptors();
   for (int round = 0; round < 50; ++round) {
-    client->sendWithDescriptors(wireCall({.member = "Drop", .descriptors = 2}), {0, 0});
+    client->sendWithDescriptors(wireCall({.member = "Drop", .descriptors = 2}), {file.get(), file.get()});
     EXPECT_EQ(errorName(*client), "com.vantix.zunreportingd.Error.NoReply");
   }
   expectStillServed(*client);
@@ -592,13 +610,14 @@ TEST_F(DBusRawServiceTest, DescriptorsThatNobodyTakesAreClosed) {
 
 TEST_F(DBusRawServiceTest, DescriptorsAreOnlyTakenWhenNegotiatedAndNotTooMany) {
   start();
+  const FileDescriptor file(::open("/dev/null", O_RDONLY | O_CLOEXEC));
   const auto client = connect();
-  client->sendWithDescriptors(wireCall({.member = "Drop", .descriptors = 1}), {0});
+  client->sendWithDescriptors(wireCall({.member = "Drop", .descriptors = 1}), {file.get()});
   EXPECT_TRUE(client->isEnded());
   expectErrors(
       {"listener: " + peerName() + ": it passed descriptors without asking, closing its connection"});
   const auto greedy = connect(/*withDescriptors=*/true);
-  greedy->sendWithDescriptors(wireCall({.member = "Drop", .descriptors = 100}), std::vector<int>(100, 0));
+  greedy->sendWithDescriptors(wireCall({.member = "Drop", .descriptors = 100}), std::vector<int>(100, file.get()));
   EXPECT_TRUE(greedy->isEnded());
   expectErrors({"listener: " + peerName() + ": it passed too many descriptors, closing its connection"});
 }

@@ -162,33 +162,42 @@ void DBusServiceConnection::serve() {
     if (dispatchBuffered() == Step::kStop) return;
     output_->flush();
     if (isInvalidated_) return;
-    if (!isStarved_) {
-      if (!output_->hasRoom()) waitForEvents(0, kForEver);
+    const bool hadLastCall = endOfInput_ && isStarved_;
+    if (hadLastCall && isFinished()) return;
+    if (hadLastCall || !output_->hasRoom()) {
+      if (waitForReader() == Step::kStop) return;
       continue;
     }
-    if (endOfInput_) {
-      if (isFinished()) return;
-      waitForEvents(0, kForEver);
-      continue;
-    }
-    const bool mayRead = output_->hasRoom();
-    if (!mayRead || !input_.wasFilled()) waitForEvents(mayRead ? POLLIN : 0, kForEver);
-    if (mayRead && !receive()) return;
+    if (!isStarved_) continue;
+    if (!input_.wasFilled()) waitForEvents(POLLIN, kForEver);
+    if (!receive()) return;
   }
 }
 
+/// Waits until the peer reads what is queued or a reply is given; stops after too long
+/// a time in which the peer could have read something.
+DBusServiceConnection::Step DBusServiceConnection::waitForReader() {
+  const bool isUnread = output_->queuedBytes() > 0;
+  const int longest = isUnread ? static_cast<int>(options_.unreadTimeout.count()) : kForEver;
+  if (waitForEvents(0, longest) || !isUnread) return Step::kGoOn;
+  log_.error("listener: {} does not read its replies, closing its connection", description_);
+  return Step::kStop;
+}
+
 /// Waits until the socket has one of `events`, takes more of what is queued, or the
-/// connection is woken.
-void DBusServiceConnection::waitForEvents(int events, int milliseconds) {
+/// connection is woken. False where nothing of that came in time.
+bool DBusServiceConnection::waitForEvents(int events, int milliseconds) {
   const int writing = output_->queuedBytes() > 0 ? POLLOUT : 0;
   std::array<pollfd, 2> polled{
       {{socket_.get(), static_cast<short>(events | writing), 0}, {wake_.get(), POLLIN, 0}}};
-  if (::poll(polled.data(), polled.size(), milliseconds) <= 0) return;
+  const int ready = ::poll(polled.data(), polled.size(), milliseconds);
+  if (ready <= 0) return ready < 0;
   if ((polled[1].revents & POLLIN) != 0) {
     uint64_t count = 0;
     [[maybe_unused]] const ssize_t taken = ::read(wake_.get(), &count, sizeof count);
   }
   if ((polled[0].revents & (POLLHUP | POLLERR)) != 0) notePeerIsGone();
+  return true;
 }
 
 void DBusServiceConnection::notePeerIsGone() {

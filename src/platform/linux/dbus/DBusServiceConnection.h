@@ -22,6 +22,10 @@ struct DBusConnectionOptions {
   DBusLimits messageLimits;
   DBusOutputLimits outputLimits;
   std::chrono::milliseconds authenticationTimeout{std::chrono::seconds{10}};
+  /// For how long a client may leave its replies, when its calls wait for that, without
+  /// reading a byte. Its own end of the connection may be among what it sent: then nothing
+  /// else would ever tell that it has gone.
+  std::chrono::milliseconds unreadTimeout{std::chrono::minutes{10}};
 };
 
 /// One client's connection.
@@ -72,7 +76,8 @@ class DBusServiceConnection final : public ServiceConnection {
   bool authenticate();
   void waitForResume();
   void serve();
-  void waitForEvents(int events, int milliseconds);
+  bool waitForEvents(int events, int milliseconds);
+  Step waitForReader();
   void notePeerIsGone();
   bool receive();
   bool isFinished();
