@@ -2,9 +2,12 @@
 
 #include <atomic>
 #include <filesystem>
+#include <functional>
 #include <thread>
+#include <vector>
 
 #include "DashboardTest.h"
+#include "platform/linux/SystemClock.h"
 
 namespace zun {
 namespace {
@@ -162,13 +165,82 @@ TEST_F(DashboardConcurrencyTest, BackendsMayBeUsedAndEndedWhileTheirPacketsAreAc
   }
   for (std::thread& session : sessions) session.join();
   // What was cleaned up ends by itself: acknowledged, given up, or by the last resort.
+  // Once nothing is queued, whatever has not ended has its timer running.
   const auto deadline = std::chrono::steady_clock::now() + 1min;
-  while (platform_.timers.running() > 0 && std::chrono::steady_clock::now() < deadline)
+  while ((!platform_.workers.activity().isIdle || platform_.timers.running() > 0) &&
+         std::chrono::steady_clock::now() < deadline)
     std::this_thread::yield();
   EXPECT_EQ(platform_.timers.running(), 0U);
   isDone = true;
   echo.join();
   ticks.join();
+}
+
+/// As in the daemon: real time, timers and threads.
+class DashboardRealTimeTest : public PlatformTest {
+ protected:
+  std::shared_ptr<ZunReportingBackend> make(const UDPTestServer& server, const Value& reliable) {
+    Dictionary profile{{"ip", "127.0.0.1"}, {"port", server.port()}};
+    if (!reliable.isNone()) profile.set("reliable", reliable);
+    return ZunReportingBackend::newBackendWithName(services_, "dashboard", profile, "Pallax", 7);
+  }
+  static void send(ZunReportingBackend& backend) {
+    EXPECT_TRUE(backend.sendMessage(Dictionary{{"k", "v"}}, {1000, 0}, 1, 2, 0));
+  }
+
+  SystemClock clock_;
+  const PlatformServices& fake_ = platform_.services;
+  PlatformServices real_{fake_.log,         clock_,
+                         fake_.random,      fake_.files,
+                         fake_.defaults,    fake_.device,
+                         fake_.locale,      fake_.bundle,
+                         fake_.executor,    platform_.loopThread.loop(),
+                         fake_.urlSessions, fake_.transactions,
+                         fake_.sockets,     fake_.modules,
+                         fake_.powerLog};
+  DeviceIdentity identity_{real_};
+  MessageLog messageLog_{real_};
+  ReportingServices services_{real_, identity_, messageLog_};
+};
+
+// Whether a server listens or not, and in whatever order a backend is cleaned up, used
+// and let go of: its socket is closed in the end.
+TEST_F(DashboardRealTimeTest, EveryOrderOfTheEndClosesTheSocket) {
+  UDPTestServer silent;
+  UDPTestServer away;
+  const std::vector<std::function<void(ZunReportingBackend&)>> ends{
+      [](auto&) {},
+      [](auto& backend) { backend.cleanup(); },
+      [](auto& backend) {
+        backend.cleanup();
+        backend.cleanup();
+      },
+      [](auto& backend) {
+        backend.cleanup();
+        send(backend);
+      },
+      [](auto& backend) { std::thread([&backend] { backend.cleanup(); }).join(); },
+  };
+  const size_t before = openSockets();
+  away.close();
+  for (int round = 0; round < 10; ++round) {
+    for (const auto& end : ends) {
+      for (const UDPTestServer* const server : {&silent, &away}) {
+        for (const Value& reliable : {Value(), Value(10)}) {
+          const auto unused = make(*server, reliable);
+          end(*unused);
+          const auto used = make(*server, reliable);
+          for (int i = 0; i < 3; ++i) send(*used);
+          end(*used);
+        }
+      }
+    }
+  }
+  const auto deadline = std::chrono::steady_clock::now() + 1min;
+  while ((!platform_.workers.activity().isIdle || openSockets() >= before) &&
+         std::chrono::steady_clock::now() < deadline)
+    std::this_thread::sleep_for(10ms);  // looking at all descriptors is not for a spin
+  EXPECT_EQ(openSockets(), before - 1) << "less the server that went away";
 }
 
 }  // namespace
