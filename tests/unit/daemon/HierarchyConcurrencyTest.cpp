@@ -46,6 +46,8 @@ class HierarchyConcurrencyTest : public HierarchyTest {
   void act(Client& client, std::mt19937& random) {
     const auto pick = [&random](uint32_t below) { return static_cast<uint32_t>(random() % below); };
     const std::string token = pick(5) == 0 ? "" : "token" + std::to_string(pick(2));
+    const Dictionary user{{kZunReportingUserInfoClientName, "C" + std::to_string(pick(3))},
+                          {kZunReportingUserInfoServiceName, "S"}};
     switch (pick(10)) {
       case 0: client->startConfigWithCompletionHandler(nullptr); break;
       case 1:
@@ -56,11 +58,10 @@ class HierarchyConcurrencyTest : public HierarchyTest {
       case 4:
         client->updateSharedDataForKey("key" + std::to_string(pick(3)), pick(2) == 0 ? Value(1) : Value());
         break;
-      case 5:
-        client->fetchStatesWithUserInfo(
-            Dictionary{{kZunReportingUserInfoClientName, "C" + std::to_string(pick(3))},
-                       {kZunReportingUserInfoServiceName, "S"}},
-            nullptr);
+      case 5: client->fetchStatesWithUserInfo(user, nullptr); break;
+      case 6:
+        client->sendMessageWithSessionInfo(info(pick(100), token, pick(4)), user, 5, 6,
+                                           Dictionary{{"key", 1}}, nullptr);
         break;
       default: send(client, pick(3)); break;
     }
