@@ -45,10 +45,14 @@ std::variant<DaemonOptions, int> parseDaemonOptions(int argc, const char* const*
   app.add_option("--ca-file", options.caFile,
                  "Certificate authorities to trust, PEM (default: the system's store)")
       ->check(CLI::ExistingFile);
-  app.add_option("--log-level", options.logLevel, "debug, default or error (default: default)")
-      ->transform(CLI::CheckedTransformer(levels).description("LEVEL"));
-  app.add_option("--log-target", options.logTarget, "auto, journal or stderr (default: auto)")
-      ->transform(CLI::CheckedTransformer(targets).description("TARGET"));
+  app.add_option("--log-level", options.logLevel, "Least important lines to write (default: default)")
+      ->type_name("LEVEL")
+      ->transform(CLI::Transformer(levels).description(""))
+      ->transform(CLI::IsMember(&levels));  // looked at first: names alone will do
+  app.add_option("--log-target", options.logTarget, "Where log lines go (default: auto)")
+      ->type_name("TARGET")
+      ->transform(CLI::Transformer(targets).description(""))
+      ->transform(CLI::IsMember(&targets));
   const auto* const idleOption =
       app.add_option("--idle-exit", idleExit,
                      "Exit after so many SECONDS without clients and work (default: never)")

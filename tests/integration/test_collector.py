@@ -400,11 +400,14 @@ class UploadServerTest(ServingTest):
         waiting.join(DEADLINE)
         self.assertFalse(waiting.is_alive())
 
-    def test_unknown_answer_is_wrong_usage(self):
-        result = subprocess.run([binary("zuncollector"), "--upload-answer", "maybe"], capture_output=True,
-                                text=True, timeout=DEADLINE, check=False)
-        self.assertEqual(result.returncode, 2)
-        self.assertIn("maybe", result.stderr)
+    def test_wrong_usage_names_the_option_and_what_was_given(self):
+        for option, value in (("--upload-answer", "maybe"), ("--upload-answer", "3"), ("--upload-limit", "-1"),
+                              ("--upload-limit", "0"), ("--ack-drop", "-1"), ("--ack-drop-every", "-1"),
+                              ("--ack-corrupt", "-1"), ("--ack-bytes", "-1"), ("--ack-loss", "2"), ("--seed", "-1")):
+            result = subprocess.run([binary("zuncollector"), option, value], capture_output=True, text=True,
+                                    timeout=DEADLINE, check=False)
+            self.assertEqual(result.returncode, 2)
+            self.assertRegex(result.stderr, f"{option}.*{value}")
 
 
 class LogDataServerTest(ServingTest):

@@ -108,7 +108,9 @@ class CommandLineTest(CtlTest):
                                 (("shared", "set", "key", "value"), "--parent TOKEN:LEVEL"),
                                 (("shared", "set", "key", "null", "--parent", "t:0"), "null is no value"),
                                 (("watch", "--count", "0"), "--count"), (("watch", "--count", "-1"), "--count"),
+                                (("watch", "--count", "4294967296"), "--count"),
                                 (("watch", "--timeout", "0"), "--timeout"),
+                                (("watch", "--timeout", "nan"), "--timeout"),
                                 (("watch", "--timeout", "soon"), "--timeout"),
                                 (("watch", "--timeout", "1e99"), "--timeout"),
                                 (("send", "--parent", "t:0", "--hierarchy-level", "1"), "--parent")):

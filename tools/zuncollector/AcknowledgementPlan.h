@@ -12,14 +12,14 @@ namespace zun {
 /// How a dashboard acknowledges, and what goes wrong with it on purpose.
 struct AcknowledgementOptions {
   bool silent = false;        // none at all
-  uint64_t dropFirst = 0;     // the first so many are lost
-  uint64_t dropEvery = 0;     // every so manyth is lost; 0: none
+  uint32_t dropFirst = 0;     // the first so many are lost
+  uint32_t dropEvery = 0;     // every so manyth is lost; 0: none
   double loss = 0;            // share that is lost, 0 to 1
-  uint64_t seed = 1;          // of what `loss` draws
-  uint64_t corruptFirst = 0;  // the first so many that are not lost are spoilt
+  uint32_t seed = 1;          // of what `loss` draws
+  uint32_t corruptFirst = 0;  // the first so many that are not lost are spoilt
   bool duplicate = false;     // each is sent twice
   std::chrono::milliseconds delay{0};
-  size_t bytes = 0;  // how much of the datagram is returned; 0: all of it
+  uint32_t bytes = 0;  // how much of the datagram is returned; 0: all of it
 };
 
 /// What becomes of one acknowledgement; none is asked for by senders in plain mode.

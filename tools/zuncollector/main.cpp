@@ -16,6 +16,7 @@ namespace {
 
 constexpr int kExitUsage = 2;
 constexpr int kExitCannotServe = 1;
+constexpr double kLargestUploadLimit = 1e15;
 
 void addDashboardOptions(CLI::App& app, zun::CollectorOptions& options) {
   zun::AcknowledgementOptions& acknowledgements = options.acknowledgements;
@@ -66,11 +67,14 @@ void addUploadOptions(CLI::App& app, zun::CollectorOptions& options) {
   app.add_option("--uploads", options.uploads, "Folder to keep uploaded files and log data in")
       ->check(CLI::ExistingDirectory)
       ->group(kGroup);
-  app.add_option("--upload-answer", options.uploadAnswer, "What uploads are answered")
-      ->transform(CLI::CheckedTransformer(answers))
+  app.add_option("--upload-answer", options.uploadAnswer, "What uploads are answered (default: success)")
+      ->type_name("ANSWER")
+      ->transform(CLI::Transformer(answers).description(""))
+      ->transform(CLI::IsMember(answers))  // looked at first: names alone will do
       ->group(kGroup);
   app.add_option("--upload-limit", options.uploadLimit, "Bytes of an uploaded file, at most")
       ->capture_default_str()
+      ->check(CLI::Range(1.0, kLargestUploadLimit).description(""))
       ->group(kGroup);
 }
 
@@ -91,6 +95,7 @@ int main(int argc, char** argv) {
       "data over HTTPS, and datagrams of dashboard backends. To develop and test against.\n"
       "Ends on SIGINT or SIGTERM with a summary on standard output.",
       "zuncollector");
+  app.set_version_flag("--version", "zuncollector " ZUN_VERSION);
   app.add_option("--host", options.host, "Address to listen on")->capture_default_str();
   app.add_option("--port", options.port, "Port to listen on; 0 takes any free one")->capture_default_str();
   app.add_option("--cert", options.certificate, "Server certificate, PEM")

@@ -1,8 +1,12 @@
 #include "WatchCommand.h"
 
+#include <fmt/format.h>
+
 #include <CLI/CLI.hpp>
+#include <charconv>
 #include <chrono>
 #include <cmath>
+#include <limits>
 #include <memory>
 
 #include "EndingSignals.h"
@@ -20,13 +24,24 @@ using zunreporting::AggregatedMessage;
 using zunreporting::ReportingSession;
 using Clock = std::chrono::steady_clock;
 
-constexpr double kLongestTimeout = 1e6;  // seconds
+constexpr double kShortestTimeout = 0.001;  // seconds
+constexpr double kLongestTimeout = 1e6;
 
 struct WatchOptions {
   SessionOptions session;
-  uint64_t count = 0;  // 0: no end
+  uint32_t count = 0;  // 0: no end
   double timeout = 0;  // seconds; 0: none
 };
+
+/// Not a range: what is no number at all would be within it.
+std::string checkTimeout(const std::string& text) {
+  double seconds = 0;
+  const char* const end = text.data() + text.size();
+  const auto [rest, error] = std::from_chars(text.data(), end, seconds);
+  if (error == std::errc() && rest == end && seconds >= kShortestTimeout && seconds <= kLongestTimeout)
+    return {};
+  return fmt::format("takes {} to {:.0f} seconds, not {}", kShortestTimeout, kLongestTimeout, text);
+}
 
 std::string lineOf(const AggregatedMessage& message) {
   if (message.isEndOfAggregation()) return R"({"endOfAggregation":true})";
@@ -100,7 +115,7 @@ class Watching final {
 
   const WatchOptions& options_;
   const Context& context_;
-  uint64_t printed_ = 0;
+  uint32_t printed_ = 0;
   bool hasEnded_ = false;
   bool hasAggregationEnded_ = false;
 };
@@ -120,10 +135,9 @@ Subcommand addWatchCommand(CLI::App& app) {
       "Ends then, on SIGINT or SIGTERM, after --count messages or after --timeout seconds.\n"
       "Exit codes: 0 ended, 1 fewer than --count messages came, 2 wrong usage, 3 no session, or\n"
       "the daemon went away.");
-  watch->add_option("--count", options->count, "Messages after which to end")->check(CLI::PositiveNumber);
-  watch->add_option("--timeout", options->timeout, "Seconds after which to end")
-      ->check(CLI::PositiveNumber)
-      ->check(CLI::Range(0.0, kLongestTimeout));
+  watch->add_option("--count", options->count, "Messages after which to end")
+      ->check(CLI::Range(uint32_t{1}, std::numeric_limits<uint32_t>::max()).description(""));
+  watch->add_option("--timeout", options->timeout, "Seconds after which to end")->check(checkTimeout);
   addSessionOptions(*watch, options->session);
   return {watch, [options](const Context& context) { return Watching(*options, context).run(); }};
 }

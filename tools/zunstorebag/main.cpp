@@ -61,6 +61,7 @@ int run(int argc, char** argv) {
       "Exit codes: 0 all is well; 1 the signature does not verify or the content is no storebag;\n"
       "2 wrong usage, or a file that cannot be read or written.",
       "zunstorebag");
+  app.set_version_flag("--version", "zunstorebag " ZUN_VERSION);
   app.require_subcommand(1);
   zun::KeygenOptions keygen;
   zun::SignOptions sign;

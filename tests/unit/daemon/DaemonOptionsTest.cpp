@@ -69,6 +69,7 @@ TEST(DaemonOptionsTest, WrongUsageEndsWithTwo) {
   EXPECT_EQ(std::get<int>(parse({"--listen", "unix:path="})), 2);
   EXPECT_EQ(std::get<int>(parse({"--root", "/does/not/exist"})), 2);
   EXPECT_EQ(std::get<int>(parse({"--log-level", "loud"})), 2);
+  EXPECT_EQ(std::get<int>(parse({"--log-level", "0"})), 2);  // names alone will do
   EXPECT_EQ(std::get<int>(parse({"--idle-exit", "-1"})), 2);
   EXPECT_EQ(std::get<int>(parse({"--stop-grace", "soon"})), 2);
   EXPECT_EQ(std::get<int>(parse({"--max-connections", "0"})), 2);
