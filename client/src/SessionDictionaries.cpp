@@ -9,11 +9,9 @@ PropertyDictionary dictionaryOf(const SessionInfo& info) {
       {std::string(kZunReportingSessionInfoSessionID), info.sessionID},
       {std::string(kZunReportingSessionInfoClientType), info.clientType},
       {std::string(kZunReportingSessionInfoClientVersion), int32_t{info.clientVersion}},
+      {std::string(kZunReportingSessionInfoRequireUserInfo), info.requireUserInfo},
       {std::string(kZunReportingSessionInfoBatchEvent), info.batchEvents},
   };
-  if (info.requireUserInfo) {
-    dictionary.emplace_back(kZunReportingSessionInfoRequireUserInfo, *info.requireUserInfo);
-  }
   if (!info.hierarchyToken.empty()) {
     dictionary.emplace_back(
         kZunReportingSessionInfoHierarchyToken,

@@ -35,8 +35,8 @@ def binary(name):
     return str(found[0])
 
 
-def run(*command, check=True, **options):
-    result = subprocess.run(command, capture_output=True, text=True, timeout=DEADLINE, check=False, **options)
+def run(*command, check=True, timeout=DEADLINE, **options):
+    result = subprocess.run(command, capture_output=True, text=True, timeout=timeout, check=False, **options)
     if check and result.returncode != 0:
         raise AssertionError(f"{command[0]} exited {result.returncode}:\n{result.stdout}{result.stderr}")
     return result

@@ -1,8 +1,11 @@
 """One event's way through everything: client, daemon, signed storebag, post."""
 
+import os
 import unittest
 
 from harness import ScratchTest, client_entry, run, binary
+
+SOURCES = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../..")
 
 
 class EndToEndTest(ScratchTest):
@@ -123,6 +126,17 @@ class EndToEndTest(ScratchTest):
         for line in (1, 2):
             self.assertIn(f"line {line}: sendMessageWithDictionary: cannot encode the arguments", result.stderr)
         self.assertIn("sent 1 events, 2 failed", result.stdout)
+
+    def test_application_outside_of_the_tree_builds_the_client_library_and_reports(self):
+        folder = self.scratch.path("application")
+        run("cmake", "-S", os.path.join(SOURCES, "client/examples"), "-B", folder, "-DCMAKE_BUILD_TYPE=Debug")
+        run("cmake", "--build", folder, timeout=300)
+        self.scratch.publish()
+        self.scratch.start()
+        self.assertEqual(run(os.path.join(folder, "report"), "7", self.scratch.address).stderr, "")
+        (record,) = self.posts_of_one_event_session()["2 7"].events
+        self.assertEqual((record["page"], record["seconds"], record["touches"]), ("settings", 1.5, 3))
+        self.assertEqual((record["userInfoClientName"], record["userInfoServiceName"]), ("report", "examples"))
 
     def test_client_that_is_not_entitled_is_refused_before_its_first_call(self):
         self.scratch.entitle({"executable": "/usr/bin/true",

@@ -20,8 +20,8 @@ struct AggregatedMessage {
   /// when the message had none.
   std::optional<PropertyDictionary> payload;
 
-  /// The last message: a session above this one aggregates now, or the daemon has ended
-  /// this session.
+  /// The last message: a session above this one aggregates in its place, until the
+  /// session's information is set again.
   [[nodiscard]] bool isEndOfAggregation() const { return !sessionInfo.has_value(); }
 };
 

@@ -19,7 +19,7 @@ struct SessionInfo {
   uint32_t sessionID = 0;
   int32_t clientType = 0;
   uint16_t clientVersion = 0;
-  std::optional<bool> requireUserInfo = {};  // none: the daemon takes it as required
+  bool requireUserInfo = true;  // events wait for it; false only where there is none
   bool batchEvents = false;
   std::string hierarchyToken = {};  // empty: a standalone session
   int32_t hierarchyLevel = 0;       // 0 for the top
