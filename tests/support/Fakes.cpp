@@ -50,9 +50,16 @@ std::shared_ptr<TimerSource> FakeTimers::startTimer(const TimerOptions& options,
   timer->due = clock_.monotonic() + options.firstFiring;
   timer->interval = options.interval;
   const std::lock_guard lock(mutex_);
-  timers_.push_back(timer);
+  if (!hasEnded_) timers_.push_back(timer);
   started_.push_back(options);
   return timer;
+}
+
+void FakeTimers::end() {
+  std::vector<std::shared_ptr<Timer>> timers;  // let go of after the lock
+  const std::lock_guard lock(mutex_);
+  hasEnded_ = true;
+  timers.swap(timers_);
 }
 
 void FakeTimers::fireDue() {

@@ -183,6 +183,9 @@ class FakeTimers final : public TimerService {
   /// Options of every timer ever started.
   std::vector<TimerOptions> started() const;
 
+  /// Lets go of all timers. None that is started later is kept, or ever fires.
+  void end();
+
   /// While set, no timer can be had.
   std::atomic<bool> isRefusing{false};
 
@@ -192,6 +195,7 @@ class FakeTimers final : public TimerService {
   mutable std::mutex mutex_;
   std::vector<std::shared_ptr<Timer>> timers_;
   std::vector<TimerOptions> started_;
+  bool hasEnded_ = false;
 };
 
 }  // namespace zun

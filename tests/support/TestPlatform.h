@@ -23,10 +23,10 @@ class TestPlatform {
  public:
   /// `executorToUse`: a test's own, such as a ManualExecutor; null for real threads.
   explicit TestPlatform(Executor* executorToUse = nullptr, std::string caFile = {})
-      : workers(2),
-        files(scratch.path(), "/home/tester"),
+      : files(scratch.path(), "/home/tester"),
         defaults(files, log),
         timers(clock),
+        workers(2),
         urlSessions({.caFile = std::move(caFile)}, log),
         sockets(loopThread.loop()),
         services{log,     clock,       random,
@@ -34,6 +34,12 @@ class TestPlatform {
                  locale,  bundle,      executorToUse == nullptr ? workers : *executorToUse,
                  timers,  urlSessions, transactions,
                  sockets, modules,     powerLog} {}
+
+  /// Timers own what still has jobs to run, and those may start timers: the timers let go
+  /// of it first and themselves go after the workers.
+  ~TestPlatform() { timers.end(); }
+  TestPlatform(const TestPlatform&) = delete;
+  TestPlatform& operator=(const TestPlatform&) = delete;
 
   ScratchFolder scratch;
   RecordingLog log;
@@ -45,10 +51,10 @@ class TestPlatform {
   FakeTransactions transactions;
   SharedObjectLoader modules;
   LinePowerLog powerLog{log};
-  WorkerPool workers;
   LinuxFileManager files;
   FileUserDefaults defaults;
   FakeTimers timers;
+  WorkerPool workers;  // runs what is left of the jobs before anything above goes
   CurlURLSessionService urlSessions;
   LoopThread loopThread;  // for the sockets
   UDPSockets sockets;
