@@ -1,31 +1,13 @@
-#include <thread>
-
+#include "HelperTest.h"
 #include "backends/DashboardBackend.h"
-#include "connectivity/ReportingSessionConnectivityHelper.h"
-#include "support/HTTPSTestServer.h"
-#include "support/TestPlatform.h"
 #include "support/UDPTestServer.h"
 
 namespace zun {
 namespace {
 
 /// A dashboard backend whose log data goes to a real server through a real helper.
-class DashboardUploadTest : public PlatformTest {
+class DashboardUploadTest : public HelperTest {
  protected:
-  using Helper = ReportingSessionConnectivityHelper;
-
-  DashboardUploadTest() : PlatformTest(nullptr, HTTPSTestServer::caFile()) {
-    helper_ = Helper::create(platform_.services, {}, kPOSTMode);
-    helper_->activate(Helper::kDefaultReleaseTimeout);
-  }
-  void TearDown() override {
-    const std::weak_ptr<Helper> weak = helper_;
-    helper_->invalidate();
-    helper_.reset();
-    while (!weak.expired() || !platform_.workers.activity().isIdle) std::this_thread::yield();
-    PlatformTest::TearDown();
-  }
-
   std::shared_ptr<ZunReportingBackend> make(const Value& postURL) {
     Dictionary profile{{"ip", "127.0.0.1"}, {"port", dashboard_.port()}};
     if (!postURL.isNone()) profile.set("post_url", postURL);
@@ -35,9 +17,7 @@ class DashboardUploadTest : public PlatformTest {
     return backend;
   }
 
-  HTTPSTestServer server_;
   UDPTestServer dashboard_;
-  std::shared_ptr<Helper> helper_;
   DeviceIdentity identity_{platform_.services};
   MessageLog messageLog_{platform_.services};
   ReportingServices services_{platform_.services, identity_, messageLog_};

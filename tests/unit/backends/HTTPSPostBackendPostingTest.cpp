@@ -1,5 +1,3 @@
-#include <zlib.h>
-
 #include <future>
 #include <limits>
 #include <set>
@@ -9,26 +7,13 @@
 #include "connectivity/ReportingSessionConnectivityHelper.h"
 #include "platform/Crypto.h"
 #include "platform/UUID.h"
+#include "support/Gzip.h"
 #include "support/HTTPSTestServer.h"
 
 namespace zun {
 namespace {
 
 using Ending = TestAnswer::Ending;
-
-std::string inflated(const std::string& bytes) {
-  z_stream stream{};
-  inflateInit2(&stream, MAX_WBITS + 16);
-  std::string text(1 << 20, '\0');
-  stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(bytes.data()));
-  stream.avail_in = static_cast<uInt>(bytes.size());
-  stream.next_out = reinterpret_cast<Bytef*>(text.data());
-  stream.avail_out = static_cast<uInt>(text.size());
-  EXPECT_EQ(inflate(&stream, Z_FINISH), Z_STREAM_END);
-  text.resize(stream.total_out);
-  inflateEnd(&stream);
-  return text;
-}
 
 /// Keeps what would go to the network, for what no server can see.
 class KeepingHelper final : public ReportingSessionConnectivityInterface {
@@ -218,7 +203,7 @@ TEST_F(HTTPSPostBackendPostingTest, RecordWithANestedDictionaryIsPostedWithoutIt
        "{a = 1}"});
   EXPECT_EQ(field(eventsOf(text), 0, "note"), Value("x"));
   EXPECT_TRUE(field(eventsOf(text), 0, "nested").isNone());
-  EXPECT_EQ(field(eventsOf(inflated(onlyRequest().body)), 0, "note"), Value("x"));
+  EXPECT_EQ(field(eventsOf(inflatedGzip(onlyRequest().body)), 0, "note"), Value("x"));
 }
 
 // A client's nested values cost the log a bounded number of lines, however many there are.
@@ -358,9 +343,9 @@ TEST_F(HTTPSPostBackendPostingTest, ForcedFlushIsPostedBeforeItsRealtimeEvent) {
   send(*backend, 2, 1);
   ASSERT_EQ(keeping->requests.size(), 2U);
   EXPECT_EQ(keeping->requests[0].url, server_.url("/post"));
-  EXPECT_EQ(field(eventsOf(inflated(*keeping->requests[0].body)), 0, "_method"), Value(1));
+  EXPECT_EQ(field(eventsOf(inflatedGzip(*keeping->requests[0].body)), 0, "_method"), Value(1));
   EXPECT_EQ(keeping->requests[1].url, server_.url("/now"));
-  EXPECT_EQ(field(eventsOf(inflated(*keeping->requests[1].body)), 0, "_method"), Value(2));
+  EXPECT_EQ(field(eventsOf(inflatedGzip(*keeping->requests[1].body)), 0, "_method"), Value(2));
 }
 
 TEST_F(HTTPSPostBackendPostingTest, NamesThatAreNoTextCountAsAbsent) {
@@ -395,7 +380,7 @@ TEST_F(HTTPSPostBackendPostingTest, BodyThatShrinksIsSentCompressed) {
   ASSERT_EQ(json.size(), 1000U);
   endOf(post(*backend, json));
   const TestRequest request = onlyRequest();
-  EXPECT_EQ(inflated(request.body), json);
+  EXPECT_EQ(inflatedGzip(request.body), json);
   EXPECT_LT(request.body.size(), json.size());
   EXPECT_EQ(headers(request, "Content-Encoding"), std::vector<std::string>{"gzip"});
   EXPECT_EQ(headers(request, "Content-Length"),
@@ -528,7 +513,7 @@ TEST_F(HTTPSPostBackendPostingTest, FlushCompletesWithTheReadableTextAndNoError)
   EXPECT_EQ(eventsOf(end.result).size(), 2U);
   const TestRequest request = onlyRequest();
   EXPECT_EQ(request.path, "/post");
-  EXPECT_EQ(*parseJSON(inflated(request.body)), *parseJSON(*end.result));
+  EXPECT_EQ(*parseJSON(inflatedGzip(request.body)), *parseJSON(*end.result));
 }
 
 TEST_F(HTTPSPostBackendPostingTest, ServerErrorDisablesTheBackend) {
@@ -704,7 +689,7 @@ TEST_F(HTTPSPostBackendPostingTest, EveryEventOfManyBatchesArrivesOnce) {
   ASSERT_TRUE(server_.waitForRequests(posts));
   std::multiset<int64_t> numbers;
   for (const TestRequest& request : server_.requests()) {
-    for (const Value& event : eventsOf(inflated(request.body))) {
+    for (const Value& event : eventsOf(inflatedGzip(request.body))) {
       numbers.insert((*event.dictionary())["_eventNumber"].intValue());
     }
   }

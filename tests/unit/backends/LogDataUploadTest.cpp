@@ -1,39 +1,20 @@
 #include "backends/LogDataUpload.h"
 
-#include "connectivity/ReportingSessionConnectivityHelper.h"
+#include "HelperTest.h"
 #include "platform/KeyedArchiver.h"
-#include "support/HTTPSTestServer.h"
-#include "support/TestPlatform.h"
 
 namespace zun {
 namespace {
 
 /// Uploads through a real helper to a real server, on the test's thread.
-class LogDataUploadTest : public PlatformTest {
+class LogDataUploadTest : public HelperTest {
  protected:
-  using Helper = ReportingSessionConnectivityHelper;
-
-  LogDataUploadTest() : PlatformTest(nullptr, HTTPSTestServer::caFile()) {
-    helper_ = Helper::create(platform_.services, {}, kPOSTMode);
-    helper_->activate(Helper::kDefaultReleaseTimeout);
-  }
-  void TearDown() override {
-    const std::weak_ptr<Helper> weak = helper_;
-    if (helper_) helper_->invalidate();
-    helper_.reset();
-    while (!weak.expired() || !platform_.workers.activity().isIdle) std::this_thread::yield();
-    PlatformTest::TearDown();
-  }
-
   std::optional<std::string> upload(const Array& logData = {"line"}) {
     return uploadLogDataArray(server_.url("/logs"), logData, helper_, platform_.log);
   }
   void expectFailure(const std::string& why) {
     expectErrors({"DashboardBackend(uploadLogData): Error uploading log data array (" + why + ")"});
   }
-
-  HTTPSTestServer server_;
-  std::shared_ptr<Helper> helper_;
 };
 
 TEST_F(LogDataUploadTest, PostsTheArrayAsAKeyedArchiveAndGivesTheLocation) {

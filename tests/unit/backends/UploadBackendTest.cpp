@@ -9,9 +9,9 @@
 #include <thread>
 
 #include "BackendTest.h"
-#include "Inflate.h"
 #include "connectivity/ReportingSessionConnectivityHelper.h"
 #include "platform/linux/FileExtensions.h"
+#include "support/Gzip.h"
 #include "support/HTTPSTestServer.h"
 
 namespace zun {

@@ -8,8 +8,8 @@
 #include <functional>
 #include <random>
 
-#include "Inflate.h"
 #include "platform/linux/FileExtensions.h"
+#include "support/Gzip.h"
 #include "support/TestPlatform.h"
 
 namespace zun {

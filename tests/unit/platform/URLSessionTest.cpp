@@ -1,27 +1,13 @@
 #include "unit/platform/URLSessionTest.h"
 
-#include <zlib.h>
-
 #include <algorithm>
+
+#include "support/Gzip.h"
 
 namespace zun {
 namespace {
 
 using Names = std::vector<std::string>;
-
-std::string gzipped(const std::string& text) {
-  z_stream stream{};
-  deflateInit2(&stream, Z_DEFAULT_COMPRESSION, Z_DEFLATED, 15 + 16, 8, Z_DEFAULT_STRATEGY);
-  std::string out(deflateBound(&stream, text.size()) + 32, '\0');
-  stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(text.data()));
-  stream.avail_in = static_cast<uInt>(text.size());
-  stream.next_out = reinterpret_cast<Bytef*>(out.data());
-  stream.avail_out = static_cast<uInt>(out.size());
-  EXPECT_EQ(deflate(&stream, Z_FINISH), Z_STREAM_END);
-  out.resize(stream.total_out);
-  deflateEnd(&stream);
-  return out;
-}
 
 int count(const TestRequest& request, const std::string& name) {
   return static_cast<int>(

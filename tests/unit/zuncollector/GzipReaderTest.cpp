@@ -5,22 +5,10 @@
 #include <algorithm>
 #include <string>
 
+#include "support/Gzip.h"
+
 namespace zun {
 namespace {
-
-std::string gzip(const std::string& bytes) {
-  z_stream stream{};
-  EXPECT_EQ(deflateInit2(&stream, 6, Z_DEFLATED, MAX_WBITS + 16, 8, Z_DEFAULT_STRATEGY), Z_OK);
-  std::string out(deflateBound(&stream, bytes.size()), '\0');
-  stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(bytes.data()));
-  stream.avail_in = static_cast<uInt>(bytes.size());
-  stream.next_out = reinterpret_cast<Bytef*>(out.data());
-  stream.avail_out = static_cast<uInt>(out.size());
-  EXPECT_EQ(deflate(&stream, Z_FINISH), Z_STREAM_END);
-  out.resize(stream.total_out);
-  deflateEnd(&stream);
-  return out;
-}
 
 struct Outcome {
   bool isGood = true;
@@ -45,7 +33,7 @@ Outcome read(const std::string& compressed, size_t pieceBytes) {
 const std::string kText = std::string(300'000, 'a') + "the end";
 
 TEST(GzipReaderTest, AnyDivisionGivesTheSame) {
-  const std::string compressed = gzip(kText);
+  const std::string compressed = gzipped(kText);
   for (const size_t pieceBytes : {size_t{1}, size_t{7}, compressed.size()}) {
     const Outcome outcome = read(compressed, pieceBytes);
     EXPECT_TRUE(outcome.isGood && outcome.isAtTheEnd) << pieceBytes;
@@ -54,7 +42,7 @@ TEST(GzipReaderTest, AnyDivisionGivesTheSame) {
 }
 
 TEST(GzipReaderTest, AStreamThatIsCutNeverComesToItsEnd) {
-  const std::string compressed = gzip(kText);
+  const std::string compressed = gzipped(kText);
   for (size_t length = 0; length < compressed.size(); ++length) {
     EXPECT_FALSE(read(compressed.substr(0, length), 64).isAtTheEnd) << length;
   }
@@ -62,17 +50,17 @@ TEST(GzipReaderTest, AStreamThatIsCutNeverComesToItsEnd) {
 
 TEST(GzipReaderTest, WhatIsNoGzipIsRefused) {
   EXPECT_FALSE(read("plain text", 100).isGood);
-  std::string wrong = gzip(kText);
+  std::string wrong = gzipped(kText);
   wrong[wrong.size() - 6] ^= 1;  // in the checksum
   EXPECT_FALSE(read(wrong, 100).isAtTheEnd);
-  EXPECT_FALSE(read(gzip(kText) + "more", 1 << 20).isGood);
-  EXPECT_FALSE(read(gzip(kText) + "more", 1).isGood);
+  EXPECT_FALSE(read(gzipped(kText) + "more", 1 << 20).isGood);
+  EXPECT_FALSE(read(gzipped(kText) + "more", 1).isGood);
 }
 
 TEST(GzipReaderTest, ASinkThatStopsEndsIt) {
   GzipReader reader;
   size_t taken = 0;
-  EXPECT_FALSE(reader.feed(gzip(kText), [&taken](std::string_view piece) {
+  EXPECT_FALSE(reader.feed(gzipped(kText), [&taken](std::string_view piece) {
     taken += piece.size();
     return false;
   }));
