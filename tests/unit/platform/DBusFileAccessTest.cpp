@@ -306,8 +306,8 @@ TEST_F(DBusFileAccessTest, WhatIsInNoFileSystemEndsTheConnection) {
   const auto client = connect(/*withDescriptors=*/true);
   client->sendWithDescriptors(issueCall(), {open().get(), anonymous.get()});
   EXPECT_TRUE(client->isEnded());
-  expectErrors({"listener: " + peerName() +
-                ": it passed a descriptor that is no file's, closing its connection"});
+  expectErrors(
+      {"listener: " + peerName() + ": it passed a descriptor that is no file's, closing its connection"});
 }
 
 // However many files clients hand over, connections and transfers still find descriptors.

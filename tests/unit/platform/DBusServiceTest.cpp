@@ -617,7 +617,8 @@ TEST_F(DBusRawServiceTest, DescriptorsAreOnlyTakenWhenNegotiatedAndNotTooMany) {
   expectErrors(
       {"listener: " + peerName() + ": it passed descriptors without asking, closing its connection"});
   const auto greedy = connect(/*withDescriptors=*/true);
-  greedy->sendWithDescriptors(wireCall({.member = "Drop", .descriptors = 100}), std::vector<int>(100, file.get()));
+  greedy->sendWithDescriptors(wireCall({.member = "Drop", .descriptors = 100}),
+                              std::vector<int>(100, file.get()));
   EXPECT_TRUE(greedy->isEnded());
   expectErrors({"listener: " + peerName() + ": it passed too many descriptors, closing its connection"});
 }
