@@ -129,7 +129,8 @@ class EndToEndTest(ScratchTest):
 
     def test_application_outside_of_the_tree_builds_the_client_library_and_reports(self):
         folder = self.scratch.path("application")
-        run("cmake", "-S", os.path.join(SOURCES, "client/examples"), "-B", folder, "-DCMAKE_BUILD_TYPE=Debug")
+        run("cmake", "-G", "Ninja", "-S", os.path.join(SOURCES, "client/examples"), "-B", folder,
+            "-DCMAKE_BUILD_TYPE=Debug")
         run("cmake", "--build", folder, timeout=300)
         self.scratch.publish()
         self.scratch.start()

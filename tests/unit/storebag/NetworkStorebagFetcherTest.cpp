@@ -774,6 +774,7 @@ TEST_F(DroppedRequestTest, DroppedRefreshLetsTheNextLookupTryAgain) {
     return attempts() >= 2;
   });
   fetcher_.reset();
+  waitFor([this] { return platform_.workers.activity().isIdle; });  // a third may be under way
   platform_.log.takeErrors();
 }
 
