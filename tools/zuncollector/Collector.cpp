@@ -146,7 +146,7 @@ void Collector::serveStorebag(const httplib::Request& request, httplib::Response
       break;
     case StorebagAnswer::Kind::kFile:
       ++storebagsServed_;
-      response.set_content(std::move(answer.bytes), "application/octet-stream");
+      response.set_content(answer.bytes, "application/octet-stream");
       break;
   }
   if (answer.kind != StorebagAnswer::Kind::kNotFound) {
