@@ -59,7 +59,7 @@ Outcome<Nothing> Connection::call(Member member, const MessageStep& write, const
     return failed<Nothing>(Failure::kArgument, name + "cannot encode the arguments: " + errorText(result));
   }
 
-  sd_bus_error error = SD_BUS_ERROR_NULL;
+  sd_bus_error error{};
   raw = nullptr;
   result = sd_bus_call(bus_.get(), request.get(), timeout, &error, &raw);
   const Message answer(raw);

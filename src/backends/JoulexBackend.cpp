@@ -15,9 +15,8 @@ std::shared_ptr<JoulexBackend> JoulexBackend::initWithName(const ReportingServic
                                                            std::string_view name, const Value& profile,
                                                            const std::optional<std::string>& productFamily) {
   const Dictionary* const section = profile.dictionary();
-  if (section == nullptr || !productFamily) return nullptr;
-  return std::shared_ptr<JoulexBackend>(
-      new JoulexBackend(services, std::string(name), *section, *productFamily));
+  return std::shared_ptr<JoulexBackend>(new JoulexBackend(
+      services, std::string(name), section == nullptr ? Dictionary() : *section, productFamily.value_or("")));
 }
 
 std::optional<std::string> JoulexBackend::sendMessage(const std::optional<Dictionary>& message,

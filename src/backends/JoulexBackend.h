@@ -16,7 +16,7 @@ namespace zun {
 /// Threading and ownership: as ZunReportingBackend says.
 class JoulexBackend final : public ZunReportingBackend {
  public:
-  /// None without a profile or a product family.
+  /// Needs nothing of its profile, nor a product family.
   static std::shared_ptr<JoulexBackend> initWithName(const ReportingServices& services, std::string_view name,
                                                      const Value& profile,
                                                      const std::optional<std::string>& productFamily);

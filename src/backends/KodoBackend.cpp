@@ -32,9 +32,8 @@ std::shared_ptr<KodoBackend> KodoBackend::initWithName(const ReportingServices& 
                                                        const std::optional<std::string>& productFamily,
                                                        int32_t clientType) {
   const Dictionary* const section = profile.dictionary();
-  if (section == nullptr || !productFamily) return nullptr;
-  const auto backend =
-      std::shared_ptr<KodoBackend>(new KodoBackend(services, std::string(name), *section, *productFamily));
+  const auto backend = std::shared_ptr<KodoBackend>(new KodoBackend(
+      services, std::string(name), section == nullptr ? Dictionary() : *section, productFamily.value_or("")));
   SystemLog& log = services.platform.log;
   log.note("KodoBackend(initWithName): Loading Kodo adaptor class for client type {}", clientType);
   if (!isClientTypeAllowed(clientType)) {

@@ -29,8 +29,8 @@ class KodoBackend final : public ZunReportingBackend {
   static std::shared_ptr<KodoBackend> initWithName(const ReportingServices& services, std::string_view name,
                                                    const Value& profile,
                                                    const std::optional<std::string>& productFamily);
-  /// None without a profile or a product family, or, after an error line, for a client
-  /// type that is not allowed. Loads the adaptor's module on its first use.
+  /// None, after an error line, for a client type that is not allowed. Needs nothing of
+  /// its profile, nor a product family. Loads the adaptor's module on its first use.
   static std::shared_ptr<KodoBackend> initWithName(const ReportingServices& services, std::string_view name,
                                                    const Value& profile,
                                                    const std::optional<std::string>& productFamily,

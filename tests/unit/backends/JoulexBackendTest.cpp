@@ -79,11 +79,14 @@ TEST_F(JoulexBackendTest, PayloadIsTheClientsDataOrTheMessageItself) {
                               R"({"SharedData":{"b":2},"method":1,"respCode":1,"event":2})"}));
 }
 
-TEST_F(JoulexBackendTest, ProfileThatIsNoDictionaryOrNoProductFamilyIsRefusedInSilence) {
-  EXPECT_EQ(make(Value("x")), nullptr);
-  EXPECT_EQ(make(Value()), nullptr);
-  EXPECT_EQ(JoulexBackend::initWithName(services_, "joulex", Dictionary{}, std::nullopt), nullptr);
-  EXPECT_TRUE(platform_.log.lines().empty());
+TEST_F(JoulexBackendTest, NothingOfTheProfileIsNeededNorAProductFamily) {
+  const auto fromText = make(Value("x"));
+  const auto withoutFamily = JoulexBackend::initWithName(services_, "joulex", Dictionary{}, std::nullopt);
+  ASSERT_NE(fromText, nullptr);
+  ASSERT_NE(withoutFamily, nullptr);
+  send(*fromText, 1, 2, message({{"a", 1}}));
+  send(*withoutFamily, 1, 2, message({{"a", 2}}));
+  EXPECT_EQ(events().size(), 2u);
 }
 
 TEST_F(JoulexBackendTest, EveryClientTypeAndHostGetsABackend) {

@@ -275,7 +275,7 @@ TEST_F(DBusForeignPeersTest, SdBusCallsAsPeerAndAsBusClient) {
   for (const bool isBusClient : {false, true}) {
     const Bus bus = openBus(address(), isBusClient);
     sd_bus_message* answer = nullptr;
-    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_error error{};
     const int result =
         ::sd_bus_call_method(bus.get(), "com.vantix.test", "/com/vantix/test", "com.vantix.test.Echo",
                              "Describe", &error, &answer, "a{sv}", 2, "number", "i", 42, "flag", "b", 1);
@@ -300,7 +300,7 @@ TEST_F(DBusForeignPeersTest, SdBusHandsAFileOver) {
   std::ofstream(file) << "from sd-bus";
   const FileDescriptor descriptor(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
   sd_bus_message* answer = nullptr;
-  sd_bus_error error = SD_BUS_ERROR_NULL;
+  sd_bus_error error{};
   const int result = ::sd_bus_call_method(bus.get(), "com.vantix.test", "/com/vantix/test",
                                           "com.vantix.zunreportingd.FileAccess", "issueExtension", &error,
                                           &answer, "h", descriptor.get());
