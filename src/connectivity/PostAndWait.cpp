@@ -12,14 +12,10 @@ namespace {
 /// Where the thread that posts waits for the one that answers.
 class Rendezvous final {
  public:
-  void answer(PostOutcome outcome) {
+  /// None: dropped.
+  void end(std::optional<PostOutcome> outcome) {
     const MutexLock lock(mutex_);
     outcome_ = std::move(outcome);
-    isOver_ = true;
-    over_.notify_all();
-  }
-  void drop() {
-    const MutexLock lock(mutex_);
     isOver_ = true;
     over_.notify_all();
   }
@@ -46,11 +42,11 @@ class Answer final {
   Answer(const Answer&) = delete;
   Answer& operator=(const Answer&) = delete;
   ~Answer() {
-    if (rendezvous_) rendezvous_->drop();
+    if (rendezvous_) rendezvous_->end(std::nullopt);
   }
 
   void give(PostOutcome outcome) {
-    if (const auto rendezvous = std::exchange(rendezvous_, nullptr)) rendezvous->answer(std::move(outcome));
+    if (const auto rendezvous = std::exchange(rendezvous_, nullptr)) rendezvous->end(std::move(outcome));
   }
 
  private:

@@ -17,18 +17,14 @@
 #include <iterator>
 #include <limits>
 #include <optional>
-#include <system_error>
 #include <utility>
 
 #include "platform/Check.h"
+#include "platform/linux/PosixError.h"
 
 namespace zun {
 
 namespace {
-
-Error systemError(int number) {
-  return {kPOSIXErrorDomain, number, std::generic_category().message(number)};
-}
 
 /// 128 random bits as hexadecimal digits.
 std::string makeToken() {
@@ -94,16 +90,16 @@ FileDescriptor openFolder(const std::string& path) {
 
 Result<Place, Error> findPlace(const std::string& path) {
   using Found = Result<Place, Error>;
-  if (path.size() >= PATH_MAX) return Found::failure(systemError(ENAMETOOLONG));
+  if (path.size() >= PATH_MAX) return Found::failure(posixError(ENAMETOOLONG));
   if (!path.starts_with('/') || path.find('\0') != std::string::npos) {
-    return Found::failure(systemError(EINVAL));
+    return Found::failure(posixError(EINVAL));
   }
   const size_t slash = path.rfind('/');
   Place place;
   place.name = path.substr(slash + 1);
-  if (namesNothing(place.name)) return Found::failure(systemError(EINVAL));
+  if (namesNothing(place.name)) return Found::failure(posixError(EINVAL));
   place.folder = openFolder(slash == 0 ? "/" : path.substr(0, slash));
-  if (!place.folder.isOpen()) return Found::failure(systemError(errno));
+  if (!place.folder.isOpen()) return Found::failure(posixError(errno));
   return place;
 }
 
@@ -111,7 +107,7 @@ Result<Place, Error> findPlace(const std::string& path) {
 std::optional<Error> mismatch(const Place& place, const struct stat& file) {
   struct stat there {};
   if (::fstatat(place.folder.get(), place.name.c_str(), &there, AT_SYMLINK_NOFOLLOW) != 0) {
-    return systemError(errno);
+    return posixError(errno);
   }
   if (S_ISLNK(there.st_mode)) return Error{kPOSIXErrorDomain, ELOOP, "The path is a symbolic link"};
   if (there.st_dev == file.st_dev && there.st_ino == file.st_ino) return std::nullopt;
@@ -140,22 +136,22 @@ class FileExtension final : public SandboxExtension {
   Result<size_t, Error> read(uint64_t offset, std::span<char> buffer) const override {
     using Read = Result<size_t, Error>;
     if (!isRegularFile_ || offset > uint64_t{std::numeric_limits<off_t>::max()}) {
-      return Read::failure(systemError(EINVAL));
+      return Read::failure(posixError(EINVAL));
     }
     ssize_t count = 0;
     do {
       count = ::pread(descriptor_->get(), buffer.data(), buffer.size(), static_cast<off_t>(offset));
     } while (count < 0 && errno == EINTR);
-    if (count < 0) return Read::failure(systemError(errno));
+    if (count < 0) return Read::failure(posixError(errno));
     return static_cast<size_t>(count);
   }
 
   std::optional<Error> removeFile() override {
-    if (!isRegularFile_) return systemError(EINVAL);
+    if (!isRegularFile_) return posixError(EINVAL);
     const auto identity = AssumedFileSystemIdentity::assume(client_);
     if (!identity) return identity.error();
     if (const auto error = mismatch(place_, file_)) return error;
-    if (::unlinkat(place_.folder.get(), place_.name.c_str(), 0) != 0) return systemError(errno);
+    if (::unlinkat(place_.folder.get(), place_.name.c_str(), 0) != 0) return posixError(errno);
     return std::nullopt;
   }
 
@@ -197,7 +193,7 @@ Result<std::unique_ptr<SandboxExtension>, Error> FileExtensions::consume(std::st
     descriptor = found->second;
   }
   struct stat file {};
-  if (::fstat(descriptor->get(), &file) != 0) return Consumed::failure(systemError(errno));
+  if (::fstat(descriptor->get(), &file) != 0) return Consumed::failure(posixError(errno));
   auto place = [&] {
     // Where that cannot be, with this process's rights, for reading alone: nothing is
     // removed then.

@@ -9,9 +9,9 @@
 #include <array>
 #include <cerrno>
 #include <optional>
-#include <system_error>
 
 #include "platform/Check.h"
+#include "platform/linux/PosixError.h"
 
 namespace zun {
 
@@ -29,10 +29,6 @@ constexpr long kSetGroups = SYS_setgroups32;
 #else
 constexpr long kSetGroups = SYS_setgroups;
 #endif
-
-Error systemError(int number) {
-  return {kPOSIXErrorDomain, number, std::generic_category().message(number)};
-}
 
 bool setThreadGroups(const std::vector<gid_t>& groups) {
   return ::syscall(kSetGroups, groups.size(), groups.data()) == 0;
@@ -109,17 +105,17 @@ Result<AssumedFileSystemIdentity, Error> AssumedFileSystemIdentity::assume(
     const FileSystemIdentity& identity) {
   using Assumed = Result<AssumedFileSystemIdentity, Error>;
   Capabilities capabilities;
-  if (!capabilities.load()) return Assumed::failure(systemError(errno));
+  if (!capabilities.load()) return Assumed::failure(posixError(errno));
   // From here on every way out puts things right again.
   AssumedFileSystemIdentity assumed(FileSystemIdentity::ofProcess(), capabilities.effective());
   if (!isCoveredBy(assumed.own_, identity)) {
-    if (!setThreadGroups(identity.supplementaryGroups)) return Assumed::failure(systemError(errno));
+    if (!setThreadGroups(identity.supplementaryGroups)) return Assumed::failure(posixError(errno));
     // The user last: with it may go the right to all of this.
     if (!setThreadGroup(identity.group) || !setThreadUser(identity.user)) {
-      return Assumed::failure(systemError(EPERM));
+      return Assumed::failure(posixError(EPERM));
     }
   }
-  if (identity.user != 0 && !dropFileCapabilities()) return Assumed::failure(systemError(EPERM));
+  if (identity.user != 0 && !dropFileCapabilities()) return Assumed::failure(posixError(EPERM));
   return assumed;
 }
 

@@ -14,6 +14,7 @@
 #include <new>
 
 #include "platform/linux/FileDescriptor.h"
+#include "platform/linux/PosixError.h"
 
 namespace zun {
 
@@ -21,10 +22,6 @@ namespace {
 
 constexpr mode_t kFileMode = 0600;
 constexpr mode_t kFolderMode = 0700;
-
-Error posixError(int code) {
-  return {kPOSIXErrorDomain, code, std::generic_category().message(code)};
-}
 
 std::string withoutTrailingSlashes(std::string_view path) {
   while (path.ends_with('/')) path.remove_suffix(1);

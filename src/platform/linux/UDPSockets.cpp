@@ -7,18 +7,14 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <system_error>
 #include <utility>
 
+#include "platform/linux/PosixError.h"
 #include "platform/linux/ProcessLimits.h"
 
 namespace zun {
 
 namespace {
-
-Error errnoError(int number) {
-  return {kPOSIXErrorDomain, number, std::generic_category().message(number)};
-}
 
 class UDPSocket final : public DatagramSocket {
  public:
@@ -28,14 +24,14 @@ class UDPSocket final : public DatagramSocket {
   std::optional<Error> bindToAnyAddress() override {
     const sockaddr_in any = socketAddress({});
     if (::bind(number(), reinterpret_cast<const sockaddr*>(&any), sizeof any) == 0) return std::nullopt;
-    return errnoError(errno);
+    return posixError(errno);
   }
 
   std::optional<Error> connect(const IPv4SocketAddress& peer) override {
     const sockaddr_in address = socketAddress(peer);
     if (::connect(number(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0)
       return std::nullopt;
-    return errnoError(errno);
+    return posixError(errno);
   }
 
   Result<size_t, Error> send(std::span<const std::byte> datagram) override {
@@ -44,7 +40,7 @@ class UDPSocket final : public DatagramSocket {
     if (sent < 0 && errno != EAGAIN) sent = sendOnce(datagram);
     if (sent >= 0) return static_cast<size_t>(sent);
     if (errno == ECONNREFUSED) return datagram.size();
-    return Result<size_t, Error>::failure(errnoError(errno));
+    return Result<size_t, Error>::failure(posixError(errno));
   }
 
   Result<size_t, Error> receive(std::span<std::byte> buffer) override {
@@ -53,7 +49,7 @@ class UDPSocket final : public DatagramSocket {
       received = ::recv(number(), buffer.data(), buffer.size(), 0);
     } while (received < 0 && errno == EINTR);
     if (received >= 0) return static_cast<size_t>(received);
-    return Result<size_t, Error>::failure(errnoError(errno));
+    return Result<size_t, Error>::failure(posixError(errno));
   }
 
   std::shared_ptr<ReadSource> startReadSource(std::shared_ptr<SerialQueue> queue,
@@ -96,8 +92,8 @@ std::array<uint8_t, 4> parseDottedQuad(const std::string& text) {
 Result<std::unique_ptr<DatagramSocket>, Error> UDPSockets::makeSocket() {
   using Made = Result<std::unique_ptr<DatagramSocket>, Error>;
   FileDescriptor descriptor(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, IPPROTO_UDP));
-  if (!descriptor.isOpen()) return Made::failure(errnoError(errno));
-  if (descriptor.get() >= firstReservedDescriptor()) return Made::failure(errnoError(EMFILE));
+  if (!descriptor.isOpen()) return Made::failure(posixError(errno));
+  if (descriptor.get() >= firstReservedDescriptor()) return Made::failure(posixError(EMFILE));
   return Made(std::make_unique<UDPSocket>(loop_, std::move(descriptor)));
 }
 

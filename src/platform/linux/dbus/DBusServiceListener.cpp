@@ -1,4 +1,5 @@
 #include "platform/linux/dbus/DBusServiceListener.h"
+#include "platform/linux/PosixError.h"
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -57,7 +58,7 @@ Result<std::unique_ptr<DBusServiceListener>, Error> DBusServiceListener::create(
   if (!socket) return Created::failure(socket.error());
   FileDescriptor wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
   if (!wake.isOpen()) {
-    return Created::failure({kPOSIXErrorDomain, errno, std::generic_category().message(errno)});
+    return Created::failure(posixError(errno));
   }
   return std::unique_ptr<DBusServiceListener>(
       new DBusServiceListener(std::move(options), std::move(*socket), std::move(wake), entitlements, log));
