@@ -1,21 +1,14 @@
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <optional>
 #include <string>
 
+#include "FuzzCheck.h"
 #include "platform/KeyedArchiver.h"
 
 namespace {
 
 using zun::Value;
-
-void check(bool isAsItShouldBe, const char* what) {
-  if (isAsItShouldBe) return;
-  std::fprintf(stderr, "%s\n", what);
-  std::abort();
-}
 
 struct Extent {
   size_t values = 1;

@@ -1,20 +1,13 @@
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <string>
 
+#include "FuzzCheck.h"
 #include "platform/PropertyList.h"
 
 namespace {
 
 using zun::Value;
-
-void check(bool isAsItShouldBe, const char* what) {
-  if (isAsItShouldBe) return;
-  std::fprintf(stderr, "%s\n", what);
-  std::abort();
-}
 
 /// Values of a list when it is written out.
 size_t countOf(const Value& value) {
