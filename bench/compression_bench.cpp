@@ -4,9 +4,9 @@
 
 #include <string>
 
-#include "platform/JSONWriter.h"
+#include "values/JSONWriter.h"
 #include "platform/SystemLog.h"
-#include "platform/Value.h"
+#include "values/Value.h"
 #include "util/Compression.h"
 
 namespace zun {

@@ -21,7 +21,7 @@
 #include "BenchPlatform.h"
 #include "backends/DashboardBackend.h"
 #include "backends/MessageBlob.h"
-#include "platform/Check.h"
+#include "values/Check.h"
 
 namespace zun {
 namespace {

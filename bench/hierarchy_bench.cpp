@@ -12,7 +12,7 @@
 
 #include "BenchPlatform.h"
 #include "daemon/ReportingdAgent.h"
-#include "platform/linux/dbus/DBusOutput.h"
+#include "linux/dbus/DBusOutput.h"
 #include "session/ClientSessionReplyInterface.h"
 #include "zunreporting/Keys.h"
 

@@ -1,7 +1,7 @@
 #include <benchmark/benchmark.h>
 
-#include "platform/JSONReader.h"
-#include "platform/JSONWriter.h"
+#include "values/JSONReader.h"
+#include "values/JSONWriter.h"
 
 namespace zun {
 namespace {

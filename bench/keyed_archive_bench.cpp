@@ -1,6 +1,6 @@
 #include <benchmark/benchmark.h>
 
-#include "platform/KeyedArchiver.h"
+#include "values/KeyedArchiver.h"
 
 namespace zun {
 namespace {

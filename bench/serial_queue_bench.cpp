@@ -5,7 +5,7 @@
 #include <latch>
 
 #include "platform/SerialQueue.h"
-#include "platform/linux/WorkerPool.h"
+#include "linux/loop/WorkerPool.h"
 
 namespace zun {
 namespace {

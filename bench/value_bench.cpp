@@ -5,7 +5,7 @@
 #include <array>
 #include <string>
 
-#include "platform/Value.h"
+#include "values/Value.h"
 
 namespace zun {
 namespace {

@@ -9,9 +9,9 @@
 #include <string_view>
 
 #include "backends/DashboardDatagram.h"
-#include "platform/Check.h"
-#include "platform/PropertyList.h"
-#include "platform/UTF8.h"
+#include "values/Check.h"
+#include "values/PropertyList.h"
+#include "values/UTF8.h"
 
 namespace {
 

@@ -5,9 +5,9 @@
 #include <string>
 #include <string_view>
 
-#include "platform/Check.h"
-#include "platform/JSONReader.h"
-#include "platform/JSONWriter.h"
+#include "values/Check.h"
+#include "values/JSONReader.h"
+#include "values/JSONWriter.h"
 #include "zuncollector/DashboardDatagram.h"
 
 namespace {

@@ -4,7 +4,7 @@
 #include <string>
 
 #include "FuzzCheck.h"
-#include "platform/KeyedArchiver.h"
+#include "values/KeyedArchiver.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 #include <string>
 
 #include "FuzzCheck.h"
-#include "platform/PropertyList.h"
+#include "values/PropertyList.h"
 
 namespace {
 

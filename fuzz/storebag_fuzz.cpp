@@ -5,9 +5,9 @@
 #include <cstdint>
 #include <string_view>
 
-#include "platform/Check.h"
+#include "values/Check.h"
 #include "platform/Crypto.h"
-#include "platform/PropertyList.h"
+#include "values/PropertyList.h"
 #include "platform/SystemLog.h"
 #include "storebag/SharedValues.h"
 #include "util/MemoryUse.h"

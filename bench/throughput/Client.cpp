@@ -7,9 +7,9 @@
 #include <algorithm>
 #include <cstring>
 
-#include "platform/Check.h"
-#include "platform/Value.h"
-#include "platform/linux/dbus/DBusMessage.h"
+#include "values/Check.h"
+#include "values/Value.h"
+#include "linux/dbus/DBusMessage.h"
 #include "zunreporting/Keys.h"
 
 namespace zun::bench {

@@ -13,10 +13,10 @@
 #include <sstream>
 #include <thread>
 
-#include "platform/Check.h"
+#include "values/Check.h"
 #include "platform/Crypto.h"
-#include "platform/PropertyList.h"
-#include "platform/Value.h"
+#include "values/PropertyList.h"
+#include "values/Value.h"
 
 namespace zun::bench {
 

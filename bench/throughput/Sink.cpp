@@ -18,7 +18,7 @@
 #include <string_view>
 #include <thread>
 
-#include "platform/Check.h"
+#include "values/Check.h"
 
 namespace zun::bench {
 

@@ -16,7 +16,7 @@
 #include "Client.h"
 #include "DaemonUnderTest.h"
 #include "Sink.h"
-#include "platform/Check.h"
+#include "values/Check.h"
 #include "support/ScratchFolder.h"
 #include "support/TestCertificates.h"
 

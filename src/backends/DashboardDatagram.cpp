@@ -9,7 +9,7 @@
 #include <new>
 #include <vector>
 
-#include "platform/UTF8.h"
+#include "values/UTF8.h"
 
 namespace zun {
 

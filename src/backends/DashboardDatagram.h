@@ -10,7 +10,7 @@
 #include <utility>
 
 #include "platform/Clock.h"
-#include "platform/Value.h"
+#include "values/Value.h"
 
 namespace zun {
 

@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/Value.h"
+#include "values/Value.h"
 #include "util/MemoryBudget.h"
 
 namespace zun {

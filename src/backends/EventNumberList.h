@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "platform/Value.h"
+#include "values/Value.h"
 
 namespace zun {
 

@@ -6,7 +6,7 @@
 
 #include "backends/ListMatching.h"
 #include "backends/ZunReportingBackend.h"
-#include "platform/UTF8.h"
+#include "values/UTF8.h"
 #include "util/Identifiers.h"
 
 namespace zun {

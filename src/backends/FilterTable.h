@@ -6,7 +6,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "platform/Value.h"
+#include "values/Value.h"
 
 namespace zun {
 

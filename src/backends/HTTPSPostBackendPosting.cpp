@@ -7,7 +7,7 @@
 
 #include "backends/HTTPSPostBackend.h"
 #include "platform/Crypto.h"
-#include "platform/JSONWriter.h"
+#include "values/JSONWriter.h"
 #include "storebag/StorebagEnvironment.h"
 #include "util/Compression.h"
 #include "util/Identifiers.h"

@@ -4,7 +4,7 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/Value.h"
+#include "values/Value.h"
 
 namespace zun {
 

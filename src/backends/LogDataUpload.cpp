@@ -3,8 +3,8 @@
 #include <utility>
 
 #include "connectivity/PostAndWait.h"
-#include "platform/KeyedArchiver.h"
-#include "platform/UTF8.h"
+#include "values/KeyedArchiver.h"
+#include "values/UTF8.h"
 
 namespace zun {
 

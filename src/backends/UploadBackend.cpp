@@ -4,8 +4,8 @@
 
 #include "backends/UploadBody.h"
 #include "connectivity/PostAndWait.h"
-#include "platform/URLText.h"
-#include "platform/UTF8.h"
+#include "values/URLText.h"
+#include "values/UTF8.h"
 
 namespace zun {
 

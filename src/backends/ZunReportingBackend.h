@@ -9,12 +9,12 @@
 
 #include "backends/EventNumberList.h"
 #include "connectivity/ReportingSessionConnectivityInterface.h"
-#include "platform/Error.h"
+#include "values/Error.h"
 #include "platform/Mutex.h"
 #include "platform/SandboxExtension.h"
 #include "platform/SerialQueue.h"
 #include "platform/UniqueFunction.h"
-#include "platform/Value.h"
+#include "values/Value.h"
 #include "util/ReportingServices.h"
 
 namespace zun {

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "connectivity/ReportingSessionConnectivityInterface.h"
-#include "platform/Error.h"
+#include "values/Error.h"
 #include "platform/URLSession.h"
 
 namespace zun {

@@ -4,8 +4,8 @@
 
 #include "connectivity/ConnectivityHelperTask.h"
 #include "connectivity/URLSessionDelegateLink.h"
-#include "platform/Check.h"
-#include "platform/UUID.h"
+#include "values/Check.h"
+#include "values/UUID.h"
 
 namespace zun {
 

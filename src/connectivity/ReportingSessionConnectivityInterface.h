@@ -3,7 +3,7 @@
 #include <optional>
 #include <string>
 
-#include "platform/Error.h"
+#include "values/Error.h"
 #include "platform/URLSession.h"
 #include "platform/UniqueFunction.h"
 

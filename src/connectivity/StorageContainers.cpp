@@ -1,6 +1,6 @@
 #include "connectivity/StorageContainers.h"
 
-#include "platform/UUID.h"
+#include "values/UUID.h"
 #include "util/FileMatching.h"
 
 namespace zun {

@@ -3,7 +3,7 @@
 #include <unordered_map>
 #include <utility>
 
-#include "platform/Check.h"
+#include "values/Check.h"
 
 namespace zun {
 

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "platform/SystemLog.h"
-#include "platform/Value.h"
+#include "values/Value.h"
 
 namespace zun {
 

@@ -9,7 +9,7 @@
 #include "platform/Clock.h"
 #include "platform/Mutex.h"
 #include "platform/SystemLog.h"
-#include "platform/Value.h"
+#include "values/Value.h"
 #include "storebag/StorebagFetcher.h"
 
 namespace zun {

@@ -3,7 +3,7 @@
 #include <chrono>
 #include <cstdint>
 
-#include "platform/Date.h"
+#include "values/Date.h"
 
 namespace zun {
 

@@ -8,8 +8,8 @@
 #include <span>
 #include <string>
 
-#include "platform/Error.h"
-#include "platform/Result.h"
+#include "values/Error.h"
+#include "values/Result.h"
 #include "platform/SerialQueue.h"
 #include "platform/UniqueFunction.h"
 

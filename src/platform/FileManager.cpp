@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <cctype>
 
-#include "platform/URLText.h"
+#include "values/URLText.h"
 
 namespace zun {
 

@@ -6,9 +6,9 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/Date.h"
-#include "platform/Error.h"
-#include "platform/Result.h"
+#include "values/Date.h"
+#include "values/Error.h"
+#include "values/Result.h"
 
 namespace zun {
 

@@ -4,8 +4,8 @@
 #include <memory>
 #include <string>
 
-#include "platform/Result.h"
-#include "platform/Value.h"
+#include "values/Result.h"
+#include "values/Value.h"
 
 namespace zun {
 

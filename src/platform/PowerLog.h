@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <string_view>
 
-#include "platform/Value.h"
+#include "values/Value.h"
 
 namespace zun {
 

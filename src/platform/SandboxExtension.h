@@ -8,8 +8,8 @@
 #include <string>
 #include <string_view>
 
-#include "platform/Error.h"
-#include "platform/Result.h"
+#include "values/Error.h"
+#include "values/Result.h"
 
 namespace zun {
 

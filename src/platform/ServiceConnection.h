@@ -9,7 +9,7 @@
 
 #include "platform/SandboxExtension.h"
 #include "platform/UniqueFunction.h"
-#include "platform/Value.h"
+#include "values/Value.h"
 
 namespace zun {
 

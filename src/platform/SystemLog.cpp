@@ -1,6 +1,6 @@
 #include "platform/SystemLog.h"
 
-#include "platform/UTF8.h"
+#include "values/UTF8.h"
 
 namespace zun {
 

@@ -9,8 +9,8 @@
 #include <utility>
 #include <vector>
 
-#include "platform/Error.h"
-#include "platform/Result.h"
+#include "values/Error.h"
+#include "values/Result.h"
 #include "platform/SerialQueue.h"
 
 namespace zun {

@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/Value.h"
+#include "values/Value.h"
 
 namespace zun {
 

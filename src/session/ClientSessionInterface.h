@@ -5,10 +5,10 @@
 #include <string>
 #include <vector>
 
-#include "platform/Error.h"
+#include "values/Error.h"
 #include "platform/ServiceConnection.h"
 #include "platform/UniqueFunction.h"
-#include "platform/Value.h"
+#include "values/Value.h"
 
 namespace zun {
 

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "platform/ServiceConnection.h"
-#include "platform/Value.h"
+#include "values/Value.h"
 
 namespace zun {
 

@@ -10,7 +10,7 @@
 
 #include "platform/Mutex.h"
 #include "platform/ServiceConnection.h"
-#include "platform/Value.h"
+#include "values/Value.h"
 #include "session/BackendTable.h"
 #include "session/ClientSessionInterface.h"
 #include "session/ReportingdSessionDelegate.h"

@@ -7,7 +7,7 @@
 
 #include "connectivity/QuorxTransactionHolder.h"
 #include "connectivity/ReportingSessionConnectivityHelper.h"
-#include "platform/Value.h"
+#include "values/Value.h"
 
 namespace zun {
 

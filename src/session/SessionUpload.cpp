@@ -1,8 +1,8 @@
 #include <utility>
 
 #include "platform/FileManager.h"
-#include "platform/URLText.h"
-#include "platform/UTF8.h"
+#include "values/URLText.h"
+#include "values/UTF8.h"
 #include "session/ReportingdSession.h"
 
 namespace zun {

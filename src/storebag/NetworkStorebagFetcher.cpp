@@ -5,7 +5,7 @@
 #include <exception>
 #include <mutex>
 
-#include "platform/PropertyList.h"
+#include "values/PropertyList.h"
 #include "storebag/ClientTypes.h"
 #include "storebag/StorebagEnvironment.h"
 

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "platform/SystemLog.h"
-#include "platform/Value.h"
+#include "values/Value.h"
 
 namespace zun {
 

@@ -1,7 +1,7 @@
 #include "storebag/StorebagVerifier.h"
 
 #include "platform/Crypto.h"
-#include "platform/PropertyList.h"
+#include "values/PropertyList.h"
 #include "storebag/SharedValues.h"
 
 namespace zun {

@@ -5,7 +5,7 @@
 #include <string_view>
 
 #include "platform/PlatformServices.h"
-#include "platform/Value.h"
+#include "values/Value.h"
 #include "storebag/StorebagDiskCache.h"
 
 namespace zun {

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <string_view>
 
-#include "platform/UUID.h"
+#include "values/UUID.h"
 
 namespace zun {
 

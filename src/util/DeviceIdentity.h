@@ -9,7 +9,7 @@
 
 #include "platform/DeviceProperties.h"
 #include "platform/PlatformServices.h"
-#include "platform/Value.h"
+#include "values/Value.h"
 
 namespace zun {
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
-#include "platform/UTF8.h"
+#include "values/UTF8.h"
 #include "zunreporting/Keys.h"
 
 namespace zun {

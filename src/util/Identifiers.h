@@ -6,8 +6,8 @@
 
 #include "platform/Clock.h"
 #include "platform/DatagramSocket.h"
-#include "platform/Error.h"
-#include "platform/Value.h"
+#include "values/Error.h"
+#include "values/Value.h"
 
 namespace zun {
 

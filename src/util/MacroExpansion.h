@@ -3,7 +3,7 @@
 #include <string_view>
 
 #include "platform/SystemLog.h"
-#include "platform/Value.h"
+#include "values/Value.h"
 
 namespace zun {
 

@@ -2,7 +2,7 @@
 
 #include <cstdint>
 
-#include "platform/Value.h"
+#include "values/Value.h"
 
 namespace zun {
 

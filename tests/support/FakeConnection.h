@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "platform/ServiceConnection.h"
-#include "platform/linux/FileExtensions.h"
+#include "linux/files/FileExtensions.h"
 
 namespace zun {
 

@@ -13,7 +13,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/linux/FileDescriptor.h"
+#include "linux/files/FileDescriptor.h"
 
 namespace zun {
 

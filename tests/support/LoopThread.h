@@ -3,7 +3,7 @@
 #include <memory>
 #include <thread>
 
-#include "platform/linux/EventLoop.h"
+#include "linux/loop/EventLoop.h"
 
 namespace zun {
 

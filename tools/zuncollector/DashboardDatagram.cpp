@@ -2,7 +2,7 @@
 
 #include <fmt/format.h>
 
-#include "platform/UTF8.h"
+#include "values/UTF8.h"
 
 namespace zun {
 

@@ -7,8 +7,8 @@
 #include <utility>
 #include <vector>
 
-#include "platform/Result.h"
-#include "platform/Value.h"
+#include "values/Result.h"
+#include "values/Value.h"
 
 namespace zun {
 

@@ -16,7 +16,7 @@
 #include <system_error>
 
 #include "Received.h"
-#include "platform/JSONWriter.h"
+#include "values/JSONWriter.h"
 
 namespace zun {
 

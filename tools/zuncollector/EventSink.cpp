@@ -1,8 +1,8 @@
 #include "EventSink.h"
 
-#include "platform/JSONReader.h"
-#include "platform/JSONWriter.h"
-#include "platform/Value.h"
+#include "values/JSONReader.h"
+#include "values/JSONWriter.h"
+#include "values/Value.h"
 
 namespace zun {
 

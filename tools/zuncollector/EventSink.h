@@ -6,7 +6,7 @@
 
 #include "RecordFile.h"
 #include "platform/Mutex.h"
-#include "platform/Result.h"
+#include "values/Result.h"
 
 namespace zun {
 

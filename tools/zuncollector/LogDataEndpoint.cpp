@@ -5,8 +5,8 @@
 #include <iostream>
 
 #include "Received.h"
-#include "platform/JSONWriter.h"
-#include "platform/KeyedArchiver.h"
+#include "values/JSONWriter.h"
+#include "values/KeyedArchiver.h"
 
 namespace zun {
 

@@ -8,7 +8,7 @@
 #include "RecordFile.h"
 #include "UploadFolder.h"
 #include "platform/Mutex.h"
-#include "platform/Result.h"
+#include "values/Result.h"
 
 namespace zun {
 

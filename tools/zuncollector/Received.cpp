@@ -3,7 +3,7 @@
 #include <chrono>
 
 #include "platform/Crypto.h"
-#include "platform/UTF8.h"
+#include "values/UTF8.h"
 
 namespace zun {
 

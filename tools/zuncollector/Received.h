@@ -1,6 +1,6 @@
 #pragma once
 
-#include "platform/Value.h"
+#include "values/Value.h"
 
 namespace zun {
 

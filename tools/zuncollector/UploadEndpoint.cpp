@@ -6,7 +6,7 @@
 
 #include "GzipReader.h"
 #include "Received.h"
-#include "platform/JSONWriter.h"
+#include "values/JSONWriter.h"
 
 namespace zun {
 

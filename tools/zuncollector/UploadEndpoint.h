@@ -12,7 +12,7 @@
 #include "UploadFolder.h"
 #include "UploadQuery.h"
 #include "platform/Mutex.h"
-#include "platform/Result.h"
+#include "values/Result.h"
 
 namespace zun {
 

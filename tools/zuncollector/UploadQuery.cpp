@@ -4,7 +4,7 @@
 #include <map>
 #include <optional>
 
-#include "platform/UTF8.h"
+#include "values/UTF8.h"
 
 namespace zun {
 

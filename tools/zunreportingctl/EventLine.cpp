@@ -3,8 +3,8 @@
 #include <optional>
 
 #include "JSONProperties.h"
-#include "platform/JSONReader.h"
-#include "platform/Value.h"
+#include "values/JSONReader.h"
+#include "values/Value.h"
 
 namespace zun {
 

@@ -3,7 +3,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/Result.h"
+#include "values/Result.h"
 #include "zunreporting/ReportingSession.h"
 
 namespace zun {

@@ -2,7 +2,7 @@
 
 #include <cstddef>
 
-#include "platform/Value.h"
+#include "values/Value.h"
 #include "zunreporting/PropertyValue.h"
 
 namespace zun {

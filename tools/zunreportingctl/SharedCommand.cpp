@@ -5,7 +5,7 @@
 
 #include "JSONProperties.h"
 #include "Session.h"
-#include "platform/JSONReader.h"
+#include "values/JSONReader.h"
 
 namespace zun {
 

@@ -6,7 +6,7 @@
 #include "JSONProperties.h"
 #include "LineReader.h"
 #include "Session.h"
-#include "platform/JSONReader.h"
+#include "values/JSONReader.h"
 
 namespace zun {
 

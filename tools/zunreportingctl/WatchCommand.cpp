@@ -12,7 +12,7 @@
 #include "EndingSignals.h"
 #include "JSONProperties.h"
 #include "Session.h"
-#include "platform/JSONWriter.h"
+#include "values/JSONWriter.h"
 
 namespace zun {
 

@@ -10,8 +10,8 @@
 #include "FileOutput.h"
 #include "StorebagCheck.h"
 #include "platform/Crypto.h"
-#include "platform/JSONWriter.h"
-#include "platform/PropertyList.h"
+#include "values/JSONWriter.h"
+#include "values/PropertyList.h"
 #include "platform/SystemLog.h"
 #include "storebag/SharedValues.h"
 

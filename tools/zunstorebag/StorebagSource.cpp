@@ -10,8 +10,8 @@
 #include <optional>
 
 #include "platform/Crypto.h"
-#include "platform/JSONReader.h"
-#include "platform/PropertyList.h"
+#include "values/JSONReader.h"
+#include "values/PropertyList.h"
 
 namespace zun {
 

@@ -12,8 +12,8 @@
 #include <sstream>
 
 #include "platform/Crypto.h"
-#include "platform/JSONReader.h"
-#include "platform/PropertyList.h"
+#include "values/JSONReader.h"
+#include "values/PropertyList.h"
 #include "support/ScratchFolder.h"
 
 extern char** environ;

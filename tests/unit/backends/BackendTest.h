@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "backends/HTTPSPostBackend.h"
-#include "platform/JSONReader.h"
+#include "values/JSONReader.h"
 #include "support/TestPlatform.h"
 #include "zunreporting/Keys.h"
 

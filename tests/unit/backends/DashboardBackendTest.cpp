@@ -6,7 +6,7 @@
 #include <new>
 
 #include "DashboardTest.h"
-#include "platform/UTF8.h"
+#include "values/UTF8.h"
 
 // Buffers of datagrams are asked for without exceptions; a test may refuse them.
 static thread_local bool refusesMemory = false;

@@ -5,7 +5,7 @@
 #include <limits>
 #include <string>
 
-#include "platform/UTF8.h"
+#include "values/UTF8.h"
 
 namespace zun {
 namespace {

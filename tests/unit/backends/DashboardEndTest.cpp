@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "DashboardTest.h"
-#include "platform/linux/SystemClock.h"
+#include "linux/system/SystemClock.h"
 
 namespace zun {
 namespace {

@@ -6,7 +6,7 @@
 #include "BackendTest.h"
 #include "connectivity/ReportingSessionConnectivityHelper.h"
 #include "platform/Crypto.h"
-#include "platform/UUID.h"
+#include "values/UUID.h"
 #include "support/Gzip.h"
 #include "support/HTTPSTestServer.h"
 

@@ -1,7 +1,7 @@
 #include "backends/LogDataUpload.h"
 
 #include "HelperTest.h"
-#include "platform/KeyedArchiver.h"
+#include "values/KeyedArchiver.h"
 
 namespace zun {
 namespace {

@@ -10,7 +10,7 @@
 
 #include "BackendTest.h"
 #include "connectivity/ReportingSessionConnectivityHelper.h"
-#include "platform/linux/FileExtensions.h"
+#include "linux/files/FileExtensions.h"
 #include "support/Gzip.h"
 #include "support/HTTPSTestServer.h"
 

@@ -8,7 +8,7 @@
 #include <functional>
 #include <random>
 
-#include "platform/linux/FileExtensions.h"
+#include "linux/files/FileExtensions.h"
 #include "support/Gzip.h"
 #include "support/TestPlatform.h"
 

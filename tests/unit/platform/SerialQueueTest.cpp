@@ -11,7 +11,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/linux/WorkerPool.h"
+#include "linux/loop/WorkerPool.h"
 #include "support/Fakes.h"
 
 namespace zun {

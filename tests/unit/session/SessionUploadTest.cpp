@@ -1,7 +1,7 @@
 // Files and log data that clients hand to a session's backends.
 
 #include "SessionTest.h"
-#include "platform/UTF8.h"
+#include "values/UTF8.h"
 
 namespace zun {
 namespace {

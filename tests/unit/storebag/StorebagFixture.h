@@ -14,7 +14,7 @@
 #include <thread>
 
 #include "platform/Crypto.h"
-#include "platform/PropertyList.h"
+#include "values/PropertyList.h"
 #include "storebag/StorebagDiskCache.h"
 #include "support/HTTPSTestServer.h"
 #include "support/TestPlatform.h"

@@ -5,7 +5,7 @@
 #include <atomic>
 #include <thread>
 
-#include "platform/PropertyList.h"
+#include "values/PropertyList.h"
 #include "support/TestPlatform.h"
 
 namespace zun {

@@ -4,8 +4,8 @@
 #include <gtest/gtest.h>
 
 #include "DashboardBytes.h"
-#include "platform/JSONReader.h"
-#include "platform/JSONWriter.h"
+#include "values/JSONReader.h"
+#include "values/JSONWriter.h"
 
 namespace zun {
 namespace {

@@ -2,8 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/JSONReader.h"
-#include "platform/JSONWriter.h"
+#include "values/JSONReader.h"
+#include "values/JSONWriter.h"
 
 namespace zun {
 namespace {

@@ -1,0 +1,90 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "values/Result.h"
+#include "values/Value.h"
+
+namespace zun {
+
+/// What one message may cost. Checked before anything is allocated for it.
+struct DBusLimits {
+  size_t maximumMessageBytes = size_t{1} << 20;
+  /// Arrays, dictionaries and structs within each other; a variant in a variant counts.
+  size_t maximumDepth = 32;
+  /// Memory of all values of one message: small input may mean large values.
+  size_t maximumDecodedBytes = size_t{16} << 20;
+};
+
+enum class DBusMessageType : uint8_t { kMethodCall = 1, kMethodReturn = 2, kError = 3, kSignal = 4 };
+
+inline constexpr uint8_t kDBusFlagNoReplyExpected = 0x1;
+
+/// A message's header. Texts refer to the bytes it was decoded from.
+struct DBusHeader {
+  DBusMessageType type = DBusMessageType::kMethodCall;
+  uint8_t flags = 0;
+  bool isSwapped = false;  // the other byte order than this machine's
+  uint32_t serial = 0;
+  uint32_t replySerial = 0;
+  uint32_t descriptorCount = 0;
+  std::string_view path;
+  std::string_view interface;
+  std::string_view member;
+  std::string_view errorName;
+  std::string_view destination;
+  std::string_view sender;
+  std::string_view signature;
+
+  [[nodiscard]] bool expectsReply() const {
+    return type == DBusMessageType::kMethodCall && (flags & kDBusFlagNoReplyExpected) == 0;
+  }
+};
+
+/// Why a message was not decoded.
+struct DBusFailure {
+  enum class Kind { kMalformed, kTooDeep, kTooLarge };
+  Kind kind = Kind::kMalformed;
+  const char* reason = "";
+};
+
+/// Where a message begins and ends in a stream.
+struct DBusFrame {
+  static constexpr size_t kFixedBytes = 16;
+
+  size_t headerBytes = 0;  // the body begins here
+  size_t totalBytes = 0;
+};
+
+/// The frame of the message whose first kFixedBytes (or more) are given. Fails for what
+/// is no message of protocol version 1; sizes are D-Bus's own limits at most.
+[[nodiscard]] Result<DBusFrame, DBusFailure> frameDBusMessage(std::string_view bytes);
+
+/// Decodes the `headerBytes` first bytes of a message.
+[[nodiscard]] Result<DBusHeader, DBusFailure> decodeDBusHeader(std::string_view header,
+                                                               const DBusLimits& limits = {});
+
+/// Decodes a body into one value for each type of the header's signature:
+///
+///   a{sv}, a{ss} (any array of entries with text keys)  dictionary
+///   ay data, (d) date, other arrays and structs         array
+///   s o g string, b boolean, d real, v what it holds
+///   y n q i u x t integer, h the descriptor's index
+///
+/// Linear in the size of the body, whatever is in it.
+[[nodiscard]] Result<Array, DBusFailure> decodeDBusBody(const DBusHeader& header, std::string_view body,
+                                                        const DBusLimits& limits = {});
+
+/// Appends a message to `out` in this machine's byte order, the `values` as
+/// `header.signature` has them (a value of another kind is turned into what fits best).
+/// A variant is typed by its value: x (t above INT64_MAX) b d s ay (d) av a{sv}.
+/// On failure `out` is as before, and the result says why.
+[[nodiscard]] std::optional<DBusFailure> appendDBusMessage(std::string& out, const DBusHeader& header,
+                                                           const Array& values,
+                                                           const DBusLimits& limits = {});
+
+}  // namespace zun

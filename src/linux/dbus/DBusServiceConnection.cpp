@@ -1,0 +1,335 @@
+#include "linux/dbus/DBusServiceConnection.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <chrono>
+#include <exception>
+#include <utility>
+
+#include "linux/dbus/DBusAuthentication.h"
+
+namespace zun {
+
+namespace {
+
+using Milliseconds = std::chrono::milliseconds;
+using SteadyClock = std::chrono::steady_clock;
+
+// A call that takes longer is not quick: the answers before it are sent before it begins.
+constexpr std::chrono::microseconds kQuickCall{1000};
+
+bool sendWhole(int socket, std::string_view bytes) {
+  return ::send(socket, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT) ==
+         static_cast<ssize_t>(bytes.size());
+}
+
+}  // namespace
+
+std::shared_ptr<DBusServiceConnection> DBusServiceConnection::create(FileDescriptor socket, PeerIdentity peer,
+                                                                     Dictionary entitlements,
+                                                                     std::string serverID,
+                                                                     const DBusConnectionOptions& options,
+                                                                     SystemLog& log) {
+  FileDescriptor wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  if (!wake.isOpen()) return nullptr;
+  return std::make_shared<DBusServiceConnection>(std::move(socket), std::move(wake), std::move(peer),
+                                                 std::move(entitlements), std::move(serverID), options, log);
+}
+
+DBusServiceConnection::DBusServiceConnection(FileDescriptor socket, FileDescriptor wake, PeerIdentity peer,
+                                             Dictionary entitlements, std::string serverID,
+                                             const DBusConnectionOptions& options, SystemLog& log)
+    : peer_(std::move(peer)),
+      entitlements_(std::move(entitlements)),
+      serverID_(std::move(serverID)),
+      options_(options),
+      description_(peer_.description()),
+      log_(log),
+      socket_(std::move(socket)),
+      wake_(std::move(wake)),
+      output_(std::make_shared<DBusOutput>(socket_.get(), wake_.get(), options_.messageLimits,
+                                           options_.outputLimits, log_, description_)),
+      input_(options_.messageLimits),
+      fileAccess_(peer_.fileSystemIdentity(), description_, log_),
+      objects_(DBusEnds{serverID_, static_cast<uint32_t>(peer_.process), peer_.user}) {}
+
+DBusServiceConnection::~DBusServiceConnection() {
+  output_->close();  // replies that are still to be given outlive this
+}
+
+std::optional<bool> DBusServiceConnection::booleanEntitlement(std::string_view name) const {
+  const Value& value = entitlements_[name];
+  return value.isNone() ? std::nullopt : std::optional(value.boolValue());
+}
+
+void DBusServiceConnection::setExportedInterface(const ServiceInterface& interface) {
+  objects_.exportInterface(interface, DBusObjects::Answerer::kExportedObject);
+  objects_.exportInterface(fileAccess_.interfaceAt(interface.objectPath), DBusObjects::Answerer::kFileAccess);
+  isQuick_.assign(interface.members.size(), false);
+}
+
+void DBusServiceConnection::setRemoteObjectInterface(const ServiceInterface& interface) {
+  remote_.emplace(interface);
+}
+
+void DBusServiceConnection::setExportedObject(std::shared_ptr<ExportedObject> object) {
+  exportedObject_ = std::move(object);
+}
+
+void DBusServiceConnection::setInterruptionHandler(UniqueFunction<void()> handler) {
+  interruptionHandler_ = std::move(handler);
+}
+
+void DBusServiceConnection::setInvalidationHandler(UniqueFunction<void()> handler) {
+  invalidationHandler_ = std::move(handler);
+}
+
+void DBusServiceConnection::resume() {
+  isResumed_ = true;
+  output_->wake();
+}
+
+void DBusServiceConnection::invalidate() {
+  isInvalidated_ = true;
+  output_->wake();
+}
+
+std::optional<std::string> DBusServiceConnection::callRemote(size_t member, const Array& arguments) {
+  if (!remote_ || member >= remote_->interface().members.size()) return "the client has no such operation";
+  DBusHeader call;
+  call.flags = kDBusFlagNoReplyExpected;
+  call.path = remote_->interface().objectPath;
+  call.interface = remote_->interface().name;
+  call.member = remote_->member(member).name;
+  call.signature = remote_->member(member).inSignature;
+  return output_->sendCall(call, arguments);
+}
+
+void DBusServiceConnection::run(ServiceListenerDelegate* delegate,
+                                const std::shared_ptr<ServiceConnection>& self) {
+  output_->setConnectionThread();
+  try {
+    if (authenticate() && delegate != nullptr && delegate->shouldAcceptNewConnection(self)) {
+      waitForResume();
+      serve();
+    }
+  } catch (const std::exception& exception) {
+    log_.error("listener: {}: its connection failed: {}", description_, exception.what());
+  }
+  end();
+}
+
+bool DBusServiceConnection::authenticate() {
+  DBusAuthentication authentication(peer_.user, serverID_);
+  const auto deadline = SteadyClock::now() + options_.authenticationTimeout;
+  while (authentication.state() == DBusAuthentication::State::kOngoing) {
+    const auto left = std::chrono::ceil<Milliseconds>(deadline - SteadyClock::now());
+    if (left <= Milliseconds::zero()) {
+      log_.error("listener: {} did not authenticate in time, closing its connection", description_);
+      return false;
+    }
+    waitForEvents(POLLIN, static_cast<int>(left.count()));
+    if (isInvalidated_) return false;
+    if (!receive()) return false;
+    std::string replies;
+    input_.consume(authentication.feed(input_.buffered(), replies));
+    // The first message may come together with BEGIN.
+    if (authentication.passesDescriptors()) input_.allowDescriptors();
+    if (!replies.empty() && !sendWhole(socket_.get(), replies)) return false;
+    if (endOfInput_ && authentication.state() == DBusAuthentication::State::kOngoing) {
+      log_.debug("listener: {} left before it was authenticated", description_);
+      return false;
+    }
+  }
+  if (authentication.state() == DBusAuthentication::State::kFailed) {
+    log_.error("listener: {} did not authenticate, closing its connection: {}", description_,
+               authentication.failure());
+    return false;
+  }
+  return true;
+}
+
+void DBusServiceConnection::waitForResume() {
+  while (!isResumed_ && !isInvalidated_ && !peerIsGone_) waitForEvents(0, kForEver);
+}
+
+void DBusServiceConnection::serve() {
+  while (!isInvalidated_) {
+    if (dispatchBuffered() == Step::kStop) return;
+    output_->flush();
+    if (isInvalidated_) return;
+    const bool hadLastCall = endOfInput_ && isStarved_;
+    if (hadLastCall && isFinished()) return;
+    if (hadLastCall || !output_->hasRoom()) {
+      if (waitForReader() == Step::kStop) return;
+      continue;
+    }
+    if (!isStarved_) continue;
+    if (!input_.wasFilled()) waitForEvents(POLLIN, kForEver);
+    if (!receive()) return;
+  }
+}
+
+/// Waits until the peer reads what is queued or a reply is given; stops after too long
+/// a time in which the peer could have read something.
+DBusServiceConnection::Step DBusServiceConnection::waitForReader() {
+  const bool isUnread = output_->queuedBytes() > 0;
+  const int longest = isUnread ? static_cast<int>(options_.unreadTimeout.count()) : kForEver;
+  if (waitForEvents(0, longest) || !isUnread) return Step::kGoOn;
+  log_.error("listener: {} does not read its replies, closing its connection", description_);
+  return Step::kStop;
+}
+
+/// Waits until the socket has one of `events`, takes more of what is queued, or the
+/// connection is woken. False where nothing of that came in time.
+bool DBusServiceConnection::waitForEvents(int events, int milliseconds) {
+  const int writing = output_->queuedBytes() > 0 ? POLLOUT : 0;
+  std::array<pollfd, 2> polled{
+      {{socket_.get(), static_cast<short>(events | writing), 0}, {wake_.get(), POLLIN, 0}}};
+  const int ready = ::poll(polled.data(), polled.size(), milliseconds);
+  if (ready <= 0) return ready < 0;
+  if ((polled[1].revents & POLLIN) != 0) {
+    uint64_t count = 0;
+    [[maybe_unused]] const ssize_t taken = ::read(wake_.get(), &count, sizeof count);
+  }
+  if ((polled[0].revents & (POLLHUP | POLLERR)) != 0) notePeerIsGone();
+  return true;
+}
+
+void DBusServiceConnection::notePeerIsGone() {
+  if (std::exchange(peerIsGone_, true)) return;
+  output_->drop();
+}
+
+/// False when the peer sent what it must not.
+bool DBusServiceConnection::receive() {
+  switch (input_.receive(socket_.get())) {
+    case DBusInput::Received::kData:
+    case DBusInput::Received::kNothingYet: return true;
+    case DBusInput::Received::kEndOfInput: endOfInput_ = true; return true;
+    case DBusInput::Received::kRefused: break;
+  }
+  log_.error("listener: {}: {}, closing its connection", description_, input_.refusal());
+  return false;
+}
+
+/// After the peer's last call: true when nothing is owed to it any more.
+bool DBusServiceConnection::isFinished() {
+  waitForEvents(0, 0);
+  if (peerIsGone_ || output_->isClosed()) return true;
+  // Pending first: a reply is queued before it stops being pending.
+  const bool isOwedReplies = output_->pendingReplies() > 0;
+  if (!isOwedReplies && output_->queuedBytes() == 0) return true;
+  if (isOwedReplies && !std::exchange(isInterrupted_, true) && interruptionHandler_) interruptionHandler_();
+  return false;
+}
+
+DBusServiceConnection::Step DBusServiceConnection::dispatchBuffered() {
+  isStarved_ = false;
+  while (!isInvalidated_) {
+    if (!output_->hasRoom()) {
+      output_->flush();
+      if (!output_->hasRoom()) return Step::kGoOn;
+    }
+    auto message = input_.takeMessage();
+    if (!message) {
+      isStarved_ = true;
+      return Step::kGoOn;
+    }
+    if (dispatch(*message) == Step::kStop) return Step::kStop;
+  }
+  return Step::kStop;
+}
+
+DBusServiceConnection::Step DBusServiceConnection::dispatch(DBusIncomingMessage& message) {
+  const DBusHeader& header = message.header;
+  switch (message.state) {
+    case DBusIncomingMessage::State::kMalformed:
+      log_.error("listener: {} sent a malformed message, closing its connection: {}", description_,
+                 message.reason);
+      return Step::kStop;
+    case DBusIncomingMessage::State::kTooLarge:
+      log_.error("listener: {} sent a message of {} bytes, {} are allowed", description_, message.totalBytes,
+                 options_.messageLimits.maximumMessageBytes);
+      sendError(header, kDBusErrorLimitsExceeded, "The message is too large");
+      return Step::kGoOn;
+    case DBusIncomingMessage::State::kComplete: break;
+  }
+  // The client's object is called one way: whatever else comes is not for us.
+  if (header.type != DBusMessageType::kMethodCall) return Step::kGoOn;
+  return dispatchCall(message);
+}
+
+DBusServiceConnection::Step DBusServiceConnection::dispatchCall(DBusIncomingMessage& message) {
+  const DBusHeader& header = message.header;
+  const DBusObjects::Target target = objects_.resolve(header);
+  if (target.table == nullptr) {
+    sendError(header, target.error, target.errorText);
+    return Step::kGoOn;
+  }
+  const auto arguments = decodeDBusBody(header, message.body, options_.messageLimits);
+  if (!arguments && arguments.error().kind == DBusFailure::Kind::kMalformed) {
+    log_.error("listener: {} sent a malformed message, closing its connection: {}", description_,
+               arguments.error().reason);
+    return Step::kStop;
+  }
+  if (!arguments) {
+    log_.error("listener: {} sent a message that is refused: {}", description_, arguments.error().reason);
+    sendError(header, kDBusErrorLimitsExceeded, arguments.error().reason);
+    return Step::kGoOn;
+  }
+  ServiceReply reply = output_->makeReply(header, target.table->member(target.member).outSignature);
+  switch (target.answerer) {
+    case DBusObjects::Answerer::kExportedObject:
+      callExported(target.member, *arguments, std::move(reply));
+      break;
+    case DBusObjects::Answerer::kFileAccess:
+      fileAccess_.answer(*arguments, message.descriptors, std::move(reply));
+      break;
+    case DBusObjects::Answerer::kThis: objects_.answer(target, header, *arguments, std::move(reply)); break;
+  }
+  return Step::kGoOn;
+}
+
+void DBusServiceConnection::callExported(size_t member, const Array& arguments, ServiceReply reply) {
+  if (exportedObject_ == nullptr) {
+    reply.sendError(kDBusErrorFailed, "The object is gone");
+    return;
+  }
+  // Answers are held back until all calls that came together are done; but not while
+  // one of those waits for something.
+  if (!isQuick_[member]) output_->flush();
+  const auto begin = SteadyClock::now();
+  try {
+    exportedObject_->handleCall(member, arguments, std::move(reply));
+  } catch (const std::exception& exception) {
+    log_.error("listener: a call of {} failed: {}", description_, exception.what());
+  }
+  isQuick_[member] = SteadyClock::now() - begin < kQuickCall;
+}
+
+void DBusServiceConnection::sendError(const DBusHeader& call, std::string_view name, std::string_view text) {
+  log_.debug("listener: {}: {}: {}", description_, name, text);
+  if (call.expectsReply()) output_->sendError(call.serial, name, text);
+}
+
+void DBusServiceConnection::end() {
+  isInvalidated_ = true;
+  output_->flush();
+  output_->close();
+  socket_.reset();
+  input_.dropDescriptors();
+  fileAccess_.extensions()->invalidate();
+  if (invalidationHandler_) invalidationHandler_();
+  // They may hold this connection, as it holds them.
+  invalidationHandler_ = nullptr;
+  interruptionHandler_ = nullptr;
+  exportedObject_ = nullptr;
+  wake_.reset();
+}
+
+}  // namespace zun

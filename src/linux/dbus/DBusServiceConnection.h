@@ -1,0 +1,121 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/ServiceConnection.h"
+#include "platform/SystemLog.h"
+#include "linux/files/FileDescriptor.h"
+#include "linux/dbus/DBusFileAccess.h"
+#include "linux/dbus/DBusInput.h"
+#include "linux/dbus/DBusObjects.h"
+#include "linux/dbus/DBusOutput.h"
+#include "linux/service/PeerIdentity.h"
+
+namespace zun {
+
+struct DBusConnectionOptions {
+  DBusLimits messageLimits;
+  DBusOutputLimits outputLimits;
+  std::chrono::milliseconds authenticationTimeout{std::chrono::seconds{10}};
+  /// For how long a client may leave its replies, when its calls wait for that, without
+  /// reading a byte. Its own end of the connection may be among what it sent: then nothing
+  /// else would ever tell that it has gone.
+  std::chrono::milliseconds unreadTimeout{std::chrono::minutes{10}};
+};
+
+/// One client's connection.
+///
+///   run ─▶ authentication ─▶ delegate asked ─▶ resumed: calls ─▶ invalidated
+///            │ failed, late      │ refused         ▲    │ half-closed by the peer:
+///            ▼                   ▼                 │    │ interruption handler, then
+///          closed              closed              └────┘ the answers still owed
+///
+/// Threading: `run` is the connection's thread; everything else as ServiceConnection says.
+/// Ownership: the listener holds it until its thread has ended, others as they like.
+/// Handlers and the exported object are let go when the connection has been invalidated.
+class DBusServiceConnection final : public ServiceConnection {
+ public:
+  /// `entitlements`: name to boolean, decided once. `log` outlives the connection. Null
+  /// when the system is short of descriptors.
+  static std::shared_ptr<DBusServiceConnection> create(FileDescriptor socket, PeerIdentity peer,
+                                                       Dictionary entitlements, std::string serverID,
+                                                       const DBusConnectionOptions& options, SystemLog& log);
+
+  DBusServiceConnection(FileDescriptor socket, FileDescriptor wake, PeerIdentity peer,
+                        Dictionary entitlements, std::string serverID, const DBusConnectionOptions& options,
+                        SystemLog& log);
+  ~DBusServiceConnection() override;
+
+  /// Serves the client until the connection ends. Asks `delegate` (null: nobody, refused).
+  /// `self` is this connection, as the delegate gets it.
+  void run(ServiceListenerDelegate* delegate, const std::shared_ptr<ServiceConnection>& self);
+
+  std::optional<bool> booleanEntitlement(std::string_view name) const override;
+  std::string description() const override { return description_; }
+  std::shared_ptr<SandboxExtensions> sandboxExtensions() const override { return fileAccess_.extensions(); }
+  void setExportedInterface(const ServiceInterface& interface) override;
+  void setRemoteObjectInterface(const ServiceInterface& interface) override;
+  void setExportedObject(std::shared_ptr<ExportedObject> object) override;
+  void setInterruptionHandler(UniqueFunction<void()> handler) override;
+  void setInvalidationHandler(UniqueFunction<void()> handler) override;
+  void resume() override;
+  void invalidate() override;
+  std::optional<std::string> callRemote(size_t member, const Array& arguments) override;
+
+  [[nodiscard]] const PeerIdentity& peer() const { return peer_; }
+
+ private:
+  enum class Step { kGoOn, kStop };
+  static constexpr int kForEver = -1;
+
+  bool authenticate();
+  void waitForResume();
+  void serve();
+  bool waitForEvents(int events, int milliseconds);
+  Step waitForReader();
+  void notePeerIsGone();
+  bool receive();
+  bool isFinished();
+  Step dispatchBuffered();
+  Step dispatch(DBusIncomingMessage& message);
+  Step dispatchCall(DBusIncomingMessage& message);
+  void callExported(size_t member, const Array& arguments, ServiceReply reply);
+  void sendError(const DBusHeader& call, std::string_view name, std::string_view text);
+  void end();
+
+  const PeerIdentity peer_;
+  const Dictionary entitlements_;
+  const std::string serverID_;
+  const DBusConnectionOptions options_;
+  const std::string description_;
+  SystemLog& log_;
+  FileDescriptor socket_;
+  FileDescriptor wake_;
+  std::shared_ptr<DBusOutput> output_;
+  DBusInput input_;
+  DBusFileAccess fileAccess_;
+
+  // Set up between acceptance and resume; then the connection's thread's.
+  DBusObjects objects_;
+  std::optional<DBusInterfaceTable> remote_;
+  std::shared_ptr<ExportedObject> exportedObject_;
+  UniqueFunction<void()> interruptionHandler_;
+  UniqueFunction<void()> invalidationHandler_;
+  std::vector<bool> isQuick_;  // by member: its last call took no time worth speaking of
+
+  std::atomic<bool> isResumed_{false};
+  std::atomic<bool> isInvalidated_{false};
+
+  // The connection's thread's.
+  bool peerIsGone_ = false;     // it closed the socket, or has ended
+  bool endOfInput_ = false;     // it sends no more
+  bool isStarved_ = false;      // no whole message is left in the buffer
+  bool isInterrupted_ = false;  // the interruption handler was called
+};
+
+}  // namespace zun

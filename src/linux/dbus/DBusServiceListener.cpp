@@ -1,0 +1,275 @@
+#include "linux/dbus/DBusServiceListener.h"
+#include "linux/files/PosixError.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <systemd/sd-id128.h>
+
+#include <array>
+#include <cerrno>
+#include <exception>
+#include <system_error>
+#include <utility>
+
+namespace zun {
+
+namespace {
+
+// Before accepting is tried again when the system is short of something.
+constexpr int kPauseMilliseconds = 100;
+
+std::string makeServerID() {
+  sd_id128_t id{};
+  if (::sd_id128_randomize(&id) < 0) return std::string(32, '0');
+  std::array<char, SD_ID128_STRING_MAX> text{};
+  return ::sd_id128_to_string(id, text.data());
+}
+
+FileDescriptor openSpare() {
+  return FileDescriptor(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+}
+
+/// Sanitizers' frames and red zones take several times the stack.
+constexpr size_t stackBytes(size_t wanted) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  return wanted * 8;
+#else
+  return wanted;
+#endif
+}
+
+}  // namespace
+
+struct DBusServiceListener::Served {
+  DBusServiceListener* listener = nullptr;
+  std::shared_ptr<DBusServiceConnection> connection;
+  pthread_t thread{};
+  std::list<std::unique_ptr<Served>>::iterator place;
+};
+
+Result<std::unique_ptr<DBusServiceListener>, Error> DBusServiceListener::create(
+    DBusListenerOptions options, EntitlementStore& entitlements, SystemLog& log) {
+  using Created = Result<std::unique_ptr<DBusServiceListener>, Error>;
+  auto socket = ListeningSocket::open(options.address);
+  if (!socket) return Created::failure(socket.error());
+  FileDescriptor wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  if (!wake.isOpen()) {
+    return Created::failure(posixError(errno));
+  }
+  return std::unique_ptr<DBusServiceListener>(
+      new DBusServiceListener(std::move(options), std::move(*socket), std::move(wake), entitlements, log));
+}
+
+DBusServiceListener::DBusServiceListener(DBusListenerOptions options, ListeningSocket socket,
+                                         FileDescriptor wake, EntitlementStore& entitlements, SystemLog& log)
+    : options_(std::move(options)),
+      serverID_(makeServerID()),
+      entitlements_(entitlements),
+      log_(log),
+      socket_(std::move(socket)),
+      wake_(std::move(wake)),
+      spare_(openSpare()) {}
+
+DBusServiceListener::~DBusServiceListener() {
+  stop();
+  invalidateConnections();
+}
+
+void DBusServiceListener::resume() {
+  if (thread_.joinable() || isStopping_) return;
+  thread_ = std::thread([this] { acceptLoop(); });
+}
+
+void DBusServiceListener::stop() {
+  isStopping_ = true;
+  wake();
+  if (thread_.joinable()) thread_.join();
+  socket_.close();
+}
+
+void DBusServiceListener::wake() {
+  const uint64_t one = 1;
+  // Only a full counter refuses, and then the thread is awake already.
+  [[maybe_unused]] const ssize_t written = ::write(wake_.get(), &one, sizeof one);
+}
+
+void DBusServiceListener::acceptLoop() {
+  while (!isStopping_) {
+    std::array<pollfd, 2> polled{{{socket_.get(), POLLIN, 0}, {wake_.get(), POLLIN, 0}}};
+    if (::poll(polled.data(), polled.size(), -1) < 0) continue;
+    if ((polled[1].revents & POLLIN) != 0) {
+      uint64_t count = 0;
+      [[maybe_unused]] const ssize_t taken = ::read(wake_.get(), &count, sizeof count);
+      joinEnded();
+    }
+    if (!isStopping_ && polled[0].revents != 0) acceptOne();
+  }
+}
+
+void DBusServiceListener::acceptOne() {
+  FileDescriptor client(::accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+  if (!client.isOpen()) {
+    handleAcceptFailure(errno);
+    return;
+  }
+  isShort_ = false;
+  try {
+    serve(std::move(client));
+  } catch (const std::exception& exception) {
+    log_.error("listener: a connection is refused: {}", exception.what());
+  }
+}
+
+void DBusServiceListener::handleAcceptFailure(int error) {
+  if (error == EAGAIN || error == EINTR || error == ECONNABORTED) return;
+  // Left waiting, the client would keep the socket readable and this thread spinning.
+  if ((error == EMFILE || error == ENFILE) && spare_.isOpen()) {
+    spare_.reset();
+    const bool isRefused = FileDescriptor(::accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC)).isOpen();
+    spare_ = openSpare();
+    if (isRefused) {
+      log_.error("listener: a connection is refused: {}", std::generic_category().message(error));
+      return;
+    }
+  }
+  if (!std::exchange(isShort_, true)) {
+    log_.error("listener: connections have to wait: {}", std::generic_category().message(error));
+  }
+  pollfd woken{wake_.get(), POLLIN, 0};
+  ::poll(&woken, 1, kPauseMilliseconds);
+  if (!spare_.isOpen()) spare_ = openSpare();
+}
+
+void DBusServiceListener::serve(FileDescriptor socket) {
+  auto peer = readPeerIdentity(socket.get());
+  if (!peer) {
+    log_.error("listener: a connection is refused: it has no peer credentials");
+    return;
+  }
+  if (const std::string reason = refusal(*peer); !reason.empty()) {
+    log_.error("listener: a connection of {} is refused: {}", peer->description(), reason);
+    return;
+  }
+  Dictionary entitlements = entitlements_.entitlementsOfPeer(*peer);
+  auto connection = DBusServiceConnection::create(
+      std::move(socket), std::move(*peer), std::move(entitlements), serverID_, options_.connection, log_);
+  if (connection == nullptr) {
+    log_.error("listener: a connection is refused: too many open files");
+    return;
+  }
+  startThread(std::move(connection));
+}
+
+std::string DBusServiceListener::refusal(const PeerIdentity& peer) {
+  const MutexLock lock(mutex_);
+  if (running_.size() >= options_.maximumConnections) {
+    return fmt::format("there are {} connections already", running_.size());
+  }
+  const auto found = connectionsOfUser_.find(peer.user);
+  const size_t count = found == connectionsOfUser_.end() ? 0 : found->second;
+  if (count < options_.maximumConnectionsPerUser) return {};
+  return fmt::format("the user has {} connections already", count);
+}
+
+void DBusServiceListener::startThread(std::shared_ptr<DBusServiceConnection> connection) {
+  // Everything that may fail comes before the thread begins.
+  std::list<std::unique_ptr<Served>> node;
+  node.push_back(std::make_unique<Served>());
+  Served& served = *node.front();
+  served.listener = this;
+  served.place = node.begin();
+  const uid_t user = connection->peer().user;
+  served.connection = std::move(connection);
+  pthread_attr_t attributes;
+  ::pthread_attr_init(&attributes);
+  ::pthread_attr_setstacksize(&attributes, stackBytes(options_.connectionStackBytes));
+  int error = 0;
+  {
+    // Held until the thread is listed: at its end it takes itself off the list.
+    const MutexLock lock(mutex_);
+    size_t& count = connectionsOfUser_[user];
+    error = ::pthread_create(&served.thread, &attributes, threadMain, &served);
+    if (error == 0) {
+      ++count;
+      running_.splice(running_.end(), node);
+    }
+  }
+  ::pthread_attr_destroy(&attributes);
+  if (error != 0) {
+    log_.error("listener: a connection is refused: {}", std::generic_category().message(error));
+    return;
+  }
+  countChanged();
+}
+
+void* DBusServiceListener::threadMain(void* argument) {
+  auto& served = *static_cast<Served*>(argument);
+  DBusServiceListener& listener = *served.listener;
+  try {
+    served.connection->run(listener.delegate_, served.connection);
+  } catch (const std::exception& exception) {
+    listener.log_.error("listener: {}: its connection failed: {}", served.connection->description(),
+                        exception.what());
+  }
+  listener.connectionEnded(served);
+  return nullptr;
+}
+
+void DBusServiceListener::connectionEnded(Served& served) {
+  std::shared_ptr<DBusServiceConnection> connection;
+  {
+    const MutexLock lock(mutex_);
+    connection = std::move(served.connection);
+    const auto found = connectionsOfUser_.find(connection->peer().user);
+    if (found != connectionsOfUser_.end() && --found->second == 0) connectionsOfUser_.erase(found);
+  }
+  connection = nullptr;
+  {
+    const MutexLock lock(mutex_);
+    ended_.splice(ended_.end(), running_, served.place);
+    if (running_.empty()) allEnded_.notify_all();
+  }
+  countChanged();
+  wake();
+}
+
+void DBusServiceListener::joinEnded() {
+  std::list<std::unique_ptr<Served>> ended;
+  {
+    const MutexLock lock(mutex_);
+    ended.swap(ended_);
+  }
+  for (const auto& served : ended) ::pthread_join(served->thread, nullptr);
+}
+
+void DBusServiceListener::invalidateConnections() {
+  {
+    const MutexLock lock(mutex_);
+    for (const auto& served : running_) {
+      if (served->connection != nullptr) served->connection->invalidate();
+    }
+    while (!running_.empty()) allEnded_.wait(mutex_);
+  }
+  joinEnded();
+}
+
+size_t DBusServiceListener::connectionCount() {
+  const MutexLock lock(mutex_);
+  return running_.size();
+}
+
+void DBusServiceListener::setConnectionCountHandler(UniqueFunction<void(size_t)> handler) {
+  const MutexLock lock(countMutex_);
+  countHandler_ = std::move(handler);
+}
+
+void DBusServiceListener::countChanged() {
+  const MutexLock lock(countMutex_);
+  if (countHandler_) countHandler_(connectionCount());
+}
+
+}  // namespace zun

@@ -1,0 +1,99 @@
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstddef>
+#include <list>
+#include <map>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "values/Error.h"
+#include "platform/Mutex.h"
+#include "values/Result.h"
+#include "platform/ServiceConnection.h"
+#include "platform/SystemLog.h"
+#include "linux/service/EntitlementStore.h"
+#include "linux/files/FileDescriptor.h"
+#include "linux/dbus/DBusServiceConnection.h"
+#include "linux/dbus/ListeningSocket.h"
+
+namespace zun {
+
+struct DBusListenerOptions {
+  /// "unix:path=PATH". Not used when the service manager hands a socket over.
+  std::string address;
+  size_t maximumConnections = 4096;
+  size_t maximumConnectionsPerUser = 256;
+  size_t connectionStackBytes = size_t{256} << 10;
+  DBusConnectionOptions connection;
+};
+
+/// The named service: D-Bus, point to point, on a Unix socket that everybody may
+/// connect to; entitlements decide who is served.
+///
+///   created (listening) ─resume─▶ accepting ─stop─▶ closed ─invalidateConnections─▶ over
+///
+/// Threading: as ServiceListener says; one thread accepts, each connection has its own.
+/// Ownership: main's. `entitlements` and `log` outlive it, the delegate its connections.
+class DBusServiceListener final : public ServiceListener {
+ public:
+  static Result<std::unique_ptr<DBusServiceListener>, Error> create(DBusListenerOptions options,
+                                                                    EntitlementStore& entitlements,
+                                                                    SystemLog& log);
+  ~DBusServiceListener() override;
+
+  void setDelegate(ServiceListenerDelegate* delegate) override { delegate_ = delegate; }
+  void resume() override;
+  void stop() override;
+  void invalidateConnections() override;
+
+  /// Connections whose threads run. Any thread.
+  [[nodiscard]] size_t connectionCount();
+  /// Called with the new count whenever it changes, on any thread, one call at a time.
+  /// Set before `resume`.
+  void setConnectionCountHandler(UniqueFunction<void(size_t)> handler);
+
+ private:
+  /// A connection and its thread.
+  struct Served;
+
+  DBusServiceListener(DBusListenerOptions options, ListeningSocket socket, FileDescriptor wake,
+                      EntitlementStore& entitlements, SystemLog& log);
+  void acceptLoop();
+  void acceptOne();
+  void handleAcceptFailure(int error);
+  void serve(FileDescriptor socket);
+  /// Why one more connection of this peer is refused; empty if it is not.
+  std::string refusal(const PeerIdentity& peer);
+  void startThread(std::shared_ptr<DBusServiceConnection> connection);
+  static void* threadMain(void* served);
+  void connectionEnded(Served& served);
+  void joinEnded();
+  void countChanged();
+  void wake();
+
+  const DBusListenerOptions options_;
+  const std::string serverID_;
+  EntitlementStore& entitlements_;
+  SystemLog& log_;
+  ServiceListenerDelegate* delegate_ = nullptr;
+  ListeningSocket socket_;
+  FileDescriptor wake_;
+  FileDescriptor spare_;  // given up for a moment to refuse a client when descriptors run out
+  bool isShort_ = false;  // the accepting thread's: the system is, and it has been said
+  std::thread thread_;
+  std::atomic<bool> isStopping_{false};
+
+  Mutex countMutex_;
+  UniqueFunction<void(size_t)> countHandler_ GUARDED_BY(countMutex_);
+
+  Mutex mutex_;
+  std::list<std::unique_ptr<Served>> running_ GUARDED_BY(mutex_);
+  std::list<std::unique_ptr<Served>> ended_ GUARDED_BY(mutex_);
+  std::map<uid_t, size_t> connectionsOfUser_ GUARDED_BY(mutex_);
+  std::condition_variable_any allEnded_;
+};
+
+}  // namespace zun

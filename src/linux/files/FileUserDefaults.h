@@ -1,0 +1,53 @@
+#pragma once
+
+#include <chrono>
+#include <map>
+#include <string>
+
+#include "platform/FileManager.h"
+#include "platform/Mutex.h"
+#include "platform/SystemLog.h"
+#include "platform/UserDefaults.h"
+#include "linux/files/PropertyListFile.h"
+
+namespace zun {
+
+/// User defaults as property lists, one file per suite:
+/// `~/Library/Preferences/<suite>.plist`.
+///
+///   read:  file changed? ──no──▶ the dictionary in memory
+///                        └─yes─▶ read and parse; bad ──▶ one error line, empty suite
+///   write: lock file ▶ read ▶ (bad: moved to <suite>.plist.corrupt) ▶ change ▶ replace
+///
+/// Several processes may share a suite: writers take turns by a lock on
+/// `<suite>.plist.lock`, readers see a whole file, the old or the new one.
+///
+/// Threading: any thread. A read costs one stat(2) while the file does not change.
+/// Ownership: `files` and `log` outlive it.
+class FileUserDefaults final : public UserDefaults {
+ public:
+  /// `lockPatience`: how long a write waits for one of another process.
+  FileUserDefaults(FileManager& files, SystemLog& log,
+                   std::chrono::milliseconds lockPatience = std::chrono::seconds(5))
+      : files_(files), log_(log), lockPatience_(lockPatience) {}
+
+  [[nodiscard]] Value objectForKey(std::string_view suite, std::string_view key) const override;
+  [[nodiscard]] size_t countOfKeys(std::string_view suite, std::string_view prefix) const override;
+  void setObject(std::string_view suite, std::string_view key, Value value) override;
+
+ private:
+  PropertyListFile& fileOfSuite(std::string_view suite) const REQUIRES(mutex_);
+  /// Reads the suite, telling once of each new failure.
+  const PropertyListFile::Content& contentOf(PropertyListFile& file) const REQUIRES(mutex_);
+  void save(const std::string& path, std::string_view suite, std::string_view key, Value value) const;
+  [[nodiscard]] bool moveAside(const std::string& path) const;
+  [[nodiscard]] bool write(const std::string& path, const Dictionary& content) const;
+
+  FileManager& files_;
+  SystemLog& log_;
+  const std::chrono::milliseconds lockPatience_;
+  mutable Mutex mutex_;
+  mutable std::map<std::string, PropertyListFile, std::less<>> suites_ GUARDED_BY(mutex_);
+};
+
+}  // namespace zun

@@ -1,0 +1,444 @@
+#include "linux/http/CurlURLSessionLoop.h"
+
+#include <pthread.h>
+#include <signal.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "values/Check.h"
+
+namespace zun {
+namespace {
+
+constexpr long kIdleConnections = 32;
+constexpr size_t kSpareTransfers = 16;
+constexpr std::chrono::milliseconds kLongestPoll = std::chrono::hours(1);
+
+CURLM* makeMulti() {
+  // Once for the process; libcurl's own rule.
+  static const CURLcode prepared = curl_global_init(CURL_GLOBAL_DEFAULT);
+  ZUN_CHECK(prepared == CURLE_OK);
+  CURLM* multi = curl_multi_init();
+  ZUN_CHECK(multi != nullptr);
+  curl_multi_setopt(multi, CURLMOPT_PIPELINING, static_cast<long>(CURLPIPE_NOTHING));
+  curl_multi_setopt(multi, CURLMOPT_MAXCONNECTS, kIdleConnections);
+  return multi;
+}
+
+// Signals are the main thread's; a peer that hangs up is an error code here.
+void blockSignals() {
+  sigset_t all;
+  sigfillset(&all);
+  pthread_sigmask(SIG_SETMASK, &all, nullptr);
+}
+
+Error cancelled() {
+  return urlError(URLSessionError::kCancelled, "the URL-session service has ended");
+}
+
+}  // namespace
+
+CurlURLSessionLoop::CurlURLSessionLoop(CurlOptions options, SystemLog& log)
+    : options_(std::move(options)),
+      log_(log),
+      routes_(options_.routes ? options_.routes : std::make_shared<NetlinkRouteMonitor>(log)),
+      power_(options_.power ? options_.power : std::make_shared<SysfsPowerSupply>()),
+      multi_(makeMulti()) {
+  thread_ = std::thread([this] {
+    blockSignals();
+    pthread_setname_np(pthread_self(), "zun-transfers");
+    run();
+  });
+}
+
+CurlURLSessionLoop::~CurlURLSessionLoop() {
+  ZUN_CHECK(!thread_.joinable());
+  spare_.clear();
+  curl_multi_cleanup(multi_);
+}
+
+void CurlURLSessionLoop::submit(Task task) {
+  std::optional<Error> refusal;
+  bool wasEmpty = false;
+  {
+    const MutexLock lock(mutex_);
+    if (inbox_.isStopping) {
+      refusal = cancelled();
+    } else if (inbox_.inFlight + inbox_.waiting >= options_.maxTasks ||
+               inbox_.bodyBytes + task->bodyBytes() > options_.maxBodyBytes) {
+      refusal = urlError(URLSessionError::kTooManyTransfers, "too many transfers are under way");
+    } else {
+      wasEmpty = inbox_.tasks.empty();
+      ++inbox_.inFlight;
+      inbox_.bodyBytes += task->bodyBytes();
+      inbox_.tasks.push_back(task);
+    }
+    // Under the lock: the multi handle lives as long as the loop is not stopping.
+    if (wasEmpty) curl_multi_wakeup(multi_);
+  }
+  if (refusal) task->fail(*refusal);
+}
+
+void CurlURLSessionLoop::stop() {
+  {
+    const MutexLock lock(mutex_);
+    inbox_.isStopping = true;
+    curl_multi_wakeup(multi_);
+  }
+  thread_.join();
+}
+
+size_t CurlURLSessionLoop::transfersInFlight() const {
+  const MutexLock lock(mutex_);
+  return inbox_.inFlight;
+}
+
+bool CurlURLSessionLoop::waitUntilIdle(std::chrono::milliseconds timeout) const {
+  const auto deadline = Clock::now() + timeout;
+  const MutexLock lock(mutex_);
+  while (inbox_.inFlight > 0) {
+    if (becameIdle_.wait_until(mutex_, deadline) == std::cv_status::timeout) return inbox_.inFlight == 0;
+  }
+  return true;
+}
+
+void CurlURLSessionLoop::setIdleHandler(UniqueFunction<void()> handler) {
+  const MutexLock lock(handlerMutex_);
+  idleHandler_ = std::move(handler);
+}
+
+void CurlURLSessionLoop::run() {
+  while (takeInbox()) {
+    reconsiderWaiting();
+    startEligible();
+    int running = 0;
+    curl_multi_perform(multi_, &running);
+    deliver();
+    collectEnded();
+    expireActive();
+    expirePending();
+    poll();
+  }
+  cancelEverything();
+}
+
+bool CurlURLSessionLoop::takeInbox() {
+  std::vector<Task> tasks;
+  bool goesOn = false;
+  {
+    const MutexLock lock(mutex_);
+    tasks.swap(inbox_.tasks);
+    goesOn = !inbox_.isStopping;
+  }
+  Conditions conditions;
+  for (Task& task : tasks) {
+    task->resourceDeadline = Clock::now() + options_.resourceTimeout;
+    admit(std::move(task), conditions);
+  }
+  return goesOn;
+}
+
+void CurlURLSessionLoop::admit(Task task, Conditions& conditions) {
+  if (!hasPending() && active_.empty()) nextExpiry_ = Clock::now();
+  const Obstacle obstacle = obstacleFor(*task, conditions);
+  if (obstacle == Obstacle::kNone) {
+    queueForHost(std::move(task));
+  } else {
+    wait(std::move(task), obstacle);
+    changeWaiting(1);
+  }
+}
+
+CurlURLSessionLoop::Obstacle CurlURLSessionLoop::obstacleFor(const CurlURLSessionTask& task,
+                                                             Conditions& conditions) {
+  if (task.configuration().requiresPowerPluggedIn) {
+    if (!conditions.hasPower) conditions.hasPower = power_->isExternalPowerConnected();
+    if (!*conditions.hasPower) return Obstacle::kNoPower;
+  }
+  const bool mayWait = task.configuration().waitsForConnectivity;
+  const bool isPicky = task.request().cellularAccess == CellularAccess::kForbidden;
+  if (task.target().isLoopback || (!mayWait && !isPicky)) return Obstacle::kNone;
+  if (!conditions.route) conditions.route = routeStatus();
+  if (mayWait && !conditions.route->hasUsableRoute) return Obstacle::kNoRoute;
+  if (isPicky && conditions.route->isOverCellular) return Obstacle::kCellular;
+  return Obstacle::kNone;
+}
+
+RouteMonitor::Status CurlURLSessionLoop::routeStatus() {
+  const RouteMonitor::Status status = routes_->status();
+  if (status.hasUsableRoute != seenRoute_.hasUsableRoute ||
+      status.isOverCellular != seenRoute_.isOverCellular)
+    isRouteStale_ = true;
+  seenRoute_ = status;
+  return status;
+}
+
+void CurlURLSessionLoop::wait(Task task, Obstacle obstacle) {
+  if (waiting_.empty()) {
+    const char* const reason = obstacle == Obstacle::kNoRoute    ? "a usable network route"
+                               : obstacle == Obstacle::kCellular ? "a network that is not cellular"
+                                                                 : "external power";
+    log_.note("URLSession: transfers wait for {}", reason);
+    nextPowerCheck_ = Clock::now() + options_.powerCheckInterval;
+  }
+  waiting_.emplace_back(std::move(task), obstacle);
+}
+
+void CurlURLSessionLoop::reconsiderWaiting() {
+  if (waiting_.empty()) return;
+  const bool isPowerCheckDue = Clock::now() >= nextPowerCheck_;
+  if (!std::exchange(isRouteStale_, false) && !isPowerCheckDue) return;
+  if (isPowerCheckDue) nextPowerCheck_ = Clock::now() + options_.powerCheckInterval;
+  Conditions conditions;
+  std::deque<std::pair<Task, Obstacle>> still;
+  for (auto& [task, obstacle] : waiting_) {
+    obstacle = obstacleFor(*task, conditions);
+    if (obstacle != Obstacle::kNone) {
+      still.emplace_back(std::move(task), obstacle);
+      continue;
+    }
+    changeWaiting(-1);
+    queueForHost(std::move(task));
+  }
+  waiting_ = std::move(still);
+}
+
+void CurlURLSessionLoop::queueForHost(Task task) {
+  if (task->configuration().discretionary) {
+    discretionary_.push_back(std::move(task));
+    return;
+  }
+  Host& host = hosts_[task->target().host];
+  host.queue.push_back(std::move(task));
+  ++queued_;
+  giveTurn(host);
+}
+
+void CurlURLSessionLoop::giveTurn(Host& host) {
+  if (host.hasTurn || host.queue.empty() || host.active >= options_.maxConnectionsPerHost) return;
+  host.hasTurn = true;
+  turns_.push_back(&host);
+}
+
+// Hosts take turns, one task each, so that a busy one does not shut out the others. What
+// can choose its time goes one at a time, when nobody else wants to.
+void CurlURLSessionLoop::startEligible() {
+  while (!turns_.empty() && active_.size() < options_.maxConnections) {
+    Host& host = *turns_.front();
+    turns_.pop_front();
+    host.hasTurn = false;
+    if (host.queue.empty()) {  // those who stood in it have expired
+      if (host.active == 0)
+        std::erase_if(hosts_, [&host](const auto& entry) { return &entry.second == &host; });
+      continue;
+    }
+    Task task = std::move(host.queue.front());
+    host.queue.pop_front();
+    --queued_;
+    ++host.active;
+    giveTurn(host);
+    start(std::move(task));
+  }
+  while (!discretionary_.empty() && discretionaryActive_ == 0 && turns_.empty() &&
+         active_.size() < options_.maxConnections) {
+    Task task = std::move(discretionary_.front());
+    discretionary_.pop_front();
+    ++hosts_[task->target().host].active;
+    ++discretionaryActive_;
+    start(std::move(task));
+  }
+}
+
+void CurlURLSessionLoop::start(Task task) {
+  std::unique_ptr<Transfer> transfer;
+  if (spare_.empty()) {
+    transfer = std::make_unique<Transfer>(options_);
+  } else {
+    transfer = std::move(spare_.back());
+    spare_.pop_back();
+  }
+  Transfer& started = *transfer;
+  active_.emplace(&started, std::move(transfer));
+  const bool isReady = started.begin(task);
+  if (isReady && curl_multi_add_handle(multi_, started.handle()) == CURLM_OK) return;
+  CurlDelivery last = started.endWith(CURLE_OUT_OF_MEMORY);
+  release(started);
+  complete(task, std::move(last));
+}
+
+void CurlURLSessionLoop::collectEnded() {
+  int left = 0;
+  while (const CURLMsg* message = curl_multi_info_read(multi_, &left)) {
+    if (message->msg != CURLMSG_DONE) continue;
+    const CURLcode code = message->data.result;
+    char* transfer = nullptr;
+    curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, &transfer);
+    ended(*reinterpret_cast<Transfer*>(transfer), code);
+  }
+}
+
+void CurlURLSessionLoop::ended(Transfer& transfer, CURLcode code) {
+  const Task task = transfer.task().shared_from_this();
+  if (waitsInsteadOfFailing(*task, code)) {
+    release(transfer);
+    wait(task, Obstacle::kNoRoute);
+    changeWaiting(1);
+    return;
+  }
+  CurlDelivery last = transfer.endWith(code);
+  release(transfer);
+  complete(task, std::move(last));
+}
+
+// The network went away between the look at the routes and the attempt: nothing was sent.
+bool CurlURLSessionLoop::waitsInsteadOfFailing(const CurlURLSessionTask& task, CURLcode code) {
+  if (code != CURLE_COULDNT_RESOLVE_HOST && code != CURLE_COULDNT_CONNECT &&
+      code != CURLE_COULDNT_RESOLVE_PROXY)
+    return false;
+  return task.configuration().waitsForConnectivity && !task.target().isLoopback &&
+         !routeStatus().hasUsableRoute;
+}
+
+void CurlURLSessionLoop::release(Transfer& transfer) {
+  curl_multi_remove_handle(multi_, transfer.handle());
+  const Task task = transfer.end();
+  const auto found = active_.find(&transfer);
+  if (spare_.size() < kSpareTransfers) spare_.push_back(std::move(found->second));
+  active_.erase(found);
+  if (task->configuration().discretionary) --discretionaryActive_;
+  const auto host = hosts_.find(task->target().host);
+  --host->second.active;
+  giveTurn(host->second);
+  if (host->second.active == 0 && !host->second.hasTurn && host->second.queue.empty()) hosts_.erase(host);
+}
+
+void CurlURLSessionLoop::expireActive() {
+  const auto now = Clock::now();
+  std::vector<Transfer*> late;
+  for (const auto& [transfer, owned] : active_) {
+    if (transfer->deadline() <= now) late.push_back(transfer);
+  }
+  for (Transfer* transfer : late) {
+    const Task task = transfer->task().shared_from_this();
+    CurlDelivery last = transfer->endWith(urlError(URLSessionError::kTimedOut, "the request timed out"));
+    release(*transfer);
+    complete(task, std::move(last));
+  }
+}
+
+// Seven days do not need looking at each time round.
+void CurlURLSessionLoop::expirePending() {
+  const auto now = Clock::now();
+  if (!hasPending() || now < nextExpiry_) return;
+  const auto often = std::clamp<std::chrono::milliseconds>(
+      options_.resourceTimeout / 20, std::chrono::milliseconds(10), std::chrono::minutes(1));
+  nextExpiry_ = now + often;
+  std::vector<std::pair<Task, bool>> late;
+  const auto takeIfLate = [&late, now](const Task& task, bool isWaiting) {
+    if (task->resourceDeadline > now) return false;
+    late.emplace_back(task, isWaiting);
+    return true;
+  };
+  std::erase_if(waiting_, [&](const auto& entry) { return takeIfLate(entry.first, true); });
+  std::erase_if(discretionary_, [&](const Task& task) { return takeIfLate(task, false); });
+  for (auto& [name, host] : hosts_)
+    queued_ -= std::erase_if(host.queue, [&](const Task& task) { return takeIfLate(task, false); });
+  for (const auto& [task, isWaiting] : late) {
+    task->fail(urlError(URLSessionError::kTimedOut, "the task's time is over"));
+    leave(*task, isWaiting);
+  }
+}
+
+void CurlURLSessionLoop::deliver() {
+  for (const auto& [transfer, owned] : active_) {
+    CurlDelivery delivery = transfer->takeDelivery();
+    if (!delivery.isEmpty()) transfer->task().deliver(std::move(delivery));
+  }
+}
+
+void CurlURLSessionLoop::poll() {
+  const bool canStart = (!turns_.empty() || (!discretionary_.empty() && discretionaryActive_ == 0)) &&
+                        active_.size() < options_.maxConnections;
+  const auto left = std::chrono::ceil<std::chrono::milliseconds>(untilNextDeadline());
+  const int timeout = canStart ? 0 : static_cast<int>(std::clamp(left, {}, kLongestPoll).count());
+  // Only those who wait want to know of routes; nobody else is woken by them.
+  curl_waitfd change{routes_->descriptor(), CURL_WAIT_POLLIN, 0};
+  const bool watches = !waiting_.empty() && change.fd >= 0;
+  int ready = 0;
+  curl_multi_poll(multi_, watches ? &change : nullptr, watches ? 1 : 0, timeout, &ready);
+  if (watches && change.revents != 0) isRouteStale_ = true;
+}
+
+CurlURLSessionLoop::Clock::duration CurlURLSessionLoop::untilNextDeadline() const {
+  const auto now = Clock::now();
+  auto next = now + kLongestPoll;
+  for (const auto& [transfer, owned] : active_) next = std::min(next, transfer->deadline());
+  if (hasPending()) next = std::min(next, nextExpiry_);
+  if (!waiting_.empty()) next = std::min(next, nextPowerCheck_);
+  return std::max(next - now, Clock::duration::zero());
+}
+
+bool CurlURLSessionLoop::hasPending() const {
+  return queued_ > 0 || !waiting_.empty() || !discretionary_.empty();
+}
+
+void CurlURLSessionLoop::cancelEverything() {
+  while (!active_.empty()) {
+    Transfer& transfer = *active_.begin()->first;
+    const Task task = transfer.task().shared_from_this();
+    CurlDelivery last = transfer.endWith(cancelled());
+    release(transfer);
+    complete(task, std::move(last));
+  }
+  std::vector<std::pair<Task, bool>> left;
+  for (auto& [task, obstacle] : waiting_) left.emplace_back(std::move(task), true);
+  for (auto& task : discretionary_) left.emplace_back(std::move(task), false);
+  for (auto& [name, host] : hosts_) {
+    for (auto& task : host.queue) left.emplace_back(std::move(task), false);
+  }
+  waiting_.clear();
+  discretionary_.clear();
+  turns_.clear();
+  hosts_.clear();
+  queued_ = 0;
+  for (const auto& [task, isWaiting] : left) {
+    task->fail(cancelled());
+    leave(*task, isWaiting);
+  }
+}
+
+void CurlURLSessionLoop::complete(const Task& task, CurlDelivery delivery) {
+  task->complete(std::move(delivery));
+  leave(*task, false);
+}
+
+void CurlURLSessionLoop::changeWaiting(int by) {
+  bool isIdle = false;
+  {
+    const MutexLock lock(mutex_);
+    inbox_.waiting += static_cast<size_t>(by);
+    inbox_.inFlight -= static_cast<size_t>(by);
+    isIdle = inbox_.inFlight == 0;
+  }
+  if (isIdle) sayIdle();
+}
+
+void CurlURLSessionLoop::leave(const CurlURLSessionTask& task, bool isWaiting) {
+  bool isIdle = false;
+  {
+    const MutexLock lock(mutex_);
+    --(isWaiting ? inbox_.waiting : inbox_.inFlight);
+    inbox_.bodyBytes -= task.bodyBytes();
+    isIdle = !isWaiting && inbox_.inFlight == 0;
+  }
+  if (isIdle) sayIdle();
+}
+
+void CurlURLSessionLoop::sayIdle() {
+  becameIdle_.notify_all();
+  const MutexLock lock(handlerMutex_);
+  if (idleHandler_) idleHandler_();
+}
+
+}  // namespace zun

@@ -1,0 +1,129 @@
+#pragma once
+
+#include <curl/curl.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+#include "platform/Mutex.h"
+#include "linux/http/CurlURLSession.h"
+#include "linux/http/CurlURLSessionTransfer.h"
+
+namespace zun {
+
+/// The transfer thread and everything that it drives.
+///
+///   submit ──▶ inbox ──▶ waiting (network, power) ──▶ a host's queue ──▶ active ──▶ completed
+///
+/// Threading: public operations on any thread; what is below `run` belongs to the
+/// transfer thread. The inbox is the only thing that they share.
+/// Ownership: of the service and its sessions; owns the tasks from `submit` to their end.
+class CurlURLSessionLoop final {
+ public:
+  CurlURLSessionLoop(CurlOptions options, SystemLog& log);
+  ~CurlURLSessionLoop();
+  CurlURLSessionLoop(const CurlURLSessionLoop&) = delete;
+  CurlURLSessionLoop& operator=(const CurlURLSessionLoop&) = delete;
+
+  [[nodiscard]] const CurlOptions& options() const { return options_; }
+
+  /// Takes over a task that has no defect. It completes in any case.
+  void submit(std::shared_ptr<CurlURLSessionTask> task);
+  /// Cancels every task and joins. What is submitted later is cancelled at once. Once.
+  void stop();
+
+  [[nodiscard]] size_t transfersInFlight() const;
+  [[nodiscard]] bool waitUntilIdle(std::chrono::milliseconds timeout) const;
+  void setIdleHandler(UniqueFunction<void()> handler);
+
+ private:
+  using Task = std::shared_ptr<CurlURLSessionTask>;
+  using Clock = std::chrono::steady_clock;
+  using Transfer = CurlURLSessionTransfer;
+
+  enum class Obstacle { kNone, kNoRoute, kCellular, kNoPower };
+
+  /// The connections to one host and those who wait for one.
+  struct Host {
+    size_t active = 0;
+    bool hasTurn = false;  // stands in turns_
+    std::deque<Task> queue;
+  };
+
+  /// What the world looks like during one pass over those who wait.
+  struct Conditions {
+    std::optional<RouteMonitor::Status> route;
+    std::optional<bool> hasPower;
+  };
+
+  void run();
+  bool takeInbox();
+  void admit(Task task, Conditions& conditions);
+  [[nodiscard]] Obstacle obstacleFor(const CurlURLSessionTask& task, Conditions& conditions);
+  [[nodiscard]] RouteMonitor::Status routeStatus();
+  void wait(Task task, Obstacle obstacle);
+  void queueForHost(Task task);
+  void reconsiderWaiting();
+  void startEligible();
+  void giveTurn(Host& host);
+  void start(Task task);
+  void collectEnded();
+  void ended(Transfer& transfer, CURLcode code);
+  bool waitsInsteadOfFailing(const CurlURLSessionTask& task, CURLcode code);
+  void release(Transfer& transfer);
+  void expireActive();
+  void expirePending();
+  void deliver();
+  void poll();
+  [[nodiscard]] Clock::duration untilNextDeadline() const;
+  void cancelEverything();
+  void complete(const Task& task, CurlDelivery delivery);
+  void changeWaiting(int by);
+  void leave(const CurlURLSessionTask& task, bool isWaiting);
+  void sayIdle();
+  [[nodiscard]] bool hasPending() const;
+
+  const CurlOptions options_;
+  SystemLog& log_;
+  const std::shared_ptr<RouteMonitor> routes_;
+  const std::shared_ptr<PowerSupply> power_;
+  CURLM* const multi_;
+
+  struct Inbox {
+    std::vector<Task> tasks;
+    size_t inFlight = 0;
+    size_t waiting = 0;
+    int64_t bodyBytes = 0;
+    bool isStopping = false;
+  };
+  mutable Mutex mutex_;
+  mutable std::condition_variable_any becameIdle_;
+  Inbox inbox_ GUARDED_BY(mutex_);
+  Mutex handlerMutex_;
+  UniqueFunction<void()> idleHandler_ GUARDED_BY(handlerMutex_);
+
+  // The transfer thread's.
+  std::unordered_map<std::string, Host> hosts_;
+  std::deque<Host*> turns_;  // hosts with someone in the queue and a connection free
+  std::deque<Task> discretionary_;
+  std::deque<std::pair<Task, Obstacle>> waiting_;
+  std::unordered_map<Transfer*, std::unique_ptr<Transfer>> active_;
+  std::vector<std::unique_ptr<Transfer>> spare_;
+  size_t discretionaryActive_ = 0;
+  size_t queued_ = 0;  // in the hosts' queues
+  RouteMonitor::Status seenRoute_;
+  bool isRouteStale_ = false;  // those who wait were judged by another status
+  Clock::time_point nextExpiry_;
+  Clock::time_point nextPowerCheck_;
+
+  std::thread thread_;
+};
+
+}  // namespace zun

@@ -1,0 +1,350 @@
+#include "linux/http/CurlURLSessionTransfer.h"
+
+#include <netinet/in.h>
+#include <netinet/ip.h>
+#include <strings.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <charconv>
+
+#include "values/Check.h"
+
+namespace zun {
+namespace {
+
+constexpr int64_t kMaxHeadBytes = 256 << 10;
+constexpr long kMaxRedirects = 10;
+constexpr std::chrono::seconds kDefaultIdleTimeout{60};
+constexpr int kBackgroundTrafficClass = IPTOS_CLASS_CS1;
+
+bool isNamed(std::string_view name, std::string_view expected) {
+  return name.size() == expected.size() && ::strncasecmp(name.data(), expected.data(), name.size()) == 0;
+}
+
+std::string_view trimmed(std::string_view text) {
+  const size_t first = text.find_first_not_of(" \t\r\n");
+  if (first == std::string_view::npos) return {};
+  return text.substr(first, text.find_last_not_of(" \t\r\n") - first + 1);
+}
+
+bool append(curl_slist*& list, const std::string& line) {
+  curl_slist* longer = curl_slist_append(list, line.c_str());
+  if (longer == nullptr) return false;
+  list = longer;
+  return true;
+}
+
+bool describesBody(std::string_view name) {
+  return isNamed(name, "Content-Length") || isNamed(name, "Content-Type") ||
+         isNamed(name, "Content-Encoding");
+}
+
+bool isBackground(const URLSessionConfiguration& configuration) {
+  return configuration.kind == URLSessionConfiguration::Kind::kBackground ||
+         configuration.networkServiceType == URLSessionConfiguration::NetworkServiceType::kBackground;
+}
+
+URLSessionError classOf(CURLcode code) {
+  switch (code) {
+    case CURLE_URL_MALFORMAT:
+    case CURLE_UNSUPPORTED_PROTOCOL: return URLSessionError::kBadURL;
+    case CURLE_OPERATION_TIMEDOUT: return URLSessionError::kTimedOut;
+    case CURLE_COULDNT_RESOLVE_HOST:
+    case CURLE_COULDNT_RESOLVE_PROXY: return URLSessionError::kCannotFindHost;
+    case CURLE_COULDNT_CONNECT:
+    case CURLE_PROXY:
+    case CURLE_INTERFACE_FAILED: return URLSessionError::kCannotConnect;
+    case CURLE_GOT_NOTHING:
+    case CURLE_PARTIAL_FILE:
+    case CURLE_SEND_ERROR:
+    case CURLE_RECV_ERROR: return URLSessionError::kConnectionLost;
+    case CURLE_SSL_CONNECT_ERROR:
+    case CURLE_PEER_FAILED_VERIFICATION:
+    case CURLE_SSL_ISSUER_ERROR:
+    case CURLE_SSL_CERTPROBLEM:
+    case CURLE_SSL_CIPHER:
+    case CURLE_SSL_CACERT_BADFILE:
+    case CURLE_SSL_CRL_BADFILE:
+    case CURLE_SSL_INVALIDCERTSTATUS:
+    case CURLE_SSL_ENGINE_NOTFOUND:
+    case CURLE_USE_SSL_FAILED: return URLSessionError::kSecureConnectionFailed;
+    case CURLE_TOO_MANY_REDIRECTS: return URLSessionError::kTooManyRedirects;
+    case CURLE_BAD_CONTENT_ENCODING:
+    case CURLE_WEIRD_SERVER_REPLY: return URLSessionError::kBadServerResponse;
+    case CURLE_ABORTED_BY_CALLBACK: return URLSessionError::kCancelled;
+    default: return URLSessionError::kUnknown;
+  }
+}
+
+}  // namespace
+
+CurlURLSessionTransfer::CurlURLSessionTransfer(const CurlOptions& options)
+    : options_(options), handle_(curl_easy_init()) {
+  ZUN_CHECK(handle_ != nullptr);
+  for (const std::string& address : options.hostAddresses) append(addresses_, address);
+}
+
+CurlURLSessionTransfer::~CurlURLSessionTransfer() {
+  curl_easy_cleanup(handle_);
+  curl_slist_free_all(headers_);
+  curl_slist_free_all(bodilessHeaders_);
+  curl_slist_free_all(addresses_);
+}
+
+bool CurlURLSessionTransfer::begin(std::shared_ptr<CurlURLSessionTask> task) {
+  task_ = std::move(task);
+  message_.front() = '\0';
+  const std::chrono::seconds asked = task_->request().timeout;
+  idleTimeout_ = options_.idleTimeout.value_or(asked.count() > 0 ? asked : kDefaultIdleTimeout);
+  idleTimeout_ = std::min(idleTimeout_, options_.resourceTimeout);
+  noteProgress();
+  if (!setHeaders()) return false;
+  setConnectionOptions();
+  setRequestOptions();
+  return true;
+}
+
+std::shared_ptr<CurlURLSessionTask> CurlURLSessionTransfer::end() {
+  curl_easy_reset(handle_);
+  curl_slist_free_all(std::exchange(headers_, nullptr));
+  curl_slist_free_all(std::exchange(bodilessHeaders_, nullptr));
+  status_ = 0;
+  responseHeaders_.clear();
+  headBytes_ = bodyBytes_ = toldBytesSent_ = 0;
+  isHeadComplete_ = isResponseTold_ = isTooLarge_ = false;
+  seenReceived_ = seenSent_ = 0;
+  delivery_ = {};
+  return std::move(task_);
+}
+
+void CurlURLSessionTransfer::setConnectionOptions() {
+  const auto set = [this](CURLoption option, auto value) { curl_easy_setopt(handle_, option, value); };
+  set(CURLOPT_PRIVATE, this);
+  set(CURLOPT_ERRORBUFFER, message_.data());
+  set(CURLOPT_NOSIGNAL, 1L);
+  // A name that is still being looked up must not hold up the transfer thread.
+  set(CURLOPT_QUICK_EXIT, 1L);
+  set(CURLOPT_PROTOCOLS_STR, "http,https");
+  set(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
+  set(CURLOPT_SSL_VERIFYPEER, 1L);
+  set(CURLOPT_SSL_VERIFYHOST, 2L);
+  set(CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
+  if (!options_.caFile.empty()) {
+    set(CURLOPT_CAINFO, options_.caFile.c_str());
+    set(CURLOPT_CAPATH, static_cast<const char*>(nullptr));
+  }
+  if (addresses_ != nullptr) set(CURLOPT_RESOLVE, addresses_);
+  // Our own loopback is nowhere a proxy could reach.
+  if (task_->target().isLoopback) set(CURLOPT_PROXY, "");
+  // The idle limit ends a connection that does not come about.
+  set(CURLOPT_CONNECTTIMEOUT, static_cast<long>(std::chrono::hours(24 * 7) / std::chrono::seconds(1)));
+  if (isBackground(task_->configuration())) {
+    // The class belongs to the connection, so nobody else may share it.
+    set(CURLOPT_SOCKOPTFUNCTION, &socketMade);
+    set(CURLOPT_SOCKOPTDATA, this);
+    set(CURLOPT_FRESH_CONNECT, 1L);
+    set(CURLOPT_FORBID_REUSE, 1L);
+  }
+}
+
+void CurlURLSessionTransfer::setRequestOptions() {
+  const auto set = [this](CURLoption option, auto value) { curl_easy_setopt(handle_, option, value); };
+  const URLRequest& request = task_->request();
+  set(CURLOPT_URL, request.url.c_str());
+  set(CURLOPT_FOLLOWLOCATION, 1L);
+  set(CURLOPT_MAXREDIRS, kMaxRedirects);
+  set(CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+  set(CURLOPT_HTTPHEADER, headers_);
+  set(CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
+  const bool hasOwnEncoding = std::any_of(request.headers.begin(), request.headers.end(), [](auto& header) {
+    return isNamed(header.first, "Accept-Encoding");
+  });
+  if (!hasOwnEncoding) set(CURLOPT_ACCEPT_ENCODING, "gzip");
+
+  if (request.body || request.method == "POST") {
+    set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(task_->bodyBytes()));
+    set(CURLOPT_POSTFIELDS, request.body ? request.body->data() : "");
+    if (request.method != "POST") set(CURLOPT_CUSTOMREQUEST, request.method.c_str());
+  } else if (request.method == "HEAD") {
+    set(CURLOPT_NOBODY, 1L);
+  } else if (request.method != "GET") {
+    set(CURLOPT_CUSTOMREQUEST, request.method.c_str());
+  }
+
+  set(CURLOPT_HEADERFUNCTION, &headerCame);
+  set(CURLOPT_HEADERDATA, this);
+  set(CURLOPT_WRITEFUNCTION, &bodyCame);
+  set(CURLOPT_WRITEDATA, this);
+  set(CURLOPT_XFERINFOFUNCTION, &progressed);
+  set(CURLOPT_XFERINFODATA, this);
+  set(CURLOPT_NOPROGRESS, 0L);
+}
+
+// The request's own headers in their order. libcurl adds Host, the length of the body
+// and what it accepts as encoding; every other header of its own is taken back.
+bool CurlURLSessionTransfer::setHeaders() {
+  const URLRequest& request = task_->request();
+  const bool sendsBody = request.body != nullptr || request.method == "POST";
+  const std::string length = std::to_string(task_->bodyBytes());
+  bool hasLength = false;
+  bool hasType = false;
+  bool hasAccept = false;
+  for (const auto& [name, value] : request.headers) {
+    if (isNamed(name, "Expect") || isNamed(name, "Transfer-Encoding")) continue;
+    if (isNamed(name, "Content-Length")) {
+      if (!sendsBody || hasLength || trimmed(value) != length) continue;
+      hasLength = true;
+    }
+    hasType = hasType || isNamed(name, "Content-Type");
+    hasAccept = hasAccept || isNamed(name, "Accept");
+    const std::string line = trimmed(value).empty() ? name + ";" : name + ": " + value;
+    if (!append(headers_, line)) return false;
+    if (!describesBody(name) && !append(bodilessHeaders_, line)) return false;
+  }
+  if (!hasAccept && !(append(headers_, "Accept:") && append(bodilessHeaders_, "Accept:"))) return false;
+  if (!hasType && !append(headers_, "Content-Type:")) return false;
+  return append(headers_, "Expect:");
+}
+
+size_t CurlURLSessionTransfer::headerCame(char* bytes, size_t size, size_t count, void* self) noexcept {
+  try {
+    const bool taken =
+        static_cast<CurlURLSessionTransfer*>(self)->takeHeaderLine(std::string_view(bytes, size * count));
+    return taken ? size * count : 0;
+  } catch (...) {
+    return 0;
+  }
+}
+
+bool CurlURLSessionTransfer::takeHeaderLine(std::string_view line) {
+  noteProgress();
+  if (bodyBytes_ > 0) return true;  // a trailer
+  headBytes_ += static_cast<int64_t>(line.size());
+  if (headBytes_ > kMaxHeadBytes) {
+    isTooLarge_ = true;
+    return false;
+  }
+  if (line.starts_with("HTTP/")) {
+    beginHead(line);
+  } else if (trimmed(line).empty()) {
+    isHeadComplete_ = true;
+  } else if (line.front() == ' ' || line.front() == '\t') {
+    if (!responseHeaders_.empty()) responseHeaders_.back().second.append(" ").append(trimmed(line));
+  } else if (const size_t colon = line.find(':'); colon != std::string_view::npos) {
+    responseHeaders_.emplace_back(trimmed(line.substr(0, colon)), trimmed(line.substr(colon + 1)));
+  }
+  return true;
+}
+
+// An answer may have several heads: provisional ones, redirects, the one that counts.
+void CurlURLSessionTransfer::beginHead(std::string_view statusLine) {
+  status_ = 0;
+  isHeadComplete_ = false;
+  responseHeaders_.clear();
+  const size_t space = statusLine.find(' ');
+  if (space != std::string_view::npos)
+    std::from_chars(statusLine.data() + space + 1, statusLine.data() + statusLine.size(), status_);
+
+  const char* scheme = nullptr;
+  curl_easy_getinfo(handle_, CURLINFO_SCHEME, &scheme);
+  if (scheme != nullptr && isNamed(scheme, "https"))
+    curl_easy_setopt(handle_, CURLOPT_REDIR_PROTOCOLS_STR, "https");
+  if (status_ >= 301 && status_ <= 303 && task_->request().method == "POST")
+    curl_easy_setopt(handle_, CURLOPT_HTTPHEADER, bodilessHeaders_);
+}
+
+size_t CurlURLSessionTransfer::bodyCame(char* bytes, size_t size, size_t count, void* self) noexcept {
+  try {
+    const bool taken =
+        static_cast<CurlURLSessionTransfer*>(self)->takeBody(std::string_view(bytes, size * count));
+    return taken ? size * count : 0;
+  } catch (...) {
+    return 0;
+  }
+}
+
+bool CurlURLSessionTransfer::takeBody(std::string_view bytes) {
+  noteProgress();
+  if (bodyBytes_ + static_cast<int64_t>(bytes.size()) > options_.maxResponseBytes) {
+    isTooLarge_ = true;
+    return false;
+  }
+  if (!isResponseTold_) {
+    isResponseTold_ = true;
+    delivery_.response = makeResponse();
+  }
+  bodyBytes_ += static_cast<int64_t>(bytes.size());
+  delivery_.data.append(bytes);
+  return true;
+}
+
+int CurlURLSessionTransfer::progressed(void* self, curl_off_t, curl_off_t received, curl_off_t,
+                                       curl_off_t sent) noexcept {
+  auto& transfer = *static_cast<CurlURLSessionTransfer*>(self);
+  if (received == transfer.seenReceived_ && sent == transfer.seenSent_) return 0;
+  transfer.seenReceived_ = received;
+  transfer.seenSent_ = sent;
+  transfer.noteProgress();
+  transfer.noteBytesSent(sent);
+  return 0;
+}
+
+void CurlURLSessionTransfer::noteBytesSent(int64_t sent) {
+  sent = std::min(sent, task_->bodyBytes());
+  if (sent <= toldBytesSent_) return;
+  toldBytesSent_ = sent;
+  delivery_.bytesSent = sent;
+}
+
+int CurlURLSessionTransfer::socketMade(void*, curl_socket_t socket, curlsocktype) noexcept {
+  const int trafficClass = kBackgroundTrafficClass;
+  // One of them fits the socket's family.
+  ::setsockopt(socket, IPPROTO_IP, IP_TOS, &trafficClass, sizeof trafficClass);
+  ::setsockopt(socket, IPPROTO_IPV6, IPV6_TCLASS, &trafficClass, sizeof trafficClass);
+  return CURL_SOCKOPT_OK;
+}
+
+URLResponse CurlURLSessionTransfer::makeResponse() const {
+  const char* url = nullptr;
+  curl_easy_getinfo(handle_, CURLINFO_EFFECTIVE_URL, &url);
+  return {url == nullptr ? std::string() : std::string(url), status_, responseHeaders_};
+}
+
+CurlDelivery CurlURLSessionTransfer::endWith(CURLcode code) {
+  if (code != CURLE_OK) return endWith(errorFor(code));
+  curl_off_t sent = 0;
+  curl_easy_getinfo(handle_, CURLINFO_SIZE_UPLOAD_T, &sent);
+  noteBytesSent(sent);
+  CurlDelivery last = takeDelivery();
+  URLResponse response = makeResponse();
+  if (!isResponseTold_) last.response = response;
+  last.end = CurlDelivery::End{std::move(response), std::nullopt};
+  return last;
+}
+
+CurlDelivery CurlURLSessionTransfer::endWith(Error error) {
+  CurlDelivery last = takeDelivery();
+  std::optional<URLResponse> response;
+  if (isHeadComplete_ && status_ >= 200) response = makeResponse();
+  if (response && !isResponseTold_) last.response = response;
+  last.end = CurlDelivery::End{std::move(response), std::move(error)};
+  return last;
+}
+
+Error CurlURLSessionTransfer::errorFor(CURLcode code) const {
+  std::string text = message_.front() != '\0' ? message_.data() : curl_easy_strerror(code);
+  if (isTooLarge_) return urlError(URLSessionError::kResponseTooLarge, "the answer is too large");
+  URLSessionError kind = classOf(code);
+  if (code == CURLE_UNSUPPORTED_PROTOCOL) {
+    // The first URL's scheme was looked at before: this is a redirect, or no HTTP at all.
+    long redirects = 0;
+    curl_easy_getinfo(handle_, CURLINFO_REDIRECT_COUNT, &redirects);
+    const bool isRedirect = status_ >= 300 && status_ < 400 && redirects > 0;
+    kind = isRedirect ? URLSessionError::kSecureConnectionFailed : URLSessionError::kBadServerResponse;
+    if (isRedirect) text = "the redirect leads to a protocol that is not allowed: " + text;
+  }
+  return urlError(kind, std::move(text));
+}
+
+}  // namespace zun

@@ -1,0 +1,59 @@
+#include "linux/loop/WorkerPool.h"
+
+#include <pthread.h>
+
+#include <algorithm>
+#include <utility>
+
+namespace zun {
+
+WorkerPool::WorkerPool(unsigned threads) {
+  const unsigned count = std::max(threads, 1U);
+  threads_.reserve(count);
+  for (unsigned i = 0; i < count; ++i) {
+    threads_.emplace_back([this] { work(); });
+  }
+}
+
+WorkerPool::~WorkerPool() {
+  {
+    const MutexLock lock(mutex_);
+    isEnding_ = true;
+  }
+  workCame_.notify_all();
+  for (std::thread& thread : threads_) thread.join();
+}
+
+void WorkerPool::execute(UniqueFunction<void()> job) {
+  {
+    const MutexLock lock(mutex_);
+    jobs_.push_back(std::move(job));
+    if (sleepers_ == 0) return;  // all are awake and look again before they sleep
+  }
+  workCame_.notify_one();
+}
+
+WorkerPool::Activity WorkerPool::activity() {
+  const MutexLock lock(mutex_);
+  return {jobsTaken_, jobs_.empty() && sleepers_ == threads_.size()};
+}
+
+void WorkerPool::work() noexcept {
+  pthread_setname_np(pthread_self(), "zun-worker");
+  while (true) {
+    UniqueFunction<void()> job;
+    {
+      const MutexLock lock(mutex_);
+      ++sleepers_;
+      while (jobs_.empty() && !isEnding_) workCame_.wait(mutex_);
+      --sleepers_;
+      if (jobs_.empty()) return;
+      job = std::move(jobs_.front());
+      jobs_.pop_front();
+      ++jobsTaken_;
+    }
+    job();
+  }
+}
+
+}  // namespace zun

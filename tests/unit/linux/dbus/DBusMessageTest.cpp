@@ -1,0 +1,329 @@
+#include "linux/dbus/DBusMessage.h"
+
+#include <gtest/gtest.h>
+
+#include <limits>
+
+#include "DBusPeer.h"
+#include "linux/dbus/DBusNames.h"
+#include "linux/dbus/DBusSignature.h"
+
+namespace zun {
+namespace {
+
+/// The body of `signature` in `body`, decoded.
+Result<Array, DBusFailure> decode(std::string_view signature, const WireBytes& body,
+                                  const DBusLimits& limits = {}) {
+  DBusHeader header;
+  header.signature = signature;
+  header.isSwapped = body.order() != std::endian::native;
+  return decodeDBusBody(header, body.bytes(), limits);
+}
+
+Value decodeOne(std::string_view signature, const WireBytes& body) {
+  const auto values = decode(signature, body);
+  EXPECT_TRUE(values) << signature << ": " << values.error().reason;
+  return values ? (*values)[0] : Value();
+}
+
+std::string failureOf(std::string_view signature, const WireBytes& body) {
+  const auto values = decode(signature, body);
+  return values ? "none" : values.error().reason;
+}
+
+/// Values encoded as `signature` and decoded again.
+Value roundTrip(std::string_view signature, const Value& value) {
+  std::string bytes;
+  DBusHeader header;
+  header.path = "/a";
+  header.member = "m";
+  header.serial = 7;
+  header.signature = signature;
+  const auto failure = appendDBusMessage(bytes, header, Array{value});
+  EXPECT_FALSE(failure) << signature << ": " << failure->reason;
+  const auto frame = frameDBusMessage(bytes);
+  const auto decoded = decodeDBusHeader(bytes);
+  EXPECT_TRUE(frame && decoded);
+  EXPECT_EQ(frame->totalBytes, bytes.size());
+  EXPECT_EQ(decoded->serial, 7u);
+  const auto values = decodeDBusBody(*decoded, std::string_view(bytes).substr(frame->headerBytes));
+  EXPECT_TRUE(values) << signature << ": " << values.error().reason;
+  return values ? (*values)[0] : Value();
+}
+
+class DBusByteOrderTest : public ::testing::TestWithParam<std::endian> {};
+
+TEST_P(DBusByteOrderTest, EveryTypeIsDecoded) {
+  const auto bytes = [] { return WireBytes(GetParam()); };
+  EXPECT_EQ(decodeOne("y", bytes().u8(200)), Value(200));
+  EXPECT_EQ(decodeOne("b", bytes().u32(1)), Value(true));
+  EXPECT_TRUE(decodeOne("b", bytes().u32(0)).isBoolean());
+  EXPECT_EQ(decodeOne("n", bytes().number(int16_t{-2})), Value(-2));
+  EXPECT_EQ(decodeOne("q", bytes().number(uint16_t{65535})), Value(65535));
+  EXPECT_EQ(decodeOne("i", bytes().number(int32_t{-70000})), Value(-70000));
+  EXPECT_EQ(decodeOne("u", bytes().u32(4000000000)), Value(4000000000));
+  EXPECT_EQ(decodeOne("x", bytes().number(int64_t{-5})), Value(-5));
+  EXPECT_TRUE(decodeOne("t", bytes().number(std::numeric_limits<uint64_t>::max())).isAboveInt64());
+  EXPECT_EQ(decodeOne("d", bytes().number(1.5)), Value(1.5));
+  EXPECT_EQ(decodeOne("s", bytes().text("grüß")), Value("grüß"));
+  EXPECT_EQ(decodeOne("o", bytes().text("/a/b_1")), Value("/a/b_1"));
+  EXPECT_EQ(decodeOne("g", bytes().signature("a{sv}i")), Value("a{sv}i"));
+  EXPECT_EQ(decodeOne("h", bytes().u32(3)), Value(3));
+  EXPECT_EQ(decodeOne("(d)", bytes().number(1700000000.25)), Value(Date{1700000000.25}));
+  EXPECT_EQ(decodeOne("ay", bytes().array(1, [](WireBytes& b) { b.raw("\x01\x02"); })),
+            Value::data("\x01\x02"));
+  EXPECT_EQ(decodeOne("(is)", bytes().u32(9).text("x")), Value(Array{9, "x"}));
+  EXPECT_EQ(decodeOne("ai", bytes().array(4, [](WireBytes& b) { b.u32(1).u32(2); })), Value(Array{1, 2}));
+}
+
+TEST_P(DBusByteOrderTest, DictionariesKeepTheirOrder) {
+  const WireBytes body = WireBytes(GetParam()).array(8, [](WireBytes& entries) {
+    entries.align(8).text("zebra").signature("q").number(uint16_t{7});
+    entries.align(8).text("ant").signature("v").signature("s").text("inner");
+    entries.align(8).text("list").signature("as").array(4, [](WireBytes& b) { b.text("one").text("two"); });
+    entries.align(8).text("none").signature("a{sv}").array(8, [](WireBytes&) {});
+  });
+  const Value value = decodeOne("a{sv}", body);
+  EXPECT_EQ(value.description(), "{zebra = 7; ant = \"inner\"; list = (\"one\", \"two\"); none = {}}");
+}
+
+TEST_P(DBusByteOrderTest, DictionariesOfTextAreDictionaries) {
+  const WireBytes body = WireBytes(GetParam()).array(8, [](WireBytes& entries) {
+    entries.align(8).text("a").text("1");
+    entries.align(8).text("b").text("2");
+  });
+  EXPECT_EQ(decodeOne("a{ss}", body), Value(Dictionary{{"a", "1"}, {"b", "2"}}));
+}
+
+// A dictionary has text keys; entries with others are pairs.
+TEST_P(DBusByteOrderTest, EntriesWithNumbersAsKeysArePairs) {
+  const WireBytes body = WireBytes(GetParam()).array(8, [](WireBytes& entries) {
+    entries.align(8).u32(5).text("five");
+    entries.align(8).u32(6).text("six");
+  });
+  EXPECT_EQ(decodeOne("a{us}", body), Value(Array{Array{5, "five"}, Array{6, "six"}}));
+}
+
+INSTANTIATE_TEST_SUITE_P(Orders, DBusByteOrderTest, ::testing::Values(std::endian::little, std::endian::big),
+                         [](const auto& order) {
+                           return order.param == std::endian::big ? "Big" : "Little";
+                         });
+
+TEST(DBusSignatureTest, OnlyCompleteTypesAreSignatures) {
+  for (const char* good : {"", "y", "a{sv}", "aa{sv}", "(sis)", "a(sis)v", "((i)(x))", "a{s(iv)}", "aaay"}) {
+    EXPECT_TRUE(DBusSignature::parse(good)) << good;
+  }
+  for (const char* bad : {"a",       "(", ")",    "()", "(i", "i)", "{sv}", "a{s}",   "a{svv}", "a{vs}",
+                          "a{(s)v}", "z", "a{sv", "a{", "aa", "r",  "e",    "a{sv}}", "*",      "m"}) {
+    EXPECT_FALSE(DBusSignature::parse(bad)) << bad;
+  }
+}
+
+TEST(DBusSignatureTest, DepthAndLengthAreLimited) {
+  EXPECT_TRUE(DBusSignature::parse(std::string(32, 'a') + "y"));
+  EXPECT_FALSE(DBusSignature::parse(std::string(33, 'a') + "y"));
+  EXPECT_TRUE(DBusSignature::parse(std::string(32, '(') + "y" + std::string(32, ')')));
+  EXPECT_FALSE(DBusSignature::parse(std::string(33, '(') + "y" + std::string(33, ')')));
+  EXPECT_TRUE(DBusSignature::parse(std::string(255, 'y')));
+  EXPECT_FALSE(DBusSignature::parse(std::string(256, 'y')));
+}
+
+TEST(DBusNamesTest, NamesFollowTheProtocol) {
+  for (const char* good : {"/", "/a", "/a/b_2/C"}) EXPECT_TRUE(isDBusObjectPath(good)) << good;
+  for (const char* bad : {"", "a", "/a/", "//", "/a//b", "/a-b", "/\xC3\xA4"}) {
+    EXPECT_FALSE(isDBusObjectPath(bad)) << bad;
+  }
+  for (const char* good : {"a.b", "com.vantix._x1"}) EXPECT_TRUE(isDBusInterfaceName(good)) << good;
+  for (const char* bad : {"", "a", "a.", ".a", "a..b", "a.1b", "a.b-c"})
+    EXPECT_FALSE(isDBusInterfaceName(bad)) << bad;
+  EXPECT_TRUE(isDBusMemberName("sendMessage1"));
+  for (const std::string& bad :
+       {std::string(), std::string("1a"), std::string("a.b"), std::string(256, 'a')}) {
+    EXPECT_FALSE(isDBusMemberName(bad)) << bad;
+  }
+}
+
+TEST(DBusBodyTest, MalformedBodiesAreRefused) {
+  EXPECT_EQ(failureOf("b", WireBytes().u32(2)), "a boolean is neither 0 nor 1");
+  EXPECT_EQ(failureOf("s", WireBytes().text("\xFF")), "a string is not UTF-8");
+  EXPECT_EQ(failureOf("s", WireBytes().text(std::string_view("a\0b", 3))), "a string is not UTF-8");
+  EXPECT_EQ(failureOf("s", WireBytes().u32(3).raw("abcX")), "a string does not end with a zero byte");
+  EXPECT_EQ(failureOf("s", WireBytes().u32(0xFFFFFFFF).raw("abc")), "it ends within a string");
+  EXPECT_EQ(failureOf("s", WireBytes().raw("ab")), "it ends within a number");
+  EXPECT_EQ(failureOf("o", WireBytes().text("a/b")), "an object path is none");
+  EXPECT_EQ(failureOf("g", WireBytes().signature("a")), "a signature is none");
+  EXPECT_EQ(failureOf("v", WireBytes().signature("ii").u32(1).u32(1)),
+            "a variant's signature is no single type");
+  EXPECT_EQ(failureOf("v", WireBytes().signature("")), "a variant's signature is no single type");
+  EXPECT_EQ(failureOf("yu", WireBytes().u8(1).raw(std::string_view("\0\1\0", 3)).u32(1)),
+            "padding is not zero");
+  EXPECT_EQ(failureOf("y", WireBytes().u32(1)), "its body is longer than its signature says");
+  EXPECT_EQ(failureOf("ai", WireBytes().u32(400)), "it ends within an array");
+  EXPECT_EQ(failureOf("ai", WireBytes().u32(5).raw("12345")), "it ends within a number");
+  EXPECT_EQ(failureOf("as", WireBytes().u32(4).u32(0).u8(0)), "it ends within a string");
+  EXPECT_EQ(failureOf("ai", WireBytes().u32((64u << 20) + 4)), "an array is too long");
+}
+
+/// `levels` dictionaries within each other.
+WireBytes nestedDictionaries(size_t levels) {
+  WireBytes body;
+  const std::function<void(WireBytes&, size_t)> nest = [&nest](WireBytes& bytes, size_t left) {
+    bytes.array(8, [&](WireBytes& entries) {
+      if (left == 1) return;
+      entries.align(8).text("k").signature("a{sv}");
+      nest(entries, left - 1);
+    });
+  };
+  nest(body, levels);
+  return body;
+}
+
+TEST(DBusBodyTest, ThirtyTwoLevelsAreAcceptedAndNotOneMore) {
+  EXPECT_TRUE(decode("a{sv}", nestedDictionaries(32)));
+  const auto deeper = decode("a{sv}", nestedDictionaries(33));
+  ASSERT_FALSE(deeper);
+  EXPECT_EQ(deeper.error().kind, DBusFailure::Kind::kTooDeep);
+}
+
+// Variants in variants come to nothing, yet each is a level to walk down.
+TEST(DBusBodyTest, VariantsWithinVariantsAreLimited) {
+  const auto nested = [](size_t levels) {
+    WireBytes body;
+    for (size_t level = 0; level < levels; ++level) body.signature("v");
+    return body.signature("y").u8(1);
+  };
+  EXPECT_TRUE(decode("v", nested(32)));
+  const auto deeper = decode("v", nested(100000));
+  ASSERT_FALSE(deeper);
+  EXPECT_EQ(deeper.error().kind, DBusFailure::Kind::kTooDeep);
+}
+
+// Eight bytes each, but a chain of thirty arrays in memory: input must not multiply so.
+TEST(DBusBodyTest, SmallInputThatMeansMuchMemoryIsRefused) {
+  const std::string structs = std::string(30, '(') + "y" + std::string(30, ')');
+  const WireBytes body = WireBytes().array(8, [](WireBytes& b) { b.raw(std::string(1 << 20, '\0')); });
+  const auto values = decode("a" + structs, body);
+  ASSERT_FALSE(values);
+  EXPECT_EQ(values.error().kind, DBusFailure::Kind::kTooLarge);
+}
+
+TEST(DBusBodyTest, AFullMessageOfNumbersIsAccepted) {
+  const WireBytes body = WireBytes().array(4, [](WireBytes& b) { b.raw(std::string(1 << 20, '\1')); });
+  const Value value = decodeOne("ai", body);
+  EXPECT_EQ(value.array()->size(), size_t{1} << 18);
+}
+
+TEST(DBusHeaderTest, HeadersAreDecodedInBothOrders) {
+  for (const std::endian order : {std::endian::little, std::endian::big}) {
+    WireCall call{.member = "Describe", .signature = "s", .serial = 77, .flags = 1};
+    const std::string bytes = wireCall(call, WireBytes(order).text("x"));
+    const auto header = decodeDBusHeader(bytes);
+    ASSERT_TRUE(header) << header.error().reason;
+    EXPECT_EQ(header->path, kEchoInterface.objectPath);
+    EXPECT_EQ(header->interface, kEchoInterface.name);
+    EXPECT_EQ(header->member, "Describe");
+    EXPECT_EQ(header->signature, "s");
+    EXPECT_EQ(header->serial, 77u);
+    EXPECT_FALSE(header->expectsReply());
+    EXPECT_EQ(header->isSwapped, order != std::endian::native);
+  }
+}
+
+TEST(DBusHeaderTest, MalformedHeadersAreRefused) {
+  const std::string good = wireCall({.member = "Describe"});
+  ASSERT_TRUE(decodeDBusHeader(good));
+  const auto reasonWith = [&good](size_t at, char byte) -> std::string {
+    std::string bytes = good;
+    bytes[at] = byte;
+    const auto header = decodeDBusHeader(bytes);
+    return header ? "none" : header.error().reason;
+  };
+  EXPECT_EQ(reasonWith(0, 'x'), "its byte order is unknown");
+  EXPECT_EQ(reasonWith(1, 0), "its type is invalid");
+  EXPECT_EQ(reasonWith(3, 2), "its protocol version is unknown");
+  EXPECT_EQ(reasonWith(8, 0), "its serial is 0");
+  EXPECT_EQ(reasonWith(4, 1), "it has a body without a signature");
+  EXPECT_EQ(reasonWith(15, 0x7F), "it is larger than D-Bus allows");
+  EXPECT_EQ(reasonWith(7, 0x7F), "it is larger than D-Bus allows");
+  EXPECT_EQ(reasonWith(24, 'x'), "a name in the header is none");  // the path's slash
+  EXPECT_EQ(reasonWith(16, 3), "a header field has the wrong type");
+  for (size_t length = 0; length < good.size(); ++length) {
+    EXPECT_FALSE(decodeDBusHeader(std::string_view(good).substr(0, length))) << length;
+  }
+}
+
+TEST(DBusHeaderTest, UnknownFieldsAreSkipped) {
+  WireBytes message;
+  message.u8(std::endian::native == std::endian::little ? 'l' : 'B').u8(1).u8(0).u8(1).u32(0).u32(5);
+  message.array(8, [](WireBytes& fields) {
+    fields.u8(1).signature("o").text("/a");
+    fields.align(8).u8(200).signature("a{sv}").array(8, [](WireBytes&) {});
+    fields.align(8).u8(3).signature("s").text("m");
+  });
+  EXPECT_TRUE(decodeDBusHeader(message.align(8).bytes()));
+}
+
+TEST(DBusEncodingTest, ValuesComeBackAsTheyWere) {
+  EXPECT_EQ(roundTrip("y", 200), Value(200));
+  EXPECT_EQ(roundTrip("n", -3), Value(-3));
+  EXPECT_EQ(roundTrip("q", 65535), Value(65535));
+  EXPECT_EQ(roundTrip("i", -70000), Value(-70000));
+  EXPECT_EQ(roundTrip("u", 4000000000), Value(4000000000));
+  EXPECT_EQ(roundTrip("x", -5), Value(-5));
+  EXPECT_TRUE(roundTrip("t", std::numeric_limits<uint64_t>::max()).isAboveInt64());
+  EXPECT_EQ(roundTrip("d", 0.25), Value(0.25));
+  EXPECT_EQ(roundTrip("s", "grüß"), Value("grüß"));
+  EXPECT_EQ(roundTrip("as", Array{"a", "b"}), Value(Array{"a", "b"}));
+  EXPECT_EQ(roundTrip("a(sis)", Array{Array{"domain", -1, "text"}}),
+            Value(Array{Array{"domain", -1, "text"}}));
+  EXPECT_EQ(roundTrip("aa{sv}", Array()), Value(Array()));
+  EXPECT_EQ(roundTrip("aa{sv}", Array{Dictionary{{"k", 1}}}), Value(Array{Dictionary{{"k", 1}}}));
+}
+
+TEST(DBusEncodingTest, VariantsAreTypedByTheirValue) {
+  const Value values = Array{true,
+                             -7,
+                             std::numeric_limits<uint64_t>::max(),
+                             1.5,
+                             "text",
+                             Value::data("\x01\x02"),
+                             Date{12.5},
+                             Array{1, "two"},
+                             Dictionary{{"a", Dictionary{{"b", false}}}}};
+  const Value back = roundTrip("av", values);
+  EXPECT_EQ(back, values);
+  EXPECT_TRUE((*back.array())[0].isBoolean());
+  EXPECT_TRUE((*back.array())[1].isInteger());
+  EXPECT_TRUE((*back.array())[2].isAboveInt64());
+  EXPECT_TRUE((*back.array())[6].isDate());
+}
+
+// Text from elsewhere may be anything; a peer would end the connection over it.
+TEST(DBusEncodingTest, TextIsMadeFitForTheWire) {
+  EXPECT_EQ(roundTrip("s", std::string("ab\0cd", 5)), Value("ab"));
+  EXPECT_EQ(roundTrip("s", "a\xFFz"), Value("a\xEF\xBF\xBDz"));
+  EXPECT_EQ(roundTrip("s", 42), Value("42"));
+}
+
+TEST(DBusEncodingTest, WhatCannotBeSentLeavesTheBufferAlone) {
+  std::string bytes = "before";
+  DBusHeader header;
+  header.path = "/a";
+  header.member = "m";
+  header.serial = 1;
+  header.signature = "v";
+  Value deep = Dictionary{{"k", 1}};
+  for (int level = 0; level < 40; ++level) deep = Dictionary{{"k", deep}};
+  EXPECT_EQ(appendDBusMessage(bytes, header, Array{deep})->kind, DBusFailure::Kind::kTooDeep);
+  EXPECT_EQ(appendDBusMessage(bytes, header, Array{std::string(2 << 20, 'x')})->kind,
+            DBusFailure::Kind::kTooLarge);
+  EXPECT_TRUE(appendDBusMessage(bytes, header, Array()));
+  header.signature = "h";
+  EXPECT_TRUE(appendDBusMessage(bytes, header, Array{1}));
+  header.signature = "o";
+  EXPECT_TRUE(appendDBusMessage(bytes, header, Array{"no path"}));
+  EXPECT_EQ(bytes, "before");
+}
+
+}  // namespace
+}  // namespace zun

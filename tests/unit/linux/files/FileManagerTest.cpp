@@ -1,0 +1,262 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+
+#include "linux/files/LinuxFileManager.h"
+#include "support/ScratchFolder.h"
+
+namespace zun {
+namespace {
+
+using ::testing::ElementsAre;
+
+class FileManagerTest : public ::testing::Test {
+ protected:
+  std::string at(const std::string& name) const { return scratch_.path(name); }
+  mode_t modeOf(const std::string& name) const {
+    struct stat status {};
+    EXPECT_EQ(::stat(at(name).c_str(), &status), 0);
+    return status.st_mode & 0777;
+  }
+  std::string contentOf(const std::string& name) const {
+    const auto bytes = files_.readFile(at(name), 1 << 20);
+    return bytes ? *bytes : "<" + bytes.error().description + ">";
+  }
+  int readFailure(const std::string& path, uint64_t maximum = 1 << 20) const {
+    const auto bytes = files_.readFile(path, maximum);
+    return bytes ? 0 : bytes.error().code;
+  }
+
+  ScratchFolder scratch_;
+  LinuxFileManager files_{"", "/home/tester"};
+};
+
+int codeOf(const std::optional<Error>& error) {
+  return error ? error->code : 0;
+}
+
+TEST_F(FileManagerTest, RootStandsBeforeAbsolutePathsAndTheHomeFolder) {
+  const LinuxFileManager files("/scratch/", "/home/tester/");
+  EXPECT_EQ(files.resolve("/tmp/zunstorage"), "/scratch/tmp/zunstorage");
+  EXPECT_EQ(files.resolve("~/Library"), "/scratch/home/tester/Library");
+  EXPECT_EQ(files.resolve("~"), "/scratch/home/tester");
+  EXPECT_EQ(files.resolve("relative/path"), "relative/path");
+  EXPECT_EQ(files.resolve("~other/file"), "~other/file");
+}
+
+TEST_F(FileManagerTest, NoRootLeavesPathsAsTheyAre) {
+  for (const char* root : {"", "/"}) {
+    const LinuxFileManager files(root, "/home/tester");
+    EXPECT_EQ(files.resolve("/tmp"), "/tmp");
+    EXPECT_EQ(files.resolve("~/a"), "/home/tester/a");
+  }
+  EXPECT_EQ(LinuxFileManager("", "/").resolve("~"), "/");
+}
+
+TEST_F(FileManagerTest, ReadsAWholeFileUpToTheBound) {
+  ASSERT_EQ(files_.writeFile(at("f"), "0123456789"), std::nullopt);
+  EXPECT_EQ(*files_.readFile(at("f"), 10), "0123456789");
+  EXPECT_EQ(readFailure(at("f"), 9), EFBIG);
+  ASSERT_EQ(files_.writeFile(at("f"), ""), std::nullopt);
+  EXPECT_EQ(*files_.readFile(at("f"), 0), "");
+}
+
+TEST_F(FileManagerTest, ErrorsAreErrnosOfThePOSIXDomain) {
+  const auto missing = files_.readFile(at("missing"), 10);
+  ASSERT_FALSE(missing);
+  EXPECT_EQ(missing.error(), (Error{kPOSIXErrorDomain, ENOENT, "No such file or directory"}));
+  EXPECT_EQ(readFailure(scratch_.path()), EISDIR);
+  EXPECT_EQ(readFailure("/dev/zero"), EINVAL);
+}
+
+// A path of ours may be anything by the time it is opened.
+TEST_F(FileManagerTest, PipesNeitherBlockNorRead) {
+  ASSERT_EQ(::mkfifo(at("pipe").c_str(), 0600), 0);
+  EXPECT_EQ(readFailure(at("pipe")), EINVAL);
+  EXPECT_EQ(codeOf(files_.writeFile(at("pipe"), "x")), ENXIO);
+  EXPECT_EQ(codeOf(files_.appendToFile(at("pipe"), "x")), ENXIO);
+}
+
+TEST_F(FileManagerTest, FilesThatTellNoSizeAreReadWithinTheBound) {
+  EXPECT_NE(files_.readFile("/proc/self/status", 1 << 20)->find("VmRSS"), std::string::npos);
+  EXPECT_EQ(readFailure("/proc/self/status", 10), EFBIG);
+}
+
+TEST_F(FileManagerTest, PathsWithANulAreRefused) {
+  const std::string path = at("a") + std::string("\0b", 2);
+  ASSERT_EQ(files_.writeFile(at("a"), "kept"), std::nullopt);
+  EXPECT_EQ(readFailure(path), EINVAL);
+  EXPECT_EQ(codeOf(files_.writeFile(path, "")), EINVAL);
+  EXPECT_EQ(codeOf(files_.writeFileAtomically(path, "")), EINVAL);
+  EXPECT_EQ(codeOf(files_.removeItem(path)), EINVAL);
+  EXPECT_EQ(codeOf(files_.createDirectories(path)), EINVAL);
+  EXPECT_EQ(files_.attributes(path), std::nullopt);
+  EXPECT_FALSE(files_.listDirectory(path));
+  EXPECT_EQ(contentOf("a"), "kept");
+}
+
+TEST_F(FileManagerTest, AtomicWriteReplacesAndLeavesNothingBeside) {
+  for (const auto durability : {Durability::kBestEffort, Durability::kSynced}) {
+    ASSERT_EQ(files_.writeFileAtomically(at("f"), "first", durability), std::nullopt);
+    ASSERT_EQ(files_.writeFileAtomically(at("f"), "second", durability), std::nullopt);
+    EXPECT_EQ(contentOf("f"), "second");
+    EXPECT_THAT(*files_.listDirectory(scratch_.path()), ElementsAre("f"));
+  }
+}
+
+TEST_F(FileManagerTest, NewFilesArePrivateAndReplacedOnesKeepTheirMode) {
+  ASSERT_EQ(files_.writeFileAtomically(at("atomic"), "x"), std::nullopt);
+  ASSERT_EQ(files_.writeFile(at("plain"), "x"), std::nullopt);
+  EXPECT_EQ(modeOf("atomic"), 0600u);
+  EXPECT_EQ(modeOf("plain"), 0600u);
+  ASSERT_EQ(::chmod(at("atomic").c_str(), 0644), 0);
+  ASSERT_EQ(files_.writeFileAtomically(at("atomic"), "y"), std::nullopt);
+  EXPECT_EQ(modeOf("atomic"), 0644u);
+}
+
+TEST_F(FileManagerTest, AtomicWriteReplacesALinkAndNotItsTarget) {
+  ASSERT_EQ(files_.writeFile(at("target"), "untouched"), std::nullopt);
+  ASSERT_EQ(::symlink(at("target").c_str(), at("link").c_str()), 0);
+  ASSERT_EQ(files_.writeFileAtomically(at("link"), "new"), std::nullopt);
+  EXPECT_EQ(contentOf("target"), "untouched");
+  EXPECT_EQ(contentOf("link"), "new");
+}
+
+TEST_F(FileManagerTest, AtomicWriteOverAFolderFailsAndLeavesNothingBeside) {
+  ASSERT_EQ(files_.createDirectories(at("folder/inner")), std::nullopt);
+  EXPECT_EQ(codeOf(files_.writeFileAtomically(at("folder"), "x")), EISDIR);
+  EXPECT_THAT(*files_.listDirectory(scratch_.path()), ElementsAre("folder"));
+  EXPECT_EQ(codeOf(files_.writeFileAtomically(at("none/f"), "x")), ENOENT);
+}
+
+TEST_F(FileManagerTest, FullDiskFailsAWrite) {
+  EXPECT_EQ(codeOf(files_.writeFile("/dev/full", "x")), ENOSPC);
+  EXPECT_EQ(codeOf(files_.appendToFile("/dev/full", "x")), ENOSPC);
+}
+
+// A file-size limit stands for the disk that fills up half way.
+TEST_F(FileManagerTest, AtomicWriteThatBreaksOffLeavesTheOldFile) {
+  ASSERT_EQ(files_.writeFileAtomically(at("f"), "old"), std::nullopt);
+  const pid_t child = ::fork();
+  if (child == 0) {
+    std::signal(SIGXFSZ, SIG_IGN);
+    const rlimit limit{4096, 4096};
+    ::setrlimit(RLIMIT_FSIZE, &limit);
+    ::_exit(codeOf(files_.writeFileAtomically(at("f"), std::string(10000, 'x'))));
+  }
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_EQ(WEXITSTATUS(status), EFBIG);
+  EXPECT_EQ(contentOf("f"), "old");
+  EXPECT_THAT(*files_.listDirectory(scratch_.path()), ElementsAre("f"));
+}
+
+TEST_F(FileManagerTest, AppendWantsAnExistingFile) {
+  EXPECT_EQ(codeOf(files_.appendToFile(at("f"), "x")), ENOENT);
+  ASSERT_EQ(files_.writeFile(at("f"), "one,"), std::nullopt);
+  ASSERT_EQ(files_.appendToFile(at("f"), "two"), std::nullopt);
+  EXPECT_EQ(contentOf("f"), "one,two");
+  ASSERT_EQ(files_.writeFile(at("f"), "short"), std::nullopt);
+  EXPECT_EQ(contentOf("f"), "short");
+}
+
+TEST_F(FileManagerTest, CreatesFoldersAboveAndAcceptsExistingOnes) {
+  ASSERT_EQ(files_.createDirectories(at("a/b/c")), std::nullopt);
+  EXPECT_EQ(files_.createDirectories(at("a/b/c")), std::nullopt);
+  EXPECT_EQ(files_.createDirectories(at("a/b/d/")), std::nullopt);
+  EXPECT_TRUE(files_.attributes(at("a/b/c"))->isDirectory);
+  EXPECT_EQ(modeOf("a/b/d"), 0700u);
+  EXPECT_EQ(files_.createDirectories("/"), std::nullopt);
+  EXPECT_EQ(codeOf(files_.createDirectories("")), EINVAL);
+}
+
+TEST_F(FileManagerTest, AFileInTheWayOfAFolderIsAnError) {
+  ASSERT_EQ(files_.writeFile(at("f"), ""), std::nullopt);
+  EXPECT_EQ(codeOf(files_.createDirectories(at("f"))), ENOTDIR);
+  EXPECT_EQ(codeOf(files_.createDirectories(at("f/below"))), ENOTDIR);
+}
+
+TEST_F(FileManagerTest, RemovingAFolderFollowsNoLink) {
+  ASSERT_EQ(files_.createDirectories(at("kept")), std::nullopt);
+  ASSERT_EQ(files_.writeFile(at("kept/f"), "x"), std::nullopt);
+  ASSERT_EQ(files_.createDirectories(at("gone/inner")), std::nullopt);
+  ASSERT_EQ(::symlink(at("kept").c_str(), at("gone/inner/link").c_str()), 0);
+  EXPECT_EQ(files_.removeItem(at("gone")), std::nullopt);
+  EXPECT_EQ(files_.attributes(at("gone")), std::nullopt);
+  EXPECT_EQ(contentOf("kept/f"), "x");
+  ASSERT_EQ(::symlink(at("kept").c_str(), at("link").c_str()), 0);
+  EXPECT_EQ(files_.removeItem(at("link")), std::nullopt);
+  EXPECT_EQ(contentOf("kept/f"), "x");
+  EXPECT_EQ(codeOf(files_.removeItem(at("link"))), ENOENT);
+}
+
+TEST_F(FileManagerTest, ListsNamesSortedAndTellsAMissingFolder) {
+  for (const char* name : {"b", "a", ".hidden", "C"}) ASSERT_EQ(files_.writeFile(at(name), ""), std::nullopt);
+  EXPECT_THAT(*files_.listDirectory(scratch_.path()), ElementsAre(".hidden", "C", "a", "b"));
+  EXPECT_EQ(files_.listDirectory(at("missing")).error().code, ENOENT);
+  EXPECT_EQ(files_.listDirectory(at("a")).error().code, ENOTDIR);
+}
+
+TEST_F(FileManagerTest, EnumerationGoesDownButFollowsNoLink) {
+  ASSERT_EQ(files_.createDirectories(at("a/b")), std::nullopt);
+  ASSERT_EQ(files_.writeFile(at("a/b/f"), ""), std::nullopt);
+  ASSERT_EQ(files_.writeFile(at("z"), ""), std::nullopt);
+  ASSERT_EQ(::symlink(scratch_.path().c_str(), at("a/loop").c_str()), 0);
+  EXPECT_THAT(files_.enumerateRecursively(scratch_.path()), ElementsAre("a", "a/b", "a/b/f", "a/loop", "z"));
+  EXPECT_TRUE(files_.enumerateRecursively(at("missing")).empty());
+}
+
+TEST_F(FileManagerTest, AttributesTellSizeAndTimes) {
+  ASSERT_EQ(files_.writeFile(at("f"), "12345"), std::nullopt);
+  const std::filesystem::path path = at("f");
+  std::filesystem::last_write_time(path,
+                                   std::filesystem::file_time_type::clock::now() - std::chrono::hours(24));
+  const auto attributes = files_.attributes(path);
+  ASSERT_TRUE(attributes);
+  EXPECT_EQ(attributes->size, 5u);
+  EXPECT_FALSE(attributes->isDirectory);
+  struct stat status {};
+  ASSERT_EQ(::stat(path.c_str(), &status), 0);
+  EXPECT_NEAR(attributes->modificationDate.secondsSince1970, static_cast<double>(status.st_mtim.tv_sec), 1);
+  EXPECT_TRUE(attributes->creationDate);
+  EXPECT_EQ(files_.attributes(at("missing")), std::nullopt);
+}
+
+TEST_F(FileManagerTest, ATestMayGiveAFileItsBirthTime) {
+  ASSERT_EQ(files_.writeFile(at("f"), ""), std::nullopt);
+  files_.setCreationDateForTesting(at("f"), Date{1000.5});
+  EXPECT_EQ(files_.attributes(at("f"))->creationDate, Date{1000.5});
+  EXPECT_THAT(files_.attributes(at("f"))->description(), ::testing::HasSubstr("creationDate = 1000.500000"));
+}
+
+TEST(FileURLTest, PathsAreEncodedAndDecoded) {
+  for (const std::string path : {"/a/b.txt", "/with blank/100%", "/Größe/日本", "/q?x=1#f", "/a+b&c=d;e",
+                                 "/\x01\x7f", "/", "/a//b/"}) {
+    const std::string url = fileURLOfPath(path);
+    EXPECT_EQ(url.find_first_of(" ?#\x01\x7f"), std::string::npos) << url;
+    EXPECT_EQ(pathOfFileURL(url), path);
+  }
+  EXPECT_EQ(fileURLOfPath("/a b/ü"), "file:///a%20b/%C3%BC");
+}
+
+TEST(FileURLTest, AcceptsTheFormsOfAFileURLAndNothingElse) {
+  EXPECT_EQ(pathOfFileURL("file:///a"), "/a");
+  EXPECT_EQ(pathOfFileURL("FILE:/a"), "/a");
+  EXPECT_EQ(pathOfFileURL("file://localhost/a"), "/a");
+  EXPECT_EQ(pathOfFileURL("file:///a?query#fragment"), "/a");
+  for (const char* url : {"", "/a", "http:///a", "file:", "file://", "file:a", "file://host/a", "file:///a%2",
+                          "file:///a%zz", "file:///a%00b", "fil"}) {
+    EXPECT_EQ(pathOfFileURL(url), std::nullopt) << url;
+  }
+}
+
+}  // namespace
+}  // namespace zun
