@@ -7,21 +7,21 @@
 #include <memory>
 #include <string>
 
-#include "linux/http/CurlURLSession.h"
-#include "linux/loop/EventLoop.h"
 #include "linux/files/FileUserDefaults.h"
-#include "linux/system/JournalPowerLog.h"
 #include "linux/files/LinuxFileManager.h"
 #include "linux/files/ResourceBundle.h"
+#include "linux/http/CurlURLSession.h"
+#include "linux/loop/EventLoop.h"
+#include "linux/loop/UDPSockets.h"
+#include "linux/loop/WorkerPool.h"
 #include "linux/service/ServiceTransactions.h"
+#include "linux/system/JournalPowerLog.h"
 #include "linux/system/SharedObjectLoader.h"
 #include "linux/system/SystemClock.h"
 #include "linux/system/SystemDeviceProperties.h"
 #include "linux/system/SystemLocale.h"
 #include "linux/system/SystemLogs.h"
 #include "linux/system/SystemRandom.h"
-#include "linux/loop/UDPSockets.h"
-#include "linux/loop/WorkerPool.h"
 #include "util/ReportingServices.h"
 
 namespace zun {

@@ -4,10 +4,10 @@
 
 #include <string>
 
-#include "values/JSONWriter.h"
 #include "platform/SystemLog.h"
-#include "values/Value.h"
 #include "util/Compression.h"
+#include "values/JSONWriter.h"
+#include "values/Value.h"
 
 namespace zun {
 namespace {

@@ -13,10 +13,10 @@
 #include <string>
 #include <thread>
 
-#include "linux/files/FileDescriptor.h"
 #include "linux/dbus/DBusInput.h"
 #include "linux/dbus/DBusMessage.h"
 #include "linux/dbus/DBusServiceListener.h"
+#include "linux/files/FileDescriptor.h"
 
 namespace {
 

@@ -4,8 +4,8 @@
 
 #include <latch>
 
-#include "platform/SerialQueue.h"
 #include "linux/loop/WorkerPool.h"
+#include "platform/SerialQueue.h"
 
 namespace zun {
 namespace {

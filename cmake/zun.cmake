@@ -13,8 +13,9 @@ endfunction()
 # The unit tests of one folder, with the fakes and servers of tests/support.
 function(zun_unit_tests folder)
   file(GLOB sources CONFIGURE_DEPENDS ${folder}/*.cpp)
-  add_executable(${folder}_tests ${sources})
-  target_link_libraries(${folder}_tests PRIVATE zun_test_support ${ARGN})
-  gtest_discover_tests(${folder}_tests DISCOVERY_MODE PRE_TEST TEST_PREFIX "${folder}: "
+  string(REPLACE "/" "_" name ${folder})
+  add_executable(${name}_tests ${sources})
+  target_link_libraries(${name}_tests PRIVATE zun_test_support ${ARGN})
+  gtest_discover_tests(${name}_tests DISCOVERY_MODE PRE_TEST TEST_PREFIX "${folder}: "
                        PROPERTIES TIMEOUT 120)
 endfunction()

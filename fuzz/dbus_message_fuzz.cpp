@@ -14,10 +14,10 @@
 #include <string_view>
 #include <vector>
 
-#include "linux/files/FileDescriptor.h"
 #include "linux/dbus/DBusAuthentication.h"
 #include "linux/dbus/DBusInput.h"
 #include "linux/dbus/DBusMessage.h"
+#include "linux/files/FileDescriptor.h"
 
 namespace {
 

@@ -5,12 +5,13 @@
 #include <cstdint>
 #include <string_view>
 
-#include "values/Check.h"
 #include "platform/Crypto.h"
-#include "values/PropertyList.h"
 #include "platform/SystemLog.h"
 #include "storebag/SharedValues.h"
 #include "util/MemoryUse.h"
+#include "values/Base64.h"
+#include "values/Check.h"
+#include "values/PropertyList.h"
 
 namespace {
 

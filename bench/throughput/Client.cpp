@@ -7,9 +7,9 @@
 #include <algorithm>
 #include <cstring>
 
+#include "linux/dbus/DBusMessage.h"
 #include "values/Check.h"
 #include "values/Value.h"
-#include "linux/dbus/DBusMessage.h"
 #include "zunreporting/Keys.h"
 
 namespace zun::bench {

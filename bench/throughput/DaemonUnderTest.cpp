@@ -13,8 +13,9 @@
 #include <sstream>
 #include <thread>
 
-#include "values/Check.h"
 #include "platform/Crypto.h"
+#include "values/Base64.h"
+#include "values/Check.h"
 #include "values/PropertyList.h"
 #include "values/Value.h"
 

@@ -16,9 +16,9 @@
 #include "Client.h"
 #include "DaemonUnderTest.h"
 #include "Sink.h"
-#include "values/Check.h"
 #include "support/ScratchFolder.h"
 #include "support/TestCertificates.h"
+#include "values/Check.h"
 
 namespace {
 

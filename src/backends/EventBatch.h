@@ -7,8 +7,8 @@
 #include <utility>
 #include <vector>
 
-#include "values/Value.h"
 #include "util/MemoryBudget.h"
+#include "values/Value.h"
 
 namespace zun {
 

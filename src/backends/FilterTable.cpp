@@ -6,8 +6,8 @@
 
 #include "backends/ListMatching.h"
 #include "backends/ZunReportingBackend.h"
-#include "values/UTF8.h"
 #include "util/Identifiers.h"
+#include "values/UTF8.h"
 
 namespace zun {
 

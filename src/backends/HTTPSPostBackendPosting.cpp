@@ -7,10 +7,10 @@
 
 #include "backends/HTTPSPostBackend.h"
 #include "platform/Crypto.h"
-#include "values/JSONWriter.h"
 #include "storebag/StorebagEnvironment.h"
 #include "util/Compression.h"
 #include "util/Identifiers.h"
+#include "values/JSONWriter.h"
 #include "zunreporting/Keys.h"
 
 namespace zun {

@@ -9,13 +9,13 @@
 
 #include "backends/EventNumberList.h"
 #include "connectivity/ReportingSessionConnectivityInterface.h"
-#include "values/Error.h"
 #include "platform/Mutex.h"
 #include "platform/SandboxExtension.h"
 #include "platform/SerialQueue.h"
 #include "platform/UniqueFunction.h"
-#include "values/Value.h"
 #include "util/ReportingServices.h"
+#include "values/Error.h"
+#include "values/Value.h"
 
 namespace zun {
 

@@ -5,8 +5,8 @@
 #include <string>
 
 #include "connectivity/ReportingSessionConnectivityInterface.h"
-#include "values/Error.h"
 #include "platform/URLSession.h"
+#include "values/Error.h"
 
 namespace zun {
 

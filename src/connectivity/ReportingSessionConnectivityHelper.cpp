@@ -29,14 +29,14 @@ std::optional<URLSessionConfiguration> ReportingSessionConnectivityHelper::priva
   switch (mode) {
     case kBackgroundUploadMode:
       configuration.kind = URLSessionConfiguration::Kind::kBackground;
-      configuration.identifier = makeUUIDString(random);
+      configuration.identifier = uuidString(random.uuidBytes());
       configuration.networkServiceType = URLSessionConfiguration::NetworkServiceType::kBackground;
       configuration.discretionary = true;
       configuration.requiresPowerPluggedIn = true;
       break;
     case kBackgroundGETMode:
       configuration.kind = URLSessionConfiguration::Kind::kBackground;
-      configuration.identifier = makeUUIDString(random);
+      configuration.identifier = uuidString(random.uuidBytes());
       configuration.discretionary = true;
       break;
     case kPOSTMode:

@@ -114,7 +114,7 @@ void ReportingSessionConnectivityHelper::activateOnStateQueue(uint32_t releaseTi
   delegateLink_ = std::make_shared<URLSessionDelegateLink>(weak_from_this());
   std::shared_ptr<URLSession> session =
       platform_.urlSessions.makeSession(configuration, delegateLink_, delegateQueue_);
-  session->setSessionDescription(configuration.identifier.empty() ? makeUUIDString(platform_.random)
+  session->setSessionDescription(configuration.identifier.empty() ? uuidString(platform_.random.uuidBytes())
                                                                   : configuration.identifier);
   {
     const MutexLock lock(mutex_);

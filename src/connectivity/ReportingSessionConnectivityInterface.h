@@ -3,9 +3,9 @@
 #include <optional>
 #include <string>
 
-#include "values/Error.h"
 #include "platform/URLSession.h"
 #include "platform/UniqueFunction.h"
+#include "values/Error.h"
 
 namespace zun {
 

@@ -1,7 +1,7 @@
 #include "connectivity/StorageContainers.h"
 
-#include "values/UUID.h"
 #include "util/FileMatching.h"
+#include "values/UUID.h"
 
 namespace zun {
 
@@ -27,7 +27,8 @@ void StorageContainers::cleanupStorageRootFolder(ConnectionMode postMode) const 
 }
 
 std::string StorageContainers::composeUniqueContainerURL() const {
-  return fmt::format("{}{}.{}", storageRootFolder(), makeUUIDString(platform_.random), kContainerExtension);
+  return fmt::format("{}{}.{}", storageRootFolder(), uuidString(platform_.random.uuidBytes()),
+                     kContainerExtension);
 }
 
 void StorageContainers::deleteContainerAtURL(const std::string& url) const {

@@ -9,8 +9,8 @@
 #include "platform/Clock.h"
 #include "platform/Mutex.h"
 #include "platform/SystemLog.h"
-#include "values/Value.h"
 #include "storebag/StorebagFetcher.h"
+#include "values/Value.h"
 
 namespace zun {
 

@@ -13,11 +13,6 @@ namespace zun {
 [[nodiscard]] std::array<uint8_t, 32> sha256(std::string_view bytes);
 [[nodiscard]] std::array<uint8_t, 20> hmacSHA1(std::string_view key, std::string_view bytes);
 
-/// Standard Base64, padded, without line breaks.
-[[nodiscard]] std::string base64Encode(std::string_view bytes);
-/// Skips characters outside the alphabet. None when what remains is not Base64.
-[[nodiscard]] std::optional<std::string> base64Decode(std::string_view text);
-
 /// An RSA public key.
 class RSAPublicKey final {
  public:

@@ -8,10 +8,10 @@
 #include <span>
 #include <string>
 
-#include "values/Error.h"
-#include "values/Result.h"
 #include "platform/SerialQueue.h"
 #include "platform/UniqueFunction.h"
+#include "values/Error.h"
+#include "values/Result.h"
 
 namespace zun {
 

@@ -9,9 +9,9 @@
 #include <utility>
 #include <vector>
 
+#include "platform/SerialQueue.h"
 #include "values/Error.h"
 #include "values/Result.h"
-#include "platform/SerialQueue.h"
 
 namespace zun {
 

@@ -5,9 +5,9 @@
 #include <string>
 #include <vector>
 
-#include "values/Error.h"
 #include "platform/ServiceConnection.h"
 #include "platform/UniqueFunction.h"
+#include "values/Error.h"
 #include "values/Value.h"
 
 namespace zun {

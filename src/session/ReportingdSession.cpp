@@ -3,7 +3,7 @@
 #include <cstring>
 #include <utility>
 
-#include "platform/Crypto.h"
+#include "values/Base64.h"
 #include "zunreporting/Keys.h"
 
 namespace zun {

@@ -10,11 +10,11 @@
 
 #include "platform/Mutex.h"
 #include "platform/ServiceConnection.h"
-#include "values/Value.h"
 #include "session/BackendTable.h"
 #include "session/ClientSessionInterface.h"
 #include "session/ReportingdSessionDelegate.h"
 #include "util/ReportingServices.h"
+#include "values/Value.h"
 
 namespace zun {
 

@@ -1,9 +1,9 @@
 #include <utility>
 
 #include "platform/FileManager.h"
+#include "session/ReportingdSession.h"
 #include "values/URLText.h"
 #include "values/UTF8.h"
-#include "session/ReportingdSession.h"
 
 namespace zun {
 

@@ -5,9 +5,9 @@
 #include <exception>
 #include <mutex>
 
-#include "values/PropertyList.h"
 #include "storebag/ClientTypes.h"
 #include "storebag/StorebagEnvironment.h"
+#include "values/PropertyList.h"
 
 namespace zun {
 

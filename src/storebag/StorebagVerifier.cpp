@@ -1,8 +1,9 @@
 #include "storebag/StorebagVerifier.h"
 
 #include "platform/Crypto.h"
-#include "values/PropertyList.h"
 #include "storebag/SharedValues.h"
+#include "values/Base64.h"
+#include "values/PropertyList.h"
 
 namespace zun {
 

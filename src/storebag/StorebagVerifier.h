@@ -5,8 +5,8 @@
 #include <string_view>
 
 #include "platform/PlatformServices.h"
-#include "values/Value.h"
 #include "storebag/StorebagDiskCache.h"
+#include "values/Value.h"
 
 namespace zun {
 

@@ -25,7 +25,7 @@ std::optional<std::string> storedIdentifier(const PlatformServices& platform, st
 }
 
 std::string storeNewIdentifier(const PlatformServices& platform, std::string_view key) {
-  std::string made = makeUUIDString(platform.random);
+  std::string made = uuidString(platform.random.uuidBytes());
   platform.defaults.setObject(kReportingSuite, key, made);
   return made;
 }
@@ -80,7 +80,7 @@ std::string DeviceIdentity::getPersistentIdentifierForCustomClientIDSuffix(
   auto stored = storedIdentifier(platform_, key);
   const std::string value = stored               ? *std::move(stored)
                             : mayStoreUnder(key) ? storeNewIdentifier(platform_, key)
-                                                 : makeUUIDString(platform_.random);
+                                                 : uuidString(platform_.random.uuidBytes());
   platform_.log.note("getPersistentIdentifierForCustomClientIDSuffix: The value for {}: {}", key, value);
   return value;
 }
@@ -101,7 +101,7 @@ bool DeviceIdentity::mayStoreUnder(std::string_view key) const {
 
 std::string DeviceIdentity::getPersistentIdentifierForDNU(bool respectingDNU) const {
   if (respectingDNU && !diagnosticSubmissionEnabled(platform_.defaults)) {
-    return makeUUIDString(platform_.random);
+    return uuidString(platform_.random.uuidBytes());
   }
   auto stored = storedIdentifier(platform_, kPersistentIdentifierKey);
   return stored ? *std::move(stored) : storeNewIdentifier(platform_, kPersistentIdentifierKey);

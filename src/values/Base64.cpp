@@ -1,7 +1,7 @@
 #include <array>
 #include <cstdint>
 
-#include "platform/Crypto.h"
+#include "values/Base64.h"
 
 namespace zun {
 

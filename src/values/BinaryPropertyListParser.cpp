@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "values/UTF8.h"
 #include "values/PropertyListForms.h"
+#include "values/UTF8.h"
 
 namespace zun {
 

@@ -8,10 +8,10 @@
 #include <unordered_map>
 #include <vector>
 
-#include "platform/Crypto.h"
+#include "values/Base64.h"
+#include "values/PropertyListForms.h"
 #include "values/SeededHash.h"
 #include "values/UTF8.h"
-#include "values/PropertyListForms.h"
 
 namespace zun {
 

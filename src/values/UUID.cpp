@@ -1,14 +1,11 @@
 #include "values/UUID.h"
 
-#include <array>
-#include <cstddef>
 #include <string_view>
 
 namespace zun {
 
-std::string makeUUIDString(RandomSource& random) {
+std::string uuidString(const std::array<std::byte, 16>& bytes) {
   constexpr std::string_view kDigits = "0123456789ABCDEF";
-  const std::array<std::byte, 16> bytes = random.uuidBytes();
   std::string text;
   text.reserve(36);
   for (size_t i = 0; i < bytes.size(); ++i) {

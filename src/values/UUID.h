@@ -1,12 +1,12 @@
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <string>
-
-#include "platform/RandomSource.h"
 
 namespace zun {
 
-/// A fresh random UUID in canonical upper-case form (8-4-4-4-12 hexadecimal digits).
-[[nodiscard]] std::string makeUUIDString(RandomSource& random);
+/// The UUID of these bytes in canonical upper-case form (8-4-4-4-12 hexadecimal digits).
+[[nodiscard]] std::string uuidString(const std::array<std::byte, 16>& bytes);
 
 }  // namespace zun

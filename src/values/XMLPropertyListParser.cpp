@@ -11,7 +11,7 @@
 #include <type_traits>
 #include <vector>
 
-#include "platform/Crypto.h"
+#include "values/Base64.h"
 #include "values/PropertyListForms.h"
 
 namespace zun {

@@ -8,8 +8,8 @@
 #include <utility>
 #include <vector>
 
-#include "platform/ServiceConnection.h"
 #include "linux/files/FileExtensions.h"
+#include "platform/ServiceConnection.h"
 
 namespace zun {
 

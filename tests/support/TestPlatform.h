@@ -2,14 +2,14 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/PlatformServices.h"
-#include "linux/http/CurlURLSession.h"
 #include "linux/files/FileUserDefaults.h"
-#include "linux/system/JournalPowerLog.h"
 #include "linux/files/LinuxFileManager.h"
-#include "linux/system/SharedObjectLoader.h"
+#include "linux/http/CurlURLSession.h"
 #include "linux/loop/UDPSockets.h"
 #include "linux/loop/WorkerPool.h"
+#include "linux/system/JournalPowerLog.h"
+#include "linux/system/SharedObjectLoader.h"
+#include "platform/PlatformServices.h"
 #include "support/Fakes.h"
 #include "support/LoopThread.h"
 #include "support/RecordingLog.h"

@@ -2,7 +2,7 @@
 
 #include <chrono>
 
-#include "platform/Crypto.h"
+#include "values/Base64.h"
 #include "values/UTF8.h"
 
 namespace zun {

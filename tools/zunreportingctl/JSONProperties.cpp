@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "platform/Crypto.h"
+#include "values/Base64.h"
 
 namespace zun {
 

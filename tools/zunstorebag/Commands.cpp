@@ -10,10 +10,11 @@
 #include "FileOutput.h"
 #include "StorebagCheck.h"
 #include "platform/Crypto.h"
-#include "values/JSONWriter.h"
-#include "values/PropertyList.h"
 #include "platform/SystemLog.h"
 #include "storebag/SharedValues.h"
+#include "values/Base64.h"
+#include "values/JSONWriter.h"
+#include "values/PropertyList.h"
 
 namespace zun {
 

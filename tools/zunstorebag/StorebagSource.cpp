@@ -9,7 +9,7 @@
 #include <memory>
 #include <optional>
 
-#include "platform/Crypto.h"
+#include "values/Base64.h"
 #include "values/JSONReader.h"
 #include "values/PropertyList.h"
 

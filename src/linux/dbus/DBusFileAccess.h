@@ -5,10 +5,10 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/ServiceConnection.h"
-#include "platform/SystemLog.h"
 #include "linux/files/FileDescriptor.h"
 #include "linux/files/FileExtensions.h"
+#include "platform/ServiceConnection.h"
+#include "platform/SystemLog.h"
 
 namespace zun {
 

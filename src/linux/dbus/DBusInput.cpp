@@ -8,7 +8,7 @@
 #include <cstring>
 #include <iterator>
 
-#include "linux/service/ProcessLimits.h"
+#include "linux/files/ProcessLimits.h"
 
 namespace zun {
 

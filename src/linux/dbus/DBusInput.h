@@ -9,8 +9,8 @@
 #include <string_view>
 #include <vector>
 
-#include "linux/files/FileDescriptor.h"
 #include "linux/dbus/DBusMessage.h"
+#include "linux/files/FileDescriptor.h"
 
 namespace zun {
 

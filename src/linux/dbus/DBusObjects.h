@@ -7,9 +7,9 @@
 #include <string_view>
 #include <vector>
 
+#include "linux/dbus/DBusMessage.h"
 #include "platform/ServiceConnection.h"
 #include "values/Value.h"
-#include "linux/dbus/DBusMessage.h"
 
 namespace zun {
 

@@ -9,10 +9,10 @@
 #include <string_view>
 #include <thread>
 
+#include "linux/dbus/DBusMessage.h"
 #include "platform/Mutex.h"
 #include "platform/ServiceConnection.h"
 #include "platform/SystemLog.h"
-#include "linux/dbus/DBusMessage.h"
 
 namespace zun {
 

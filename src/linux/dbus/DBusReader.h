@@ -3,9 +3,9 @@
 #include <cstdint>
 #include <string_view>
 
-#include "values/Value.h"
 #include "linux/dbus/DBusMessage.h"
 #include "linux/dbus/DBusSignature.h"
+#include "values/Value.h"
 
 namespace zun {
 

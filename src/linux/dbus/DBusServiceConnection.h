@@ -7,14 +7,14 @@
 #include <string>
 #include <vector>
 
-#include "platform/ServiceConnection.h"
-#include "platform/SystemLog.h"
-#include "linux/files/FileDescriptor.h"
 #include "linux/dbus/DBusFileAccess.h"
 #include "linux/dbus/DBusInput.h"
 #include "linux/dbus/DBusObjects.h"
 #include "linux/dbus/DBusOutput.h"
+#include "linux/files/FileDescriptor.h"
 #include "linux/service/PeerIdentity.h"
+#include "platform/ServiceConnection.h"
+#include "platform/SystemLog.h"
 
 namespace zun {
 

@@ -9,15 +9,15 @@
 #include <string>
 #include <thread>
 
-#include "values/Error.h"
-#include "platform/Mutex.h"
-#include "values/Result.h"
-#include "platform/ServiceConnection.h"
-#include "platform/SystemLog.h"
-#include "linux/service/EntitlementStore.h"
-#include "linux/files/FileDescriptor.h"
 #include "linux/dbus/DBusServiceConnection.h"
 #include "linux/dbus/ListeningSocket.h"
+#include "linux/files/FileDescriptor.h"
+#include "linux/service/EntitlementStore.h"
+#include "platform/Mutex.h"
+#include "platform/ServiceConnection.h"
+#include "platform/SystemLog.h"
+#include "values/Error.h"
+#include "values/Result.h"
 
 namespace zun {
 

@@ -4,9 +4,9 @@
 #include <string>
 #include <string_view>
 
-#include "values/Value.h"
 #include "linux/dbus/DBusMessage.h"
 #include "linux/dbus/DBusSignature.h"
+#include "values/Value.h"
 
 namespace zun {
 

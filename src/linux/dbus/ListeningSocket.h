@@ -5,9 +5,9 @@
 #include <string>
 #include <string_view>
 
+#include "linux/files/FileDescriptor.h"
 #include "values/Error.h"
 #include "values/Result.h"
-#include "linux/files/FileDescriptor.h"
 
 namespace zun {
 

@@ -19,8 +19,8 @@
 #include <optional>
 #include <utility>
 
-#include "values/Check.h"
 #include "linux/files/PosixError.h"
+#include "values/Check.h"
 
 namespace zun {
 

@@ -6,10 +6,10 @@
 #include <string>
 #include <string_view>
 
-#include "platform/Mutex.h"
-#include "platform/SandboxExtension.h"
 #include "linux/files/FileDescriptor.h"
 #include "linux/files/FileSystemIdentity.h"
+#include "platform/Mutex.h"
+#include "platform/SandboxExtension.h"
 
 namespace zun {
 

@@ -10,8 +10,8 @@
 #include <cerrno>
 #include <optional>
 
-#include "values/Check.h"
 #include "linux/files/PosixError.h"
+#include "values/Check.h"
 
 namespace zun {
 

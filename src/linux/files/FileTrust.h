@@ -4,8 +4,8 @@
 
 #include <string>
 
-#include "values/Result.h"
 #include "linux/files/FileDescriptor.h"
+#include "values/Result.h"
 
 namespace zun {
 

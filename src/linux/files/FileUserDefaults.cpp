@@ -10,8 +10,8 @@
 #include <system_error>
 #include <thread>
 
-#include "values/PropertyList.h"
 #include "linux/files/FileDescriptor.h"
+#include "values/PropertyList.h"
 
 namespace zun {
 

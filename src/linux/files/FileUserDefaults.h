@@ -4,11 +4,11 @@
 #include <map>
 #include <string>
 
+#include "linux/files/PropertyListFile.h"
 #include "platform/FileManager.h"
 #include "platform/Mutex.h"
 #include "platform/SystemLog.h"
 #include "platform/UserDefaults.h"
-#include "linux/files/PropertyListFile.h"
 
 namespace zun {
 

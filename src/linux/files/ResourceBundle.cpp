@@ -2,8 +2,8 @@
 
 #include <cerrno>
 
-#include "values/PropertyList.h"
 #include "linux/files/LinuxFileManager.h"
+#include "values/PropertyList.h"
 
 namespace zun {
 

@@ -8,12 +8,12 @@
 #include <string>
 #include <vector>
 
+#include "linux/http/PowerSupply.h"
+#include "linux/http/RouteMonitor.h"
 #include "platform/Mutex.h"
 #include "platform/SystemLog.h"
 #include "platform/URLSession.h"
 #include "platform/UniqueFunction.h"
-#include "linux/http/PowerSupply.h"
-#include "linux/http/RouteMonitor.h"
 
 namespace zun {
 

@@ -12,9 +12,9 @@
 #include <unordered_map>
 #include <vector>
 
-#include "platform/Mutex.h"
 #include "linux/http/CurlURLSession.h"
 #include "linux/http/CurlURLSessionTransfer.h"
+#include "platform/Mutex.h"
 
 namespace zun {
 

@@ -9,8 +9,8 @@
 #include <cerrno>
 #include <system_error>
 
-#include "linux/http/CurlURLSessionLoop.h"
 #include "linux/files/FileDescriptor.h"
+#include "linux/http/CurlURLSessionLoop.h"
 
 namespace zun {
 namespace {

@@ -4,8 +4,8 @@
 #include <set>
 #include <string>
 
-#include "platform/SystemLog.h"
 #include "linux/files/FileDescriptor.h"
+#include "platform/SystemLog.h"
 
 namespace zun {
 

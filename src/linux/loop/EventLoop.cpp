@@ -14,8 +14,8 @@
 #include <utility>
 #include <vector>
 
-#include "platform/Mutex.h"
 #include "linux/loop/ReadSources.h"
+#include "platform/Mutex.h"
 
 namespace zun {
 

@@ -3,10 +3,10 @@
 #include <initializer_list>
 #include <memory>
 
+#include "linux/files/FileDescriptor.h"
 #include "platform/DatagramSocket.h"
 #include "platform/TimerService.h"
 #include "platform/UniqueFunction.h"
-#include "linux/files/FileDescriptor.h"
 
 namespace zun {
 

@@ -4,9 +4,9 @@
 #include <memory>
 #include <unordered_map>
 
+#include "linux/files/FileDescriptor.h"
 #include "platform/DatagramSocket.h"
 #include "platform/Mutex.h"
-#include "linux/files/FileDescriptor.h"
 
 namespace zun {
 

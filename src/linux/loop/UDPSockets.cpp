@@ -10,7 +10,7 @@
 #include <utility>
 
 #include "linux/files/PosixError.h"
-#include "linux/service/ProcessLimits.h"
+#include "linux/files/ProcessLimits.h"
 
 namespace zun {
 

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "platform/DatagramSocket.h"
 #include "linux/loop/EventLoop.h"
+#include "platform/DatagramSocket.h"
 
 namespace zun {
 

@@ -12,10 +12,10 @@
 #include <memory>
 #include <system_error>
 
-#include "values/PropertyList.h"
-#include "values/Result.h"
 #include "linux/files/FileDescriptor.h"
 #include "linux/files/FileTrust.h"
+#include "values/PropertyList.h"
+#include "values/Result.h"
 
 namespace zun {
 

@@ -7,10 +7,10 @@
 #include <string_view>
 #include <vector>
 
+#include "linux/service/PeerIdentity.h"
 #include "platform/Mutex.h"
 #include "platform/SystemLog.h"
 #include "values/Value.h"
-#include "linux/service/PeerIdentity.h"
 
 namespace zun {
 

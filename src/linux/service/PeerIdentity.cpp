@@ -10,7 +10,7 @@
 #include <climits>
 
 #include "linux/files/FileDescriptor.h"
-#include "linux/dbus/DBusNames.h"
+#include "values/UTF8.h"
 
 #ifndef SO_PEERPIDFD
 #define SO_PEERPIDFD 77
@@ -55,7 +55,7 @@ std::vector<gid_t> supplementaryGroupsOfPeer(int socket) {
 }  // namespace
 
 std::string PeerIdentity::description() const {
-  const std::string path = executable.empty() ? "unknown executable" : asDBusText(executable);
+  const std::string path = executable.empty() ? "unknown executable" : replacingInvalidUTF8(executable);
   return fmt::format("pid {}, user {}, {}", process, user, path);
 }
 

@@ -2,9 +2,9 @@
 
 #include <memory>
 
+#include "linux/loop/EventLoop.h"
 #include "platform/ProcessTransactions.h"
 #include "platform/UniqueFunction.h"
-#include "linux/loop/EventLoop.h"
 
 namespace zun {
 

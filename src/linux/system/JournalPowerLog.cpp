@@ -11,9 +11,9 @@
 #include <exception>
 #include <utility>
 
+#include "linux/system/SystemLogs.h"
 #include "values/JSONWriter.h"
 #include "values/UTF8.h"
-#include "linux/system/SystemLogs.h"
 
 namespace zun {
 

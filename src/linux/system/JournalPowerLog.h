@@ -5,10 +5,10 @@
 #include <string>
 #include <string_view>
 
+#include "linux/files/FileDescriptor.h"
 #include "platform/Mutex.h"
 #include "platform/PowerLog.h"
 #include "platform/SystemLog.h"
-#include "linux/files/FileDescriptor.h"
 
 namespace zun {
 

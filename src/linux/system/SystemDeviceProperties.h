@@ -3,11 +3,11 @@
 #include <optional>
 #include <string>
 
+#include "linux/files/PropertyListFile.h"
 #include "platform/DeviceProperties.h"
 #include "platform/FileManager.h"
 #include "platform/Mutex.h"
 #include "platform/SystemLog.h"
-#include "linux/files/PropertyListFile.h"
 
 namespace zun {
 

@@ -12,9 +12,10 @@
 #include <sstream>
 
 #include "platform/Crypto.h"
+#include "support/ScratchFolder.h"
+#include "values/Base64.h"
 #include "values/JSONReader.h"
 #include "values/PropertyList.h"
-#include "support/ScratchFolder.h"
 
 extern char** environ;
 

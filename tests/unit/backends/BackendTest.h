@@ -5,8 +5,8 @@
 #include <utility>
 
 #include "backends/HTTPSPostBackend.h"
-#include "values/JSONReader.h"
 #include "support/TestPlatform.h"
+#include "values/JSONReader.h"
 #include "zunreporting/Keys.h"
 
 namespace zun {

@@ -6,9 +6,9 @@
 #include "BackendTest.h"
 #include "connectivity/ReportingSessionConnectivityHelper.h"
 #include "platform/Crypto.h"
-#include "values/UUID.h"
 #include "support/Gzip.h"
 #include "support/HTTPSTestServer.h"
+#include "values/UUID.h"
 
 namespace zun {
 namespace {

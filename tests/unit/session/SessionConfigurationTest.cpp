@@ -1,7 +1,7 @@
 // Creation, configuration, start, user information, display URL.
 
 #include "SessionTest.h"
-#include "platform/Crypto.h"
+#include "values/Base64.h"
 
 namespace zun {
 namespace {

@@ -14,11 +14,12 @@
 #include <thread>
 
 #include "platform/Crypto.h"
-#include "values/PropertyList.h"
 #include "storebag/StorebagDiskCache.h"
 #include "support/HTTPSTestServer.h"
 #include "support/TestPlatform.h"
 #include "util/DeviceIdentity.h"
+#include "values/Base64.h"
+#include "values/PropertyList.h"
 
 namespace zun {
 

@@ -2,6 +2,7 @@
 
 #include "StorebagFixture.h"
 #include "storebag/NetworkStorebagFetcher.h"
+#include "values/Base64.h"
 
 namespace zun {
 namespace {

@@ -5,8 +5,8 @@
 #include <atomic>
 #include <thread>
 
-#include "values/PropertyList.h"
 #include "support/TestPlatform.h"
+#include "values/PropertyList.h"
 
 namespace zun {
 namespace {

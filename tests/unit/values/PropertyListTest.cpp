@@ -4,8 +4,8 @@
 #include <functional>
 #include <limits>
 
-#include "values/PropertyList.h"
 #include "support/CollidingTexts.h"
+#include "values/PropertyList.h"
 
 namespace zun {
 namespace {

@@ -5,7 +5,7 @@
 #include <fstream>
 
 #include "DBusPeer.h"
-#include "DescriptorCount.h"
+#include "support/DescriptorCount.h"
 
 namespace zun {
 namespace {

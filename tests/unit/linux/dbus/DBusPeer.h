@@ -17,9 +17,9 @@
 #include <string_view>
 #include <vector>
 
-#include "linux/files/FileDescriptor.h"
 #include "linux/dbus/DBusMessage.h"
 #include "linux/dbus/DBusServiceListener.h"
+#include "linux/files/FileDescriptor.h"
 #include "support/RecordingLog.h"
 #include "support/ScratchFolder.h"
 

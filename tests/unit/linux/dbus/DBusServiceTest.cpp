@@ -3,7 +3,7 @@
 #include <thread>
 
 #include "DBusPeer.h"
-#include "DescriptorCount.h"
+#include "support/DescriptorCount.h"
 
 namespace zun {
 namespace {

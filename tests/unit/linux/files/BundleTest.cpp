@@ -1,11 +1,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "values/PropertyList.h"
 #include "linux/files/LinuxFileManager.h"
 #include "linux/files/ResourceBundle.h"
 #include "support/RecordingLog.h"
 #include "support/ScratchFolder.h"
+#include "values/PropertyList.h"
 
 namespace zun {
 namespace {

@@ -16,7 +16,7 @@
 #include <set>
 #include <thread>
 
-#include "DescriptorCount.h"
+#include "support/DescriptorCount.h"
 #include "support/ScratchFolder.h"
 
 namespace zun {

@@ -12,12 +12,12 @@
 #include <filesystem>
 #include <thread>
 
-#include "values/PropertyList.h"
 #include "linux/files/FileDescriptor.h"
 #include "linux/files/FileUserDefaults.h"
 #include "linux/files/LinuxFileManager.h"
 #include "support/RecordingLog.h"
 #include "support/ScratchFolder.h"
+#include "values/PropertyList.h"
 
 namespace zun {
 namespace {

@@ -13,9 +13,9 @@
 #include <thread>
 #include <vector>
 
+#include "linux/loop/WorkerPool.h"
 #include "linux/service/ServiceTransactions.h"
 #include "linux/system/SystemClock.h"
-#include "linux/loop/WorkerPool.h"
 #include "support/Fakes.h"
 #include "support/ScratchFolder.h"
 

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "platform/Crypto.h"
+#include "values/Base64.h"
 
 namespace zun {
 namespace {

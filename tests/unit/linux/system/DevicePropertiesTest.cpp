@@ -5,11 +5,11 @@
 
 #include <array>
 
-#include "values/PropertyList.h"
 #include "linux/files/LinuxFileManager.h"
 #include "linux/system/SystemDeviceProperties.h"
 #include "support/RecordingLog.h"
 #include "support/ScratchFolder.h"
+#include "values/PropertyList.h"
 
 namespace zun {
 namespace {

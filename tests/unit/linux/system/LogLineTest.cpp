@@ -2,8 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include "values/UTF8.h"
 #include "support/RecordingLog.h"
+#include "values/UTF8.h"
 
 namespace zun {
 namespace {

@@ -5,11 +5,11 @@
 #include <memory>
 #include <optional>
 
-#include "values/UTF8.h"
 #include "linux/system/JournalPowerLog.h"
 #include "support/JournalStandIn.h"
 #include "support/RecordingLog.h"
 #include "support/ScratchFolder.h"
+#include "values/UTF8.h"
 
 namespace zun {
 namespace {

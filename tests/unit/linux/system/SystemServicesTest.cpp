@@ -15,13 +15,13 @@
 #include <string>
 #include <thread>
 
-#include "values/UUID.h"
+#include "linux/loop/ThreadQuality.h"
 #include "linux/system/SystemClock.h"
 #include "linux/system/SystemLocale.h"
 #include "linux/system/SystemLogs.h"
 #include "linux/system/SystemRandom.h"
-#include "linux/loop/ThreadQuality.h"
 #include "support/Fakes.h"
+#include "values/UUID.h"
 
 namespace zun {
 namespace {
@@ -86,7 +86,7 @@ TEST(SystemRandomTest, UUIDsAreRandomOnesAndDiffer) {
   SystemRandom random;
   std::set<std::string> seen;
   for (int i = 0; i < 1000; ++i) {
-    const std::string uuid = makeUUIDString(random);
+    const std::string uuid = uuidString(random.uuidBytes());
     ASSERT_EQ(uuid.size(), 36U);
     EXPECT_EQ(uuid[14], '4');
     EXPECT_NE(std::string("89AB").find(uuid[19]), std::string::npos);

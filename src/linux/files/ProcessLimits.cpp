@@ -1,4 +1,4 @@
-#include "linux/service/ProcessLimits.h"
+#include "linux/files/ProcessLimits.h"
 
 #include <sys/resource.h>
 
