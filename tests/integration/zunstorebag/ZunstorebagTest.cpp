@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <spawn.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -11,6 +12,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "linux/files/FileDescriptor.h"
 #include "platform/Crypto.h"
 #include "support/ScratchFolder.h"
 #include "values/Base64.h"
@@ -74,8 +76,11 @@ class ZunstorebagTest : public ::testing::Test {
   }
 
   Outcome sign(const std::string& source, const std::vector<std::string>& more = {}) {
-    std::vector<std::string> arguments{"sign", source, "--key", file("private.pem"), "-o", file("envelope")};
+    std::vector<std::string> arguments{"sign", source, "--key", file("private.pem")};
     arguments.insert(arguments.end(), more.begin(), more.end());
+    if (std::find(more.begin(), more.end(), "-o") == more.end()) {
+      arguments.insert(arguments.end(), {"-o", file("envelope")});
+    }
     return run(arguments);
   }
 
@@ -107,6 +112,52 @@ class ZunstorebagTest : public ::testing::Test {
 
   ScratchFolder scratch_;
 };
+
+// A device, say, that everybody on the machine needs.
+TEST_F(ZunstorebagTest, WhatIsNoRegularFileIsWrittenToAndNeverReplaced) {
+  makeKeys();
+  const std::string source = write("bag.json", kComplete);
+  ASSERT_EQ(::mkfifo(file("pipe").c_str(), 0600), 0);
+  const FileDescriptor reader(::open(file("pipe").c_str(), O_RDONLY | O_NONBLOCK));
+  ASSERT_EQ(sign(source, {"-o", file("pipe")}).exitCode, 0);
+  EXPECT_TRUE(fs::is_fifo(file("pipe")));
+  std::string received(1 << 16, '\0');
+  received.resize(
+      static_cast<size_t>(std::max<ssize_t>(::read(reader.get(), received.data(), received.size()), 0)));
+  write("received", received);
+  EXPECT_EQ(verify(file("received")).exitCode, 0);
+
+  if (::mknod(file("null").c_str(), S_IFCHR | 0666, makedev(1, 3)) != 0) GTEST_SKIP() << "needs privilege";
+  EXPECT_EQ(sign(source, {"-o", file("null")}).exitCode, 0);
+  EXPECT_TRUE(fs::is_character_file(file("null")));
+  EXPECT_EQ(run({"keygen", "--private-key", file("null"), "--public-key", file("null"), "--force"}).exitCode,
+            0);
+  EXPECT_TRUE(fs::is_character_file(file("null")));
+}
+
+TEST_F(ZunstorebagTest, LinksAreFollowedToTheFileThatIsReplaced) {
+  makeKeys();
+  const std::string source = write("bag.json", kComplete);
+  fs::create_directory(file("folder"));
+  write("folder/there", "old");
+  fs::create_symlink("folder/second", file("first"));
+  fs::create_symlink("there", file("folder/second"));
+  fs::create_symlink(file("folder/missing"), file("dangling"));
+  for (const auto& [link, target] : {std::pair("first", "folder/there"), {"dangling", "folder/missing"}}) {
+    ASSERT_EQ(sign(source, {"-o", file(link)}).exitCode, 0);
+    EXPECT_TRUE(fs::is_symlink(file(link)));
+    EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(file(target))));
+    EXPECT_EQ(verify(file(target)).exitCode, 0) << target;
+  }
+  EXPECT_TRUE(fs::is_symlink(file("folder/second")));
+
+  fs::create_symlink("loop", file("loop"));
+  const Outcome outcome = sign(source, {"-o", file("loop")});
+  EXPECT_EQ(outcome.exitCode, 2);
+  EXPECT_TRUE(
+      contains(outcome.errors, "cannot write " + file("loop") + ": Too many levels of symbolic links"))
+      << outcome.errors;
+}
 
 TEST_F(ZunstorebagTest, KeygenMakesAKeyPairWhosePrivateHalfIsItsOwnersAlone) {
   makeKeys();
