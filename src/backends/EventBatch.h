@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "util/MemoryBudget.h"
+#include "platform/MemoryBudget.h"
 #include "values/Value.h"
 
 namespace zun {

@@ -4,9 +4,9 @@
 #include <memory>
 #include <string>
 
+#include "platform/MemoryBudget.h"
 #include "platform/SandboxExtension.h"
 #include "platform/SystemLog.h"
-#include "util/MemoryBudget.h"
 
 namespace zun {
 

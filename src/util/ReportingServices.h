@@ -2,9 +2,9 @@
 
 #include <memory>
 
+#include "platform/MemoryBudget.h"
 #include "platform/PlatformServices.h"
 #include "util/DeviceIdentity.h"
-#include "util/MemoryBudget.h"
 #include "util/MessageLog.h"
 
 namespace zun {
