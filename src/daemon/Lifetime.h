@@ -1,0 +1,70 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <thread>
+
+#include "daemon/DaemonOptions.h"
+#include "daemon/IdleExitPolicy.h"
+#include "daemon/QuietPeriod.h"
+#include "platform/Clock.h"
+#include "platform/ServiceConnection.h"
+
+namespace zun {
+
+/// The process that a Lifetime ends. Any thread.
+class LifetimeHost {
+ public:
+  virtual ~LifetimeHost() = default;
+
+  [[nodiscard]] virtual DaemonActivity activity() = 0;
+  /// Runs `action` on the loop's thread once `wait` is over, or never if the loop ends first.
+  virtual void runAfter(std::chrono::nanoseconds wait, std::function<void()> action) = 0;
+  /// Tells the service manager that the end has begun.
+  virtual void notifyStopping() = 0;
+  /// Ends the loop.
+  virtual void quit() = 0;
+  /// Ends the process without taking anything apart. Does not come back.
+  virtual void exitAtOnce() = 0;
+};
+
+/// Ends the daemon: on a signal, or when nobody needs it any more.
+///
+///   running ──SIGTERM, idle──▶ stopping: connections end, transfers finish ──▶ loop quits
+///                                  └──grace over, or a second signal──▶ process ends
+///
+/// Threading: the loop's thread, and one of its own that waits for the connections.
+/// Ownership: main's; everything handed in outlives it.
+class Lifetime final {
+ public:
+  Lifetime(const DaemonOptions& options, LifetimeHost& host, ServiceListener& listener, const Clock& clock);
+  ~Lifetime();
+  Lifetime(const Lifetime&) = delete;
+  Lifetime& operator=(const Lifetime&) = delete;
+
+  void terminationRequested();
+  void transactionChanged(bool isOpen);
+  void connectionsChanged(size_t count);
+
+  /// False if something still runs that cannot be waited for.
+  [[nodiscard]] bool hasEndedCleanly() const { return !isStopping_ || hasStopped_; }
+
+ private:
+  void watchIdleness();
+  void idleTimeOver();
+  void stop();
+  void waitForTheEnd();
+
+  const DaemonOptions& options_;
+  LifetimeHost& host_;
+  ServiceListener& listener_;
+  const Clock& clock_;
+  IdleExitPolicy idleExit_;
+  bool isStopping_ = false;
+  bool isWatchingIdleness_ = false;
+  std::atomic<bool> hasStopped_{false};
+  std::thread stopping_;
+};
+
+}  // namespace zun

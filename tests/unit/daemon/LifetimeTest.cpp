@@ -1,0 +1,225 @@
+#include "daemon/Lifetime.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "support/Fakes.h"
+
+namespace zun {
+namespace {
+
+using namespace std::chrono_literals;
+
+/// What happened, in order. Any thread.
+class Trace final {
+ public:
+  void add(const std::string& what) {
+    const std::lock_guard lock(mutex_);
+    steps_.push_back(what);
+    changed_.notify_all();
+  }
+  std::vector<std::string> steps() {
+    const std::lock_guard lock(mutex_);
+    return steps_;
+  }
+  /// False if it does not happen.
+  bool waitFor(const std::string& what) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, 60s, [&] { return std::count(steps_.begin(), steps_.end(), what) > 0; });
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::vector<std::string> steps_;
+};
+
+class FakeHost final : public LifetimeHost {
+ public:
+  FakeHost(FakeClock& clock, Trace& trace) : clock_(clock), trace_(trace) {}
+
+  DaemonActivity activity() override {
+    const std::lock_guard lock(mutex_);
+    return activity_;
+  }
+  void runAfter(std::chrono::nanoseconds wait, std::function<void()> action) override {
+    timers_.emplace_back(clock_.monotonic() + wait, std::move(action));
+  }
+  void notifyStopping() override { trace_.add("stopping told"); }
+  void quit() override { trace_.add("quit"); }
+  void exitAtOnce() override { trace_.add("exit at once"); }
+
+  void set(const DaemonActivity& activity) {
+    const std::lock_guard lock(mutex_);
+    activity_ = activity;
+  }
+  /// Time goes on and what is due runs.
+  void advance(std::chrono::nanoseconds by) {
+    clock_.advance(by);
+    std::vector<std::function<void()>> due;
+    std::erase_if(timers_, [&](auto& timer) {
+      if (timer.first > clock_.monotonic()) return false;
+      due.push_back(std::move(timer.second));
+      return true;
+    });
+    for (const auto& action : due) action();
+  }
+  size_t timers() const { return timers_.size(); }
+
+ private:
+  FakeClock& clock_;
+  Trace& trace_;
+  std::vector<std::pair<std::chrono::nanoseconds, std::function<void()>>> timers_;
+  std::mutex mutex_;
+  DaemonActivity activity_{.isTransactionOpen = false, .areWorkersIdle = true};
+};
+
+class FakeListener final : public ServiceListener {
+ public:
+  explicit FakeListener(Trace& trace) : trace_(trace) {}
+  /// A call that has not ended holds the end up.
+  ~FakeListener() override { letCallsEnd(); }
+
+  void setDelegate(ServiceListenerDelegate* /*delegate*/) override {}
+  void resume() override { trace_.add("resume"); }
+  void stop() override { trace_.add("stop"); }
+  void invalidateConnections() override {
+    trace_.add("invalidate connections");
+    std::unique_lock lock(mutex_);
+    ended_.wait(lock, [&] { return !hasCall_; });
+  }
+
+  void beginCall() {
+    const std::lock_guard lock(mutex_);
+    hasCall_ = true;
+  }
+  void letCallsEnd() {
+    const std::lock_guard lock(mutex_);
+    hasCall_ = false;
+    ended_.notify_all();
+  }
+
+ private:
+  Trace& trace_;
+  std::mutex mutex_;
+  std::condition_variable ended_;
+  bool hasCall_ = false;
+};
+
+class LifetimeTest : public ::testing::Test {
+ protected:
+  ~LifetimeTest() override {
+    host_.set({.isTransactionOpen = false, .areWorkersIdle = true});
+    listener_.letCallsEnd();
+  }
+
+  void work() {
+    lifetime_.transactionChanged(true);
+    lifetime_.transactionChanged(false);
+  }
+  using Steps = std::vector<std::string>;
+
+  FakeClock clock_;
+  Trace trace_;
+  const DaemonOptions options_ = [] {
+    DaemonOptions options;
+    options.idleExit = 30s;
+    options.stopGrace = 20s;
+    return options;
+  }();
+  FakeHost host_{clock_, trace_};
+  FakeListener listener_{trace_};
+  Lifetime lifetime_{options_, host_, listener_, clock_};
+};
+
+TEST_F(LifetimeTest, ASignalClosesTheDoorEndsTheConnectionsAndThenTheLoop) {
+  lifetime_.terminationRequested();
+  EXPECT_TRUE(trace_.waitFor("quit"));
+  EXPECT_EQ(trace_.steps(), (Steps{"stopping told", "stop", "invalidate connections", "quit"}));
+  EXPECT_TRUE(lifetime_.hasEndedCleanly());
+}
+
+TEST_F(LifetimeTest, ASecondSignalEndsTheProcessAtOnce) {
+  listener_.beginCall();
+  lifetime_.terminationRequested();
+  lifetime_.terminationRequested();
+  EXPECT_TRUE(trace_.waitFor("exit at once"));
+}
+
+TEST_F(LifetimeTest, TheLoopEndsOnceNothingIsInFlightAnyMore) {
+  host_.set({.isTransactionOpen = true, .areWorkersIdle = true, .transfersInFlight = 1});
+  lifetime_.terminationRequested();
+  EXPECT_TRUE(trace_.waitFor("invalidate connections"));
+  EXPECT_FALSE(lifetime_.hasEndedCleanly());
+  host_.set({.isTransactionOpen = true, .areWorkersIdle = true, .transfersInFlight = 0});
+  EXPECT_TRUE(trace_.waitFor("quit"));
+  EXPECT_TRUE(lifetime_.hasEndedCleanly());
+}
+
+TEST_F(LifetimeTest, TheGraceBoundsTheWait) {
+  listener_.beginCall();
+  lifetime_.terminationRequested();
+  EXPECT_TRUE(trace_.waitFor("invalidate connections"));
+  host_.advance(20s - 1ns);
+  EXPECT_EQ(trace_.steps().back(), "invalidate connections");
+  host_.advance(1ns);
+  EXPECT_EQ(trace_.steps().back(), "quit");
+  EXPECT_FALSE(lifetime_.hasEndedCleanly());
+}
+
+TEST_F(LifetimeTest, ALoopThatEndsByItselfHasEndedCleanly) {
+  EXPECT_TRUE(lifetime_.hasEndedCleanly());
+}
+
+TEST_F(LifetimeTest, AnIdleDaemonStopsWhenItsTimeIsOver) {
+  work();
+  host_.advance(30s - 1ns);
+  EXPECT_EQ(trace_.steps(), Steps{});
+  host_.advance(1ns);
+  EXPECT_TRUE(trace_.waitFor("quit"));
+  EXPECT_TRUE(lifetime_.hasEndedCleanly());
+}
+
+TEST_F(LifetimeTest, WorkBeforeTheTimeIsOverStartsItAnew) {
+  work();
+  host_.advance(29s);
+  work();
+  host_.advance(29s);
+  EXPECT_EQ(trace_.steps(), Steps{});
+  host_.advance(1s);
+  EXPECT_TRUE(trace_.waitFor("stop"));
+}
+
+TEST_F(LifetimeTest, AConnectionKeepsAnIdleDaemon) {
+  work();
+  lifetime_.connectionsChanged(1);
+  host_.advance(1h);
+  EXPECT_EQ(trace_.steps(), Steps{});
+  lifetime_.connectionsChanged(0);
+  host_.advance(30s);
+  EXPECT_TRUE(trace_.waitFor("stop"));
+}
+
+TEST_F(LifetimeTest, HoweverOftenItFallsIdleOneTimerIsEnough) {
+  for (int i = 0; i < 100; ++i) work();
+  EXPECT_EQ(host_.timers(), 1u);
+}
+
+TEST_F(LifetimeTest, ADaemonThatIsStoppingIsNotStoppedAgainWhenItsIdleTimeIsOver) {
+  listener_.beginCall();
+  work();
+  lifetime_.terminationRequested();
+  EXPECT_TRUE(trace_.waitFor("invalidate connections"));
+  host_.advance(30s);
+  EXPECT_EQ(trace_.steps(), (Steps{"stopping told", "stop", "invalidate connections", "quit"}));
+}
+
+}  // namespace
+}  // namespace zun
