@@ -18,6 +18,32 @@ bool isSameName(std::string_view a, std::string_view b) {
 
 }  // namespace
 
+void URLRequestCancellation::cancel() {
+  std::vector<UniqueFunction<void()>> handlers;
+  {
+    const MutexLock lock(mutex_);
+    isCancelled_ = true;
+    handlers.swap(handlers_);
+  }
+  for (const auto& handler : handlers) handler();
+}
+
+bool URLRequestCancellation::isCancelled() const {
+  const MutexLock lock(mutex_);
+  return isCancelled_;
+}
+
+void URLRequestCancellation::onCancel(UniqueFunction<void()> handler) {
+  {
+    const MutexLock lock(mutex_);
+    if (!isCancelled_) {
+      handlers_.push_back(std::move(handler));
+      return;
+    }
+  }
+  handler();
+}
+
 void URLRequest::setHeader(std::string_view name, std::string value) {
   for (auto& header : headers) {
     if (!isSameName(header.first, name)) continue;

@@ -9,7 +9,9 @@
 #include <utility>
 #include <vector>
 
+#include "platform/Mutex.h"
 #include "platform/SerialQueue.h"
+#include "platform/UniqueFunction.h"
 #include "values/Error.h"
 #include "values/Result.h"
 
@@ -17,13 +19,32 @@ namespace zun {
 
 enum class CellularAccess : bool { kForbidden, kAllowed };
 
+/// Ends the requests that carry it: they complete with kCancelled, wherever they stand,
+/// and so do those that are begun later. Any thread.
+class URLRequestCancellation final {
+ public:
+  void cancel();
+  [[nodiscard]] bool isCancelled() const;
+  /// For the service that carries a request out: `handler` is called by `cancel`, or at
+  /// once where that has been. It must not call back.
+  void onCancel(UniqueFunction<void()> handler);
+
+ private:
+  mutable Mutex mutex_;
+  bool isCancelled_ GUARDED_BY(mutex_) = false;
+  std::vector<UniqueFunction<void()>> handlers_ GUARDED_BY(mutex_);
+};
+
 struct URLRequest {
   std::string url = {};
   std::string method = "GET";
   std::vector<std::pair<std::string, std::string>> headers = {};  // sent in this order
   std::shared_ptr<const std::string> body = {};                   // none: no body
   std::chrono::seconds timeout{60};                               // without progress
+  /// Progress or not, from when nothing stands in the way (a route, power) to the end.
+  std::optional<std::chrono::milliseconds> wholeTimeout = {};
   CellularAccess cellularAccess = CellularAccess::kAllowed;
+  std::shared_ptr<URLRequestCancellation> cancellation = {};  // none: nobody ends it
 
   /// Replaces the header of that name (letter case ignored) or adds it.
   void setHeader(std::string_view name, std::string value);

@@ -138,6 +138,7 @@ class HTTPSTestServer::Connection final {
   bool send(std::string_view bytes);
   bool give(const TestAnswer& answer);
   bool sendContent(const TestAnswer& answer, int64_t limit);
+  bool drip(const std::string& head);
   void waitForGate(const TestGate* gate);
   void waitUntilStopped();
 
@@ -293,12 +294,26 @@ bool HTTPSTestServer::Connection::give(const TestAnswer& answer) {
   const int64_t whole = static_cast<int64_t>(answer.body.size()) + answer.fillerBytes;
   const bool half = answer.ending == Ending::kCloseMidAnswer || answer.ending == Ending::kStallMidAnswer;
   std::string head = headOf(answer);
-  if (answer.fillerBytes == 0 && !half) {  // one write for the common small answer
+  if (answer.fillerBytes == 0 && !half &&
+      answer.ending != Ending::kDrip) {  // one write for the common small answer
     return send(head += answer.body) && answer.ending == Ending::kKeepAlive;
   }
+  if (answer.ending == Ending::kDrip) return drip(head);
   if (!send(head) || !sendContent(answer, half ? whole / 2 : whole)) return false;
   if (answer.ending == Ending::kStallMidAnswer) waitUntilStopped();
   return answer.ending == Ending::kKeepAlive;
+}
+
+bool HTTPSTestServer::Connection::drip(const std::string& head) {
+  if (!send(head)) return false;
+  std::unique_lock lock(state_.mutex);
+  while (!state_.stopping) {
+    lock.unlock();
+    if (!send("x")) return false;
+    lock.lock();
+    state_.changed.wait_for(lock, std::chrono::milliseconds(5));
+  }
+  return false;
 }
 
 void HTTPSTestServer::Connection::waitForGate(const TestGate* gate) {

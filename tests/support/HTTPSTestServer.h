@@ -51,6 +51,7 @@ struct TestAnswer {
     kNoAnswer,        // closes without a byte
     kNever,           // keeps the connection and says nothing
     kStallMidAnswer,  // the head and half of the body, then says nothing more
+    kDrip,            // the head, then a byte every few milliseconds that promises more
   };
 
   int status = 200;

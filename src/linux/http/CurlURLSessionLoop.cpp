@@ -33,8 +33,8 @@ void blockSignals() {
   pthread_sigmask(SIG_SETMASK, &all, nullptr);
 }
 
-Error cancelled() {
-  return urlError(URLSessionError::kCancelled, "the URL-session service has ended");
+Error cancelled(const char* reason) {
+  return urlError(URLSessionError::kCancelled, reason);
 }
 
 }  // namespace
@@ -64,7 +64,7 @@ void CurlURLSessionLoop::submit(Task task) {
   {
     const MutexLock lock(mutex_);
     if (inbox_.isStopping) {
-      refusal = cancelled();
+      refusal = cancelled("the URL-session service has ended");
     } else if (inbox_.inFlight + inbox_.waiting >= options_.maxTasks ||
                inbox_.bodyBytes + task->bodyBytes() > options_.maxBodyBytes) {
       refusal = urlError(URLSessionError::kTooManyTransfers, "too many transfers are under way");
@@ -78,6 +78,13 @@ void CurlURLSessionLoop::submit(Task task) {
     if (wasEmpty) curl_multi_wakeup(multi_);
   }
   if (refusal) task->fail(*refusal);
+}
+
+void CurlURLSessionLoop::endCancelled() {
+  const MutexLock lock(mutex_);
+  if (inbox_.isStopping) return;
+  inbox_.hasCancelled = true;
+  curl_multi_wakeup(multi_);
 }
 
 void CurlURLSessionLoop::stop() {
@@ -116,8 +123,7 @@ void CurlURLSessionLoop::run() {
     curl_multi_perform(multi_, &running);
     deliver();
     collectEnded();
-    expireActive();
-    expirePending();
+    expire();
     poll();
   }
   cancelEverything();
@@ -126,15 +132,25 @@ void CurlURLSessionLoop::run() {
 bool CurlURLSessionLoop::takeInbox() {
   std::vector<Task> tasks;
   bool goesOn = false;
+  bool hasCancelled = false;
   {
     const MutexLock lock(mutex_);
     tasks.swap(inbox_.tasks);
+    hasCancelled = std::exchange(inbox_.hasCancelled, false);
     goesOn = !inbox_.isStopping;
   }
   Conditions conditions;
   for (Task& task : tasks) {
     task->resourceDeadline = Clock::now() + options_.resourceTimeout;
     admit(std::move(task), conditions);
+  }
+  if (hasCancelled) {
+    const auto isCancelled = [](const CurlURLSessionTask& task) {
+      return task.request().cancellation != nullptr && task.request().cancellation->isCancelled();
+    };
+    const Error error = cancelled("the request was cancelled");
+    endActive(error, [&](const Transfer& transfer) { return isCancelled(transfer.task()); });
+    endPending(error, isCancelled);
   }
   return goesOn;
 }
@@ -182,6 +198,7 @@ void CurlURLSessionLoop::wait(Task task, Obstacle obstacle) {
     log_.note("URLSession: transfers wait for {}", reason);
     nextPowerCheck_ = Clock::now() + options_.powerCheckInterval;
   }
+  task->wholeDeadline = Clock::time_point::max();
   waiting_.emplace_back(std::move(task), obstacle);
 }
 
@@ -205,6 +222,7 @@ void CurlURLSessionLoop::reconsiderWaiting() {
 }
 
 void CurlURLSessionLoop::queueForHost(Task task) {
+  if (task->request().wholeTimeout) task->wholeDeadline = Clock::now() + *task->request().wholeTimeout;
   if (task->configuration().discretionary) {
     discretionary_.push_back(std::move(task));
     return;
@@ -313,41 +331,49 @@ void CurlURLSessionLoop::release(Transfer& transfer) {
   if (host->second.active == 0 && !host->second.hasTurn && host->second.queue.empty()) hosts_.erase(host);
 }
 
-void CurlURLSessionLoop::expireActive() {
-  const auto now = Clock::now();
-  std::vector<Transfer*> late;
+template <typename Condition>
+void CurlURLSessionLoop::endActive(const Error& error, Condition isOver) {
+  std::vector<Transfer*> over;
   for (const auto& [transfer, owned] : active_) {
-    if (transfer->deadline() <= now) late.push_back(transfer);
+    if (isOver(*transfer)) over.push_back(transfer);
   }
-  for (Transfer* transfer : late) {
+  for (Transfer* transfer : over) {
     const Task task = transfer->task().shared_from_this();
-    CurlDelivery last = transfer->endWith(urlError(URLSessionError::kTimedOut, "the request timed out"));
+    CurlDelivery last = transfer->endWith(error);
     release(*transfer);
     complete(task, std::move(last));
   }
 }
 
-// Seven days do not need looking at each time round.
-void CurlURLSessionLoop::expirePending() {
+template <typename Condition>
+void CurlURLSessionLoop::endPending(const Error& error, Condition isOver) {
+  std::vector<std::pair<Task, bool>> over;
+  const auto takeIfOver = [&over, &isOver](const Task& task, bool isWaiting) {
+    if (!isOver(*task)) return false;
+    over.emplace_back(task, isWaiting);
+    return true;
+  };
+  std::erase_if(waiting_, [&](const auto& entry) { return takeIfOver(entry.first, true); });
+  std::erase_if(discretionary_, [&](const Task& task) { return takeIfOver(task, false); });
+  for (auto& [name, host] : hosts_)
+    queued_ -= std::erase_if(host.queue, [&](const Task& task) { return takeIfOver(task, false); });
+  for (const auto& [task, isWaiting] : over) {
+    task->fail(error);
+    leave(*task, isWaiting);
+  }
+}
+
+void CurlURLSessionLoop::expire() {
   const auto now = Clock::now();
+  endActive(urlError(URLSessionError::kTimedOut, "the request timed out"),
+            [now](const Transfer& transfer) { return transfer.deadline() <= now; });
+  // Those who wait have long: they need no looking at each time round.
   if (!hasPending() || now < nextExpiry_) return;
   const auto often = std::clamp<std::chrono::milliseconds>(
       options_.resourceTimeout / 20, std::chrono::milliseconds(10), std::chrono::minutes(1));
   nextExpiry_ = now + often;
-  std::vector<std::pair<Task, bool>> late;
-  const auto takeIfLate = [&late, now](const Task& task, bool isWaiting) {
-    if (task->resourceDeadline > now) return false;
-    late.emplace_back(task, isWaiting);
-    return true;
-  };
-  std::erase_if(waiting_, [&](const auto& entry) { return takeIfLate(entry.first, true); });
-  std::erase_if(discretionary_, [&](const Task& task) { return takeIfLate(task, false); });
-  for (auto& [name, host] : hosts_)
-    queued_ -= std::erase_if(host.queue, [&](const Task& task) { return takeIfLate(task, false); });
-  for (const auto& [task, isWaiting] : late) {
-    task->fail(urlError(URLSessionError::kTimedOut, "the task's time is over"));
-    leave(*task, isWaiting);
-  }
+  endPending(urlError(URLSessionError::kTimedOut, "the task's time is over"),
+             [now](const CurlURLSessionTask& task) { return task.deadline() <= now; });
 }
 
 void CurlURLSessionLoop::deliver() {
@@ -384,28 +410,10 @@ bool CurlURLSessionLoop::hasPending() const {
 }
 
 void CurlURLSessionLoop::cancelEverything() {
-  while (!active_.empty()) {
-    Transfer& transfer = *active_.begin()->first;
-    const Task task = transfer.task().shared_from_this();
-    CurlDelivery last = transfer.endWith(cancelled());
-    release(transfer);
-    complete(task, std::move(last));
-  }
-  std::vector<std::pair<Task, bool>> left;
-  for (auto& [task, obstacle] : waiting_) left.emplace_back(std::move(task), true);
-  for (auto& task : discretionary_) left.emplace_back(std::move(task), false);
-  for (auto& [name, host] : hosts_) {
-    for (auto& task : host.queue) left.emplace_back(std::move(task), false);
-  }
-  waiting_.clear();
-  discretionary_.clear();
-  turns_.clear();
-  hosts_.clear();
-  queued_ = 0;
-  for (const auto& [task, isWaiting] : left) {
-    task->fail(cancelled());
-    leave(*task, isWaiting);
-  }
+  const auto always = [](const auto&) { return true; };
+  const Error error = cancelled("the URL-session service has ended");
+  endActive(error, always);
+  endPending(error, always);
 }
 
 void CurlURLSessionLoop::complete(const Task& task, CurlDelivery delivery) {

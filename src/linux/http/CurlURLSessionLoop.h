@@ -36,6 +36,8 @@ class CurlURLSessionLoop final {
 
   /// Takes over a task that has no defect. It completes in any case.
   void submit(std::shared_ptr<CurlURLSessionTask> task);
+  /// Ends the tasks whose requests have been cancelled, soon.
+  void endCancelled();
   /// Cancels every task and joins. What is submitted later is cancelled at once. Once.
   void stop();
 
@@ -78,8 +80,12 @@ class CurlURLSessionLoop final {
   void ended(Transfer& transfer, CURLcode code);
   bool waitsInsteadOfFailing(const CurlURLSessionTask& task, CURLcode code);
   void release(Transfer& transfer);
-  void expireActive();
-  void expirePending();
+  void expire();
+  /// Ends the tasks under way, or those not yet, for which `isOver` says so.
+  template <typename Condition>
+  void endActive(const Error& error, Condition isOver);
+  template <typename Condition>
+  void endPending(const Error& error, Condition isOver);
   void deliver();
   void poll();
   [[nodiscard]] Clock::duration untilNextDeadline() const;
@@ -101,6 +107,7 @@ class CurlURLSessionLoop final {
     size_t inFlight = 0;
     size_t waiting = 0;
     int64_t bodyBytes = 0;
+    bool hasCancelled = false;  // some task's request
     bool isStopping = false;
   };
   mutable Mutex mutex_;

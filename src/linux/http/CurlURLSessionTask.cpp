@@ -209,9 +209,13 @@ void CurlURLSessionTask::resume() {
   if (isResumed_.exchange(true)) return;
   if (defect_) {
     fail(*defect_);
-  } else {
-    session_->loop().submit(shared_from_this());
+    return;
   }
+  session_->loop().submit(shared_from_this());
+  if (request_.cancellation == nullptr) return;
+  request_.cancellation->onCancel([reference = weak_from_this()] {
+    if (const auto task = reference.lock()) task->session_->loop().endCancelled();
+  });
 }
 
 void CurlURLSessionTask::deliver(CurlDelivery delivery) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -111,7 +112,11 @@ class CurlURLSessionTask final : public URLSessionTask,
   void complete(CurlDelivery delivery);
   void fail(Error error);
 
-  std::chrono::steady_clock::time_point resourceDeadline;  // the loop's
+  // The loop's.
+  using TimePoint = std::chrono::steady_clock::time_point;
+  TimePoint resourceDeadline;                  // waiting included
+  TimePoint wholeDeadline = TimePoint::max();  // none while the task waits
+  [[nodiscard]] TimePoint deadline() const { return std::min(resourceDeadline, wholeDeadline); }
 
  private:
   const std::shared_ptr<CurlURLSession> session_;

@@ -40,9 +40,7 @@ class CurlURLSessionTransfer final {
   [[nodiscard]] bool begin(std::shared_ptr<CurlURLSessionTask> task);
 
   /// When the task ends unless something moves before.
-  [[nodiscard]] Clock::time_point deadline() const {
-    return std::min(idleDeadline(), task_->resourceDeadline);
-  }
+  [[nodiscard]] Clock::time_point deadline() const { return std::min(idleDeadline(), task_->deadline()); }
 
   /// What came since the last call.
   CurlDelivery takeDelivery() { return std::exchange(delivery_, {}); }

@@ -105,6 +105,31 @@ TEST_F(URLSessionLifecycleTest, SessionThatItsOwnerDropsEndsItsTasksFirst) {
   EXPECT_EQ(delegate_->heard("task").data, "late");
 }
 
+TEST_F(URLSessionLifecycleTest, CancellationEndsItsRequestsWhereverTheyStand) {
+  const auto cancelled = std::make_shared<URLRequestCancellation>();
+  const auto with = [](URLRequest request, std::shared_ptr<URLRequestCancellation> cancellation) {
+    request.cancellation = std::move(cancellation);
+    return request;
+  };
+  for (int i = 0; i < 5; ++i) begin(with(held(), cancelled), "under way " + std::to_string(i));
+  begin(with(held(), std::make_shared<URLRequestCancellation>()), "another's");
+  ASSERT_TRUE(server_.waitForRequests(6));
+  begin(with(held(), cancelled), "queued");
+  routes_->become(kNetworkDown);
+  begin(with({.url = server_.url("/held", "server.test")}, cancelled), "waiting");
+  EXPECT_EQ(delegate_->completions(), 0U);
+  cancelled->cancel();
+  ASSERT_TRUE(delegate_->waitForCompletions(7));
+  begin(with(held(), cancelled), "begun later");
+  ASSERT_TRUE(delegate_->waitForCompletions(8));
+  for (const char* name : {"under way 0", "under way 4", "queued", "waiting", "begun later"})
+    EXPECT_TRUE(delegate_->heard(name).failedWith(URLSessionError::kCancelled)) << name;
+  gate_->open();
+  ASSERT_TRUE(delegate_->waitForCompletions(9));
+  EXPECT_EQ(delegate_->heard("another's").data, "late");
+  cancelled->cancel();  // of what has ended: nothing
+}
+
 TEST_F(URLSessionLifecycleTest, EndOfTheServiceCancelsWhatIsLeftAndInvalidates) {
   begin(held(), "under way");
   ASSERT_TRUE(server_.waitForRequests(1));

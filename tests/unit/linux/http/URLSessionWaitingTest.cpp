@@ -163,6 +163,32 @@ TEST_F(URLSessionWaitingTest, NameThatCannotBeResolvedBecauseTheNetworkJustWentW
   EXPECT_TRUE(delegate_->heard("task").failedWith(URLSessionError::kCannotFindHost));
 }
 
+TEST_F(URLSessionWaitingTest, WholeTimeEndsATaskThatGoesOnAndOn) {
+  server_.answer("/drip", {.ending = TestAnswer::Ending::kDrip, .fillerBytes = 1 << 20});
+  const HeardTask heard = load({.url = server_.url("/drip"), .timeout = 1h, .wholeTimeout = 100ms});
+  EXPECT_TRUE(heard.failedWith(URLSessionError::kTimedOut));
+  EXPECT_FALSE(heard.data.empty());
+}
+
+// The time of a third task, which passes, is what those that wait must not have counted.
+TEST_F(URLSessionWaitingTest, WholeTimeCountsFromTheRouteOn) {
+  start({.resourceTimeout = 10s});  // those who wait are looked at twice a second
+  server_.answer("/", {.body = "ok"});
+  server_.answer("/drip", {.ending = TestAnswer::Ending::kDrip, .fillerBytes = 1 << 20});
+  routes_->becomeInOrder({kNetworkUp, kNetworkDown});
+  begin({.url = "https://" + kUnknownHost + "/", .wholeTimeout = 1500ms}, "lost the route");
+  ASSERT_TRUE(routes_->waitUntilAsked(2));
+  expectWaiting();
+  begin({.url = remote("/"), .wholeTimeout = 1500ms}, "never had one");
+  begin({.url = server_.url("/drip"), .wholeTimeout = 2500ms}, "passes the time");
+  ASSERT_TRUE(delegate_->waitForCompletions(1));
+  EXPECT_TRUE(delegate_->heard("passes the time").failedWith(URLSessionError::kTimedOut));
+  routes_->become(kNetworkUp);
+  ASSERT_TRUE(delegate_->waitForCompletions(3));
+  EXPECT_EQ(delegate_->heard("never had one").data, "ok");
+  EXPECT_TRUE(delegate_->heard("lost the route").failedWith(URLSessionError::kCannotFindHost));
+}
+
 TEST_F(URLSessionWaitingTest, RequestThatForbidsCellularWaitsForAnotherNetwork) {
   routes_->become(kNetworkCellular);
   server_.answer("/", {.body = "ok"});
