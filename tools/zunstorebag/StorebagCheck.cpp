@@ -203,13 +203,13 @@ class Checker final {
     for (const char* environment : kEnvironments) {
       const Value& section = storebag[environment];
       hasSection |= section.isDictionary();
-      if (section.isNone()) {
-        warn(environment, "no section: daemons of this environment get no storebag");
-      } else if (!section.isDictionary()) {
+      if (!section.isNone() && !section.isDictionary()) {
         error(environment, "a section is a dictionary, this is " + std::string(kindOf(section)));
       }
     }
     if (!hasSection) error("", "no section of any environment");
+    // The others are for devices of the maker's own, and seed ones fall back to this one.
+    if (storebag["release"].isNone()) warn("release", "no section: release devices get no storebag");
     for (const auto& [key, value] : storebag) checkTopLevelKey(key.stringValue(), value);
     if (!storebag.contains("version")) warn("version", "missing: nobody can tell storebags apart");
     const Value& cycle = storebag["refresh_cycle"];

@@ -300,8 +300,7 @@ TEST_F(ZunstorebagTest, SignWarnsOfWhatTheDaemonWouldReadOtherwise) {
   const Outcome outcome = sign(source);
   EXPECT_EQ(outcome.exitCode, 0) << outcome.errors;
   for (const std::string line :
-       {"warning: development: no section: daemons of this environment get no storebag",
-        "warning: version: must be a string, is a number",
+       {"warning: version: must be a string, is a number",
         "warning: refresh_cycle: must be 0 to 86400 seconds: more counts as 86400, less as out of date at "
         "once",
         "warning: typo: unknown key, the daemon ignores it",
@@ -326,6 +325,19 @@ TEST_F(ZunstorebagTest, SignWarnsOfWhatTheDaemonWouldReadOtherwise) {
   fs::remove(file("envelope"));
   EXPECT_EQ(sign(source, {"--strict"}).exitCode, 1);
   EXPECT_FALSE(fs::exists(file("envelope")));
+}
+
+// Other environments are the maker's own devices; seed ones use release's section.
+TEST_F(ZunstorebagTest, StorebagForReleaseAloneIsCompleteAndOneWithoutItIsNot) {
+  makeKeys();
+  const Outcome release =
+      sign(write("release.json", R"({"version": "1", "release": {"joulex": {}}})"), {"--strict"});
+  EXPECT_EQ(release.exitCode, 0);
+  EXPECT_EQ(release.errors, "");
+  const Outcome seed = sign(write("seed.json", R"({"version": "1", "seed": {"joulex": {}}})"), {"--strict"});
+  EXPECT_EQ(seed.exitCode, 1);
+  EXPECT_TRUE(contains(seed.errors, "warning: release: no section: release devices get no storebag\n"))
+      << seed.errors;
 }
 
 TEST_F(ZunstorebagTest, SignWarnsOfDashboardsAndUploadServersThatCannotWork) {
