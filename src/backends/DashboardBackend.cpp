@@ -20,7 +20,7 @@ bool namesServer(const Dictionary& profile) {
   return profile.contains("ip") && profile.contains("port");
 }
 
-DashboardServer serverOfProfile(const Dictionary& profile) {
+DashboardServer serverOfProfile(const Dictionary& profile, SystemLog& log) {
   DashboardServer server;
   // What is no text is no address either, and cannot be connected to.
   server.address =
@@ -28,9 +28,13 @@ DashboardServer serverOfProfile(const Dictionary& profile) {
   const Value& period = profile["reliable"];
   if (period.isNone()) return server;
   server.isReliable = true;
-  server.timerPeriod = std::chrono::milliseconds(
-      std::clamp(period.intValue(), int64_t{DashboardBackend::kShortestTimerPeriod.count()},
-                 int64_t{DashboardBackend::kLongestTimerPeriod.count()}));
+  const int64_t given = period.intValue();
+  const int64_t counts = std::clamp(given, int64_t{DashboardBackend::kShortestTimerPeriod.count()},
+                                    int64_t{DashboardBackend::kLongestTimerPeriod.count()});
+  if (counts != given) {
+    log.error("DashboardBackend(initWithName): a \"reliable\" of {} ms counts as {} ms", given, counts);
+  }
+  server.timerPeriod = std::chrono::milliseconds(counts);
   return server;
 }
 
@@ -79,7 +83,7 @@ std::shared_ptr<DashboardBackend> DashboardBackend::initWithName(const Origin& o
   }
   const DashboardServer server =
       usingProfile
-          ? serverOfProfile(*origin.profile)
+          ? serverOfProfile(*origin.profile, log)
           : DashboardServer{.address = dashboardSocketAddress(*serverIP, serverPort), .isReliable = true};
   auto link = DashboardLink::open(origin.services.platform, std::move(*socket), server);
   if (link == nullptr) return nullptr;

@@ -190,7 +190,13 @@ void DashboardLink::end() {
 bool DashboardLink::mayOutliveBackend() {
   if (isOutliving_) return true;
   isOutliving_ = true;
-  return outliving_.fetch_add(1) < kMaximumOutliving;
+  const bool hasRoom = outliving_.fetch_add(1) < kMaximumOutliving;
+  if (!hasToldOfOverflow_.exchange(!hasRoom) && !hasRoom) {
+    platform_.log.error(
+        "DashboardBackend(cleanup): {} ended backends wait for acknowledgements, further ones do not",
+        kMaximumOutliving);
+  }
+  return hasRoom;
 }
 
 void DashboardLink::stopOutliving() {

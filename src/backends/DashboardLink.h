@@ -90,6 +90,7 @@ class DashboardLink final : public std::enable_shared_from_this<DashboardLink> {
   [[nodiscard]] bool sendWhole(std::span<const std::byte> datagram);
 
   inline static std::atomic<size_t> outliving_{0};
+  inline static std::atomic<bool> hasToldOfOverflow_{false};  // until there is room again
 
   const PlatformServices& platform_;
   const bool reliableUDP_;

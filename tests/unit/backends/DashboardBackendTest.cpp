@@ -183,18 +183,26 @@ TEST_F(DashboardBackendTest, TheTimerTicksEvery500MillisecondsOrAsTheProfileSays
   struct Case {
     Value reliable;
     std::chrono::milliseconds period;
+    std::vector<std::string> errors = {};
+  };
+  const auto bounded = [](const std::string& given, const std::string& counts) {
+    return std::vector{"DashboardBackend(initWithName): a \"reliable\" of " + given + " ms counts as " +
+                       counts + " ms"};
   };
   const std::vector<Case> cases{
       {Value(), 500ms},
       {250, 250ms},
       {"1500", 1500ms},
-      {0, 10ms},
-      {-5, 10ms},
-      {true, 10ms},
-      {Dictionary{}, 10ms},
-      {"nonsense", 10ms},
-      {std::numeric_limits<int64_t>::max(), 24h},
-      {1e300, 24h},
+      {10, 10ms},
+      {86'400'000, 24h},
+      {0, 10ms, bounded("0", "10")},
+      {-5, 10ms, bounded("-5", "10")},
+      {true, 10ms, bounded("1", "10")},
+      {Dictionary{}, 10ms, bounded("0", "10")},
+      {"nonsense", 10ms, bounded("0", "10")},
+      {86'400'001, 24h, bounded("86400001", "86400000")},
+      {std::numeric_limits<int64_t>::max(), 24h, bounded("9223372036854775807", "86400000")},
+      {1e300, 24h, bounded("9223372036854775807", "86400000")},
   };
   for (const Case& each : cases) {
     Dictionary of = profile();
@@ -205,6 +213,7 @@ TEST_F(DashboardBackendTest, TheTimerTicksEvery500MillisecondsOrAsTheProfileSays
     EXPECT_EQ(options.firstFiring, each.period) << each.reliable.description();
     EXPECT_EQ(options.interval, each.period);
     EXPECT_EQ(options.leeway, 100ms);
+    expectErrors(each.errors);
   }
 }
 

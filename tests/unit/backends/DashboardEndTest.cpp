@@ -105,8 +105,14 @@ TEST_F(DashboardChurnTest, SessionsThatComeAndGoDoNotPileUpTheirPackets) {
   comeAndGo(kMaximum + 500);
   EXPECT_EQ(platform_.timers.running(), kMaximum);
   EXPECT_EQ(openSockets(), before_ + kMaximum);
+  const std::string overflow =
+      "DashboardBackend(cleanup): 4096 ended backends wait for acknowledgements, further ones do not";
+  expectErrors({overflow});
   for (int i = 0; i < 30; ++i) tick();
   expectSocketsClosed();
+  comeAndGo(kMaximum + 2);
+  expectErrors({overflow});
+  for (int i = 0; i < 30; ++i) tick();
   comeAndGo(10);
   EXPECT_EQ(platform_.timers.running(), 10U) << "those that have ended do not count any more";
   ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
