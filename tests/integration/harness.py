@@ -238,6 +238,10 @@ class Scratch:
         with open(self.path(relative), "wb") as file:
             plistlib.dump(value, file, fmt=plistlib.FMT_BINARY, sort_keys=False)
 
+    def change_plist(self, relative, changes):
+        with open(self.path(relative), "rb") as file:
+            self.write_plist(relative, {**plistlib.load(file), **changes})
+
     def entitle(self, *rules):
         self.write_plist("root/etc/zunreportingd/entitlements.d/test.plist", list(rules))
 

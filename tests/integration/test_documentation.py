@@ -19,7 +19,7 @@ PROGRAMS = {"zunreportingd": ("operations.md", ()),
             "zuncollector": ("zuncollector.md", ())}
 GIVEN_TO_ALL = {"--help", "--version"}
 OTHER_PROGRAMS = {"--output-fields", "--defined-only", "--peer", "--print-reply", "--dest", "--preset", "--build",
-                  "--check"}
+                  "--target", "--check", "--repeat", "--gtest", "--since"}
 
 
 def text_of(page):
