@@ -22,6 +22,65 @@ OTHER_PROGRAMS = {"--output-fields", "--defined-only", "--peer", "--print-reply"
                   "--target", "--check", "--repeat", "--gtest", "--since"}
 
 
+# Rows of the bounds' table, and the constants that their figures are.
+BOUNDS = {
+    "one message": [("linux/dbus/DBusMessage.h", "maximumMessageBytes", "MiB")],
+    "its values in memory, nesting": [("linux/dbus/DBusMessage.h", "maximumDecodedBytes", "MiB"),
+                                      ("linux/dbus/DBusMessage.h", "maximumDepth", "")],
+    "what a client does not read": [("linux/dbus/DBusOutput.h", "highWaterBytes", "MiB"),
+                                    ("linux/dbus/DBusOutput.h", "maximumBytes", "MiB")],
+    "calls that wait for answers": [("linux/dbus/DBusOutput.h", "maximumPendingReplies", "")],
+    "authentication": [("linux/dbus/DBusAuthentication.cpp", "kMaximumLines", ""),
+                       ("linux/dbus/DBusAuthentication.cpp", "kMaximumLineBytes", "")],
+    "connections, in all and of one user": [("linux/dbus/DBusServiceListener.h", "maximumConnections", ""),
+                                            ("linux/dbus/DBusServiceListener.h", "maximumConnectionsPerUser", "")],
+    "descriptors with a message; files handed over and not used":
+        [("linux/dbus/DBusInput.cpp", "kMaximumDescriptors", ""),
+         ("linux/files/FileExtensions.h", "kMaximumUnused", "")],
+    "events of one batch": [("backends/EventBatch.h", "kMaximumBytes", "MiB")],
+    "events of all batches": [("util/ReportingServices.h", "kBatchMemoryBytes", "MiB")],
+    "keys of one post that cannot be carried": [("backends/HTTPSPostBackendPosting.cpp", "kMaximumLines", "")],
+    "data shared under one hierarchy token": [("daemon/SharedSessionData.h", "kMaximumBytesPerToken", "MiB")],
+    "the same, of all tokens without sessions": [("daemon/SharedSessionData.h", "kMaximumIdleBytes", "MiB")],
+    "identifiers kept for `custom_clientId`": [("util/DeviceIdentity.h", "kMaximumCustomIdentifiers", ""),
+                                               ("util/DeviceIdentity.h", "kMaximumKeyBytes", "")],
+    "connections to servers that are kept (client and service names)":
+        [("daemon/SharedConnectivityHelpers.h", "kMaximumHelpers", "")],
+    "datagrams that wait for acknowledgement": [("backends/DashboardLink.h", "kMaximumPackets", "")],
+    "ended sessions whose datagrams wait": [("backends/DashboardLink.h", "kMaximumOutliving", "")],
+    "requests under way or waiting": [("linux/http/CurlURLSession.h", "maxTasks", ""),
+                                      ("linux/http/CurlURLSession.h", "maxBodyBytes", "MiB")],
+    "connections to one server, in all": [("linux/http/CurlURLSession.h", "maxConnectionsPerHost", ""),
+                                          ("linux/http/CurlURLSession.h", "maxConnections", "")],
+    "an answer": [("linux/http/CurlURLSession.h", "maxResponseBytes", "MiB"),
+                  ("linux/http/CurlURLSessionTransfer.cpp", "kMaxHeadBytes", "KiB")],
+    "redirects": [("linux/http/CurlURLSessionTransfer.cpp", "kMaxRedirects", "")],
+    "one uploaded file, compressed": [("backends/UploadBody.h", "kMaximumUploadBytes", "MiB")],
+    "all uploads under way, compressed, and 0.5 MiB for each that is being read":
+        [("util/ReportingServices.h", "kUploadMemoryBytes", "MiB")],
+    "a storebag or property list": [("values/PropertyList.h", "maximumBytes", "MiB"),
+                                    ("values/PropertyList.h", "maximumDepth", ""),
+                                    ("values/PropertyList.h", "maximumExpandedBytes", "MiB")],
+    "an entitlement file": [("linux/service/EntitlementStore.cpp", "kMaximumFileBytes", "MiB")],
+    "one line": [("platform/SystemLog.h", "kMaximumLineBytes", "KiB")],
+    "one power event in the journal": [("linux/system/JournalPowerLog.h", "kMaximumEventBytes", "KiB")],
+}
+BYTES = {"MiB": 1 << 20, "KiB": 1 << 10}
+
+
+def figure(path, constant, unit):
+    """A constant of the code as the table writes it."""
+    (number, shift) = re.search(rf"\b{constant} = (?:\w+\{{)?([\d']+)\}}?(?: << (\d+))?;", text_of(path)).groups()
+    value = int(number.replace("'", "")) << int(shift or 0)
+    return f"{value // BYTES[unit]} {unit}" if unit else f"{value:,}"
+
+
+def code_of_daemon():
+    """Its sources, with texts that go on in the next line put together."""
+    sources = sorted(path for path in (ROOT / "src").rglob("*") if path.suffix in (".cpp", ".h"))
+    return re.sub(r'"\s*\n\s*"', "", "\n".join(text_of(path) for path in sources))
+
+
 def text_of(page):
     return page.read_text(encoding="utf-8")
 
@@ -79,6 +138,25 @@ class DocumentationTest(unittest.TestCase):
         self.assertGreater(len(keys), 20)
         for constant, key in keys:
             self.assertIn(f"`{key}`", protocol, constant)
+
+    def test_every_line_of_the_log_in_a_table_is_one_that_the_code_writes(self):
+        code = code_of_daemon()
+        lines = [line for page, marks in (("operations.md", '"'), ("storebag.md", "`"))
+                 for cell in re.findall(r"^\| ([^|]*) \|", text_of(ROOT / "docs" / page), re.MULTILINE)
+                 for line in re.findall(f"{marks}([^{marks}]*: [^{marks}]*){marks}", cell)]
+        self.assertGreater(len(lines), 25)
+        for line in lines:
+            for piece in re.split(r": |\.\.\.|\b[A-Z]+\b|\b\d+\b|'\(null\)'", line):
+                self.assertIn(piece.strip(" ,.'"), code, line)
+
+    def test_every_bound_in_the_table_is_the_one_in_the_code(self):
+        page = text_of(ROOT / "docs/operations.md")
+        rows = page[page.index("## Bounds"):].split("\n")
+        for row, bounds in BOUNDS.items():
+            (cells,) = [line.split(" | ") for line in rows if line.startswith(f"| {row} |")]
+            figures = re.findall(r"[\d,]*\d(?: [KM]iB)?", cells[1])
+            for file, constant, unit in bounds:
+                self.assertIn(figure(ROOT / "src" / file, constant, unit), figures, f"{row}: {constant}")
 
     def test_every_program_tells_its_version(self):
         (version,) = re.findall(r"^project\(\w+ VERSION ([\d.]+)", text_of(ROOT / "CMakeLists.txt"), re.MULTILINE)
