@@ -49,6 +49,7 @@ class MemoryShare final {
     budget_->giveBack(bytes);
     bytes_ -= bytes;
   }
+  [[nodiscard]] size_t bytes() const { return bytes_; }
 
  private:
   const std::shared_ptr<MemoryBudget> budget_;

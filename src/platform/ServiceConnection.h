@@ -44,7 +44,8 @@ class ServiceReply final {
   class Sink {
    public:
     virtual ~Sink() = default;
-    virtual void sendReturn(const Array& values) = 0;
+    /// `shorter` may be null.
+    virtual void sendReturn(const Array& values, const Array* shorter) = 0;
     virtual void sendError(std::string_view name, std::string_view text) = 0;
   };
 
@@ -62,7 +63,11 @@ class ServiceReply final {
   ~ServiceReply() { dropUnanswered(); }
 
   void send(const Array& values = {}) {
-    if (const auto sink = std::move(sink_)) sink->sendReturn(values);
+    if (const auto sink = std::move(sink_)) sink->sendReturn(values, nullptr);
+  }
+  /// `shorter` is sent where `values` are too large, or the peer leaves no room for them.
+  void send(const Array& values, const Array& shorter) {
+    if (const auto sink = std::move(sink_)) sink->sendReturn(values, &shorter);
   }
   void sendError(std::string_view name, std::string_view text) {
     if (const auto sink = std::move(sink_)) sink->sendError(name, text);

@@ -86,14 +86,15 @@ void sendMessage(ClientSessionInterface& session, const Array& arguments, Servic
   session.sendMessageWithDictionary(
       dictionaryArgument(arguments[0]),
       [reply = std::move(reply)](const std::optional<std::string>& response) mutable {
-        reply.send({wireString(response)});
+        if (!response) return reply.send({wireString(std::nullopt)});
+        reply.send({wireString(response)}, {wireString(std::nullopt)});
       });
 }
 
 void flushMessages(ClientSessionInterface& session, const Array&, ServiceReply reply) {
   session.flushMessagesWithCompletion([reply = std::move(reply)](const std::optional<std::string>& result,
                                                                  const std::optional<Error>& error) mutable {
-    reply.send({wireString(result), wireError(error)});
+    reply.send({wireString(result), wireError(error)}, {wireString(std::nullopt), wireError(error)});
   });
 }
 

@@ -6,6 +6,7 @@ say and hear is printed, so that a run leaves a transcript.
 
 import hashlib
 import hmac
+import json
 import os
 import threading
 import unittest
@@ -225,6 +226,53 @@ class ForeignClientsTest(GLibTest):
                          's "Could not retrieve identifiers from sessionInfo"')
         self.expect_error("sendMessageWithSessionInfo: Could not retrieve identifiers from sessionInfo")
         self.assertIn("flushMessagesWithCompletion", self.busctl("introspect", *target))
+
+
+class LargeAnswersTest(GLibTest):
+    """What was posted is told back, however much larger it is than what a client may send."""
+
+    def start(self, **changes):
+        # The readable text is kept where the user's choice allows diagnostics.
+        self.scratch.set_defaults("com.vantix.diagnostics", {"DiagnosticSubmissionEnabled": True})
+        self.scratch.publish(backends={"httpPost": {"clients": [client_entry(override_dnu=None, **changes)]}})
+        self.scratch.start()
+
+    def client(self):
+        client = self.glib()
+        client.call("setSessionInfo", "(a{sv}aa{sv}asb)", SESSION_INFO, [USER_INFO], [], False)
+        client.call("startConfigWithCompletionHandler", None)
+        return client
+
+    def send(self, client, number, size):
+        payload = {"number": GLib.Variant("i", number), "text": GLib.Variant("s", "x" * size)}
+        (text,) = client.call("sendMessageWithDictionary", "(a{sv})", message(payload=payload))
+        return text
+
+    def test_text_of_a_flushed_batch_of_60_events_of_30_KB(self):
+        self.start(event_threshold=100)
+        client = self.client()
+        for number in range(60):
+            self.assertEqual(self.send(client, number, 30_000), [])
+        (text,), error = client.call("flushMessagesWithCompletion", None)
+        self.assertEqual(error, [])
+        self.assertEqual(json.loads(text)["events"], self.scratch.server.next_post().events)
+        self.assertEqual([event.get("number") for event in json.loads(text)["events"]], [None, *range(60)])
+
+    def test_text_of_a_batch_of_501_events_of_2_KB_that_the_threshold_flushes(self):
+        self.start(event_threshold=500)
+        client = self.client()
+        texts = [text for number in range(502) for text in self.send(client, number, 2_000)]
+        self.assertEqual(len(texts), 1)
+        events = json.loads(texts[0])["events"]
+        self.assertEqual(events, self.scratch.server.next_post().events)
+        self.assertEqual([event.get("number") for event in events], [None, *range(501)])
+
+    def test_text_that_the_client_library_is_given(self):
+        self.start(event_threshold=100)
+        events = [{"category": 2, "type": 7, "payload": {"text": "x" * 30_000}}] * 60
+        output = self.scratch.send(events, "--batch", "--verbose").stdout
+        text, _ = json.JSONDecoder().raw_decode(output[output.index("flush: ") + len("flush: "):])
+        self.assertEqual(text["events"], self.scratch.server.next_post().events)
 
 
 class EffectsTest(GLibTest):

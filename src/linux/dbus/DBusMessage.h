@@ -14,6 +14,8 @@ namespace zun {
 /// What one message may cost. Checked before anything is allocated for it.
 struct DBusLimits {
   size_t maximumMessageBytes = size_t{1} << 20;
+  /// One text that is sent; those received are as long as their message lets them be.
+  size_t maximumTextBytes = size_t{32} << 20;
   /// Arrays, dictionaries and structs within each other; a variant in a variant counts.
   size_t maximumDepth = 32;
   /// Memory of all values of one message: small input may mean large values.

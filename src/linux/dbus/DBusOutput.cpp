@@ -28,8 +28,8 @@ class DBusOutput::PendingReply final : public ServiceReply::Sink {
   }
   ~PendingReply() override { output_->replyGiven(); }
 
-  void sendReturn(const Array& values) override {
-    if (expectsReply_) output_->sendReturn(serial_, signature_, values);
+  void sendReturn(const Array& values, const Array* shorter) override {
+    if (expectsReply_) output_->sendReturn(serial_, signature_, values, shorter);
   }
   void sendError(std::string_view name, std::string_view text) override {
     if (expectsReply_) output_->sendError(serial_, name, text);
@@ -59,7 +59,7 @@ void DBusOutput::enqueue(Append append) {
     if (isClosed_) return;
     const bool wasEmpty = queued() == 0;
     append();
-    if (queued() > limits_.maximumBytes) {
+    if (queuedInCommon() > limits_.maximumBytes) {
       log_.error("listener: {} does not read its replies, closing its connection", peer_);
       dropAll();
       ::shutdown(socket_, SHUT_RDWR);
@@ -78,17 +78,30 @@ uint32_t DBusOutput::nextSerial() {
   return serial_;
 }
 
-bool DBusOutput::appendReturn(uint32_t replySerial, std::string_view signature, const Array& values) {
+const char* DBusOutput::appendReturn(uint32_t replySerial, std::string_view signature, const Array& values,
+                                     bool canBeShorter) {
+  const size_t before = buffer_.size();
   DBusHeader header;
   header.type = DBusMessageType::kMethodReturn;
   header.flags = kDBusFlagNoReplyExpected;
   header.serial = nextSerial();
   header.replySerial = replySerial;
   header.signature = signature;
-  const auto failure = appendDBusMessage(buffer_, header, values, messageLimits_);
-  if (!failure) return true;
-  log_.error("listener: an answer to {} cannot be sent: {}", peer_, failure->reason);
-  return false;
+  DBusLimits limits = messageLimits_;
+  limits.maximumMessageBytes = limits_.maximumReplyBytes;
+  if (const auto failure = appendDBusMessage(buffer_, header, values, limits)) return failure->reason;
+  if (hasRoomForLast(buffer_.size() - before, canBeShorter)) return nullptr;
+  buffer_.resize(before);
+  return "too much waits to be read already";
+}
+
+/// True where the reply of `bytes` that was just appended may stay. A large one waits
+/// behind little else, so that a peer never has more than one of them waiting.
+bool DBusOutput::hasRoomForLast(size_t bytes, bool canBeShorter) {
+  if (bytes <= messageLimits_.maximumMessageBytes) {
+    return !canBeShorter || queuedInCommon() <= limits_.maximumBytes;
+  }
+  return queued() - bytes <= limits_.highWaterBytes && largeReplies_.grow(bytes);
 }
 
 void DBusOutput::appendError(uint32_t replySerial, std::string_view name, std::string_view text) {
@@ -103,11 +116,17 @@ void DBusOutput::appendError(uint32_t replySerial, std::string_view name, std::s
   if (failure) log_.error("listener: an error for {} cannot be sent: {}", peer_, failure->reason);
 }
 
-void DBusOutput::sendReturn(uint32_t replySerial, std::string_view signature, const Array& values) {
+void DBusOutput::sendReturn(uint32_t replySerial, std::string_view signature, const Array& values,
+                            const Array* shorter) {
   enqueue([&]() NO_THREAD_SAFETY_ANALYSIS {
-    if (!appendReturn(replySerial, signature, values)) {
-      appendError(replySerial, "org.freedesktop.DBus.Error.Failed", "The answer cannot be sent");
+    const char* const reason = appendReturn(replySerial, signature, values, shorter != nullptr);
+    if (reason == nullptr) return;
+    if (shorter != nullptr && appendReturn(replySerial, signature, *shorter, false) == nullptr) {
+      log_.error("listener: an answer to {} is sent without its text: {}", peer_, reason);
+      return;
     }
+    log_.error("listener: an answer to {} cannot be sent: {}", peer_, reason);
+    appendError(replySerial, "org.freedesktop.DBus.Error.Failed", "The answer cannot be sent");
   });
 }
 
@@ -123,7 +142,7 @@ std::optional<std::string> DBusOutput::sendCall(const DBusHeader& call, const Ar
     header.serial = nextSerial();
     if (const auto reason = appendDBusMessage(buffer_, header, arguments, messageLimits_)) {
       failure = reason->reason;
-    } else if (queued() > limits_.highWaterBytes && !makeRoomForLast(before)) {
+    } else if (queuedInCommon() > limits_.highWaterBytes && !makeRoomForLast(before)) {
       failure = fmt::format("{} does not read what it is sent", peer_);
     }
   });
@@ -139,7 +158,7 @@ bool DBusOutput::makeRoomForLast(size_t begin) {
   buffer_.resize(begin);
   write();
   if (isClosed_) return true;
-  if (queued() + last.size() > limits_.highWaterBytes) return false;
+  if (queuedInCommon() + last.size() > limits_.highWaterBytes) return false;
   buffer_ += last;
   return true;
 }
@@ -161,8 +180,15 @@ void DBusOutput::write() {
     written_ = 0;
   } else if (written_ > buffer_.size() / 2) {
     buffer_.erase(0, written_);
+    if (largeReplies_.bytes() > 0) buffer_.shrink_to_fit();
     written_ = 0;
   }
+  giveBackWritten();
+}
+
+/// What the buffer no longer holds of large replies is no longer counted.
+void DBusOutput::giveBackWritten() {
+  if (largeReplies_.bytes() > buffer_.size()) largeReplies_.shrink(largeReplies_.bytes() - buffer_.size());
 }
 
 void DBusOutput::flush() {
@@ -174,6 +200,7 @@ void DBusOutput::dropAll() {
   isClosed_ = true;
   buffer_ = std::string();
   written_ = 0;
+  giveBackWritten();
 }
 
 size_t DBusOutput::queuedBytes() {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -10,6 +11,7 @@
 #include <thread>
 
 #include "linux/dbus/DBusMessage.h"
+#include "platform/MemoryBudget.h"
 #include "platform/Mutex.h"
 #include "platform/ServiceConnection.h"
 #include "platform/SystemLog.h"
@@ -20,8 +22,11 @@ namespace zun {
 struct DBusOutputLimits {
   /// Above this, no call of the client is read and no one-way call to it is queued.
   size_t highWaterBytes = size_t{1} << 20;
-  /// A reply that does not fit below this ends the connection.
+  /// A reply that does not fit below this, nor its shorter form, ends the connection.
   size_t maximumBytes = size_t{4} << 20;
+  /// One reply: its longest text and what is around that. Where it is larger than a
+  /// client's message may be, it is counted against what its user may leave waiting.
+  size_t maximumReplyBytes = (size_t{32} << 20) + (size_t{64} << 10);
   /// Calls that wait for their replies before no further one is read.
   size_t maximumPendingReplies = 1024;
 };
@@ -38,14 +43,16 @@ struct DBusOutputLimits {
 class DBusOutput final : public std::enable_shared_from_this<DBusOutput> {
  public:
   /// `socket` and `wake` (an event descriptor) stay open until `close`. `log` outlives it.
+  /// `largeReplies` is what the peer's user may leave waiting of them.
   DBusOutput(int socket, int wake, const DBusLimits& messageLimits, const DBusOutputLimits& limits,
-             SystemLog& log, std::string peer)
+             std::shared_ptr<MemoryBudget> largeReplies, SystemLog& log, std::string peer)
       : messageLimits_(messageLimits),
         limits_(limits),
         log_(log),
         peer_(std::move(peer)),
         socket_(socket),
-        wake_(wake) {}
+        wake_(wake),
+        largeReplies_(std::move(largeReplies)) {}
 
   /// From now on messages of the calling thread wait for `flush`.
   void setConnectionThread() { connectionThread_ = std::this_thread::get_id(); }
@@ -54,7 +61,9 @@ class DBusOutput final : public std::enable_shared_from_this<DBusOutput> {
   /// `signature` lives as long as the program or the exported interface.
   [[nodiscard]] ServiceReply makeReply(const DBusHeader& call, std::string_view signature);
 
-  void sendReturn(uint32_t replySerial, std::string_view signature, const Array& values);
+  /// `shorter` (null: none) goes instead where `values` are too large or find no room.
+  void sendReturn(uint32_t replySerial, std::string_view signature, const Array& values,
+                  const Array* shorter = nullptr);
   void sendError(uint32_t replySerial, std::string_view name, std::string_view text);
   /// None when queued, else why not; telling of it is the caller's.
   [[nodiscard]] std::optional<std::string> sendCall(const DBusHeader& call, const Array& arguments);
@@ -79,13 +88,21 @@ class DBusOutput final : public std::enable_shared_from_this<DBusOutput> {
   /// Appends under the lock; writes at once unless on the connection's thread.
   template <typename Append>
   void enqueue(Append append);
-  bool appendReturn(uint32_t replySerial, std::string_view signature, const Array& values) REQUIRES(mutex_);
+  /// Null on success, else why not; nothing is appended then.
+  const char* appendReturn(uint32_t replySerial, std::string_view signature, const Array& values,
+                           bool canBeShorter) REQUIRES(mutex_);
   void appendError(uint32_t replySerial, std::string_view name, std::string_view text) REQUIRES(mutex_);
+  bool hasRoomForLast(size_t bytes, bool canBeShorter) REQUIRES(mutex_);
   bool makeRoomForLast(size_t begin) REQUIRES(mutex_);
   void write() REQUIRES(mutex_);
+  void giveBackWritten() REQUIRES(mutex_);
   void dropAll() REQUIRES(mutex_);
   uint32_t nextSerial() REQUIRES(mutex_);
   [[nodiscard]] size_t queued() const REQUIRES(mutex_) { return buffer_.size() - written_; }
+  /// What is queued beside large replies.
+  [[nodiscard]] size_t queuedInCommon() const REQUIRES(mutex_) {
+    return std::max(queued(), largeReplies_.bytes()) - largeReplies_.bytes();
+  }
   [[nodiscard]] bool isConnectionThread() const { return connectionThread_ == std::this_thread::get_id(); }
 
   const DBusLimits messageLimits_;
@@ -102,6 +119,7 @@ class DBusOutput final : public std::enable_shared_from_this<DBusOutput> {
   uint32_t serial_ GUARDED_BY(mutex_) = 0;
   std::string buffer_ GUARDED_BY(mutex_);
   size_t written_ GUARDED_BY(mutex_) = 0;
+  MemoryShare largeReplies_ GUARDED_BY(mutex_);  // at most what the buffer holds
 };
 
 }  // namespace zun

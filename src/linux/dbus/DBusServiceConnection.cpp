@@ -29,20 +29,20 @@ bool sendWhole(int socket, std::string_view bytes) {
 
 }  // namespace
 
-std::shared_ptr<DBusServiceConnection> DBusServiceConnection::create(FileDescriptor socket, PeerIdentity peer,
-                                                                     Dictionary entitlements,
-                                                                     std::string serverID,
-                                                                     const DBusConnectionOptions& options,
-                                                                     SystemLog& log) {
+std::shared_ptr<DBusServiceConnection> DBusServiceConnection::create(
+    FileDescriptor socket, PeerIdentity peer, Dictionary entitlements, std::string serverID,
+    const DBusConnectionOptions& options, std::shared_ptr<MemoryBudget> largeReplies, SystemLog& log) {
   FileDescriptor wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
   if (!wake.isOpen()) return nullptr;
   return std::make_shared<DBusServiceConnection>(std::move(socket), std::move(wake), std::move(peer),
-                                                 std::move(entitlements), std::move(serverID), options, log);
+                                                 std::move(entitlements), std::move(serverID), options,
+                                                 std::move(largeReplies), log);
 }
 
 DBusServiceConnection::DBusServiceConnection(FileDescriptor socket, FileDescriptor wake, PeerIdentity peer,
                                              Dictionary entitlements, std::string serverID,
-                                             const DBusConnectionOptions& options, SystemLog& log)
+                                             const DBusConnectionOptions& options,
+                                             std::shared_ptr<MemoryBudget> largeReplies, SystemLog& log)
     : peer_(std::move(peer)),
       entitlements_(std::move(entitlements)),
       serverID_(std::move(serverID)),
@@ -52,7 +52,8 @@ DBusServiceConnection::DBusServiceConnection(FileDescriptor socket, FileDescript
       socket_(std::move(socket)),
       wake_(std::move(wake)),
       output_(std::make_shared<DBusOutput>(socket_.get(), wake_.get(), options_.messageLimits,
-                                           options_.outputLimits, log_, description_)),
+                                           options_.outputLimits, std::move(largeReplies), log_,
+                                           description_)),
       input_(options_.messageLimits),
       fileAccess_(peer_.fileSystemIdentity(), description_, log_),
       objects_(DBusEnds{serverID_, static_cast<uint32_t>(peer_.process), peer_.user}) {}

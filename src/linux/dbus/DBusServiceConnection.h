@@ -40,15 +40,18 @@ struct DBusConnectionOptions {
 /// Handlers and the exported object are let go when the connection has been invalidated.
 class DBusServiceConnection final : public ServiceConnection {
  public:
-  /// `entitlements`: name to boolean, decided once. `log` outlives the connection. Null
-  /// when the system is short of descriptors.
+  /// `entitlements`: name to boolean, decided once. `largeReplies`: what the peer's user
+  /// may leave waiting of them. `log` outlives the connection. Null when the system is
+  /// short of descriptors.
   static std::shared_ptr<DBusServiceConnection> create(FileDescriptor socket, PeerIdentity peer,
                                                        Dictionary entitlements, std::string serverID,
-                                                       const DBusConnectionOptions& options, SystemLog& log);
+                                                       const DBusConnectionOptions& options,
+                                                       std::shared_ptr<MemoryBudget> largeReplies,
+                                                       SystemLog& log);
 
   DBusServiceConnection(FileDescriptor socket, FileDescriptor wake, PeerIdentity peer,
                         Dictionary entitlements, std::string serverID, const DBusConnectionOptions& options,
-                        SystemLog& log);
+                        std::shared_ptr<MemoryBudget> largeReplies, SystemLog& log);
   ~DBusServiceConnection() override;
 
   /// Serves the client until the connection ends. Asks `delegate` (null: nobody, refused).

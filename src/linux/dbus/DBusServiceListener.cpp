@@ -155,13 +155,15 @@ void DBusServiceListener::serve(FileDescriptor socket) {
     return;
   }
   Dictionary entitlements = entitlements_.entitlementsOfPeer(*peer);
-  auto connection = DBusServiceConnection::create(
-      std::move(socket), std::move(*peer), std::move(entitlements), serverID_, options_.connection, log_);
+  auto largeReplies = largeRepliesOf(peer->user);
+  auto connection =
+      DBusServiceConnection::create(std::move(socket), std::move(*peer), std::move(entitlements), serverID_,
+                                    options_.connection, largeReplies, log_);
   if (connection == nullptr) {
     log_.error("listener: a connection is refused: too many open files");
     return;
   }
-  startThread(std::move(connection));
+  startThread(std::move(connection), std::move(largeReplies));
 }
 
 std::string DBusServiceListener::refusal(const PeerIdentity& peer) {
@@ -169,20 +171,29 @@ std::string DBusServiceListener::refusal(const PeerIdentity& peer) {
   if (running_.size() >= options_.maximumConnections) {
     return fmt::format("there are {} connections already", running_.size());
   }
-  const auto found = connectionsOfUser_.find(peer.user);
-  const size_t count = found == connectionsOfUser_.end() ? 0 : found->second;
+  const auto found = users_.find(peer.user);
+  const size_t count = found == users_.end() ? 0 : found->second.connections;
   if (count < options_.maximumConnectionsPerUser) return {};
   return fmt::format("the user has {} connections already", count);
 }
 
-void DBusServiceListener::startThread(std::shared_ptr<DBusServiceConnection> connection) {
+/// One for all connections of a user.
+std::shared_ptr<MemoryBudget> DBusServiceListener::largeRepliesOf(uid_t user) {
+  const MutexLock lock(mutex_);
+  const auto found = users_.find(user);
+  return found != users_.end() ? found->second.largeReplies
+                               : std::make_shared<MemoryBudget>(options_.maximumWaitingReplyBytesPerUser);
+}
+
+void DBusServiceListener::startThread(std::shared_ptr<DBusServiceConnection> connection,
+                                      std::shared_ptr<MemoryBudget> largeReplies) {
   // Everything that may fail comes before the thread begins.
   std::list<std::unique_ptr<Served>> node;
   node.push_back(std::make_unique<Served>());
   Served& served = *node.front();
   served.listener = this;
   served.place = node.begin();
-  const uid_t user = connection->peer().user;
+  const uid_t userID = connection->peer().user;
   served.connection = std::move(connection);
   pthread_attr_t attributes;
   ::pthread_attr_init(&attributes);
@@ -191,10 +202,11 @@ void DBusServiceListener::startThread(std::shared_ptr<DBusServiceConnection> con
   {
     // Held until the thread is listed: at its end it takes itself off the list.
     const MutexLock lock(mutex_);
-    size_t& count = connectionsOfUser_[user];
+    User& user = users_[userID];
+    user.largeReplies = std::move(largeReplies);
     error = ::pthread_create(&served.thread, &attributes, threadMain, &served);
     if (error == 0) {
-      ++count;
+      ++user.connections;
       running_.splice(running_.end(), node);
     }
   }
@@ -224,8 +236,8 @@ void DBusServiceListener::connectionEnded(Served& served) {
   {
     const MutexLock lock(mutex_);
     connection = std::move(served.connection);
-    const auto found = connectionsOfUser_.find(connection->peer().user);
-    if (found != connectionsOfUser_.end() && --found->second == 0) connectionsOfUser_.erase(found);
+    const auto found = users_.find(connection->peer().user);
+    if (found != users_.end() && --found->second.connections == 0) users_.erase(found);
   }
   connection = nullptr;
   {

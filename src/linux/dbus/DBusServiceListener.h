@@ -26,6 +26,8 @@ struct DBusListenerOptions {
   std::string address;
   size_t maximumConnections = 4096;
   size_t maximumConnectionsPerUser = 256;
+  /// Of one user's replies that are larger than a client's message may be.
+  size_t maximumWaitingReplyBytesPerUser = size_t{64} << 20;
   size_t connectionStackBytes = size_t{256} << 10;
   DBusConnectionOptions connection;
 };
@@ -58,6 +60,10 @@ class DBusServiceListener final : public ServiceListener {
  private:
   /// A connection and its thread.
   struct Served;
+  struct User {
+    size_t connections = 0;
+    std::shared_ptr<MemoryBudget> largeReplies;
+  };
 
   DBusServiceListener(DBusListenerOptions options, ListeningSocket socket, FileDescriptor wake,
                       EntitlementStore& entitlements, SystemLog& log);
@@ -67,7 +73,9 @@ class DBusServiceListener final : public ServiceListener {
   void serve(FileDescriptor socket);
   /// Why one more connection of this peer is refused; empty if it is not.
   std::string refusal(const PeerIdentity& peer);
-  void startThread(std::shared_ptr<DBusServiceConnection> connection);
+  std::shared_ptr<MemoryBudget> largeRepliesOf(uid_t user);
+  void startThread(std::shared_ptr<DBusServiceConnection> connection,
+                   std::shared_ptr<MemoryBudget> largeReplies);
   static void* threadMain(void* served);
   void connectionEnded(Served& served);
   void joinEnded();
@@ -92,7 +100,7 @@ class DBusServiceListener final : public ServiceListener {
   Mutex mutex_;
   std::list<std::unique_ptr<Served>> running_ GUARDED_BY(mutex_);
   std::list<std::unique_ptr<Served>> ended_ GUARDED_BY(mutex_);
-  std::map<uid_t, size_t> connectionsOfUser_ GUARDED_BY(mutex_);
+  std::map<uid_t, User> users_ GUARDED_BY(mutex_);  // those who have connections
   std::condition_variable_any allEnded_;
 };
 

@@ -78,6 +78,7 @@ bool DBusWriter::writeTextOf(char type, const Value& value) {
   std::string replacement;
   std::string_view text = value.stringValue();
   if (!value.isString() && !value.isNone()) text = replacement = value.description();
+  if (text.size() > limits_.maximumTextBytes) return fail(DBusFailure::Kind::kTooLarge, "a text is too long");
   if (type == 'g') {
     if (!DBusSignature::parse(text)) return fail(DBusFailure::Kind::kMalformed, "a value is no signature");
     writeSignatureText(text);

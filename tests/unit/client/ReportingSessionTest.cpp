@@ -84,6 +84,19 @@ TEST(ReportingSessionTest, EveryOperationCallsItsMemberWithItsSignatureAndGivesI
                                  "setDigestKey(ayi)", "finishSessionGracefully()"));
 }
 
+TEST(ReportingSessionTest, AnswersMayBeMuchLargerThanWhatMayBeSent) {
+  const std::string longest(size_t{32} << 20, 'x');
+  const ScriptedDaemon daemon([&](sd_bus_message* call) {
+    if (isCallOf(call, "flushMessagesWithCompletion")) {
+      return sd_bus_reply_method_return(call, "asa(sis)", 1, longest.c_str(), 0);
+    }
+    return sd_bus_reply_method_return(call, "as", 1, longest.c_str());
+  });
+  const auto session = sessionWith(daemon);
+  EXPECT_TRUE(session->flushMessages().value == longest);
+  EXPECT_TRUE(session->sendMessage({.category = 2, .type = 3}).value == longest);
+}
+
 TEST(ReportingSessionTest, FileIsProvenByItsDescriptorAndNamedByItsURL) {
   const zun::ScratchFolder folder;
   const std::string path = folder.path("a log.txt");

@@ -133,6 +133,18 @@ TEST_F(ClientSessionObjectTest, FlushAnswersResultAndError) {
   EXPECT_EQ(call("flushMessagesWithCompletion"), "return ((\"text\"), ())");
 }
 
+// A text that cannot be told is no failure of what was posted.
+TEST_F(ClientSessionObjectTest, TextsOfWhatWasSentMayBeLeftOutAndErrorsNot) {
+  configure();
+  EXPECT_EQ(begin("sendMessageWithDictionary", {message(1, 2)}).shorter(), "nothing");
+  agent_.storebag = Dictionary{{"httpPost", Dictionary{{"response", "text"}, {"flush", "later"}}}};
+  begin("startConfigWithCompletionHandler");
+  EXPECT_EQ(begin("sendMessageWithDictionary", {message(1, 2)}).shorter(), "return (())");
+  const RecordingReply flush = begin("flushMessagesWithCompletion");
+  backend("httpPost").heldFlushes.at(0)("text", Error{"domain", 503, "unavailable"});
+  EXPECT_EQ(flush.shorter(), "return ((), ((\"domain\", 503, \"unavailable\")))");
+}
+
 TEST_F(ClientSessionObjectTest, FlushMayAnswerAfterLaterCallsHaveBeenAnswered) {
   configure();
   agent_.storebag = Dictionary{{"a", Dictionary{{"flush", "later"}}}};

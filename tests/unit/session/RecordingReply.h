@@ -15,8 +15,9 @@ namespace zun {
 class RecordingReply final {
  public:
   struct Answer {
-    std::optional<Array> values;  // of a return
-    std::string error;            // name of an error
+    std::optional<Array> values;                  // of a return
+    std::string error;                            // name of an error
+    std::optional<Array> shorter = std::nullopt;  // of a return that has a shorter form
   };
 
   /// The reply to hand over; once.
@@ -37,6 +38,11 @@ class RecordingReply final {
     const Answer& answer = state_->answer;
     return answer.values ? "return " + Value(*answer.values).description() : "error " + answer.error;
   }
+  /// What is answered where there is no room for that; "nothing" where it is all the same.
+  [[nodiscard]] std::string shorter() const {
+    const auto shorter = answer().shorter;
+    return shorter ? "return " + Value(*shorter).description() : "nothing";
+  }
   /// False when the deadline, which only a failure reaches, passed.
   [[nodiscard]] bool wait() const {
     std::unique_lock lock(state_->mutex);
@@ -53,7 +59,9 @@ class RecordingReply final {
   class Sink final : public ServiceReply::Sink {
    public:
     explicit Sink(std::shared_ptr<State> state) : state_(std::move(state)) {}
-    void sendReturn(const Array& values) override { note({values, {}}); }
+    void sendReturn(const Array& values, const Array* shorter) override {
+      note({values, {}, shorter != nullptr ? std::optional(*shorter) : std::nullopt});
+    }
     void sendError(std::string_view name, std::string_view) override { note({{}, std::string(name)}); }
 
    private:

@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <thread>
 
@@ -58,6 +59,15 @@ TEST_F(DBusForeignPeersTest, DBusSendCallsAndIsAnswered) {
   EXPECT_TRUE(raw.empty() || machine.text.find(raw) == std::string::npos) << "the raw machine id was told";
   const Output outcome = run(send + "com.vantix.test.Echo.Outcome");
   EXPECT_NE(outcome.text.find("int32 -1"), std::string::npos) << outcome.text;
+}
+
+TEST_F(DBusForeignPeersTest, DBusSendGetsTheLongestText) {
+  REQUIRE_TOOL("dbus-send");
+  start();
+  const Output answer = run("dbus-send --peer=" + address() +
+                            " --print-reply=literal --dest=com.vantix.test /com/vantix/test "
+                            "com.vantix.test.Echo.LongText uint32:33554432 | tr -cd x | wc -c");
+  EXPECT_EQ(answer.text, "33554432\n");
 }
 
 // --- busctl -------------------------------------------------------------------------
@@ -170,6 +180,8 @@ connection.call(
     Gio.DBusCallFlags.NONE, 30000, None, None)
 loop.run()
 assert received == [(9, [{'k': 'v'}])], received
+
+assert call('LongText', V('(u)', (2**25,)), '(as)').unpack() == (['x' * 2**25],)
 
 xml = call('Introspect', None, '(s)', interface='org.freedesktop.DBus.Introspectable')[0]
 echo = Gio.DBusNodeInfo.new_for_xml(xml).lookup_interface('com.vantix.test.Echo')
@@ -291,6 +303,22 @@ TEST_F(DBusForeignPeersTest, SdBusCallsAsPeerAndAsBusClient) {
     EXPECT_STREQ(error.name, "com.vantix.zunreportingd.Error.NoReply");
     ::sd_bus_error_free(&error);
   }
+}
+
+TEST_F(DBusForeignPeersTest, SdBusGetsTheLongestText) {
+  start();
+  const Bus bus = openBus(address(), false);
+  sd_bus_message* answer = nullptr;
+  sd_bus_error error{};
+  constexpr uint32_t kLongest = 32 << 20;
+  ASSERT_GE(::sd_bus_call_method(bus.get(), "com.vantix.test", "/com/vantix/test", "com.vantix.test.Echo",
+                                 "LongText", &error, &answer, "u", kLongest),
+            0)
+      << error.message;
+  const char* text = nullptr;
+  ASSERT_GE(::sd_bus_message_read(answer, "as", 1, &text), 0);
+  EXPECT_EQ(std::strlen(text), kLongest);
+  ::sd_bus_message_unref(answer);
 }
 
 TEST_F(DBusForeignPeersTest, SdBusHandsAFileOver) {

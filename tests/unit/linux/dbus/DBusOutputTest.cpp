@@ -6,8 +6,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <thread>
+#include <vector>
 
 #include "support/RecordingLog.h"
 
@@ -20,7 +22,8 @@ class DBusOutputTest : public ::testing::Test {
   DBusOutputTest() {
     EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, sockets_.data()), 0);
     output_ = std::make_shared<DBusOutput>(sockets_[0], wake_, DBusLimits{},
-                                           DBusOutputLimits{.highWaterBytes = 64 << 10}, log_, "the peer");
+                                           DBusOutputLimits{.highWaterBytes = 64 << 10},
+                                           std::make_shared<MemoryBudget>(0), log_, "the peer");
   }
   ~DBusOutputTest() override {
     output_->close();
@@ -93,6 +96,189 @@ TEST_F(DBusOutputTest, ConnectionsThreadIsWokenForTheFirstMessageThatTheSocketDo
   ASSERT_EQ(output_->queuedBytes(), 0u);
   callUntilDropped();
   EXPECT_TRUE(wasWoken());
+}
+
+/// Replies with a text that may be left out, and a peer that reads them when asked to.
+class DBusReplyTest : public ::testing::Test {
+ protected:
+  static constexpr size_t kLargeBytes = size_t{2} << 20;  // more than a client's message may have
+  static constexpr size_t kLongestText = size_t{32} << 20;
+
+  /// One connection of the user.
+  struct Peer {
+    explicit Peer(DBusReplyTest& test) {
+      EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, sockets.data()), 0);
+      output = std::make_shared<DBusOutput>(sockets[0], test.wake_, DBusLimits{}, DBusOutputLimits{},
+                                            test.budget_, test.log_, "the peer");
+    }
+    ~Peer() {
+      output->close();
+      for (const int descriptor : sockets) ::close(descriptor);
+    }
+    void reply(size_t textBytes) {
+      output->sendReturn(1, "as", Array{Array{std::string(textBytes, 'x')}}, &kWithoutText);
+    }
+    /// Lets all that waits come, and gives the size of the text of each reply, -1 for none.
+    std::vector<int64_t> read() {
+      std::string bytes;
+      std::vector<char> buffer(size_t{1} << 20);
+      ssize_t count = 0;
+      do {
+        output->flush();
+        count = ::recv(sockets[1], buffer.data(), buffer.size(), MSG_DONTWAIT);
+        if (count > 0) bytes.append(buffer.data(), static_cast<size_t>(count));
+      } while (count > 0);
+      return textSizes(bytes);
+    }
+    static std::vector<int64_t> textSizes(std::string_view bytes) {
+      const DBusLimits limits{.maximumDecodedBytes = size_t{64} << 20};
+      std::vector<int64_t> sizes;
+      while (!bytes.empty()) {
+        const auto frame = frameDBusMessage(bytes);
+        if (!frame || frame->totalBytes > bytes.size()) return {};
+        const auto header = decodeDBusHeader(bytes.substr(0, frame->headerBytes));
+        EXPECT_EQ(header->type, DBusMessageType::kMethodReturn);
+        const auto body = decodeDBusBody(
+            *header, bytes.substr(frame->headerBytes, frame->totalBytes - frame->headerBytes), limits);
+        const Array* const text = (*body)[0].array();
+        sizes.push_back(text->empty() ? -1 : static_cast<int64_t>((*text)[0].stringValue().size()));
+        bytes.remove_prefix(frame->totalBytes);
+      }
+      return sizes;
+    }
+
+    std::array<int, 2> sockets{};
+    std::shared_ptr<DBusOutput> output;
+  };
+
+  void SetUp() override { ASSERT_GE(wake_, 0); }
+  void TearDown() override {
+    EXPECT_EQ(log_.takeErrors(), std::vector<std::string>());
+    ::close(wake_);
+  }
+  void expectLeftOut(const std::string& reason) {
+    EXPECT_EQ(log_.takeErrors(), std::vector<std::string>{
+                                     "listener: an answer to the peer is sent without its text: " + reason});
+  }
+
+  static inline const Array kWithoutText{Array()};
+  const int wake_ = ::eventfd(0, EFD_NONBLOCK);
+  RecordingLog log_;
+  const size_t budgetBytes_ = size_t{64} << 20;
+  std::shared_ptr<MemoryBudget> budget_ = std::make_shared<MemoryBudget>(budgetBytes_);
+};
+
+constexpr const char* kNoRoom = "too much waits to be read already";
+
+TEST_F(DBusReplyTest, TextOf32MiBIsSentAndALongerOneLeftOut) {
+  Peer peer(*this);
+  peer.reply(kLongestText);
+  EXPECT_EQ(peer.read(), std::vector<int64_t>{kLongestText});
+  peer.reply(kLongestText + 1);
+  EXPECT_EQ(peer.read(), std::vector<int64_t>{-1});
+  expectLeftOut("a text is too long");
+}
+
+TEST_F(DBusReplyTest, ReplyThatIsTooLargeInAllIsSentWithoutItsText) {
+  Peer peer(*this);
+  const Array texts{Array{std::string(kLongestText, 'x'), std::string(kLongestText, 'y')}};
+  peer.output->sendReturn(1, "as", texts, &kWithoutText);
+  EXPECT_EQ(peer.read(), std::vector<int64_t>{-1});
+  expectLeftOut("the message is too large");
+}
+
+TEST_F(DBusReplyTest, OneLargeReplyWaitsAndTheNextIsSentWithoutItsText) {
+  Peer peer(*this);
+  peer.reply(kLargeBytes);
+  peer.reply(kLargeBytes);
+  expectLeftOut(kNoRoom);
+  peer.reply(100);
+  EXPECT_FALSE(peer.output->hasRoom());  // and no further call is read
+  EXPECT_EQ(peer.read(), (std::vector<int64_t>{kLargeBytes, -1, 100}));
+  peer.reply(kLargeBytes);
+  EXPECT_EQ(peer.read(), std::vector<int64_t>{kLargeBytes});
+}
+
+// A client that sends many calls at once, and reads, must not lose a text for it.
+TEST_F(DBusReplyTest, LargeReplyFindsRoomBehindWhatCallsMayLeaveWaiting) {
+  Peer peer(*this);
+  peer.output->setConnectionThread();  // nothing is written before the flush
+  peer.reply((size_t{1} << 20) - 200);
+  ASSERT_TRUE(peer.output->hasRoom());
+  peer.reply(kLargeBytes);
+  EXPECT_EQ(peer.read(), (std::vector<int64_t>{(size_t{1} << 20) - 200, kLargeBytes}));
+}
+
+TEST_F(DBusReplyTest, LargeRepliesOfAUsersConnectionsAreBoundedTogether) {
+  budget_ = std::make_shared<MemoryBudget>(kLargeBytes + 1000);
+  Peer first(*this);
+  Peer second(*this);
+  first.reply(kLargeBytes);
+  second.reply(kLargeBytes);
+  expectLeftOut(kNoRoom);
+  second.reply(size_t{1} << 19);  // no larger than a message may be: not counted
+  EXPECT_EQ(first.read(), std::vector<int64_t>{kLargeBytes});
+  second.reply(kLargeBytes);
+  EXPECT_EQ(second.read(), (std::vector<int64_t>{-1, 1 << 19, kLargeBytes}));
+}
+
+TEST_F(DBusReplyTest, LargeReplyIsCountedUntilItHasBeenReadAndNoLonger) {
+  Peer peer(*this);
+  peer.reply(kLargeBytes);
+  EXPECT_LT(budget_->left(), budgetBytes_ - kLargeBytes);
+  std::vector<char> most(kLargeBytes - (size_t{256} << 10));
+  for (size_t taken = 0; taken < most.size();) {
+    const ssize_t count = ::recv(peer.sockets[1], most.data(), most.size() - taken, MSG_DONTWAIT);
+    ASSERT_GT(count, 0);
+    taken += static_cast<size_t>(count);
+    peer.output->flush();
+  }
+  EXPECT_GT(budget_->left(), budgetBytes_ - kLargeBytes / 2);
+  peer.read();
+  EXPECT_EQ(budget_->left(), budgetBytes_);
+}
+
+TEST_F(DBusReplyTest, LargeReplyIsNotCountedBeyondTheEndOfItsConnection) {
+  Peer peer(*this);
+  peer.reply(kLargeBytes);
+  peer.output->drop();
+  EXPECT_EQ(budget_->left(), budgetBytes_);
+}
+
+TEST_F(DBusReplyTest, TextsThatWouldEndTheConnectionAreLeftOut) {
+  Peer peer(*this);
+  constexpr size_t kReplies = 10;
+  for (size_t count = 0; count < kReplies; ++count) peer.reply(size_t{900} << 10);
+  EXPECT_FALSE(peer.output->isClosed());
+  const auto errors = log_.takeErrors();
+  const auto sizes = peer.read();
+  EXPECT_EQ(sizes.size(), kReplies);
+  EXPECT_EQ(std::count(sizes.begin(), sizes.end(), -1), static_cast<ptrdiff_t>(errors.size()));
+  EXPECT_GE(errors.size(), kReplies - 5);  // 4 MiB may wait, beside what the socket takes
+  EXPECT_LE(errors.size(), kReplies - 4);
+}
+
+// The copies that an aggregating client gets are bounded beside it, not behind it.
+TEST_F(DBusReplyTest, CallsOfThePeerAreQueuedBesideALargeReply) {
+  Peer peer(*this);
+  peer.reply(kLargeBytes);
+  DBusHeader header;
+  header.flags = kDBusFlagNoReplyExpected;
+  header.path = "/client";
+  header.member = "call";
+  header.signature = "s";
+  EXPECT_EQ(peer.output->sendCall(header, Array{std::string(100'000, 'x')}), std::nullopt);
+}
+
+TEST_F(DBusReplyTest, LargeReplyThatHasNoShorterFormAndNoRoomIsAnError) {
+  budget_ = std::make_shared<MemoryBudget>(0);
+  Peer peer(*this);
+  peer.output->sendReturn(1, "s", Array{std::string(kLargeBytes, 'x')});
+  EXPECT_EQ(log_.takeErrors(), std::vector<std::string>{"listener: an answer to the peer cannot be sent: " +
+                                                        std::string(kNoRoom)});
+  char start[2] = {};
+  ASSERT_EQ(::recv(peer.sockets[1], start, sizeof start, 0), 2);
+  EXPECT_EQ(static_cast<DBusMessageType>(start[1]), DBusMessageType::kError);
 }
 
 }  // namespace

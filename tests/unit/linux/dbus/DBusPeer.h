@@ -37,6 +37,8 @@ inline constexpr ServiceArgument kMessage[] = {{"message", "a{sv}"}};
 inline constexpr ServiceArgument kDescription[] = {{"description", "s"}};
 inline constexpr ServiceArgument kText[] = {{"text", "s"}};
 inline constexpr ServiceArgument kOptionalInfo[] = {{"info", "aa{sv}"}};
+inline constexpr ServiceArgument kSize[] = {{"bytes", "u"}};
+inline constexpr ServiceArgument kOptionalText[] = {{"text", "as"}};
 inline constexpr ServiceArgument kOutcome[] = {{"result", "as"}, {"error", "a(sis)"}};
 inline constexpr ServiceMember kEchoMembers[] = {
     {"Echo", kEchoArguments, kEchoArguments},  // gives back what it got
@@ -46,8 +48,9 @@ inline constexpr ServiceMember kEchoMembers[] = {
     {"Block", {}, {}},                         // holds its connection until the test says so
     {"Outcome", {}, kOutcome},
     {"Optional", kOptionalInfo, kDescription},
+    {"LongText", kSize, kOptionalText},  // so many bytes, or none where that is too much
 };
-enum EchoMember : size_t { kEcho, kDescribe, kLater, kDrop, kBlock, kOutcomeMember, kOptional };
+enum EchoMember : size_t { kEcho, kDescribe, kLater, kDrop, kBlock, kOutcomeMember, kOptional, kLongText };
 inline constexpr ServiceInterface kEchoInterface{"/com/vantix/test", "com.vantix.test.Echo", kEchoMembers};
 
 inline constexpr ServiceArgument kRemoteArguments[] = {{"number", "q"}, {"payload", "aa{sv}"}};
@@ -98,6 +101,10 @@ class EchoObject final : public ExportedObject {
       case kEcho: reply.send(arguments); break;
       case kDescribe: reply.send(Array{Value(arguments[0].description())}); break;
       case kOptional: reply.send(Array{Value(arguments[0].description())}); break;
+      case kLongText:
+        reply.send(Array{Array{std::string(static_cast<size_t>(arguments[0].intValue()), 'x')}},
+                   Array{Array()});
+        break;
       case kOutcomeMember:
         reply.send(Array{Array(), Array{Array{"com.vantix.zunreporting.error", -1, "No backend"}}});
         break;
@@ -405,6 +412,9 @@ class DBusServiceTest : public ::testing::Test {
   static std::string errorName(RawClient& client) {
     const auto message = client.receiveMessage();
     return message ? message->errorName : "(end)";
+  }
+  static std::string longTextCall(uint32_t bytes) {
+    return wireCall({.member = "LongText", .signature = "u"}, WireBytes().u32(bytes));
   }
   static std::string textAnswer(RawClient& client) {
     const auto message = client.receiveMessage();

@@ -575,6 +575,32 @@ TEST_F(DBusRawServiceTest, RepliesThatDoNotFitEndTheConnection) {
   expectErrors({"listener: " + peerName() + " does not read its replies, closing its connection"});
 }
 
+// However many connections a user has, what they leave waiting is bounded together; and
+// not longer than they are there.
+TEST_F(DBusRawServiceTest, LongAnswersOfOneUsersConnectionsAreCountedTogether) {
+  constexpr uint32_t kLong = 3 << 20;
+  options_.maximumWaitingReplyBytesPerUser = kLong + 1000;
+  start();
+  const auto reader = connect();
+  expectStillServed(*reader);
+  auto sleeper = connect();
+  sleeper->send(longTextCall(kLong));
+  ASSERT_TRUE(delegate_.events->wait("LongText", 1));
+  reader->send(longTextCall(kLong));
+  const auto none = reader->receiveMessage();
+  ASSERT_TRUE(none);
+  EXPECT_TRUE(none->values[0].array()->empty());
+  expectErrors({"listener: an answer to " + peerName() +
+                " is sent without its text: too much waits to be read already"});
+  expectStillServed(*reader);
+  sleeper->close();
+  ASSERT_TRUE(delegate_.events->wait("object released"));
+  reader->send(longTextCall(kLong));
+  const auto text = reader->receiveMessage();
+  ASSERT_TRUE(text);
+  EXPECT_EQ((*text->values[0].array())[0].stringValue().size(), kLong);
+}
+
 // Its own end may be on its way to the daemon in what that does not read: nothing else
 // would ever end the connection.
 TEST_F(DBusRawServiceTest, RepliesThatAreNeverReadEndTheConnection) {
