@@ -119,10 +119,7 @@ ReportingSessionConnectivityHelper::makeUploadTask(URLRequest request) {
   const std::string container = containers_.composeUniqueContainerURL();
   const std::optional<std::string> path = pathOfFileURL(container);
   if (!path || !request.body) return std::nullopt;
-  if (platform_.files.writeFile(*path, *request.body)) {
-    containers_.deleteContainerAtURL(container);  // what a full disk took of it
-    return std::nullopt;
-  }
+  if (!containers_.writeContainerAtURL(container, *request.body)) return std::nullopt;
   request.body = nullptr;
   MadeTask made = privateURLSession()->uploadTaskWithRequest(std::move(request), *path);
   // The task has the bytes as they were when it was made.

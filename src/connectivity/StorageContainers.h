@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include "connectivity/ConnectionMode.h"
 #include "platform/PlatformServices.h"
@@ -8,7 +9,8 @@
 namespace zun {
 
 /// The temporary files through which background uploads hand over their bodies.
-/// No operation reports an error. Any thread.
+/// Anybody may put a folder where theirs is to be: one that is another's, or a link, is
+/// neither cleaned nor written to. Any thread.
 class StorageContainers final {
  public:
   explicit StorageContainers(const PlatformServices& platform);
@@ -23,9 +25,14 @@ class StorageContainers final {
   /// File URL for a new container; the file is not created.
   [[nodiscard]] std::string composeUniqueContainerURL() const;
 
+  /// True if there is a new file with these bytes now.
+  [[nodiscard]] bool writeContainerAtURL(const std::string& url, std::string_view bytes) const;
+
   void deleteContainerAtURL(const std::string& url) const;
 
  private:
+  [[nodiscard]] bool isOwnFolder(const std::string& path) const;
+
   const PlatformServices& platform_;
 };
 

@@ -17,10 +17,14 @@ struct FileAttributes {
   Date modificationDate;
   std::optional<Date> creationDate;  // birth time; the modification date where there is none
   bool isDirectory = false;
+  bool isRegularFile = false;
+  bool isOwn = false;  // belongs to the user that this process acts as
 
   /// One line for logs.
   [[nodiscard]] std::string description() const;
 };
+
+enum class Links : bool { kNotFollowed, kFollowed };
 
 enum class Durability : bool { kBestEffort, kSynced };
 
@@ -41,9 +45,10 @@ class FileManager {
   /// Complete or never seen: through a temporary file beside it. None on success.
   virtual std::optional<Error> writeFileAtomically(const std::string& path, std::string_view bytes,
                                                    Durability durability = Durability::kBestEffort) = 0;
-  /// Creates or truncates, without a temporary file.
-  virtual std::optional<Error> writeFile(const std::string& path, std::string_view bytes) = 0;
-  /// Appends to an existing file.
+  /// Makes a new file, whole or not at all; what is there already is an error (EEXIST),
+  /// be it a link that leads to nothing.
+  virtual std::optional<Error> createFile(const std::string& path, std::string_view bytes) = 0;
+  /// Appends, and makes the file where there is none; a link is an error (ELOOP).
   virtual std::optional<Error> appendToFile(const std::string& path, std::string_view bytes) = 0;
   /// Creates the folder and those above it; an existing one is no error.
   virtual std::optional<Error> createDirectories(const std::string& path) = 0;
@@ -58,7 +63,9 @@ class FileManager {
       const std::string& path) const = 0;
   /// Paths, relative to `path`, of everything below it; links are not followed.
   [[nodiscard]] virtual std::vector<std::string> enumerateRecursively(const std::string& path) const = 0;
-  [[nodiscard]] virtual std::optional<FileAttributes> attributes(const std::string& path) const = 0;
+  /// None where there is nothing. Links above the item itself are always followed.
+  [[nodiscard]] virtual std::optional<FileAttributes> attributes(const std::string& path,
+                                                                 Links links = Links::kFollowed) const = 0;
 };
 
 /// "file:///a/b" for "/a/b", percent-encoded where a URL wants it.

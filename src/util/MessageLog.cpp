@@ -39,24 +39,30 @@ void MessageLog::writeToLogFile(std::string_view message) {
 
 void MessageLog::append(std::string_view message) {
   const std::string directory = platform_.files.resolve(kDirectory);
-  auto path = currentFile(directory);
-  if (!path) path = createFile(directory);
-  if (!path) return;
-  const std::string entry = fmt::format("({}) {}\n", dateDescription(platform_.clock.now()), message);
-  if (const auto error = platform_.files.appendToFile(*path, entry)) {
-    platform_.log.error("writeToLogFile: Failed to write log message: {}", error->description);
-    return;
+  std::optional<Error> failure;
+  auto path = currentFile(directory, failure);
+  if (!path) path = createFile(directory, failure);
+  if (path) {
+    const std::string entry = fmt::format("({}) {}\n", dateDescription(platform_.clock.now()), message);
+    failure = platform_.files.appendToFile(*path, entry);
+    if (!failure) platform_.log.debug("writeToLogFile: Saved log message to {}", *path);
   }
-  platform_.log.debug("writeToLogFile: Saved log message to {}", *path);
+  if (failure && failure->code != lastFailure_) {
+    platform_.log.error("writeToLogFile: Cannot write to {}: {}", path.value_or(directory),
+                        failure->description);
+  }
+  lastFailure_ = failure ? failure->code : 0;
 }
 
-std::optional<std::string> MessageLog::currentFile(const std::string& directory) {
+std::optional<std::string> MessageLog::currentFile(const std::string& directory,
+                                                   std::optional<Error>& failure) {
   const auto names = platform_.files.listDirectory(directory);
   if (!names) {
     if (names.error().domain == kPOSIXErrorDomain && names.error().code == ENOENT) {
       platform_.log.note("writeToLogFile: Creating zunreportingd log directory at {}", directory);
-      platform_.files.createDirectories(directory);
+      failure = platform_.files.createDirectories(directory);
     } else {
+      failure = names.error();
       platform_.log.error("writeToLogFile: Error reading from log directory: {}", names.error().description);
     }
     return std::nullopt;
@@ -66,8 +72,8 @@ std::optional<std::string> MessageLog::currentFile(const std::string& directory)
   for (const std::string& name : *names) {
     if (!isLogFileName(name)) continue;
     LogFile file{directory + "/" + name, std::nullopt};
-    if (const auto attributes = platform_.files.attributes(file.path)) {
-      if (attributes->isDirectory) continue;
+    if (const auto attributes = platform_.files.attributes(file.path, Links::kNotFollowed)) {
+      if (!attributes->isRegularFile) continue;
       file.created = attributes->creationDate;
     }
     if (file.created && now.secondsSince1970 - file.created->secondsSince1970 > kSecondsPerDay) {
@@ -84,12 +90,14 @@ std::optional<std::string> MessageLog::currentFile(const std::string& directory)
   return current ? std::optional(std::move(current->path)) : std::nullopt;
 }
 
-std::optional<std::string> MessageLog::createFile(const std::string& directory) {
+std::optional<std::string> MessageLog::createFile(const std::string& directory,
+                                                  std::optional<Error>& failure) {
   const auto seconds = static_cast<int32_t>(platform_.clock.timeOfDay().seconds);
   std::string path = fmt::format("{}/{}_{}_{}", directory, "zunreportingd", seconds, "messageLog.diag");
-  platform_.files.writeFile(path, "");
-  const auto attributes = platform_.files.attributes(path);
-  if (!attributes) {
+  const auto error = platform_.files.createFile(path, "");
+  const auto attributes = platform_.files.attributes(path, Links::kNotFollowed);
+  if (!attributes || !attributes->isRegularFile) {
+    if (!failure) failure = error;
     platform_.log.error("writeToLogFile: Failed to create new zunreportingd log file {}", path);
     return std::nullopt;
   }

@@ -12,8 +12,8 @@ namespace zun {
 /// The plain-text diagnostic log that the platform's log collection picks up: one file
 /// at most, renewed each day. A log that cannot be written never fails its caller.
 ///
-/// Nothing is kept between calls: each one looks at the folder anew, chooses the file
-/// and deletes what is out of date.
+/// Each call looks at the folder anew, chooses the file and deletes what is out of date.
+/// Only regular files are its own: whoever may write to the folder can put links there.
 ///
 /// Threading: any thread; entries of one process are written one at a time.
 class MessageLog final {
@@ -32,12 +32,16 @@ class MessageLog final {
   };
 
   void append(std::string_view message) REQUIRES(mutex_);
-  std::optional<std::string> currentFile(const std::string& directory) REQUIRES(mutex_);
-  std::optional<std::string> createFile(const std::string& directory) REQUIRES(mutex_);
+  // What keeps these from finding or making a file goes into `failure`, the first of it.
+  std::optional<std::string> currentFile(const std::string& directory, std::optional<Error>& failure)
+      REQUIRES(mutex_);
+  std::optional<std::string> createFile(const std::string& directory, std::optional<Error>& failure)
+      REQUIRES(mutex_);
   void deleteFile(const LogFile& file) REQUIRES(mutex_);
 
   const PlatformServices& platform_;
   Mutex mutex_;
+  int lastFailure_ GUARDED_BY(mutex_) = 0;  // each event brings several messages: one line tells why
 };
 
 }  // namespace zun

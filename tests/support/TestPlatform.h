@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include "linux/files/FileUserDefaults.h"
-#include "linux/files/LinuxFileManager.h"
 #include "linux/http/CurlURLSession.h"
 #include "linux/loop/UDPSockets.h"
 #include "linux/loop/WorkerPool.h"
@@ -14,6 +13,7 @@
 #include "support/LoopThread.h"
 #include "support/RecordingLog.h"
 #include "support/ScratchFolder.h"
+#include "support/TestFileManager.h"
 
 namespace zun {
 
@@ -51,7 +51,7 @@ class TestPlatform {
   FakeTransactions transactions;
   SharedObjectLoader modules;
   LinePowerLog powerLog{log};
-  LinuxFileManager files;
+  TestFileManager files;
   FileUserDefaults defaults;
   FakeTimers timers;
   WorkerPool workers;  // runs what is left of the jobs before anything above goes

@@ -45,6 +45,12 @@ int closeFile(FileDescriptor& file) {
   return ::close(file.release()) == 0 || errno == EINTR ? 0 : errno;
 }
 
+/// 0, or the errno of the write or close that failed.
+int writeAndClose(FileDescriptor& file, std::string_view bytes) {
+  const int failure = writeAll(file.get(), bytes);
+  return failure == 0 ? closeFile(file) : failure;
+}
+
 /// A path without a NUL: the system would read a shorter one.
 bool isUsable(const std::string& path) {
   return path.find('\0') == std::string::npos;
@@ -189,22 +195,23 @@ std::optional<Error> LinuxFileManager::writeFileAtomically(const std::string& pa
   return std::nullopt;
 }
 
-std::optional<Error> LinuxFileManager::writeFile(const std::string& path, std::string_view bytes) {
+std::optional<Error> LinuxFileManager::createFile(const std::string& path, std::string_view bytes) {
   if (!isUsable(path)) return posixError(EINVAL);
-  FileDescriptor file(
-      ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, kFileMode));
+  FileDescriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, kFileMode));
   if (!file.isOpen()) return posixError(errno);
-  int failure = writeAll(file.get(), bytes);
-  if (failure == 0) failure = closeFile(file);
-  return failure == 0 ? std::nullopt : std::optional(posixError(failure));
+  const int failure = writeAndClose(file, bytes);
+  if (failure == 0) return std::nullopt;
+  ::unlink(path.c_str());  // what a full disk took of it
+  return posixError(failure);
 }
 
 std::optional<Error> LinuxFileManager::appendToFile(const std::string& path, std::string_view bytes) {
   if (!isUsable(path)) return posixError(EINVAL);
-  FileDescriptor file(::open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+  FileDescriptor file(::open(path.c_str(),
+                             O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY,
+                             kFileMode));
   if (!file.isOpen()) return posixError(errno);
-  int failure = writeAll(file.get(), bytes);
-  if (failure == 0) failure = closeFile(file);
+  const int failure = writeAndClose(file, bytes);
   return failure == 0 ? std::nullopt : std::optional(posixError(failure));
 }
 
@@ -271,10 +278,11 @@ std::vector<std::string> LinuxFileManager::enumerateRecursively(const std::strin
   return paths;
 }
 
-std::optional<FileAttributes> LinuxFileManager::attributes(const std::string& path) const {
+std::optional<FileAttributes> LinuxFileManager::attributes(const std::string& path, Links links) const {
+  const int flags = AT_NO_AUTOMOUNT | (links == Links::kFollowed ? 0 : AT_SYMLINK_NOFOLLOW);
   struct statx status {};
   if (!isUsable(path) ||
-      ::statx(AT_FDCWD, path.c_str(), AT_NO_AUTOMOUNT, STATX_BASIC_STATS | STATX_BTIME, &status) != 0) {
+      ::statx(AT_FDCWD, path.c_str(), flags, STATX_BASIC_STATS | STATX_BTIME, &status) != 0) {
     return std::nullopt;
   }
   FileAttributes attributes;
@@ -283,15 +291,9 @@ std::optional<FileAttributes> LinuxFileManager::attributes(const std::string& pa
   const bool hasBirthTime = (status.stx_mask & STATX_BTIME) != 0;
   attributes.creationDate = hasBirthTime ? dateOf(status.stx_btime) : attributes.modificationDate;
   attributes.isDirectory = S_ISDIR(status.stx_mode);
-  const MutexLock lock(mutex_);
-  const auto chosen = creationDates_.find(path);
-  if (chosen != creationDates_.end()) attributes.creationDate = chosen->second;
+  attributes.isRegularFile = S_ISREG(status.stx_mode);
+  attributes.isOwn = status.stx_uid == ::geteuid();
   return attributes;
-}
-
-void LinuxFileManager::setCreationDateForTesting(const std::string& path, Date date) {
-  const MutexLock lock(mutex_);
-  creationDates_[path] = date;
 }
 
 }  // namespace zun

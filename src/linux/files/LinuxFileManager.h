@@ -1,11 +1,9 @@
 #pragma once
 
-#include <map>
 #include <string>
 #include <vector>
 
 #include "platform/FileManager.h"
-#include "platform/Mutex.h"
 
 namespace zun {
 
@@ -16,7 +14,7 @@ namespace zun {
 /// under a path of ours can make the daemon wait.
 ///
 /// Threading: any thread. The file system itself is the only shared state.
-class LinuxFileManager final : public FileManager {
+class LinuxFileManager : public FileManager {
  public:
   /// `root` stands before every absolute path that `resolve` is given; empty or "/"
   /// for none. `home` is what `~` stands for, itself under the root.
@@ -27,25 +25,19 @@ class LinuxFileManager final : public FileManager {
                                                     uint64_t maximumBytes) const override;
   std::optional<Error> writeFileAtomically(const std::string& path, std::string_view bytes,
                                            Durability durability = Durability::kBestEffort) override;
-  std::optional<Error> writeFile(const std::string& path, std::string_view bytes) override;
+  std::optional<Error> createFile(const std::string& path, std::string_view bytes) override;
   std::optional<Error> appendToFile(const std::string& path, std::string_view bytes) override;
   std::optional<Error> createDirectories(const std::string& path) override;
   std::optional<Error> removeItem(const std::string& path) override;
   std::optional<Error> allowOwnerAccess(const std::string& path) override;
   [[nodiscard]] Result<std::vector<std::string>, Error> listDirectory(const std::string& path) const override;
   [[nodiscard]] std::vector<std::string> enumerateRecursively(const std::string& path) const override;
-  /// Follows links: of the file that `readFile` would read.
-  [[nodiscard]] std::optional<FileAttributes> attributes(const std::string& path) const override;
-
-  /// From now on the item at `path` was created then, as far as this object tells.
-  /// The system has no call that sets a birth time.
-  void setCreationDateForTesting(const std::string& path, Date date);
+  [[nodiscard]] std::optional<FileAttributes> attributes(const std::string& path,
+                                                         Links links = Links::kFollowed) const override;
 
  private:
   const std::string root_;
   const std::string home_;
-  mutable Mutex mutex_;
-  std::map<std::string, Date> creationDates_ GUARDED_BY(mutex_);
 };
 
 }  // namespace zun

@@ -113,7 +113,7 @@ TEST_F(DashboardBackendTest, OfAThousandSessionsThoseWithADescriptorLeftHaveABac
   for (int i = 0; i < 1000; ++i) {
     if (auto backend = make(reliableProfile())) backends.push_back(std::move(backend));
   }
-  EXPECT_EQ(platform_.files.writeFile(platform_.scratch.path() + "/file", "still written"), std::nullopt);
+  EXPECT_EQ(platform_.files.createFile(platform_.scratch.path() + "/file", "still written"), std::nullopt);
   const size_t made = backends.size();
   EXPECT_GT(made, 20U);
   EXPECT_LT(made, 192U) << "three quarters, of which the test itself has some";

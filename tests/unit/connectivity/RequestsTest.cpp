@@ -380,6 +380,19 @@ TEST_F(RequestsTest, Mode1WithoutRootFolderDropsThePostWithoutALine) {
   EXPECT_FALSE(std::filesystem::exists(containerFolder()));
 }
 
+// Whoever comes first in /tmp could have the daemon's bodies written where he likes.
+TEST_F(RequestsTest, Mode1WritesNoContainerWhereTheRootFolderIsALink) {
+  const std::string elsewhere = platform_.scratch.path("elsewhere");
+  std::filesystem::create_directories(elsewhere);
+  std::filesystem::create_directories(containerFolder().parent_path());
+  std::filesystem::create_symlink(elsewhere, containerFolder());
+  makeActive(kBackgroundUploadMode);
+  const auto result = post(postRequest(server_.url("/post"), "x"));
+  crank();
+  EXPECT_TRUE(result->isDropped());
+  EXPECT_TRUE(taskIDs().empty());
+}
+
 TEST_F(RequestsTest, Mode1WithoutBodyDropsThePostWithoutALine) {
   StorageContainers(services_).cleanupStorageRootFolder(kBackgroundUploadMode);
   makeActive(kBackgroundUploadMode);

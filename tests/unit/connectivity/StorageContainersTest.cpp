@@ -1,6 +1,7 @@
 #include "connectivity/StorageContainers.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -58,6 +59,36 @@ TEST_F(StorageContainersTest, CleanupMakesTheRootFolderForItsOwnerOnly) {
   containers_.cleanupStorageRootFolder(kBackgroundUploadMode);
   ASSERT_TRUE(std::filesystem::is_directory(root()));
   EXPECT_EQ(std::filesystem::status(root()).permissions(), std::filesystem::perms::owner_all);
+}
+
+// Whoever comes first in /tmp could have other people's files removed.
+TEST_F(StorageContainersTest, CleanupLeavesAloneWhatALinkInPlaceOfTheRootLeadsTo) {
+  const std::filesystem::path elsewhere = platform_.scratch.path("elsewhere");
+  std::filesystem::create_directories(elsewhere);
+  std::ofstream(elsewhere / "x.zundiag") << "content";
+  std::filesystem::create_directories(root().parent_path());
+  std::filesystem::create_symlink(elsewhere, root());
+  containers_.cleanupStorageRootFolder(kBackgroundUploadMode);
+  EXPECT_TRUE(std::filesystem::exists(elsewhere / "x.zundiag"));
+}
+
+TEST_F(StorageContainersTest, FolderOfAnotherUserIsNeitherCleanedNorWrittenTo) {
+  if (::geteuid() != 0) GTEST_SKIP() << "needs privilege";
+  put("x.zundiag");
+  ASSERT_EQ(::chown(root().c_str(), 65534, 65534), 0);
+  containers_.cleanupStorageRootFolder(kBackgroundUploadMode);
+  EXPECT_TRUE(has("x.zundiag"));
+  EXPECT_FALSE(containers_.writeContainerAtURL(containers_.composeUniqueContainerURL(), "content"));
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(root()), {}), 1);
+}
+
+TEST_F(StorageContainersTest, ContainerIsAlwaysANewFile) {
+  containers_.cleanupStorageRootFolder(kBackgroundUploadMode);
+  const std::string url = containers_.composeUniqueContainerURL();
+  EXPECT_TRUE(containers_.writeContainerAtURL(url, "first"));
+  EXPECT_FALSE(containers_.writeContainerAtURL(url, "second"));
+  EXPECT_EQ(*platform_.files.readFile(*pathOfFileURL(url), 100), "first");
+  EXPECT_FALSE(containers_.writeContainerAtURL("no file URL", "x"));
 }
 
 TEST_F(StorageContainersTest, CleanupDoesNothingUnlessPostsAreUploadedFromFiles) {

@@ -16,7 +16,7 @@ class FileMatchingTest : public PlatformTest {
   void add(const std::string& relative) {
     const std::filesystem::path path = folder_ + "/" + relative;
     std::filesystem::create_directories(path.parent_path());
-    ASSERT_FALSE(platform_.files.writeFile(path.string(), "content"));
+    ASSERT_FALSE(platform_.files.createFile(path.string(), "content"));
   }
   bool exists(const std::string& relative) const { return std::filesystem::exists(folder_ + "/" + relative); }
 
@@ -60,7 +60,7 @@ TEST_F(FileMatchingTest, MatchingFolderGoesWithItsContent) {
 // Links are items like any other; what they lead to is not ours.
 TEST_F(FileMatchingTest, LinkIsRemovedAndItsTargetStays) {
   const std::string outside = platform_.scratch.path("outside.txt");
-  ASSERT_FALSE(platform_.files.writeFile(outside, "keep"));
+  ASSERT_FALSE(platform_.files.createFile(outside, "keep"));
   std::filesystem::create_symlink(outside, folder_ + "/link.zundiag");
   deleteMatchingItems(platform_.files, "zundiag", LetterCase::kSignificant, folder_);
   EXPECT_FALSE(std::filesystem::is_symlink(folder_ + "/link.zundiag"));

@@ -28,7 +28,7 @@ class MessageLogTest : public PlatformTest {
     fs::create_directories(directory_);
     const std::string path = pathOf(name);
     std::ofstream(path) << content;
-    platform_.files.setCreationDateForTesting(path, Date{kNow - age});
+    platform_.files.setCreationDate(path, Date{kNow - age});
     return path;
   }
 
@@ -62,7 +62,7 @@ TEST_F(MessageLogTest, FirstEntryMakesFolderAndFile) {
 
 TEST_F(MessageLogTest, LaterEntriesAreAppendedToTheSameFile) {
   log_.writeToLogFile("one");
-  platform_.files.setCreationDateForTesting(newFile_, Date{kNow});
+  platform_.files.setCreationDate(newFile_, Date{kNow});
   platform_.clock.advance(std::chrono::seconds(61));
   log_.writeToLogFile("two\nlines");
   EXPECT_EQ(contentOf(newFile_), "(2023-11-14 22:13:20 +0000) one\n(2023-11-14 22:14:21 +0000) two\nlines\n");
@@ -123,6 +123,55 @@ TEST_F(MessageLogTest, FolderWithTheNameOfALogFileIsLeftAlone) {
   EXPECT_EQ(contentOf(newFile_), "(2023-11-14 22:13:20 +0000) m\n");
 }
 
+// Whoever may write to the folder could have the daemon write where he likes, or nowhere.
+TEST_F(MessageLogTest, LinksAreNeverFollowedAndLoseNoMessage) {
+  addFile("precious", 60);
+  fs::create_symlink("precious", pathOf("zunreportingd_7_messageLog.diag"));
+  fs::create_symlink("nothing", pathOf("zunreportingd_8_messageLog.diag"));
+  log_.writeToLogFile("m");
+  EXPECT_EQ(contentOf(newFile_), "(2023-11-14 22:13:20 +0000) m\n");
+  EXPECT_EQ(contentOf(pathOf("precious")), "old\n");
+  EXPECT_FALSE(fs::exists(pathOf("nothing")));
+}
+
+TEST_F(MessageLogTest, LinkInTheNewFilesPlaceIsNotFollowed) {
+  fs::create_directories(directory_);
+  fs::create_symlink("nothing", newFile_);
+  log_.writeToLogFile("m");
+  expectErrors({"writeToLogFile: Failed to create new zunreportingd log file " + newFile_,
+                "writeToLogFile: Cannot write to " + directory_ + ": File exists"});
+  EXPECT_FALSE(fs::exists(pathOf("nothing")));
+}
+
+TEST_F(MessageLogTest, FileWithoutADateIsKeptAndGivesWayToOneWithADate) {
+  const std::string undated = addFile("zunreportingd_1_messageLog.diag", 60);
+  platform_.files.setCreationDate(undated, std::nullopt);
+  log_.writeToLogFile("one");
+  EXPECT_EQ(contentOf(undated), "old\n(2023-11-14 22:13:20 +0000) one\n");
+  const std::string dated = addFile("zunreportingd_2_messageLog.diag", 86400);
+  log_.writeToLogFile("two");
+  EXPECT_EQ(contentOf(dated), "old\n(2023-11-14 22:13:20 +0000) two\n");
+  EXPECT_FALSE(fs::exists(undated));
+  expectDefaultLine("writeToLogFile: Deleted expired zunreportingd log file " + undated + " ((null))");
+}
+
+TEST_F(MessageLogTest, FileWithoutADateIsDeletedWhereThereIsOneWithADate) {
+  const std::string dated = addFile("zunreportingd_1_messageLog.diag", 86400);
+  const std::string undated = addFile("zunreportingd_2_messageLog.diag", 60);
+  platform_.files.setCreationDate(undated, std::nullopt);
+  log_.writeToLogFile("m");
+  EXPECT_EQ(contentOf(dated), "old\n(2023-11-14 22:13:20 +0000) m\n");
+  EXPECT_FALSE(fs::exists(undated));
+}
+
+// Somebody cleans the folder up between the look at it and the writing.
+TEST_F(MessageLogTest, FileThatVanishesIsMadeAgainAndTheMessageKept) {
+  const std::string file = addFile("zunreportingd_1_messageLog.diag", 60);
+  platform_.files.beforeAttributes = [](const std::string& path) { fs::remove(path); };
+  log_.writeToLogFile("m");
+  EXPECT_EQ(contentOf(file), "(2023-11-14 22:13:20 +0000) m\n");
+}
+
 TEST_F(MessageLogTest, CreationTimeInTheNameIsCutToThirtyTwoBits) {
   platform_.clock.setTimeOfDay({(int64_t{1} << 32) + 5, 900'000});
   log_.writeToLogFile("m");
@@ -133,11 +182,35 @@ TEST_F(MessageLogTest, FolderThatCannotBeMadeIsAnErrorLineAndNothingElse) {
   fs::create_directories(fs::path(directory_).parent_path());
   std::ofstream(directory_) << "a file in the way";
   log_.writeToLogFile("m");
-  const auto errors = platform_.log.takeErrors();
-  ASSERT_EQ(errors.size(), 2U);
-  EXPECT_TRUE(errors[0].starts_with("writeToLogFile: Error reading from log directory: ")) << errors[0];
-  EXPECT_EQ(errors[1], "writeToLogFile: Failed to create new zunreportingd log file " + newFile_);
+  expectErrors({"writeToLogFile: Error reading from log directory: Not a directory",
+                "writeToLogFile: Failed to create new zunreportingd log file " + newFile_,
+                "writeToLogFile: Cannot write to " + directory_ + ": Not a directory"});
   EXPECT_EQ(contentOf(directory_), "a file in the way");
+}
+
+// Each event brings several messages.
+TEST_F(MessageLogTest, ReasonOfALossIsToldOnceUntilAMessageIsWrittenOrItIsAnother) {
+  const fs::path parent = fs::path(directory_).parent_path();
+  const std::string reason = "writeToLogFile: Cannot write to " + directory_ + ": ";
+  const std::vector<std::string> given{"writeToLogFile: Failed to create new zunreportingd log file " +
+                                       newFile_};
+  fs::create_directories(parent.parent_path());
+  std::ofstream(parent) << "a file in the way";
+  log_.writeToLogFile("m");
+  EXPECT_EQ(platform_.log.takeErrors().back(), reason + "Not a directory");
+  log_.writeToLogFile("m");
+  EXPECT_EQ(platform_.log.takeErrors().back(), given.back());
+  fs::remove(parent);
+  fs::create_symlink("nothing", parent);
+  log_.writeToLogFile("m");
+  expectErrors({given[0], reason + "No such file or directory"});
+  fs::remove(parent);
+  log_.writeToLogFile("m");
+  EXPECT_EQ(contentOf(newFile_), "(2023-11-14 22:13:20 +0000) m\n");
+  fs::remove_all(parent);
+  fs::create_symlink("nothing", parent);
+  log_.writeToLogFile("m");
+  expectErrors({given[0], reason + "No such file or directory"});
 }
 
 TEST_F(MessageLogTest, FileThatCannotBeWrittenIsAnErrorLineAndKept) {
@@ -149,7 +222,7 @@ TEST_F(MessageLogTest, FileThatCannotBeWrittenIsAnErrorLineAndKept) {
   ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &none), 0);
   log_.writeToLogFile("m");
   ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &whole), 0);
-  expectErrors({"writeToLogFile: Failed to write log message: File too large"});
+  expectErrors({"writeToLogFile: Cannot write to " + file + ": File too large"});
   EXPECT_EQ(platform_.log.count(LogLevel::kDebug, "writeToLogFile: Saved log message to " + file), 0);
   EXPECT_EQ(contentOf(file), "old\n");
 }

@@ -13,7 +13,7 @@ namespace {
 class BundleTest : public ::testing::Test {
  protected:
   void writeInformation(const std::string& bytes) {
-    ASSERT_EQ(files_.writeFile(scratch_.path("info.plist"), bytes), std::nullopt);
+    ASSERT_EQ(files_.writeFileAtomically(scratch_.path("info.plist"), bytes), std::nullopt);
   }
   void TearDown() override { EXPECT_THAT(log_.takeErrors(), ::testing::IsEmpty()); }
 
@@ -26,7 +26,7 @@ class BundleTest : public ::testing::Test {
 TEST_F(BundleTest, GivesTheBytesOfAResourceAfresh) {
   EXPECT_EQ(bundle_.resource("publicKey", "der"), std::nullopt);
   const std::string bytes("\x30\x00\xff", 3);
-  ASSERT_EQ(files_.writeFile(scratch_.path("publicKey.der"), bytes), std::nullopt);
+  ASSERT_EQ(files_.createFile(scratch_.path("publicKey.der"), bytes), std::nullopt);
   EXPECT_EQ(bundle_.resource("publicKey", "der"), bytes);
   EXPECT_EQ(bundle_.resource("../publicKey", "der"), std::nullopt);
 }

@@ -62,11 +62,11 @@ TEST_F(FileManagerTest, NoRootLeavesPathsAsTheyAre) {
 }
 
 TEST_F(FileManagerTest, ReadsAWholeFileUpToTheBound) {
-  ASSERT_EQ(files_.writeFile(at("f"), "0123456789"), std::nullopt);
+  ASSERT_EQ(files_.createFile(at("f"), "0123456789"), std::nullopt);
   EXPECT_EQ(*files_.readFile(at("f"), 10), "0123456789");
   EXPECT_EQ(readFailure(at("f"), 9), EFBIG);
-  ASSERT_EQ(files_.writeFile(at("f"), ""), std::nullopt);
-  EXPECT_EQ(*files_.readFile(at("f"), 0), "");
+  ASSERT_EQ(files_.createFile(at("empty"), ""), std::nullopt);
+  EXPECT_EQ(*files_.readFile(at("empty"), 0), "");
 }
 
 TEST_F(FileManagerTest, ErrorsAreErrnosOfThePOSIXDomain) {
@@ -81,7 +81,7 @@ TEST_F(FileManagerTest, ErrorsAreErrnosOfThePOSIXDomain) {
 TEST_F(FileManagerTest, PipesNeitherBlockNorRead) {
   ASSERT_EQ(::mkfifo(at("pipe").c_str(), 0600), 0);
   EXPECT_EQ(readFailure(at("pipe")), EINVAL);
-  EXPECT_EQ(codeOf(files_.writeFile(at("pipe"), "x")), ENXIO);
+  EXPECT_EQ(codeOf(files_.createFile(at("pipe"), "x")), EEXIST);
   EXPECT_EQ(codeOf(files_.appendToFile(at("pipe"), "x")), ENXIO);
 }
 
@@ -92,9 +92,9 @@ TEST_F(FileManagerTest, FilesThatTellNoSizeAreReadWithinTheBound) {
 
 TEST_F(FileManagerTest, PathsWithANulAreRefused) {
   const std::string path = at("a") + std::string("\0b", 2);
-  ASSERT_EQ(files_.writeFile(at("a"), "kept"), std::nullopt);
+  ASSERT_EQ(files_.createFile(at("a"), "kept"), std::nullopt);
   EXPECT_EQ(readFailure(path), EINVAL);
-  EXPECT_EQ(codeOf(files_.writeFile(path, "")), EINVAL);
+  EXPECT_EQ(codeOf(files_.createFile(path, "")), EINVAL);
   EXPECT_EQ(codeOf(files_.writeFileAtomically(path, "")), EINVAL);
   EXPECT_EQ(codeOf(files_.removeItem(path)), EINVAL);
   EXPECT_EQ(codeOf(files_.createDirectories(path)), EINVAL);
@@ -114,7 +114,7 @@ TEST_F(FileManagerTest, AtomicWriteReplacesAndLeavesNothingBeside) {
 
 TEST_F(FileManagerTest, NewFilesArePrivateAndReplacedOnesKeepTheirMode) {
   ASSERT_EQ(files_.writeFileAtomically(at("atomic"), "x"), std::nullopt);
-  ASSERT_EQ(files_.writeFile(at("plain"), "x"), std::nullopt);
+  ASSERT_EQ(files_.createFile(at("plain"), "x"), std::nullopt);
   EXPECT_EQ(modeOf("atomic"), 0600u);
   EXPECT_EQ(modeOf("plain"), 0600u);
   ASSERT_EQ(::chmod(at("atomic").c_str(), 0644), 0);
@@ -123,7 +123,7 @@ TEST_F(FileManagerTest, NewFilesArePrivateAndReplacedOnesKeepTheirMode) {
 }
 
 TEST_F(FileManagerTest, AtomicWriteReplacesALinkAndNotItsTarget) {
-  ASSERT_EQ(files_.writeFile(at("target"), "untouched"), std::nullopt);
+  ASSERT_EQ(files_.createFile(at("target"), "untouched"), std::nullopt);
   ASSERT_EQ(::symlink(at("target").c_str(), at("link").c_str()), 0);
   ASSERT_EQ(files_.writeFileAtomically(at("link"), "new"), std::nullopt);
   EXPECT_EQ(contentOf("target"), "untouched");
@@ -138,7 +138,6 @@ TEST_F(FileManagerTest, AtomicWriteOverAFolderFailsAndLeavesNothingBeside) {
 }
 
 TEST_F(FileManagerTest, FullDiskFailsAWrite) {
-  EXPECT_EQ(codeOf(files_.writeFile("/dev/full", "x")), ENOSPC);
   EXPECT_EQ(codeOf(files_.appendToFile("/dev/full", "x")), ENOSPC);
 }
 
@@ -159,13 +158,44 @@ TEST_F(FileManagerTest, AtomicWriteThatBreaksOffLeavesTheOldFile) {
   EXPECT_THAT(*files_.listDirectory(scratch_.path()), ElementsAre("f"));
 }
 
-TEST_F(FileManagerTest, AppendWantsAnExistingFile) {
-  EXPECT_EQ(codeOf(files_.appendToFile(at("f"), "x")), ENOENT);
-  ASSERT_EQ(files_.writeFile(at("f"), "one,"), std::nullopt);
+TEST_F(FileManagerTest, AppendMakesTheFileThatIsMissing) {
+  EXPECT_EQ(codeOf(files_.appendToFile(at("none/f"), "x")), ENOENT);
+  ASSERT_EQ(files_.appendToFile(at("f"), "one,"), std::nullopt);
   ASSERT_EQ(files_.appendToFile(at("f"), "two"), std::nullopt);
   EXPECT_EQ(contentOf("f"), "one,two");
-  ASSERT_EQ(files_.writeFile(at("f"), "short"), std::nullopt);
-  EXPECT_EQ(contentOf("f"), "short");
+  EXPECT_EQ(modeOf("f"), 0600u);
+}
+
+TEST_F(FileManagerTest, OnlyANewFileIsCreated) {
+  ASSERT_EQ(files_.createFile(at("f"), "first"), std::nullopt);
+  EXPECT_EQ(codeOf(files_.createFile(at("f"), "second")), EEXIST);
+  EXPECT_EQ(contentOf("f"), "first");
+  EXPECT_EQ(codeOf(files_.createFile(at("none/f"), "x")), ENOENT);
+}
+
+TEST_F(FileManagerTest, NewFileThatCannotBeWrittenWholeIsNotThere) {
+  const pid_t child = ::fork();
+  if (child == 0) {
+    std::signal(SIGXFSZ, SIG_IGN);
+    const rlimit limit{4096, 4096};
+    ::setrlimit(RLIMIT_FSIZE, &limit);
+    ::_exit(codeOf(files_.createFile(at("f"), std::string(10000, 'x'))));
+  }
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_EQ(WEXITSTATUS(status), EFBIG);
+  EXPECT_THAT(*files_.listDirectory(scratch_.path()), ElementsAre());
+}
+
+TEST_F(FileManagerTest, CreatingAndAppendingFollowNoLink) {
+  ASSERT_EQ(files_.createFile(at("target"), "untouched"), std::nullopt);
+  for (const char* target : {"target", "missing"}) {
+    ASSERT_EQ(::symlink(target, at(std::string("to-") + target).c_str()), 0);
+    EXPECT_EQ(codeOf(files_.createFile(at(std::string("to-") + target), "x")), EEXIST);
+    EXPECT_EQ(codeOf(files_.appendToFile(at(std::string("to-") + target), "x")), ELOOP);
+  }
+  EXPECT_EQ(contentOf("target"), "untouched");
+  EXPECT_FALSE(std::filesystem::exists(at("missing")));
 }
 
 TEST_F(FileManagerTest, CreatesFoldersAboveAndAcceptsExistingOnes) {
@@ -179,14 +209,14 @@ TEST_F(FileManagerTest, CreatesFoldersAboveAndAcceptsExistingOnes) {
 }
 
 TEST_F(FileManagerTest, AFileInTheWayOfAFolderIsAnError) {
-  ASSERT_EQ(files_.writeFile(at("f"), ""), std::nullopt);
+  ASSERT_EQ(files_.createFile(at("f"), ""), std::nullopt);
   EXPECT_EQ(codeOf(files_.createDirectories(at("f"))), ENOTDIR);
   EXPECT_EQ(codeOf(files_.createDirectories(at("f/below"))), ENOTDIR);
 }
 
 TEST_F(FileManagerTest, RemovingAFolderFollowsNoLink) {
   ASSERT_EQ(files_.createDirectories(at("kept")), std::nullopt);
-  ASSERT_EQ(files_.writeFile(at("kept/f"), "x"), std::nullopt);
+  ASSERT_EQ(files_.createFile(at("kept/f"), "x"), std::nullopt);
   ASSERT_EQ(files_.createDirectories(at("gone/inner")), std::nullopt);
   ASSERT_EQ(::symlink(at("kept").c_str(), at("gone/inner/link").c_str()), 0);
   EXPECT_EQ(files_.removeItem(at("gone")), std::nullopt);
@@ -199,7 +229,8 @@ TEST_F(FileManagerTest, RemovingAFolderFollowsNoLink) {
 }
 
 TEST_F(FileManagerTest, ListsNamesSortedAndTellsAMissingFolder) {
-  for (const char* name : {"b", "a", ".hidden", "C"}) ASSERT_EQ(files_.writeFile(at(name), ""), std::nullopt);
+  for (const char* name : {"b", "a", ".hidden", "C"})
+    ASSERT_EQ(files_.createFile(at(name), ""), std::nullopt);
   EXPECT_THAT(*files_.listDirectory(scratch_.path()), ElementsAre(".hidden", "C", "a", "b"));
   EXPECT_EQ(files_.listDirectory(at("missing")).error().code, ENOENT);
   EXPECT_EQ(files_.listDirectory(at("a")).error().code, ENOTDIR);
@@ -207,15 +238,15 @@ TEST_F(FileManagerTest, ListsNamesSortedAndTellsAMissingFolder) {
 
 TEST_F(FileManagerTest, EnumerationGoesDownButFollowsNoLink) {
   ASSERT_EQ(files_.createDirectories(at("a/b")), std::nullopt);
-  ASSERT_EQ(files_.writeFile(at("a/b/f"), ""), std::nullopt);
-  ASSERT_EQ(files_.writeFile(at("z"), ""), std::nullopt);
+  ASSERT_EQ(files_.createFile(at("a/b/f"), ""), std::nullopt);
+  ASSERT_EQ(files_.createFile(at("z"), ""), std::nullopt);
   ASSERT_EQ(::symlink(scratch_.path().c_str(), at("a/loop").c_str()), 0);
   EXPECT_THAT(files_.enumerateRecursively(scratch_.path()), ElementsAre("a", "a/b", "a/b/f", "a/loop", "z"));
   EXPECT_TRUE(files_.enumerateRecursively(at("missing")).empty());
 }
 
 TEST_F(FileManagerTest, AttributesTellSizeAndTimes) {
-  ASSERT_EQ(files_.writeFile(at("f"), "12345"), std::nullopt);
+  ASSERT_EQ(files_.createFile(at("f"), "12345"), std::nullopt);
   const std::filesystem::path path = at("f");
   std::filesystem::last_write_time(path,
                                    std::filesystem::file_time_type::clock::now() - std::chrono::hours(24));
@@ -230,11 +261,27 @@ TEST_F(FileManagerTest, AttributesTellSizeAndTimes) {
   EXPECT_EQ(files_.attributes(at("missing")), std::nullopt);
 }
 
-TEST_F(FileManagerTest, ATestMayGiveAFileItsBirthTime) {
-  ASSERT_EQ(files_.writeFile(at("f"), ""), std::nullopt);
-  files_.setCreationDateForTesting(at("f"), Date{1000.5});
-  EXPECT_EQ(files_.attributes(at("f"))->creationDate, Date{1000.5});
-  EXPECT_THAT(files_.attributes(at("f"))->description(), ::testing::HasSubstr("creationDate = 1000.500000"));
+TEST_F(FileManagerTest, AttributesTellTheKindAndTheOwner) {
+  ASSERT_EQ(files_.createFile(at("f"), ""), std::nullopt);
+  ASSERT_EQ(::symlink("f", at("link").c_str()), 0);
+  ASSERT_EQ(::symlink("missing", at("dangling").c_str()), 0);
+  EXPECT_TRUE(files_.attributes(at("f"))->isRegularFile);
+  EXPECT_TRUE(files_.attributes(at("f"))->isOwn);
+  EXPECT_FALSE(files_.attributes(scratch_.path())->isRegularFile);
+  EXPECT_TRUE(files_.attributes(scratch_.path())->isDirectory);
+  EXPECT_TRUE(files_.attributes(at("link"))->isRegularFile);
+  EXPECT_FALSE(files_.attributes(at("link"), Links::kNotFollowed)->isRegularFile);
+  EXPECT_EQ(files_.attributes(at("dangling")), std::nullopt);
+  EXPECT_NE(files_.attributes(at("dangling"), Links::kNotFollowed), std::nullopt);
+  if (::geteuid() != 0) GTEST_SKIP() << "the rest needs privilege";
+  ASSERT_EQ(::chown(at("f").c_str(), 65534, 65534), 0);
+  EXPECT_FALSE(files_.attributes(at("f"))->isOwn);
+}
+
+TEST(FileAttributesTest, DescriptionIsOneLine) {
+  const FileAttributes attributes{.size = 5, .modificationDate = {2000.25}, .creationDate = Date{1000.5}};
+  EXPECT_EQ(attributes.description(),
+            "{size = 5; modificationDate = 2000.250000; creationDate = 1000.500000; isDirectory = false}");
 }
 
 TEST(FileURLTest, PathsAreEncodedAndDecoded) {

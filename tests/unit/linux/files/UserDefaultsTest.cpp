@@ -10,6 +10,7 @@
 #include <atomic>
 #include <csignal>
 #include <filesystem>
+#include <fstream>
 #include <thread>
 
 #include "linux/files/FileDescriptor.h"
@@ -118,7 +119,7 @@ TEST_F(UserDefaultsTest, ChangeInPlaceIsSeenAfterTheFileHasSettled) {
   settled();
   EXPECT_EQ(defaults_.objectForKey(kSuite, "n"), Value(111));
   EXPECT_EQ(defaults_.objectForKey(kSuite, "n"), Value(111));
-  ASSERT_EQ(files_.writeFile(pathOf(), serializeXMLPropertyList(Dictionary{{"n", 222}})), std::nullopt);
+  std::ofstream(pathOf()) << serializeXMLPropertyList(Dictionary{{"n", 222}});
   EXPECT_EQ(defaults_.objectForKey(kSuite, "n"), Value(222));
 }
 
@@ -168,7 +169,7 @@ TEST_F(UserDefaultsTest, WhateverStandsInTheFilesPlaceCountsAsCorrupt) {
 
 TEST_F(UserDefaultsTest, UnwritableFolderIsAnErrorLineAndTheValueIsLost) {
   ASSERT_EQ(files_.createDirectories(files_.resolve("~/Library")), std::nullopt);
-  ASSERT_EQ(files_.writeFile(files_.resolve("~/Library/Preferences"), "a file"), std::nullopt);
+  ASSERT_EQ(files_.createFile(files_.resolve("~/Library/Preferences"), "a file"), std::nullopt);
   defaults_.setObject(kSuite, "a", 1);
   EXPECT_THAT(log_.takeErrors(), ::testing::ElementsAre("FileUserDefaults: could not make the folder of '" +
                                                         pathOf() + "': Not a directory"));
