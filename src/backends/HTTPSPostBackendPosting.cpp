@@ -141,6 +141,8 @@ std::optional<std::string> HTTPSPostBackend::createMessageForPostAndLogging(
   }
   return json;
 } catch (const std::bad_alloc&) {
+  log().error("HTTPSPostBackend(createMessageForPostAndLogging): {}: no memory for a post of {} events",
+              name_, records.size());
   return std::nullopt;
 }
 

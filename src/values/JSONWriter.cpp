@@ -6,7 +6,9 @@
 
 #include <cmath>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
+#include <new>
 #include <string_view>
 
 #include "values/UTF8.h"
@@ -56,20 +58,42 @@ Findings scan(std::string_view text) {
   return findings;
 }
 
+/// Memory that is there or throws: RapidJSON writes on where its own has no more.
+class CheckingAllocator final {
+ public:
+  static constexpr bool kNeedFree = true;
+
+  static void* Malloc(size_t size) { return size == 0 ? nullptr : checked(std::malloc(size)); }
+  static void* Realloc(void* block, size_t /*originalSize*/, size_t size) {
+    return checked(std::realloc(block, size));
+  }
+  static void Free(void* block) { std::free(block); }
+
+ private:
+  static void* checked(void* block) {
+    if (block == nullptr) throw std::bad_alloc();
+    return block;
+  }
+};
+
+using Buffer = rapidjson::GenericStringBuffer<rapidjson::UTF8<>, CheckingAllocator>;
+
 /// RapidJSON's writers, with a way past their work by the byte for strings that
 /// stand in JSON as they are: nearly all, and most of a record.
-class CompactWriter final : public rapidjson::Writer<rapidjson::StringBuffer> {
+class CompactWriter final
+    : public rapidjson::Writer<Buffer, rapidjson::UTF8<>, rapidjson::UTF8<>, CheckingAllocator> {
  public:
   using Writer::Writer;
   void beginString() { Prefix(rapidjson::kStringType); }
-  rapidjson::StringBuffer& buffer() { return *os_; }
+  Buffer& buffer() { return *os_; }
 };
 
-class IndentingWriter final : public rapidjson::PrettyWriter<rapidjson::StringBuffer> {
+class IndentingWriter final
+    : public rapidjson::PrettyWriter<Buffer, rapidjson::UTF8<>, rapidjson::UTF8<>, CheckingAllocator> {
  public:
   using PrettyWriter::PrettyWriter;
   void beginString() { PrettyPrefix(rapidjson::kStringType); }
-  rapidjson::StringBuffer& buffer() { return *os_; }
+  Buffer& buffer() { return *os_; }
 };
 
 template <typename Writer>
@@ -130,7 +154,7 @@ void writeValue(Writer& writer, const Value& value, int depth) {
 }  // namespace
 
 std::string writeJSON(const Value& value, JSONFormat format) {
-  rapidjson::StringBuffer buffer(nullptr, 2048);
+  Buffer buffer(nullptr, 2048);
   if (format == JSONFormat::kPretty) {
     IndentingWriter writer(buffer);
     writer.SetIndent(' ', 2);

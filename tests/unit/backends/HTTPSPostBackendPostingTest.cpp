@@ -4,27 +4,19 @@
 #include <thread>
 
 #include "BackendTest.h"
+#include "KeepingHelper.h"
 #include "connectivity/ReportingSessionConnectivityHelper.h"
 #include "platform/Crypto.h"
 #include "support/Gzip.h"
 #include "support/HTTPSTestServer.h"
+#include "support/MemoryLimit.h"
+#include "util/Compression.h"
 #include "values/UUID.h"
 
 namespace zun {
 namespace {
 
 using Ending = TestAnswer::Ending;
-
-/// Keeps what would go to the network, for what no server can see.
-class KeepingHelper final : public ReportingSessionConnectivityInterface {
- public:
-  void postURLRequestWithCompletionHandler(URLRequest request, ConnectivityCompletion) override {
-    requests.push_back(std::move(request));
-  }
-  void getURLRequestWithCompletionHandler(URLRequest, ConnectivityCompletion) override {}
-
-  std::vector<URLRequest> requests;
-};
 
 // Posts go through a real helper and a real URL session to a real server.
 class HTTPSPostBackendPostingTest : public BackendTest {
@@ -170,6 +162,12 @@ TEST_F(HTTPSPostBackendPostingTest, CustomIdentifierComesFirstButForInternalExtr
   EXPECT_EQ(bodyOf(*backend, {})["clientId"], Value("device-1"));
 }
 
+TEST_F(HTTPSPostBackendPostingTest, CustomIdentifierComesBeforeThatOfAnOverride) {
+  const auto backend = start(with(with(postingClient(), "custom_clientId", 1), "override_dnu", 1));
+  EXPECT_EQ(bodyOf(*backend, {})["clientId"],
+            Value(platform_.defaults.stringForKey(kReportingSuite, "uuid:Camera:RearCamera").value()));
+}
+
 TEST_F(HTTPSPostBackendPostingTest, RecordsCarryOnlyStringsFiniteNumbersAndDatesAsSeconds) {
   const auto backend = start(postingClient());
   const Dictionary record = {{"text", "x"},
@@ -244,6 +242,21 @@ TEST_F(HTTPSPostBackendPostingTest, SixtyFiveThousandKeysOfWrongTypesCostTheirMe
   const auto text = backend->sendMessage(message(payload), kEventTime, 1, 2, 0);
   EXPECT_EQ(eventsOf(text).size(), 1U);
   EXPECT_EQ(platform_.log.takeErrors().size(), 21U);
+}
+
+TEST_F(HTTPSPostBackendPostingTest, PostThatMemoryCannotHoldCostsItsEventsOnly) {
+  if (!MemoryLimit::kIsPossible) GTEST_SKIP();
+  const auto backend = start(with(postingClient(), "expedite", 1));
+  const Value large(std::string(size_t{16} << 20, 'x'));
+  Dictionary payload;
+  for (int i = 0; i < 64; ++i) payload.set("k" + std::to_string(i), large);
+  {
+    const MemoryLimit limit(size_t{256} << 20);
+    EXPECT_EQ(backend->sendMessage(message(payload), kEventTime, 1, 2, 0), std::nullopt);
+  }
+  expectErrors(
+      {"HTTPSPostBackend(createMessageForPostAndLogging): httpPost: no memory for a post of 1 events"});
+  EXPECT_TRUE(send(*backend, 1).has_value());
 }
 
 TEST_F(HTTPSPostBackendPostingTest, TextMayBeLoggedWhereTheUserLetsDataOutAndNobodyOverrode) {
@@ -396,6 +409,19 @@ TEST_F(HTTPSPostBackendPostingTest, TinyBodyThatDoesNotShrinkIsSentAsItIs) {
   EXPECT_EQ(headers(request, "Content-Length"), std::vector<std::string>{"14"});
 }
 
+TEST_F(HTTPSPostBackendPostingTest, BodyThatCompressesToItsOwnLengthIsSentAsItIs) {
+  // Digits that repeat at one place only: each one more adds a byte to the body alone.
+  std::string json = "0123456789abcdefghijklmnopqrstuvwxyz";
+  while (gzipDeflate(json, platform_.log)->size() > json.size()) json += '0';
+  ASSERT_EQ(gzipDeflate(json, platform_.log)->size(), json.size());
+  const auto backend = connectedBackend();
+  endOf(post(*backend, json));
+  EXPECT_TRUE(headers(onlyRequest(), "Content-Encoding").empty());
+  server_.clearRequests();
+  endOf(post(*backend, json + "00"));
+  EXPECT_FALSE(headers(onlyRequest(), "Content-Encoding").empty());
+}
+
 TEST_F(HTTPSPostBackendPostingTest, DigestIsOverTheUncompressedBodyInGroupsOfFourBytes) {
   const auto backend = connectedBackend();
   backend->setDigestKey("key");
@@ -531,7 +557,7 @@ TEST_F(HTTPSPostBackendPostingTest, ServerErrorDisablesTheBackend) {
 }
 
 TEST_F(HTTPSPostBackendPostingTest, OtherStatusesAreNoFailures) {
-  for (const int status : {200, 204, 304, 400, 404, 429, 499}) {
+  for (const int status : {200, 204, 304, 400, 404, 429, 499, 600}) {
     server_.answer("/post", {.status = status});
     const auto backend = connectedBackend();
     EXPECT_EQ(endOf(post(*backend, "{}")).error, std::nullopt) << status;

@@ -2,7 +2,9 @@
 
 #include <cmath>
 #include <limits>
+#include <new>
 
+#include "support/MemoryLimit.h"
 #include "values/JSONReader.h"
 #include "values/JSONWriter.h"
 
@@ -92,6 +94,17 @@ TEST(JSONWriterTest, NestingBeyondAllBoundsEndsInNull) {
   for (int i = 0; i < 1000; ++i) deep = Array{deep};
   const std::string expected = std::string(128, '[') + "null" + std::string(128, ']');
   EXPECT_EQ(compact(deep), expected);
+}
+
+// Values share a text in memory; JSON has it as often as it stands there.
+TEST(JSONWriterTest, TextThatMemoryCannotHoldThrows) {
+  if (!MemoryLimit::kIsPossible) GTEST_SKIP();
+  const Value text(std::string(size_t{16} << 20, 'x'));
+  Array many;
+  for (int i = 0; i < 64; ++i) many.append(text);
+  const MemoryLimit limit(size_t{256} << 20);
+  EXPECT_THROW((void)compact(many), std::bad_alloc);
+  EXPECT_THROW((void)writeJSON(many, JSONFormat::kPretty), std::bad_alloc);
 }
 
 TEST(JSONReaderTest, ReadsWhatTheWriterWrites) {
