@@ -1,7 +1,6 @@
 #include "backends/FilterTable.h"
 
 #include <algorithm>
-#include <array>
 #include <utility>
 
 #include "backends/ListMatching.h"
@@ -22,8 +21,13 @@ FilterTable::Action actionFromText(std::string_view text) {
   return Action::kNone;
 }
 
-uint64_t lengthBit(std::string_view key) {
-  return uint64_t{1} << std::min<size_t>(key.size(), 63);
+void setLowerCased(std::string& lower, std::string_view text) {
+  if (!isASCII(text)) {
+    lower = lowerCased(text);
+    return;
+  }
+  lower.resize(text.size());
+  std::transform(text.begin(), text.end(), lower.begin(), lowerCasedASCII);
 }
 
 int32_t numberOrAny(const Value& number) {
@@ -40,8 +44,6 @@ FilterTable::FilterTable(const Array& filters) {
     const std::string_view key = filters_.back().key.stringValue();
     if (!filters_.back().key.isString()) continue;
     byKey_[lowerCased(key)].push_back(static_cast<uint32_t>(filters_.size() - 1));
-    keyLengths_ |= lengthBit(key);
-    hasKeysBeyondASCII_ = hasKeysBeyondASCII_ || !isASCII(key);
   }
 }
 
@@ -50,31 +52,11 @@ FilterTable::Filter FilterTable::filterFromDictionary(const Dictionary& descript
           actionFromText(description["action"].stringValue()), description["key"], description["value"]};
 }
 
-const FilterTable::Indices* FilterTable::filtersOfKey(std::string_view key) const {
-  // Letter case may change the length there.
-  if (hasKeysBeyondASCII_ && !isASCII(key)) return filtersOfLowerCaseKey(lowerCased(key));
-  if ((keyLengths_ & lengthBit(key)) == 0) return nullptr;
-  std::array<char, 64> shortKey;
-  std::string longKey;
-  char* text = shortKey.data();
-  if (key.size() > shortKey.size()) {
-    longKey.resize(key.size());
-    text = longKey.data();
-  }
-  std::transform(key.begin(), key.end(), text, lowerCasedASCII);
-  return filtersOfLowerCaseKey(std::string_view(text, key.size()));
-}
-
-const FilterTable::Indices* FilterTable::filtersOfLowerCaseKey(std::string_view key) const {
-  const auto found = byKey_.find(key);
-  return found == byKey_.end() ? nullptr : &found->second;
-}
-
-const FilterTable::Filter* FilterTable::firstFilterFor(std::string_view key, int32_t method,
+const FilterTable::Filter* FilterTable::firstFilterFor(std::string_view lowerCaseKey, int32_t method,
                                                        int32_t status) const {
-  const Indices* const indices = filtersOfKey(key);
-  if (indices == nullptr) return nullptr;
-  for (const uint32_t index : *indices) {
+  const auto found = byKey_.find(lowerCaseKey);
+  if (found == byKey_.end()) return nullptr;
+  for (const uint32_t index : found->second) {
     const Filter& filter = filters_[index];
     const bool fitsMethod = filter.method < 0 || filter.method == method;
     const bool fitsStatus = filter.status < 0 || filter.status == status;
@@ -94,8 +76,10 @@ void FilterTable::filterEvent(Dictionary& record) const {
     DictionaryEntry entry;
   };
   std::vector<Hit> hits;
+  std::string key;  // one for all: most keys fit into what the longest before took
   for (const DictionaryEntry& entry : record) {
-    const Filter* const filter = firstFilterFor(entry.key.stringValue(), method, status);
+    setLowerCased(key, entry.key.stringValue());
+    const Filter* const filter = firstFilterFor(key, method, status);
     if (filter != nullptr && filter->action != Action::kNone) hits.push_back({filter, entry});
   }
   for (const Hit& hit : hits) apply(*hit.filter, hit.entry.key, hit.entry.value, record);

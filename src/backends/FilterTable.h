@@ -50,19 +50,14 @@ class FilterTable final {
   };
 
   static Filter filterFromDictionary(const Dictionary& description);
-  using Indices = std::vector<uint32_t>;
-  /// The filters of a key, or null.
-  [[nodiscard]] const Indices* filtersOfKey(std::string_view key) const;
-  [[nodiscard]] const Indices* filtersOfLowerCaseKey(std::string_view key) const;
-  [[nodiscard]] const Filter* firstFilterFor(std::string_view key, int32_t method, int32_t status) const;
+  [[nodiscard]] const Filter* firstFilterFor(std::string_view lowerCaseKey, int32_t method,
+                                             int32_t status) const;
   static void apply(const Filter& filter, const Value& key, const Value& value, Dictionary& record);
   static bool containsListed(std::string_view text, const Value& listed);
 
   std::vector<Filter> filters_;
   // Indices into filters_, ascending, by the filters' keys in lower case.
-  std::unordered_map<std::string, Indices, TextHash, std::equal_to<>> byKey_;
-  uint64_t keyLengths_ = 0;  // bit n: a key of n bytes is there; bit 63: one of 63 or more
-  bool hasKeysBeyondASCII_ = false;
+  std::unordered_map<std::string, std::vector<uint32_t>, TextHash, std::equal_to<>> byKey_;
 };
 
 }  // namespace zun
