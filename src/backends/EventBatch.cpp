@@ -1,18 +1,19 @@
 #include "backends/EventBatch.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "util/MemoryUse.h"
 
 namespace zun {
 
-EventBatch::Room EventBatch::append(Dictionary record) {
+EventBatch::Room EventBatch::append(Dictionary record, Filtered filtered) {
   const auto bytes = static_cast<uint32_t>(estimatedObjectSize(Value(record)));
   if (bytes > kMaximumBytes - bytes_) return Room::kBatchFull;
   if (!memory_->take(bytes)) return Room::kAllFull;
   bytes_ += bytes;
-  estimatedSize_ += bytes;
   records_.push_back(std::move(record));
+  if (filtered == Filtered::kNo) unfilteredRecords_ = records_.size();
   return Room::kTaken;
 }
 
@@ -21,12 +22,24 @@ int32_t EventBatch::countOfMethod(int64_t method) const {
   return found == methodCounts_.end() ? 0 : found->second;
 }
 
-void EventBatch::setInAllRecords(const Value& key, const Value& value) {
-  estimatedSize_ = 0;
+size_t EventBatch::setInAllRecords(const Value& key, const Value& value) {
+  size_t bytes = 0;
+  size_t kept = 0;
   for (Dictionary& record : records_) {
     record.set(key, value);
-    estimatedSize_ += static_cast<uint32_t>(estimatedObjectSize(Value(record)));
+    const size_t grown = bytes + static_cast<uint32_t>(estimatedObjectSize(Value(record)));
+    if (grown > kMaximumBytes) break;
+    if (grown > bytes_ && !memory_->take(grown - bytes_)) break;
+    bytes_ = std::max(bytes_, grown);
+    bytes = grown;
+    ++kept;
   }
+  memory_->giveBack(bytes_ - bytes);
+  bytes_ = bytes;
+  const size_t dropped = records_.size() - kept;
+  records_.resize(kept);
+  unfilteredRecords_ = std::min(unfilteredRecords_, kept);
+  return dropped;
 }
 
 }  // namespace zun

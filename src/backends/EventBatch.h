@@ -26,25 +26,29 @@ class EventBatch final {
   static constexpr size_t kMaximumBytes = size_t{16} << 20;
 
   enum class Room { kTaken, kBatchFull, kAllFull };
+  enum class Filtered : bool { kNo, kYes };
 
   explicit EventBatch(std::shared_ptr<MemoryBudget> memory) : memory_(std::move(memory)) {}
   ~EventBatch() { memory_->giveBack(bytes_); }
   EventBatch(const EventBatch&) = delete;
   EventBatch& operator=(const EventBatch&) = delete;
 
-  /// Adds a record, if there is room.
-  Room append(Dictionary record);
+  /// Adds a record, if there is room. Those not filtered yet come before all others.
+  Room append(Dictionary record, Filtered filtered = Filtered::kYes);
 
   /// A method is whatever a record has under "_method", as an integer.
   [[nodiscard]] int32_t countOfMethod(int64_t method) const;
   void setCountOfMethod(int64_t method, int32_t count) { methodCounts_[method] = count; }
 
-  /// Writes `value` under `key` into every record.
-  void setInAllRecords(const Value& key, const Value& value);
+  /// Writes `value` under `key` into every record. The last records go where that leaves
+  /// no room for them: gives how many.
+  size_t setInAllRecords(const Value& key, const Value& value);
 
-  /// Estimated bytes of the records as they are now, kept in 32 bits.
-  [[nodiscard]] uint32_t estimatedSize() const { return estimatedSize_; }
+  /// Estimated bytes of the records as they are now.
+  [[nodiscard]] uint32_t estimatedSize() const { return static_cast<uint32_t>(bytes_); }
 
+  /// How many records, the first ones, are not filtered yet.
+  [[nodiscard]] size_t unfilteredRecords() const { return unfilteredRecords_; }
   [[nodiscard]] std::vector<Dictionary> takeRecords() { return std::move(records_); }
 
   /// True once: for the first record that found no room.
@@ -54,8 +58,8 @@ class EventBatch final {
   const std::shared_ptr<MemoryBudget> memory_;
   std::vector<Dictionary> records_;
   std::unordered_map<int64_t, int32_t> methodCounts_;
-  size_t bytes_ = 0;  // as taken from the budget
-  uint32_t estimatedSize_ = 0;
+  size_t unfilteredRecords_ = 0;
+  size_t bytes_ = 0;  // of the records, as taken from the budget
   bool overflowNoted_ = false;
 };
 

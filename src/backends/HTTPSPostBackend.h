@@ -114,7 +114,15 @@ class HTTPSPostBackend final : public ZunReportingBackend {
   void append(Dictionary record, int64_t method, int32_t count);
   [[nodiscard]] bool hasBatch() const;
   enum class FlushObstacle { kNone, kNothingToFlush, kUserInfoMissing };
-  FlushObstacle takeBatch(std::vector<Dictionary>& records);
+  struct TakenBatch {
+    FlushObstacle obstacle = FlushObstacle::kNone;
+    int32_t state = ZunBackendStateEnabled;
+    std::vector<Dictionary> records;  // to be posted, or to be dropped where there is nothing to flush
+    size_t unfilteredRecords = 0;
+  };
+  /// State queue only.
+  TakenBatch takeBatch();
+  void reportDropped(const TakenBatch& batch) const;
   /// State queue only.
   void publishBatchSize();
   [[nodiscard]] bool admitsEvent(uint16_t method) const;

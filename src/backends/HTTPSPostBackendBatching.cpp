@@ -69,8 +69,8 @@ std::optional<std::string> HTTPSPostBackend::sendMessage(const std::optional<Dic
 
 void HTTPSPostBackend::addSessionStopKeys(Dictionary& payload) const {
   log().debug(
-      "HTTPSPostBackend(sendMessage): Adding dnu type and sampling threshold to SESSION_TYPE_STOP message "
-      "dictionary");
+      "HTTPSPostBackend(sendMessage): "
+      "Adding dnu type and sampling threshold to SESSION_TYPE_STOP message dictionary");
   payload.set(Value::literal("Opt"), dnuType_);
   payload.set(Value::literal("SamplingThreshold"), orMinusOne(samplingThreshold()));
   payload.set(Value::literal("OverrideSampling"), orMinusOne(overrideSampling_));
@@ -110,8 +110,8 @@ std::optional<std::string> HTTPSPostBackend::batchEvent(Dictionary record) {
   std::optional<std::string> flushed;
   if (count > eventThreshold_) {
     log().debug(
-        "HTTPSPostBackend(batchEvent): Flushing all batched events as we reached event threshold for method "
-        "{}",
+        "HTTPSPostBackend(batchEvent): "
+        "Flushing all batched events as we reached event threshold for method {}",
         method);
     flushed = flushMessagesWithCompletion(nullptr);
     count = 0;
@@ -126,7 +126,10 @@ void HTTPSPostBackend::append(Dictionary record, int64_t method, int32_t count) 
   bool isFirstOverflow = false;
   const EventBatch::Room room = stateQueue_->sync([&] {
     if (!batchedEvents_) batchedEvents_.emplace(services_.batchMemory);
-    const EventBatch::Room found = batchedEvents_->append(std::move(record));
+    // Before the user information there is no client entry and so no filter table.
+    const auto filtered =
+        filters_.numberOfFilters() > 0 ? EventBatch::Filtered::kYes : EventBatch::Filtered::kNo;
+    const EventBatch::Room found = batchedEvents_->append(std::move(record), filtered);
     if (found == EventBatch::Room::kTaken) {
       batchedEvents_->setCountOfMethod(method, count + 1);
       publishBatchSize();
@@ -153,14 +156,15 @@ std::optional<std::string> HTTPSPostBackend::flushMessagesWithCompletion(FlushCo
     if (completion) completion(std::nullopt, reportingError(message));
     return std::nullopt;
   };
-  std::vector<Dictionary> records;
-  switch (stateQueue_->sync([this, &records] { return takeBatch(records); })) {
-    case FlushObstacle::kNothingToFlush: return fail("Nothing to flush");
+  TakenBatch batch = stateQueue_->sync([this] { return takeBatch(); });
+  switch (batch.obstacle) {
+    case FlushObstacle::kNothingToFlush: reportDropped(batch); return fail("Nothing to flush");
     case FlushObstacle::kUserInfoMissing: return fail("Can not flush: userInfo is required");
     case FlushObstacle::kNone: break;
   }
   log().debug("HTTPSPostBackend(flushMessagesWithCompletion): called");
-  records = admittedRecords(std::move(records));
+  for (size_t i = 0; i < batch.unfilteredRecords; ++i) filterEvent(batch.records[i]);
+  std::vector<Dictionary> records = admittedRecords(std::move(batch.records));
   std::optional<std::string> text;
   std::optional<std::string> json;
   if (!records.empty()) json = createMessageForPostAndLogging(std::move(records), &text);
@@ -174,31 +178,49 @@ std::optional<std::string> HTTPSPostBackend::flushMessagesWithCompletion(FlushCo
   return text;
 }
 
-HTTPSPostBackend::FlushObstacle HTTPSPostBackend::takeBatch(std::vector<Dictionary>& records) {
-  if (!batchedEvents_) return FlushObstacle::kNothingToFlush;
-  if (state_ != ZunBackendStateEnabled) {
-    batchedEvents_.reset();
-    publishBatchSize();
-    return FlushObstacle::kNothingToFlush;
+HTTPSPostBackend::TakenBatch HTTPSPostBackend::takeBatch() {
+  TakenBatch taken;
+  taken.state = state_;
+  if (!batchedEvents_ || state_ != ZunBackendStateEnabled) taken.obstacle = FlushObstacle::kNothingToFlush;
+  if (!batchedEvents_) return taken;
+  if (state_ == ZunBackendStateEnabled && requireUserInfo_ && !userInfoDict_) {
+    taken.obstacle = FlushObstacle::kUserInfoMissing;
+    return taken;
   }
-  if (requireUserInfo_ && !userInfoDict_) return FlushObstacle::kUserInfoMissing;
-  records = batchedEvents_->takeRecords();
+  taken.unfilteredRecords = batchedEvents_->unfilteredRecords();
+  taken.records = batchedEvents_->takeRecords();
   batchedEvents_.reset();
   publishBatchSize();
-  return FlushObstacle::kNone;
+  return taken;
+}
+
+// That a sampled-out device's events go is what sampling is for.
+void HTTPSPostBackend::reportDropped(const TakenBatch& batch) const {
+  if (batch.records.empty()) return;
+  const auto line = [this, &batch](std::string_view reason) {
+    return fmt::format(
+        "HTTPSPostBackend(flushMessagesWithCompletion): {}: dropping {} batched events, the backend {}",
+        name_, batch.records.size(), reason);
+  };
+  switch (batch.state) {
+    case ZunBackendStateAwaitingUserInfo: log().note("{}", line("waits for user information")); break;
+    case ZunBackendStateSampledOut: log().debug("{}", line("is sampled out")); break;
+    default: log().note("{}", line("is disabled")); break;
+  }
 }
 
 bool HTTPSPostBackend::admitsEvent(uint16_t method) const {
   if (!isWhitelistedEvent(method)) {
     log().debug(
-        "flushMessagesWithCompletion: Dropping event with category {} as it is not whitelisted for backend "
-        "{}",
+        "flushMessagesWithCompletion: "
+        "Dropping event with category {} as it is not whitelisted for backend {}",
         method, name_);
     return false;
   }
   if (isBlacklistedEvent(method)) {
     log().debug(
-        "flushMessagesWithCompletion: Dropping event with category {} as it is blacklisted for backend {}",
+        "flushMessagesWithCompletion: "
+        "Dropping event with category {} as it is blacklisted for backend {}",
         method, name_);
     return false;
   }
@@ -226,8 +248,8 @@ std::vector<Dictionary> HTTPSPostBackend::admittedRecords(std::vector<Dictionary
   }
   if (dropped > 0) {
     log().error(
-        "HTTPSPostBackend(flushMessagesWithCompletion): {}: dropping {} events, too many for user "
-        "information of {} bytes",
+        "HTTPSPostBackend(flushMessagesWithCompletion): {}: "
+        "dropping {} events, too many for user information of {} bytes",
         name_, dropped, userInfoBytes);
   }
   return admitted;
@@ -238,8 +260,13 @@ void HTTPSPostBackend::setCorrelatedSessionID(const std::string& identifier) {
   stateQueue_->async(
       [self = std::static_pointer_cast<HTTPSPostBackend>(shared_from_this()), value = Value(identifier)] {
         if (!self->batchedEvents_) return;
-        self->batchedEvents_->setInAllRecords(Value::literal("_sessionID"), value);
+        const size_t dropped = self->batchedEvents_->setInAllRecords(Value::literal("_sessionID"), value);
         self->publishBatchSize();
+        if (dropped == 0) return;
+        self->log().error(
+            "HTTPSPostBackend(setCorrelatedSessionID): {}: "
+            "dropping {} events, too many for an identifier of {} bytes",
+            self->name_, dropped, value.stringValue().size());
       });
 }
 

@@ -84,6 +84,37 @@ TEST_F(EventBatchTest, SetInAllRecordsReplacesOrAdds) {
   for (const Dictionary& record : batch.takeRecords()) EXPECT_EQ(record["id"], Value("new"));
 }
 
+// Many small records times one long identifier must not exceed what a batch may hold.
+TEST_F(EventBatchTest, WhatIsWrittenIntoAllRecordsCountsAgainstTheBoundAndDropsTheLastOnes) {
+  EventBatch batch(memory_);
+  for (int i = 0; i < 2'000; ++i) batch.append({{"number", i}});
+  const std::string identifier(10'000, 'i');
+  const size_t dropped = batch.setInAllRecords("_sessionID", identifier);
+  EXPECT_LE(batch.estimatedSize(), EventBatch::kMaximumBytes);
+  EXPECT_GT(batch.estimatedSize(), EventBatch::kMaximumBytes - 3 * identifier.size());
+  EXPECT_EQ(memory_->left(), kBudget - batch.estimatedSize());
+  const std::vector<Dictionary> records = batch.takeRecords();
+  EXPECT_EQ(records.size() + dropped, 2'000U);
+  for (size_t i = 0; i < records.size(); ++i) ASSERT_EQ(records[i]["number"], Value(i));
+}
+
+TEST_F(EventBatchTest, WhatIsWrittenIntoAllRecordsCountsAgainstTheBudgetOfAllBatches) {
+  EventBatch batch(memory_);
+  for (int i = 0; i < 10; ++i) batch.append({{"number", i}});
+  const size_t others = memory_->left() - 50'000;
+  ASSERT_TRUE(memory_->take(others));
+  EXPECT_EQ(batch.setInAllRecords("_sessionID", std::string(10'000, 'i')), 8U);
+  EXPECT_EQ(memory_->left(), kBudget - others - batch.estimatedSize());
+}
+
+TEST_F(EventBatchTest, ShorterValueInAllRecordsMakesRoom) {
+  EventBatch batch(memory_);
+  while (batch.append({{"_sessionID", std::string(10'000, 'i')}}) == EventBatch::Room::kTaken) continue;
+  EXPECT_EQ(batch.setInAllRecords("_sessionID", "1"), 0U);
+  EXPECT_EQ(memory_->left(), kBudget - batch.estimatedSize());
+  EXPECT_EQ(batch.append(recordOf(1 << 20)), EventBatch::Room::kTaken);
+}
+
 TEST_F(EventBatchTest, CountsAreKeptPerMethod) {
   EventBatch batch(memory_);
   EXPECT_EQ(batch.countOfMethod(5), 0);

@@ -132,6 +132,16 @@ TEST_F(HTTPSPostBackendBatchingTest, MissingUserInformationHoldsAnEnabledBackend
   EXPECT_TRUE(send(*backend, 1, 0).has_value());
 }
 
+TEST_F(HTTPSPostBackendBatchingTest, UserInformationThatIsNotRequiredHoldsNothingBack) {
+  const auto backend = start(reportingClient());
+  backend->setRequireUserInfo(false);
+  backend->setUserInfoDict(std::nullopt);
+  EXPECT_EQ(eventsOf(send(*backend, 1, 1)).size(), 1U);
+  expectDebugLine("HTTPSPostBackend(sendMessage): Sending 2, 1, 0");
+  backend->setBatchEvents(false);
+  EXPECT_EQ(eventsOf(send(*backend, 1)).size(), 1U);
+}
+
 TEST_F(HTTPSPostBackendBatchingTest, PromotionTakesEffectWithTheNextMessage) {
   platform_.random.setNext({2500});
   const auto backend = start(with(reportingClient(), "sampling_threshold", 0.2));
@@ -227,6 +237,7 @@ TEST_F(HTTPSPostBackendBatchingTest, SessionStopCarriesTheThresholdsInForce) {
   EXPECT_EQ(field(events, 0, "SamplingThreshold"), Value(0.2));
   EXPECT_EQ(field(events, 0, "OverrideSampling"), Value(0.5));
   EXPECT_EQ(field(events, 0, "Batch"), Value(1));
+  EXPECT_FALSE(field(events, 0, "Batch").isBoolean());
 }
 
 TEST_F(HTTPSPostBackendBatchingTest, SessionStopTellsOfAnOverrideWhileTheUserLetsDataOut) {
@@ -407,6 +418,14 @@ TEST_F(HTTPSPostBackendBatchingTest, FlushWithoutRequiredUserInformationKeepsThe
   EXPECT_EQ(eventsOf(backend->flushMessagesWithCompletion(nullptr)).size(), 1U);
 }
 
+TEST_F(HTTPSPostBackendBatchingTest, FlushNeedsNoUserInformationThatIsNotRequired) {
+  const auto backend = start(reportingClient());
+  backend->setRequireUserInfo(false);
+  backend->setUserInfoDict(std::nullopt);
+  send(*backend, 1);
+  EXPECT_EQ(eventsOf(backend->flushMessagesWithCompletion(nullptr)).size(), 1U);
+}
+
 TEST_F(HTTPSPostBackendBatchingTest, FlushAddsFilteredUserInformationToEveryRecord) {
   Dictionary removeName{{"key", "userInfoClientName"}, {"action", "remove"}, {"method", 0}};
   const auto backend = start(with(reportingClient(), "filters", Array{removeName}));
@@ -448,6 +467,17 @@ TEST_F(HTTPSPostBackendBatchingTest, FlushDropsEventsOutsideTheListsAndKeepsTheO
   expectDebugLine(
       "flushMessagesWithCompletion: Dropping event with category 9 as it is not whitelisted for backend "
       "httpPost");
+  expectDebugLine(
+      "flushMessagesWithCompletion: Dropping event with category 2 as it is blacklisted for backend "
+      "httpPost");
+}
+
+TEST_F(HTTPSPostBackendBatchingTest, FlushJudgesRecordsByTheLow16BitsOfTheirMethod) {
+  const auto backend =
+      start(with(with(reportingClient(), "event_whitelist", Array{1, 2}), "event_blacklist", Array{2}));
+  backend->batchEvent({{"_method", 65536 + 1}});
+  backend->batchEvent({{"_method", 65536 + 2}});
+  EXPECT_EQ(eventsOf(backend->flushMessagesWithCompletion(nullptr)).size(), 1U);
   expectDebugLine(
       "flushMessagesWithCompletion: Dropping event with category 2 as it is blacklisted for backend "
       "httpPost");
@@ -514,6 +544,27 @@ TEST_F(HTTPSPostBackendBatchingTest, CorrelatedSessionIDReachesBatchedRecordsAnd
   ASSERT_EQ(events.size(), 2U);
   EXPECT_EQ(field(events, 0, "_sessionID"), Value("77,78"));
   EXPECT_EQ(field(events, 1, "_sessionID"), Value("77,78"));
+}
+
+// A hierarchy of many levels has a long identifier, and thousands of small records may wait.
+TEST_F(HTTPSPostBackendBatchingTest, LongCorrelatedSessionIDIsNotMultipliedByTheBatch) {
+  const auto backend = start(clientWithThreshold(100'000));
+  for (int i = 0; i < 2'000; ++i) send(*backend, 1);
+  const std::string identifier(10'000, '7');
+  backend->setCorrelatedSessionID(identifier);
+  (void)backend->state();  // the state queue has come to it
+  EXPECT_LE(backend->batchedEventsSize(), EventBatch::kMaximumBytes);
+  EXPECT_EQ(services_.batchMemory->left(),
+            ReportingServices::kBatchMemoryBytes - backend->batchedEventsSize());
+  const Array events = eventsOf(backend->flushMessagesWithCompletion(nullptr));
+  EXPECT_LT(events.size(), 2'000U);
+  ASSERT_GT(events.size(), 700U);
+  EXPECT_EQ(field(events, events.size() - 1, "_sessionID"), Value(identifier));
+  EXPECT_EQ(field(events, events.size() - 1, "_eventNumber"), Value(events.size()));
+  expectErrors({fmt::format(
+      "HTTPSPostBackend(setCorrelatedSessionID): httpPost: dropping {} events, too many for an identifier of "
+      "10000 bytes",
+      2'000 - events.size())});
 }
 
 TEST_F(HTTPSPostBackendBatchingTest, BatchSizeIsTheSumOfTheRecordsEstimates) {
