@@ -37,7 +37,9 @@ inline Dictionary profileOf(const Dictionary& client) {
 /// A backend's surroundings on a release build whose user lets diagnostic data out.
 class BackendTest : public PlatformTest {
  protected:
-  explicit BackendTest(std::string caFile = {}) : PlatformTest(nullptr, std::move(caFile)) {
+  /// `executor`: as TestPlatform's.
+  explicit BackendTest(std::string caFile = {}, Executor* executor = nullptr)
+      : PlatformTest(executor, std::move(caFile)) {
     setDiagnosticSubmission(true);
   }
 
@@ -58,7 +60,10 @@ class BackendTest : public PlatformTest {
 
   /// A backend told what a session tells it; its user information has arrived.
   std::shared_ptr<HTTPSPostBackend> make(const Dictionary& client, std::string_view name = "httpPost") {
-    auto backend = makeWithProfile(profileOf(client), name);
+    return makeFrom(profileOf(client), name);
+  }
+  std::shared_ptr<HTTPSPostBackend> makeFrom(const Dictionary& profile, std::string_view name = "httpPost") {
+    auto backend = makeWithProfile(profile, name);
     if (backend == nullptr) return nullptr;
     backend->setSessionID(77);
     backend->setCompType(5);
@@ -135,6 +140,16 @@ class BackendTest : public PlatformTest {
   DeviceIdentity identity_{platform_.services};
   MessageLog messageLog_{platform_.services};
   ReportingServices services_{platform_.services, identity_, messageLog_};
+};
+
+struct OwnsExecutor {
+  ManualExecutor executor_;
+};
+
+/// A backend's surroundings where jobs run only when the test says so.
+class HandCrankedBackendTest : protected OwnsExecutor, public BackendTest {
+ protected:
+  HandCrankedBackendTest() : BackendTest({}, &executor_) {}
 };
 
 }  // namespace zun

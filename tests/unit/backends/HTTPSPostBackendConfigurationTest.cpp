@@ -393,27 +393,9 @@ TEST_F(HTTPSPostBackendConfigurationTest, CustomClientIdMakesAnIdentifierOfClien
   EXPECT_TRUE(platform_.defaults.stringForKey(kReportingSuite, "uuid:Camera:RearCamera").has_value());
 }
 
-TEST_F(HTTPSPostBackendConfigurationTest, EveryFieldOfAWrongTypeNeitherCrashesNorReports) {
-  const char* const keys[] = {"client",
-                              "service",
-                              "expedite",
-                              "enabledSince",
-                              "override_dnu",
-                              "locale_whitelist",
-                              "device_whitelist",
-                              "device_blacklist",
-                              "filters",
-                              "sampling_threshold",
-                              "per_country_sampling_thresholds",
-                              "override_sampling",
-                              "custom_clientId",
-                              "event_threshold",
-                              "extras_on_internal",
-                              "post_url",
-                              "realtime_post_url",
-                              "event_whitelist",
-                              "event_blacklist",
-                              "use_wifi_only"};
+// A list, dictionary or text of another type counts as absent, a number is read as far
+// as it goes.
+TEST_F(HTTPSPostBackendConfigurationTest, EveryFieldOfAWrongTypeCountsAsAbsentOrIsReadAsFarAsItGoes) {
   const Value wrong[] = {Array{Array{}, Dictionary{}, Value::data("x"), 5},
                          Dictionary{{"a", Array{}}},
                          Value::data(std::string(300, '\xFF')),
@@ -423,24 +405,46 @@ TEST_F(HTTPSPostBackendConfigurationTest, EveryFieldOfAWrongTypeNeitherCrashesNo
                          "\xF0\x9F\x98\x80,,..://",
                          true,
                          ""};
-  for (const char* key : keys) {
+  // The states under each of them, in this order.
+  const std::pair<const char*, std::string> expected[] = {{"client", "222222121"},
+                                                          {"service", "222222121"},
+                                                          {"expedite", "222222222"},
+                                                          {"enabledSince", "222222222"},
+                                                          {"override_dnu", "222222222"},
+                                                          {"locale_whitelist", "111111111"},
+                                                          {"device_whitelist", "122222222"},
+                                                          {"device_blacklist", "222222222"},
+                                                          {"filters", "211111111"},
+                                                          {"sampling_threshold", "333323323"},
+                                                          {"per_country_sampling_thresholds", "222222222"},
+                                                          {"override_sampling", "222222222"},
+                                                          {"custom_clientId", "222222222"},
+                                                          {"event_threshold", "222222222"},
+                                                          {"extras_on_internal", "222222222"},
+                                                          {"post_url", "222222222"},
+                                                          {"realtime_post_url", "222222222"},
+                                                          {"event_whitelist", "222222222"},
+                                                          {"event_blacklist", "222222222"},
+                                                          {"use_wifi_only", "222222222"}};
+  for (const auto& [key, states] : expected) {
+    std::string found;
     for (const Value& value : wrong) {
       const auto backend = start(with(reportingClient(), key, value));
-      const int32_t state = backend->state();
-      EXPECT_GE(state, 0);
-      EXPECT_LE(state, 3);
+      found += std::to_string(backend->state());
       send(*backend, 1);
       backend->flushMessagesWithCompletion(nullptr);
     }
+    EXPECT_EQ(found, states) << key;
   }
-  for (const Value& value : wrong) {
-    stateOfClients({value, reportingClient()}, userInfo());
-    stateOfClients({reportingClient()}, userInfo(value, value));
-  }
-  for (const std::string& line : platform_.log.takeErrors()) {
-    const bool expected = line == "HTTPSPostBackend(updateBackendState): filters are required." ||
-                          line.find("Textweave unable to handle key") != std::string::npos;
-    EXPECT_TRUE(expected) << line;
+  // Eight values that are no list of filters.
+  expectErrors(std::vector<std::string>(8, "HTTPSPostBackend(updateBackendState): filters are required."));
+}
+
+TEST_F(HTTPSPostBackendConfigurationTest, ProfilesAndUserInformationOfWrongTypesCrashNothing) {
+  for (const Value& value : {Value(5), Value(Array{}), Value(Dictionary{}), Value::data("x"), Value("")}) {
+    EXPECT_EQ(stateOfClients({value, reportingClient()}, userInfo()),
+              value.isDictionary() ? ZunBackendStateDisabled : ZunBackendStateEnabled);
+    EXPECT_EQ(stateOfClients({reportingClient()}, userInfo(value, value)), ZunBackendStateEnabled);
   }
 }
 

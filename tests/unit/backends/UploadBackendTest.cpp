@@ -143,6 +143,17 @@ TEST_F(UploadBackendTest, PostsTheWholeFileAsGzip) {
   EXPECT_EQ(inflatedGzip(request.body), contents);
 }
 
+TEST_F(UploadBackendTest, DeviceWithoutAnIdentifierSaysNull) {
+  answer("ok");
+  const auto unnamed = ZunReportingBackend::newBackendWithName(
+      services_, "uploadServer", Dictionary{{"post_url", server_.url("/upload")}}, "Pallax Large", 5);
+  unnamed->setReportingSessionConnectivityDelegate(helper_);
+  const std::string file = write("file");
+  EXPECT_TRUE(unnamed->uploadFileAtPath(file, {issue(file), extensions_}));
+  ASSERT_EQ(server_.requests().size(), 1U);
+  EXPECT_TRUE(server_.requests()[0].query.starts_with("uuid=(null)&sequence=0&"));
+}
+
 TEST_F(UploadBackendTest, BlankInTheNameIsSentAsPercent20WithTheSuffixAppended) {
   answer("ok");
   EXPECT_TRUE(upload(write("my log#1&a=ü.txt")));
@@ -263,6 +274,53 @@ TEST_F(UploadBackendTest, FileThatIsAnotherByNowIsNotRemoved) {
                     " stays: The path names another file than the one handed over");
 }
 
+// --- The client's access ends with the upload ------------------------------------------
+
+/// The descriptors that this process has open on `path`.
+int descriptorsOn(const std::string& path) {
+  int count = 0;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code gone;
+    if (std::filesystem::read_symlink(entry.path(), gone).string().starts_with(path)) ++count;
+  }
+  return count;
+}
+
+TEST_F(UploadBackendTest, ExtensionIsReleasedOnEveryPath) {
+  const auto expectReleased = [this](const std::string& file, const char* way) {
+    const std::string token = issue(file);
+    EXPECT_EQ(descriptorsOn(file), 1) << way;
+    upload(file, token);
+    EXPECT_EQ(descriptorsOn(file), 0) << way;
+  };
+  answer("success");
+  expectReleased(write("accepted"), "accepted");
+  answer("failed");
+  expectReleased(write("rejected"), "rejected");
+  server_.answer("/upload", TestAnswer::ended(TestAnswer::Ending::kNoAnswer));
+  expectReleased(write("unanswered"), "unanswered");
+  backend_->setUploadURL("upload");
+  expectReleased(write("unsendable"), "unsendable");
+  backend_->setReportingSessionConnectivityDelegate({});
+  backend_->setUploadURL(server_.url("/upload"));
+  expectReleased(write("unposted"), "unposted");
+  expectReleased(write("empty", ""), "empty");
+  std::filesystem::create_directory(path("folder"));
+  expectReleased(path("folder"), "folder");
+  EXPECT_EQ(platform_.log.takeErrors().size(), 4U);
+}
+
+TEST_F(UploadBackendTest, ExtensionLastsUntilTheUploadHasEnded) {
+  const std::string file = write("file");
+  int whileUnderWay = 0;
+  server_.handle("/upload", [&](const TestRequest&) {
+    whileUnderWay = descriptorsOn(file);
+    return TestAnswer{.body = "ok"};
+  });
+  EXPECT_TRUE(upload(file));
+  EXPECT_EQ(whileUnderWay, 1);
+}
+
 // --- What is not uploaded --------------------------------------------------------------
 
 TEST_F(UploadBackendTest, DirectoryIsRefused) {
@@ -309,6 +367,7 @@ TEST_F(UploadBackendTest, WithoutUploadURLTheTokenIsNotConsumed) {
   const std::string token = issue(file);
   backend_->setUploadURL(std::nullopt);
   EXPECT_FALSE(upload(file, token));
+  expectDebugLine("UploadBackend(uploadFileAtPath): Uploading file " + file);
   backend_->setUploadURL(server_.url("/upload"));
   EXPECT_TRUE(upload(file, token));
 }

@@ -26,6 +26,7 @@ class PlainBackend final : public ZunReportingBackend {
     return fmt::format("{}.{}.{}", selfVersionMajor_, selfVersionMiddle_, selfVersionMinor_);
   }
   double samplingFactor() const { return samplingFactor_; }
+  int32_t stateAsWritten() const { return state_; }
   double startTimeStamp() const { return startTimeStamp_; }
   int32_t compType() const { return compType_; }
   Value combined() const { return combinedSessionIDString(); }
@@ -165,6 +166,12 @@ TEST_F(ZunReportingBackendTest, BaseFlushWithoutCompletionDoesNothing) {
   EXPECT_EQ(plain()->flushMessagesWithCompletion(nullptr), std::nullopt);
 }
 
+TEST_F(ZunReportingBackendTest, BaseUploadsNothing) {
+  const auto backend = plain();
+  EXPECT_FALSE(backend->uploadFileAtPath("/etc/hostname", {}));
+  EXPECT_FALSE(backend->uploadLogData({}));
+}
+
 TEST_F(ZunReportingBackendTest, BaseUpdateStateEnables) {
   const auto backend = plain();
   EXPECT_EQ(backend->state(), ZunBackendStateAwaitingUserInfo);
@@ -209,6 +216,16 @@ TEST_F(ZunReportingBackendTest, CorrelatedSessionIDBecomesTheCombinedOne) {
   const auto backend = plain();
   backend->setCorrelatedSessionID("1,2");
   EXPECT_EQ(backend->combined(), Value("1,2"));
+}
+
+using ZunReportingBackendQueueTest = HandCrankedBackendTest;
+
+TEST_F(ZunReportingBackendQueueTest, SettingTheStateDoesNotWaitAndIsSeenByTheNextReader) {
+  const auto backend = std::make_shared<PlainBackend>(services_);
+  backend->setState(ZunBackendStateDisabled);
+  EXPECT_EQ(backend->stateAsWritten(), ZunBackendStateAwaitingUserInfo);
+  EXPECT_EQ(backend->state(), ZunBackendStateDisabled);
+  executor_.runAll();
 }
 
 // What other sessions' threads may call beside the session's own calls.
