@@ -3,6 +3,7 @@
 #include <systemd/sd-daemon.h>
 
 #include <atomic>
+#include <cstdint>
 #include <utility>
 
 namespace zun {
@@ -10,19 +11,30 @@ namespace zun {
 struct ServiceTransactions::State {
   explicit State(UniqueFunction<void(bool)> observer) : changed(std::move(observer)) {}
 
+  static bool isOpenAfter(uint64_t changes) { return changes % 2 == 1; }
+
   /// Loop thread.
   void report() {
-    const bool current = isOpen;
+    const uint64_t current = changes;
     if (isEnded || current == lastReported) return;
-    lastReported = current;
+    const uint64_t earlier = std::exchange(lastReported, current);
+    const bool isOpen = isOpenAfter(current);
+    if (isOpen == isOpenAfter(earlier)) {
+      // An open one that was never seen is work all the same.
+      if (!isOpen && changed) {
+        changed(true);
+        changed(false);
+      }
+      return;
+    }
     // Here, not in `begin` and `end`: a busy service manager may make the sender wait.
-    (void)sd_notify(0, current ? "STATUS=Working" : "STATUS=Idle");
-    if (changed) changed(current);
+    (void)sd_notify(0, isOpen ? "STATUS=Working" : "STATUS=Idle");
+    if (changed) changed(isOpen);
   }
 
-  std::atomic<bool> isOpen{false};
+  std::atomic<uint64_t> changes{0};  // of whether one is open
   std::atomic<bool> isEnded{false};
-  bool lastReported = false;
+  uint64_t lastReported = 0;
   const UniqueFunction<void(bool)> changed;
 };
 
@@ -34,11 +46,14 @@ ServiceTransactions::~ServiceTransactions() {
 }
 
 bool ServiceTransactions::isOpen() const {
-  return state_->isOpen;
+  return State::isOpenAfter(state_->changes);
 }
 
 void ServiceTransactions::setOpen(bool isOpen) {
-  if (state_->isOpen.exchange(isOpen) == isOpen) return;
+  uint64_t changes = state_->changes;
+  do {
+    if (State::isOpenAfter(changes) == isOpen) return;
+  } while (!state_->changes.compare_exchange_weak(changes, changes + 1));
   loop_.post([state = state_] { state->report(); });
 }
 

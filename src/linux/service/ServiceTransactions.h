@@ -12,7 +12,8 @@ namespace zun {
 /// its status and to main, which exits when idle and stops when nothing is pending.
 ///
 /// Threading: any thread; the observer is called on the event loop's thread, once for
-/// each lasting change (an end with a new begin right after it is none).
+/// each lasting change (an end with a new begin right after it is none, a begin with an
+/// end right after it is two).
 /// Ownership: owned by main; `loop` outlives it.
 class ServiceTransactions final : public ProcessTransactions {
  public:

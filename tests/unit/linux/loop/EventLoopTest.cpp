@@ -363,6 +363,20 @@ TEST_F(ServiceTransactionsTest, AnEndWithANewBeginIsNoChange) {
   EXPECT_EQ(changes_, std::vector{true});
 }
 
+// Work so short still was work: a process that is to leave when it has had some would stay.
+TEST_F(ServiceTransactionsTest, ABeginWithAnEndRightAfterItIsTold) {
+  ServiceTransactions transactions(*loop_, [this](bool isOpen) { changes_.push_back(isOpen); });
+  for (int round = 0; round < 2; ++round) {
+    transactions.begin();
+    transactions.end();
+    settle();
+    EXPECT_EQ(changes_, (std::vector{true, false}));
+    changes_.clear();
+  }
+  settle();
+  EXPECT_EQ(changes_, std::vector<bool>());
+}
+
 TEST_F(ServiceTransactionsTest, NothingIsReportedAfterTheEndOfTheObject) {
   {
     ServiceTransactions transactions(*loop_, [this](bool isOpen) { changes_.push_back(isOpen); });
