@@ -141,10 +141,15 @@ class ServiceListener {
 
   /// `delegate` outlives the listener.
   virtual void setDelegate(ServiceListenerDelegate* delegate) = 0;
-  /// Begins to accept.
+  /// Begins to accept, or goes on after `pause`.
   virtual void resume() = 0;
+  /// Lets new clients wait.
+  virtual void pause() = 0;
   /// Accepts no more.
   virtual void stop() = 0;
+  /// Connections that are served, and whether a client waits to be. Exact while paused.
+  [[nodiscard]] virtual size_t connectionCount() = 0;
+  [[nodiscard]] virtual bool hasWaitingClient() = 0;
   /// Invalidates every connection and waits for their threads.
   virtual void invalidateConnections() = 0;
 };

@@ -81,13 +81,19 @@ DBusServiceListener::~DBusServiceListener() {
 
 void DBusServiceListener::resume() {
   if (thread_.joinable() || isStopping_) return;
+  isPaused_ = false;
   thread_ = std::thread([this] { acceptLoop(); });
+}
+
+void DBusServiceListener::pause() {
+  isPaused_ = true;
+  wake();
+  if (thread_.joinable()) thread_.join();
 }
 
 void DBusServiceListener::stop() {
   isStopping_ = true;
-  wake();
-  if (thread_.joinable()) thread_.join();
+  pause();
   socket_.close();
 }
 
@@ -98,7 +104,7 @@ void DBusServiceListener::wake() {
 }
 
 void DBusServiceListener::acceptLoop() {
-  while (!isStopping_) {
+  while (!isPaused_) {
     std::array<pollfd, 2> polled{{{socket_.get(), POLLIN, 0}, {wake_.get(), POLLIN, 0}}};
     if (::poll(polled.data(), polled.size(), -1) < 0) continue;
     if ((polled[1].revents & POLLIN) != 0) {
@@ -106,7 +112,7 @@ void DBusServiceListener::acceptLoop() {
       [[maybe_unused]] const ssize_t taken = ::read(wake_.get(), &count, sizeof count);
       joinEnded();
     }
-    if (!isStopping_ && polled[0].revents != 0) acceptOne();
+    if (!isPaused_ && polled[0].revents != 0) acceptOne();
   }
 }
 
@@ -272,6 +278,11 @@ void DBusServiceListener::invalidateConnections() {
 size_t DBusServiceListener::connectionCount() {
   const MutexLock lock(mutex_);
   return running_.size();
+}
+
+bool DBusServiceListener::hasWaitingClient() {
+  pollfd waiting{socket_.get(), POLLIN, 0};
+  return ::poll(&waiting, 1, 0) > 0;
 }
 
 void DBusServiceListener::setConnectionCountHandler(UniqueFunction<void(size_t)> handler) {

@@ -36,6 +36,7 @@ struct DBusListenerOptions {
 /// connect to; entitlements decide who is served.
 ///
 ///   created (listening) ─resume─▶ accepting ─stop─▶ closed ─invalidateConnections─▶ over
+///                       ◀──pause──
 ///
 /// Threading: as ServiceListener says; one thread accepts, each connection has its own.
 /// Ownership: main's. `entitlements` and `log` outlive it, the delegate its connections.
@@ -48,11 +49,13 @@ class DBusServiceListener final : public ServiceListener {
 
   void setDelegate(ServiceListenerDelegate* delegate) override { delegate_ = delegate; }
   void resume() override;
+  void pause() override;
   void stop() override;
   void invalidateConnections() override;
 
   /// Connections whose threads run. Any thread.
-  [[nodiscard]] size_t connectionCount();
+  [[nodiscard]] size_t connectionCount() override;
+  [[nodiscard]] bool hasWaitingClient() override;
   /// Called with the new count whenever it changes, on any thread, one call at a time.
   /// Set before `resume`.
   void setConnectionCountHandler(UniqueFunction<void(size_t)> handler);
@@ -93,6 +96,7 @@ class DBusServiceListener final : public ServiceListener {
   bool isShort_ = false;  // the accepting thread's: the system is, and it has been said
   std::thread thread_;
   std::atomic<bool> isStopping_{false};
+  std::atomic<bool> isPaused_{false};
 
   Mutex countMutex_;
   UniqueFunction<void(size_t)> countHandler_ GUARDED_BY(countMutex_);

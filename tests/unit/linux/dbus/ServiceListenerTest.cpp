@@ -103,6 +103,32 @@ TEST_F(ServiceListenerTest, ASocketOfTheServiceManagerIsUsed) {
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
 }
 
+TEST_F(ServiceListenerTest, WhoComesDuringAPauseWaitsUntilItIsOver) {
+  start();
+  auto early = connect();
+  waitForConnections(1);
+  EXPECT_FALSE(listener_->hasWaitingClient());
+  listener_->pause();
+  RawClient late(path_);
+  EXPECT_TRUE(late.isConnected());
+  EXPECT_TRUE(listener_->hasWaitingClient());
+  EXPECT_EQ(listener_->connectionCount(), 1u);
+  listener_->resume();
+  EXPECT_TRUE(late.authenticate());
+  EXPECT_EQ(listener_->connectionCount(), 2u);
+  EXPECT_FALSE(listener_->hasWaitingClient());
+}
+
+TEST_F(ServiceListenerTest, AStoppedListenerHasNoWaitingClient) {
+  start();
+  listener_->pause();
+  RawClient late(path_);
+  listener_->stop();
+  EXPECT_FALSE(listener_->hasWaitingClient());
+  listener_->resume();
+  EXPECT_FALSE(RawClient(path_).isConnected());
+}
+
 // Clients that come when descriptors have run out are turned away, not left to spin on.
 TEST_F(ServiceListenerTest, RunningOutOfDescriptorsRefusesConnections) {
   start();
