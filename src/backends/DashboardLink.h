@@ -54,6 +54,9 @@ class DashboardLink final : public std::enable_shared_from_this<DashboardLink> {
   DashboardLink& operator=(const DashboardLink&) = delete;
   ~DashboardLink();
 
+  /// Links of this process that have outlived their backends: their packets still wait.
+  [[nodiscard]] static size_t outlivingCount() { return outliving_; }
+
   [[nodiscard]] bool isReliable() const { return reliableUDP_; }
 
   void send(DashboardDatagram datagram, uint16_t eventNumber);

@@ -10,6 +10,7 @@
 #include "daemon/QuietPeriod.h"
 #include "platform/Clock.h"
 #include "platform/ServiceConnection.h"
+#include "platform/SystemLog.h"
 
 namespace zun {
 
@@ -31,14 +32,18 @@ class LifetimeHost {
 
 /// Ends the daemon: on a signal, or when nobody needs it any more.
 ///
-///   running ──SIGTERM, idle──▶ stopping: connections end, transfers finish ──▶ loop quits
+///   running ──SIGTERM, idle──▶ stopping: connections end, transfers finish, dashboards
+///                                  │     have their time ──▶ loop quits
 ///                                  └──grace over, or a second signal──▶ process ends
+///
+/// An idle daemon gives dashboards their time before it stops, while it still serves.
 ///
 /// Threading: the loop's thread, and one of its own that waits for the connections.
 /// Ownership: main's; everything handed in outlives it.
 class Lifetime final {
  public:
-  Lifetime(const DaemonOptions& options, LifetimeHost& host, ServiceListener& listener, const Clock& clock);
+  Lifetime(const DaemonOptions& options, LifetimeHost& host, ServiceListener& listener, const Clock& clock,
+           SystemLog& log);
   ~Lifetime();
   Lifetime(const Lifetime&) = delete;
   Lifetime& operator=(const Lifetime&) = delete;
@@ -47,19 +52,25 @@ class Lifetime final {
   void transactionChanged(bool isOpen);
   void connectionsChanged(size_t count);
 
-  /// False if something still runs that cannot be waited for.
+  /// False if something still runs that cannot be waited for; the log has said what.
   [[nodiscard]] bool hasEndedCleanly() const { return !isStopping_ || hasStopped_; }
 
  private:
-  void watchIdleness();
+  enum class Dashboards : bool { kHadTheirTime, kHaveTime };
+
+  void watchIdleness(std::chrono::nanoseconds leastWait = {});
   void idleTimeOver();
-  void stop();
-  void waitForTheEnd();
+  [[nodiscard]] bool isNeeded();
+  void stop(Dashboards dashboards);
+  void waitForTheEnd(Dashboards dashboards);
+  void graceOver();
+  void tellWhatIsUnfinished();
 
   const DaemonOptions& options_;
   LifetimeHost& host_;
   ServiceListener& listener_;
   const Clock& clock_;
+  SystemLog& log_;
   IdleExitPolicy idleExit_;
   bool isStopping_ = false;
   bool isWatchingIdleness_ = false;

@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <utility>
 
+#include "backends/DashboardLink.h"
 #include "linux/service/ServiceManager.h"
 #include "linux/system/JournalPowerLog.h"
 
@@ -48,8 +49,9 @@ DaemonActivity Machine::activity() {
   const WorkerPool::Activity workers = workers_.activity();
   return {.isTransactionOpen = transactions_.isOpen(),
           .jobsTaken = workers.jobsTaken,
-          .areWorkersIdle = workers.isIdle,
-          .transfersInFlight = urlSessions_.transfersInFlight()};
+          .jobsUnfinished = workers.jobsUnfinished,
+          .transfersInFlight = urlSessions_.transfersInFlight(),
+          .dashboards = DashboardLink::outlivingCount()};
 }
 
 // The worker that hands `action` over may do so when whoever asked has gone: the loop has

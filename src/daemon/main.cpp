@@ -67,7 +67,7 @@ int runDaemon(const DaemonOptions& options, EventLoop& loop, SystemLog& log) {
     return kExitCannotStart;
   }
   const auto agent = ReportingdAgent::create(services, *fetcher);
-  Lifetime lifetime(options, machine, **listener, platform.clock);
+  Lifetime lifetime(options, machine, **listener, platform.clock, log);
   connect(machine, loop, **listener, lifetime);
   (*listener)->setDelegate(agent.get());
   (*listener)->resume();
@@ -79,7 +79,6 @@ int runDaemon(const DaemonOptions& options, EventLoop& loop, SystemLog& log) {
     std::_Exit(kExitCannotStart);  // clients are still served: nothing may be taken apart
   }
   if (!lifetime.hasEndedCleanly()) {
-    log.error("main: stopped with {} transfers unfinished", machine.activity().transfersInFlight);
     std::_Exit(EXIT_SUCCESS);  // what still runs cannot be waited for
   }
   return EXIT_SUCCESS;

@@ -2,8 +2,10 @@
 
 import json
 import select
+import signal
 import socket
 import struct
+import subprocess
 import time
 import unittest
 
@@ -77,10 +79,10 @@ class DashboardTest(ScratchTest):
         self.addCleanup(dashboard.close)
         return dashboard
 
-    def start(self, port, **changes):
+    def start(self, port, *options, **changes):
         """The daemon with a storebag whose only backend sends to `port` of this machine."""
         self.scratch.publish(backends={"dashboard": {"ip": "127.0.0.1", "port": port} | changes})
-        return self.scratch.start()
+        return self.scratch.start(*options)
 
     def collector(self, *options):
         collector = Collector(self.scratch.folder, self.scratch.authority, *options)
@@ -259,6 +261,51 @@ class RetransmissionTest(DashboardTest):
         dashboard = self.dashboard(port.port)
         events = self.by_event([dashboard.receive() for _ in range(3)])
         self.assertEqual(set(events), {1, 2, 3})
+
+
+class StopTest(DashboardTest):
+    def session(self):
+        """A client that stays connected."""
+        client = subprocess.Popen([binary("zunreportingctl"), "--address", self.scratch.address, "send",
+                                   "--client-name", "tester", "--verbose"],
+                                  stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+        self.addCleanup(lambda: (client.kill(), client.communicate()))
+        self.assertIn("active backends: dashboard", client.stdout.readline())
+
+    def receive_end_twice(self, dashboard):
+        """Every datagram up to the first retransmission of the session's end."""
+        datagrams = []
+        while sum(datagram.kind == END for datagram in datagrams) < 2:
+            datagrams.append(dashboard.receive())
+        return datagrams
+
+    def acknowledge_all(self, dashboard, datagrams):
+        for datagram in datagrams:
+            dashboard.acknowledge(datagram)
+
+    def test_stop_waits_for_acknowledgements(self):
+        dashboard = self.dashboard()
+        daemon = self.start(dashboard.port, reliable=100)
+        self.session()
+        daemon.process.send_signal(signal.SIGTERM)
+        self.acknowledge_all(dashboard, self.receive_end_twice(dashboard))
+        self.assertEqual(daemon.wait(), 0)
+
+    def test_stop_waits_for_acknowledgements_no_longer_than_the_grace(self):
+        dashboard = self.dashboard()
+        daemon = self.start(dashboard.port, "--stop-grace", "1", reliable=3600_000)
+        self.session()
+        self.expect_error("main: stopped with 0 connections, 0 transfers, 1 dashboards and 0 jobs unfinished")
+        self.assertEqual(daemon.stop(), 0)
+
+    def test_idle_exit_waits_for_acknowledgements_and_serves_on(self):
+        dashboard = self.dashboard()
+        daemon = self.start(dashboard.port, "--idle-exit", "0", reliable=100)
+        self.send({"a": 1})
+        datagrams = self.receive_end_twice(dashboard)
+        self.send({"a": 2})
+        self.acknowledge_all(dashboard, datagrams + self.receive_end_twice(dashboard))
+        self.assertEqual(daemon.wait(), 0)
 
 
 class LogDataTest(DashboardTest):

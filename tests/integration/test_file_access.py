@@ -195,7 +195,7 @@ class FileAccessTest(ScratchTest):
 
     def test_termination_waits_for_an_upload_no_longer_than_the_grace(self):
         _, path = self.upload_that_hangs("--stop-grace", "1")
-        self.expect_error("main: stopped with 1 transfers unfinished")
+        self.expect_error("main: stopped with 1 connections, 1 transfers,")
         self.assertEqual(self.scratch.daemon.stop(), 0)
         self.assertTrue(path.exists())
 

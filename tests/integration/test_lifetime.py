@@ -43,7 +43,7 @@ class LifetimeTest(ScratchTest):
         self.scratch.start("--stop-grace", "1")
         client = self.session("--batch")
         self.report(client, number=1)
-        self.expect_error("main: stopped with 1 transfers unfinished")
+        self.expect_error("main: stopped with 0 connections, 1 transfers,")
         self.assertEqual(self.scratch.daemon.stop(), 0)
 
     def test_second_termination_signal_ends_the_process_at_once(self):
@@ -65,6 +65,13 @@ class LifetimeTest(ScratchTest):
         self.assertEqual(self.scratch.daemon.wait(), 0)
         self.assertTrue(self.scratch.daemon.has_line("releaseQuorxTransactions: Quorx transaction ended"))
         self.expect_error("ZunReportingBackend(newBackendWithName): release_timeout")
+
+    # The loop may hear of such a session's beginning and end at the same time.
+    def test_idle_daemon_exits_however_short_its_work_was(self):
+        for _ in range(5):
+            self.scratch.start("--idle-exit", "0")
+            raw_connection(self.scratch.socket).close()
+            self.assertEqual(self.scratch.daemon.wait(), 0)
 
     def test_idle_daemon_that_gets_work_again_begins_its_time_anew(self):
         self.scratch.publish(release_timeout=1)

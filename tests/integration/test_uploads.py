@@ -308,7 +308,7 @@ class UploadTest(ScratchTest):
         client.close()
         self.daemon.process.send_signal(signal.SIGTERM)
         self.assertEqual(self.daemon.wait(), 0)
-        self.expect_error("main: stopped with 1 transfers unfinished")
+        self.expect_error("main: stopped with 1 connections, 1 transfers,")
         self.assertTrue(os.path.exists(path))
 
 

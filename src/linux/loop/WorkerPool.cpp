@@ -35,7 +35,8 @@ void WorkerPool::execute(UniqueFunction<void()> job) {
 
 WorkerPool::Activity WorkerPool::activity() {
   const MutexLock lock(mutex_);
-  return {jobsTaken_, jobs_.empty() && sleepers_ == threads_.size()};
+  const size_t unfinished = jobs_.size() + threads_.size() - sleepers_;
+  return {jobsTaken_, unfinished, unfinished == 0};
 }
 
 void WorkerPool::work() noexcept {

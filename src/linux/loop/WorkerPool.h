@@ -28,8 +28,9 @@ class WorkerPool final : public Executor {
 
   /// How busy the pool is at a moment.
   struct Activity {
-    uint64_t jobsTaken = 0;  // since the start
-    bool isIdle = false;     // nothing runs and nothing waits
+    uint64_t jobsTaken = 0;     // since the start
+    size_t jobsUnfinished = 0;  // that run or wait
+    bool isIdle = false;        // there are none of these
   };
   [[nodiscard]] Activity activity();
 

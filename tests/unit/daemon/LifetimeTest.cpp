@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
@@ -11,6 +12,7 @@
 #include <vector>
 
 #include "support/Fakes.h"
+#include "support/RecordingLog.h"
 
 namespace zun {
 namespace {
@@ -78,7 +80,7 @@ class FakeHost final : public LifetimeHost {
   Trace& trace_;
   std::vector<std::pair<std::chrono::nanoseconds, std::function<void()>>> timers_;
   std::mutex mutex_;
-  DaemonActivity activity_{.isTransactionOpen = false, .areWorkersIdle = true};
+  DaemonActivity activity_;
 };
 
 class FakeListener final : public ServiceListener {
@@ -89,12 +91,19 @@ class FakeListener final : public ServiceListener {
 
   void setDelegate(ServiceListenerDelegate* /*delegate*/) override {}
   void resume() override { trace_.add("resume"); }
+  void pause() override { trace_.add("pause"); }
   void stop() override { trace_.add("stop"); }
   void invalidateConnections() override {
     trace_.add("invalidate connections");
     std::unique_lock lock(mutex_);
     ended_.wait(lock, [&] { return !hasCall_; });
   }
+
+  size_t connectionCount() override { return connections; }
+  bool hasWaitingClient() override { return hasWaiting; }
+
+  std::atomic<size_t> connections{0};
+  std::atomic<bool> hasWaiting{false};
 
   void beginCall() {
     const std::lock_guard lock(mutex_);
@@ -116,7 +125,7 @@ class FakeListener final : public ServiceListener {
 class LifetimeTest : public ::testing::Test {
  protected:
   ~LifetimeTest() override {
-    host_.set({.isTransactionOpen = false, .areWorkersIdle = true});
+    host_.set({});
     listener_.letCallsEnd();
   }
 
@@ -124,10 +133,14 @@ class LifetimeTest : public ::testing::Test {
     lifetime_.transactionChanged(true);
     lifetime_.transactionChanged(false);
   }
+  void expectError(const std::string& line) { EXPECT_EQ(log_.takeErrors(), std::vector<std::string>{line}); }
+  void TearDown() override { EXPECT_EQ(log_.takeErrors(), std::vector<std::string>()); }
+
   using Steps = std::vector<std::string>;
 
   FakeClock clock_;
   Trace trace_;
+  RecordingLog log_;
   const DaemonOptions options_ = [] {
     DaemonOptions options;
     options.idleExit = 30s;
@@ -136,7 +149,7 @@ class LifetimeTest : public ::testing::Test {
   }();
   FakeHost host_{clock_, trace_};
   FakeListener listener_{trace_};
-  Lifetime lifetime_{options_, host_, listener_, clock_};
+  Lifetime lifetime_{options_, host_, listener_, clock_, log_};
 };
 
 TEST_F(LifetimeTest, ASignalClosesTheDoorEndsTheConnectionsAndThenTheLoop) {
@@ -154,17 +167,19 @@ TEST_F(LifetimeTest, ASecondSignalEndsTheProcessAtOnce) {
 }
 
 TEST_F(LifetimeTest, TheLoopEndsOnceNothingIsInFlightAnyMore) {
-  host_.set({.isTransactionOpen = true, .areWorkersIdle = true, .transfersInFlight = 1});
+  host_.set({.isTransactionOpen = true, .transfersInFlight = 1});
   lifetime_.terminationRequested();
   EXPECT_TRUE(trace_.waitFor("invalidate connections"));
   EXPECT_FALSE(lifetime_.hasEndedCleanly());
-  host_.set({.isTransactionOpen = true, .areWorkersIdle = true, .transfersInFlight = 0});
+  host_.set({.isTransactionOpen = true, .transfersInFlight = 0});
   EXPECT_TRUE(trace_.waitFor("quit"));
   EXPECT_TRUE(lifetime_.hasEndedCleanly());
 }
 
 TEST_F(LifetimeTest, TheGraceBoundsTheWait) {
   listener_.beginCall();
+  listener_.connections = 2;
+  host_.set({.isTransactionOpen = true, .jobsUnfinished = 5, .transfersInFlight = 3, .dashboards = 4});
   lifetime_.terminationRequested();
   EXPECT_TRUE(trace_.waitFor("invalidate connections"));
   host_.advance(20s - 1ns);
@@ -172,6 +187,32 @@ TEST_F(LifetimeTest, TheGraceBoundsTheWait) {
   host_.advance(1ns);
   EXPECT_EQ(trace_.steps().back(), "quit");
   EXPECT_FALSE(lifetime_.hasEndedCleanly());
+  expectError("main: stopped with 2 connections, 3 transfers, 4 dashboards and 5 jobs unfinished");
+}
+
+TEST_F(LifetimeTest, AGraceThatWasNotNeededSaysNothing) {
+  lifetime_.terminationRequested();
+  EXPECT_TRUE(trace_.waitFor("quit"));
+  host_.advance(20s);
+  EXPECT_EQ(trace_.steps().size(), 4u);
+}
+
+TEST_F(LifetimeTest, DashboardsThatWaitArePartOfWhatTheGraceIsFor) {
+  host_.set({.dashboards = 1});
+  lifetime_.terminationRequested();
+  EXPECT_TRUE(trace_.waitFor("invalidate connections"));
+  host_.advance(20s);
+  EXPECT_FALSE(lifetime_.hasEndedCleanly());
+  expectError("main: stopped with 0 connections, 0 transfers, 1 dashboards and 0 jobs unfinished");
+}
+
+TEST_F(LifetimeTest, OnceNoDashboardWaitsTheLoopEnds) {
+  host_.set({.dashboards = 1});
+  lifetime_.terminationRequested();
+  EXPECT_TRUE(trace_.waitFor("invalidate connections"));
+  host_.set({.dashboards = 0});
+  EXPECT_TRUE(trace_.waitFor("quit"));
+  EXPECT_TRUE(lifetime_.hasEndedCleanly());
 }
 
 TEST_F(LifetimeTest, ALoopThatEndsByItselfHasEndedCleanly) {
@@ -207,6 +248,66 @@ TEST_F(LifetimeTest, AConnectionKeepsAnIdleDaemon) {
   EXPECT_TRUE(trace_.waitFor("stop"));
 }
 
+// What has come in is told by way of the loop, and may not have been told yet.
+TEST_F(LifetimeTest, WhoCameInBeforeTheDoorWasClosedKeepsAnIdleDaemon) {
+  work();
+  listener_.connections = 1;
+  host_.advance(30s);
+  EXPECT_EQ(trace_.steps(), (Steps{"pause", "resume"}));
+  listener_.connections = 0;
+  listener_.hasWaiting = true;
+  host_.advance(1s);
+  EXPECT_EQ(trace_.steps(), (Steps{"pause", "resume", "pause", "resume"}));
+  listener_.hasWaiting = false;
+  host_.set({.isTransactionOpen = true});
+  host_.advance(1s);
+  EXPECT_EQ(trace_.steps().size(), 6u);
+  host_.set({.isTransactionOpen = false});
+  host_.advance(1s - 1ns);
+  EXPECT_EQ(trace_.steps().size(), 6u);
+  host_.advance(1ns);
+  EXPECT_TRUE(trace_.waitFor("quit"));
+  EXPECT_EQ(trace_.steps()[6], "pause");
+  EXPECT_EQ(trace_.steps()[8], "stop");
+}
+
+TEST_F(LifetimeTest, WhoCameInStartsTheIdleTimeAnew) {
+  work();
+  listener_.connections = 1;
+  host_.advance(30s);
+  lifetime_.connectionsChanged(1);
+  lifetime_.connectionsChanged(0);
+  listener_.connections = 0;
+  host_.advance(29s);
+  EXPECT_EQ(trace_.steps(), (Steps{"pause", "resume"}));
+  host_.advance(1s);
+  EXPECT_TRUE(trace_.waitFor("quit"));
+}
+
+TEST_F(LifetimeTest, AnIdleDaemonServesOnUntilNoDashboardWaits) {
+  work();
+  host_.set({.dashboards = 1});
+  host_.advance(30s);
+  host_.advance(9s);
+  EXPECT_EQ(trace_.steps(), Steps{});
+  host_.set({.dashboards = 0});
+  host_.advance(1s - 1ns);
+  EXPECT_EQ(trace_.steps(), Steps{});
+  host_.advance(1ns);
+  EXPECT_TRUE(trace_.waitFor("quit"));
+}
+
+TEST_F(LifetimeTest, AnIdleDaemonWaitsTenSecondsForDashboardsAndNoLonger) {
+  work();
+  host_.set({.dashboards = 7});
+  for (int second = 0; second < 39; ++second) host_.advance(1s);
+  EXPECT_EQ(trace_.steps(), Steps{});
+  host_.advance(1s);
+  EXPECT_TRUE(trace_.waitFor("quit"));
+  EXPECT_TRUE(lifetime_.hasEndedCleanly());
+  expectError("main: stopped with 0 connections, 0 transfers, 7 dashboards and 0 jobs unfinished");
+}
+
 TEST_F(LifetimeTest, HoweverOftenItFallsIdleOneTimerIsEnough) {
   for (int i = 0; i < 100; ++i) work();
   EXPECT_EQ(host_.timers(), 1u);
@@ -219,6 +320,7 @@ TEST_F(LifetimeTest, ADaemonThatIsStoppingIsNotStoppedAgainWhenItsIdleTimeIsOver
   EXPECT_TRUE(trace_.waitFor("invalidate connections"));
   host_.advance(30s);
   EXPECT_EQ(trace_.steps(), (Steps{"stopping told", "stop", "invalidate connections", "quit"}));
+  expectError("main: stopped with 0 connections, 0 transfers, 0 dashboards and 0 jobs unfinished");
 }
 
 }  // namespace

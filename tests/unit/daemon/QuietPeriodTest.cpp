@@ -6,13 +6,13 @@ namespace zun {
 namespace {
 
 DaemonActivity busy(uint64_t jobsTaken) {
-  return {.isTransactionOpen = true, .jobsTaken = jobsTaken, .areWorkersIdle = false, .transfersInFlight = 0};
+  return {.isTransactionOpen = true, .jobsTaken = jobsTaken, .jobsUnfinished = 1, .transfersInFlight = 0};
 }
 DaemonActivity transferring(uint64_t jobsTaken) {
-  return {.isTransactionOpen = true, .jobsTaken = jobsTaken, .areWorkersIdle = true, .transfersInFlight = 1};
+  return {.isTransactionOpen = true, .jobsTaken = jobsTaken, .jobsUnfinished = 0, .transfersInFlight = 1};
 }
 DaemonActivity quiet(uint64_t jobsTaken) {
-  return {.isTransactionOpen = true, .jobsTaken = jobsTaken, .areWorkersIdle = true, .transfersInFlight = 0};
+  return {.isTransactionOpen = true, .jobsTaken = jobsTaken, .jobsUnfinished = 0, .transfersInFlight = 0};
 }
 
 TEST(QuietPeriodTest, EndedTransactionIsEnough) {
@@ -20,6 +20,29 @@ TEST(QuietPeriodTest, EndedTransactionIsEnough) {
   DaemonActivity activity = transferring(5);
   activity.isTransactionOpen = false;
   EXPECT_TRUE(period.observe(activity));
+}
+
+// What the session's end has queued may still have to count its dashboard.
+TEST(QuietPeriodTest, WorkIsWaitedForEvenAfterTheTransactionHasEnded) {
+  QuietPeriod period;
+  DaemonActivity activity = busy(5);
+  activity.isTransactionOpen = false;
+  EXPECT_FALSE(period.observe(activity));
+  activity.jobsUnfinished = 0;
+  EXPECT_TRUE(period.observe(activity));
+}
+
+TEST(QuietPeriodTest, DashboardsAreWaitedForWhateverElseHasEnded) {
+  for (const bool isTransactionOpen : {false, true}) {
+    QuietPeriod period;
+    DaemonActivity activity = quiet(5);
+    activity.isTransactionOpen = isTransactionOpen;
+    activity.dashboards = 1;
+    EXPECT_FALSE(period.observe(activity));
+    EXPECT_FALSE(period.observe(activity));
+    activity.dashboards = 0;
+    EXPECT_TRUE(period.observe(activity));
+  }
 }
 
 TEST(QuietPeriodTest, OneQuietLookIsNotEnoughAndTwoAre) {
