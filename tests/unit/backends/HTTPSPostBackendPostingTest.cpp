@@ -671,8 +671,13 @@ TEST_F(HTTPSPostBackendPostingTest, ServerThatHangsHoldsUpNeitherMessagesNorStat
   EXPECT_TRUE(send(*backend, 3, 1).has_value());
   server_.stop();
   EXPECT_TRUE(endOf(std::move(hanging)).error.has_value());
+  // The realtime post and the flush that it forces end so too, each when it does.
+  const auto deadline = std::chrono::steady_clock::now() + HTTPSTestServer::kDeadline;
+  while (platform_.log.linesOf(LogLevel::kError).size() < 3 && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::yield();
+  }
+  EXPECT_EQ(platform_.log.takeErrors().size(), 3U);
   helper_->invalidate();
-  (void)platform_.log.takeErrors();  // the realtime post and the forced flush end so too
 }
 
 TEST_F(HTTPSPostBackendPostingTest, AnswerAfterTheBackendIsGoneStillReachesTheCompletion) {
