@@ -27,14 +27,30 @@ class FakeConnection final : public ServiceConnection {
   }
   std::string description() const override { return description_; }
   std::shared_ptr<SandboxExtensions> sandboxExtensions() const override { return extensions; }
-  void setExportedInterface(const ServiceInterface& interface) override { exportedInterface = &interface; }
-  void setRemoteObjectInterface(const ServiceInterface& interface) override { remoteInterface = &interface; }
+  void setExportedInterface(const ServiceInterface& interface) override {
+    setUp.emplace_back("exported interface");
+    exportedInterface = &interface;
+  }
+  void setRemoteObjectInterface(const ServiceInterface& interface) override {
+    setUp.emplace_back("remote interface");
+    remoteInterface = &interface;
+  }
   void setExportedObject(std::shared_ptr<ExportedObject> object) override {
+    setUp.emplace_back("exported object");
     exportedObject = std::move(object);
   }
-  void setInterruptionHandler(UniqueFunction<void()> handler) override { interrupted_ = std::move(handler); }
-  void setInvalidationHandler(UniqueFunction<void()> handler) override { invalidated_ = std::move(handler); }
-  void resume() override { isResumed = true; }
+  void setInterruptionHandler(UniqueFunction<void()> handler) override {
+    setUp.emplace_back("interruption handler");
+    interrupted_ = std::move(handler);
+  }
+  void setInvalidationHandler(UniqueFunction<void()> handler) override {
+    setUp.emplace_back("invalidation handler");
+    invalidated_ = std::move(handler);
+  }
+  void resume() override {
+    setUp.emplace_back("resume");
+    isResumed = true;
+  }
 
   /// As the real one: the handler is called once, then all is let go.
   void invalidate() override {
@@ -69,6 +85,7 @@ class FakeConnection final : public ServiceConnection {
     if (interrupted_) interrupted_();
   }
 
+  std::vector<std::string> setUp;  // what was set up, in order
   const ServiceInterface* exportedInterface = nullptr;
   const ServiceInterface* remoteInterface = nullptr;
   std::shared_ptr<ExportedObject> exportedObject;

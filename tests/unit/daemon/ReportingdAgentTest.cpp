@@ -84,6 +84,15 @@ TEST_F(ReportingdAgentTest, AcceptedConnectionIsSetUpAndResumed) {
   connection->invalidate();
 }
 
+// What comes once it is resumed must find all of it.
+TEST_F(ReportingdAgentTest, ConnectionIsResumedLast) {
+  const auto connection = connect();
+  EXPECT_EQ(connection->setUp,
+            (std::vector<std::string>{"exported interface", "remote interface", "exported object",
+                                      "interruption handler", "invalidation handler", "resume"}));
+  connection->invalidate();
+}
+
 TEST_F(ReportingdAgentTest, FirstConnectionOpensTheTransactionAndTheSecondOnlyRaisesTheCount) {
   const auto first = connect();
   const auto second = connect();
@@ -92,12 +101,11 @@ TEST_F(ReportingdAgentTest, FirstConnectionOpensTheTransactionAndTheSecondOnlyRa
             1);
   EXPECT_EQ(countDefault("createReportingSessionWithDelegate: retained Quorx Transaction. Ref count is 2"),
             1);
-  int started = 0;
-  for (const auto& line : platform_.log.linesOf(LogLevel::kDebug)) {
-    if (line.starts_with("createReportingSessionWithDelegate: Quorx transaction started with session "))
-      ++started;
-  }
-  EXPECT_EQ(started, 1);
+  const std::string started = "createReportingSessionWithDelegate: Quorx transaction started with session ";
+  const auto sessions = agent_->copyReportingAgentState().sessions;
+  ASSERT_EQ(sessions.size(), 2u);
+  expectDebugLine(started + sessions[0]->description());
+  EXPECT_FALSE(platform_.log.contains(LogLevel::kDebug, started + sessions[1]->description()));
   first->invalidate();
   second->invalidate();
 }
@@ -113,26 +121,37 @@ TEST_F(ReportingdAgentTest, EndOfTheLastConnectionEndsSessionAndTransaction) {
 
 TEST_F(ReportingdAgentTest, InterruptionLogsOneLineAndKeepsTheSession) {
   const auto connection = connect();
+  const std::string session = agent_->copyReportingAgentState().sessions.at(0)->description();
   platform_.log.clear();
   connection->interrupt();
-  const auto lines = platform_.log.lines();
-  ASSERT_EQ(lines.size(), 1u);
-  EXPECT_TRUE(lines[0].text.starts_with("listener: Quorx connection to "));
-  EXPECT_TRUE(lines[0].text.ends_with(" was interrupted"));
+  ASSERT_EQ(platform_.log.lines().size(), 1u);
+  expectDebugLine("listener: Quorx connection to " + session + " was interrupted");
   EXPECT_EQ(agent_->sessionCount(), 1u);
   connection->invalidate();
 }
 
 TEST_F(ReportingdAgentTest, InvalidationNamesTheSessionTwice) {
   const auto connection = connect();
+  const std::string session = agent_->copyReportingAgentState().sessions.at(0)->description();
   platform_.log.clear();
   connection->invalidate();
   const auto lines = platform_.log.linesOf(LogLevel::kDebug);
   ASSERT_GE(lines.size(), 2u);
-  EXPECT_TRUE(lines[0].starts_with("listener: Quorx connection to "));
-  EXPECT_TRUE(lines[0].ends_with(" was invalidated"));
-  EXPECT_TRUE(lines[1].starts_with("invalidateReportingSession: ReportingdSession "));
-  EXPECT_TRUE(lines[1].ends_with(" was invalidated"));
+  EXPECT_EQ(lines[0], "listener: Quorx connection to " + session + " was invalidated");
+  EXPECT_EQ(lines[1], "invalidateReportingSession: ReportingdSession " + session + " was invalidated");
+}
+
+// Whoever still holds the session may be at work for it: its reference goes with its end.
+TEST_F(ReportingdAgentTest, InvalidationDoesNotReleaseTheSessionsReference) {
+  auto held = makeSession(1, "", 0);
+  agent_->invalidateReportingSession(held);
+  EXPECT_EQ(agent_->sessionCount(), 0u);
+  EXPECT_EQ(platform_.transactions.ends, 0);
+  const std::string released = "releaseQuorxTransactions: Quorx transaction ref count is 0, decremented by 1";
+  EXPECT_EQ(countDefault(released), 0);
+  held = nullptr;
+  EXPECT_EQ(countDefault(released), 1);
+  EXPECT_EQ(platform_.transactions.ends, 1);
 }
 
 TEST_F(ReportingdAgentTest, ReleaseBeyondTheCountLeavesItNegativeAndTheNextSessionOpensNoTransaction) {
