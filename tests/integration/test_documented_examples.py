@@ -102,6 +102,29 @@ class DocumentedExamplesTest(ScratchTest):
         maps = {self.scratch.server.next_post().headers["X-ZUN-Event-Map"] for _ in range(3)}
         self.assertEqual(maps, {"0 0", "901 1", "0 1"})
 
+    def shell(self, commands):
+        """Runs lines of a page, with the programs that were built, beside the sources' packaging/."""
+        folder = pathlib.Path(self.scratch.path("shell"))
+        (folder / "www").mkdir(parents=True)
+        (folder / "packaging").symlink_to(ROOT / "packaging")
+        for program in ("zunstorebag", "zunreportingctl"):
+            (folder / program).symlink_to(binary(program))
+        return run("sh", "-e", "-c", f'PATH="{folder}:$PATH"\n{commands}', cwd=folder)
+
+    def test_the_first_session_by_hand_is_as_the_first_page_has_it(self):
+        self.start()
+        (commands,) = [block for block in blocks_of("../README.md", "sh") if "SOCKET" in block]
+        self.assertIn("sent 1 events, 0 failed", self.shell(commands.replace("SOCKET", self.scratch.socket)).stdout)
+        posts = [self.scratch.server.next_post() for _ in range(3)]
+        self.assertEqual([record["greeting"] for post in posts for record in post.events if "greeting" in record],
+                         ["hello"])
+
+    def test_storebags_are_signed_as_the_page_has_it(self):
+        commands = blocks_of("storebag.md", "sh")[0].replace("/usr/share/zunreportingd", "www")
+        self.assertEqual(self.shell(commands).stderr, "")
+        www = pathlib.Path(self.scratch.path("shell/www"))
+        self.assertEqual(sorted(path.name for path in www.iterdir()), ["confero", "publicKey.der"])
+
 
 if __name__ == "__main__":
     unittest.main()
