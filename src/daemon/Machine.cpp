@@ -34,7 +34,7 @@ Machine::Machine(const DaemonOptions& options, EventLoop& loop, SystemLog& log)
                       if (transactionChanged_) transactionChanged_(isOpen);
                     }),
       sockets_(loop),
-      powerLog_(makePowerLog(options.logTarget, log)),
+      powerLog_(makePowerLog(log)),
       workers_(kWorkerThreads),
       timerQueue_(SerialQueue::create("com.vantix.zunreportingd.lifetime", workers_)),
       urlSessions_({.caFile = options.caFile}, log),
@@ -67,6 +67,7 @@ void Machine::notifyStopping() {
 }
 
 void Machine::exitAtOnce() {
+  platform_.log.writeOut();
   std::_Exit(kExitAtOnce);
 }
 

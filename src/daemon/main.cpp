@@ -2,8 +2,12 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <functional>
+#include <future>
 #include <memory>
+#include <optional>
 #include <string>
+#include <thread>
 #include <utility>
 #include <variant>
 
@@ -17,6 +21,7 @@
 #include "linux/files/ProcessLimits.h"
 #include "linux/loop/EventLoop.h"
 #include "linux/loop/ThreadQuality.h"
+#include "linux/loop/WorkerPool.h"
 #include "linux/service/EntitlementStore.h"
 #include "linux/service/ServiceManager.h"
 #include "linux/system/SystemLogs.h"
@@ -28,15 +33,32 @@ using namespace zun;
 
 constexpr int kExitCannotStart = 1;
 
+/// Runs `work` to its end on the thread of `pool`.
+void runOn(WorkerPool& pool, const std::function<void()>& work) {
+  const auto done = std::make_shared<std::promise<void>>();
+  const auto isDone = done->get_future();
+  pool.execute([&work, done] {
+    work();
+    done->set_value();
+  });
+  isDone.wait();
+}
+
 Result<std::unique_ptr<DBusServiceListener>, Error> makeListener(const DaemonOptions& options,
                                                                  const PlatformServices& platform,
-                                                                 EntitlementStore& entitlements) {
+                                                                 EntitlementStore& entitlements,
+                                                                 WorkerPool& maker) {
   const std::string path =
       options.listenPath.empty() ? platform.files.resolve(DaemonOptions::kServiceSocket) : options.listenPath;
   DBusListenerOptions listenerOptions;
   listenerOptions.address = "unix:path=" + path;
   listenerOptions.maximumConnections = options.maxConnections;
   listenerOptions.maximumConnectionsPerUser = options.maxConnectionsPerUser;
+  listenerOptions.startThread = [&maker](std::function<void()> work) {
+    std::thread thread;
+    runOn(maker, [&] { thread = std::thread(std::move(work)); });
+    return thread;
+  };
   return DBusServiceListener::create(std::move(listenerOptions), entitlements, platform.log);
 }
 
@@ -51,24 +73,27 @@ void connect(Machine& machine, EventLoop& loop, DBusServiceListener& listener, L
 }
 
 int runDaemon(const DaemonOptions& options, EventLoop& loop, SystemLog& log) {
+  // Threads take over the class of the one that makes them, and it is for this one alone.
+  WorkerPool maker(1);
   setThreadQualityOfServiceUtility();
   log.note("startLogging: Daemon starts logging...");
 
-  Machine machine(options, loop, log);
-  const ReportingServices& services = machine.services();
+  std::optional<Machine> machine;
+  runOn(maker, [&] { machine.emplace(options, loop, log); });
+  const ReportingServices& services = machine->services();
   const PlatformServices& platform = services.platform;
   StorageContainers(platform).cleanupStorageRootFolder(ReportingSessionConnectivityHelper::POSTRequestMode());
 
   const auto fetcher = NetworkStorebagFetcher::create(platform, services.identity);
   EntitlementStore entitlements(platform.files.resolve("/etc/zunreportingd/entitlements.d"), log);
-  auto listener = makeListener(options, platform, entitlements);
+  auto listener = makeListener(options, platform, entitlements, maker);
   if (!listener) {
     log.error("main: {}", listener.error().description);
     return kExitCannotStart;
   }
   const auto agent = ReportingdAgent::create(services, *fetcher);
-  Lifetime lifetime(options, machine, **listener, platform.clock, log);
-  connect(machine, loop, **listener, lifetime);
+  Lifetime lifetime(options, *machine, **listener, platform.clock, log);
+  connect(*machine, loop, **listener, lifetime);
   (*listener)->setDelegate(agent.get());
   (*listener)->resume();
   notifyServiceReady();
@@ -76,9 +101,11 @@ int runDaemon(const DaemonOptions& options, EventLoop& loop, SystemLog& log) {
 
   if (!loop.run()) {
     log.error("main: the event loop has failed");
+    log.writeOut();
     std::_Exit(kExitCannotStart);  // clients are still served: nothing may be taken apart
   }
   if (!lifetime.hasEndedCleanly()) {
+    log.writeOut();
     std::_Exit(EXIT_SUCCESS);  // what still runs cannot be waited for
   }
   return EXIT_SUCCESS;

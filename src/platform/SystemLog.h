@@ -30,6 +30,10 @@ class SystemLog {
   /// Writes one finished line. Call only when `level` is enabled.
   virtual void write(LogLevel level, std::string_view line) = 0;
 
+  /// Writes out what waits, for a moment at most: for processes that end without their
+  /// destructors.
+  virtual void writeOut() {}
+
   template <typename... Arguments>
   void debug(fmt::format_string<Arguments...> format, Arguments&&... arguments) {
     log(LogLevel::kDebug, format, std::forward<Arguments>(arguments)...);

@@ -57,6 +57,22 @@ class LifetimeTest(ScratchTest):
         self.scratch.daemon.process.send_signal(signal.SIGTERM)
         self.assertEqual(self.scratch.daemon.wait(), 1)
 
+    def test_only_the_main_thread_gives_way(self):
+        self.scratch.publish()
+        self.scratch.start()
+        self.session("--batch")  # clients have threads of their own
+        process = self.scratch.daemon.process.pid
+        classes = {}
+        for thread in map(int, os.listdir(f"/proc/{process}/task")):
+            try:
+                classes[thread] = (os.getpriority(os.PRIO_PROCESS, thread), os.sched_getscheduler(thread))
+            except ProcessLookupError:
+                continue  # it has ended meanwhile
+        own = (os.getpriority(os.PRIO_PROCESS, 0), os.sched_getscheduler(0))
+        self.assertEqual(classes.pop(process), (max(own[0], 5), os.SCHED_BATCH))
+        self.assertGreater(len(classes), 3)
+        self.assertEqual(set(classes.values()), {own})
+
     def test_idle_daemon_exits_and_a_daemon_that_never_worked_stays(self):
         self.scratch.publish(release_timeout=1)
         self.scratch.start("--idle-exit", "0")

@@ -82,7 +82,7 @@ DBusServiceListener::~DBusServiceListener() {
 void DBusServiceListener::resume() {
   if (thread_.joinable() || isStopping_) return;
   isPaused_ = false;
-  thread_ = std::thread([this] { acceptLoop(); });
+  thread_ = options_.startThread([this] { acceptLoop(); });
 }
 
 void DBusServiceListener::pause() {

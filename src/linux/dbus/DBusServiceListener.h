@@ -3,6 +3,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstddef>
+#include <functional>
 #include <list>
 #include <map>
 #include <memory>
@@ -30,6 +31,10 @@ struct DBusListenerOptions {
   size_t maximumWaitingReplyBytesPerUser = size_t{64} << 20;
   size_t connectionStackBytes = size_t{256} << 10;
   DBusConnectionOptions connection;
+  /// Makes the thread that accepts; its quality of service is that of each connection's.
+  std::function<std::thread(std::function<void()>)> startThread = [](std::function<void()> work) {
+    return std::thread(std::move(work));
+  };
 };
 
 /// The named service: D-Bus, point to point, on a Unix socket that everybody may

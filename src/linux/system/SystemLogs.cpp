@@ -3,21 +3,17 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/uio.h>
 #include <syslog.h>
 #include <unistd.h>
 
-#define SD_JOURNAL_SUPPRESS_LOCATION
-#include <systemd/sd-journal.h>
-
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <climits>
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
 #include <exception>
+#include <utility>
 
 namespace zun {
 
@@ -35,14 +31,14 @@ const char* nameOf(LogLevel level) {
   return "error";
 }
 
-std::string_view priorityField(LogLevel level) {
+std::string_view priorityOf(LogLevel level) {
   static_assert(LOG_DEBUG == 7 && LOG_NOTICE == 5 && LOG_ERR == 3);
   switch (level) {
-    case LogLevel::kDebug: return "PRIORITY=7";
-    case LogLevel::kDefault: return "PRIORITY=5";
+    case LogLevel::kDebug: return "7";
+    case LogLevel::kDefault: return "5";
     case LogLevel::kError: break;
   }
-  return "PRIORITY=3";
+  return "3";
 }
 
 bool isSocket(int descriptor) {
@@ -61,10 +57,6 @@ void appendEscaped(std::string& out, std::string_view text) {
       out += c;
     }
   }
-}
-
-iovec asVector(std::string_view text) {
-  return {const_cast<char*>(text.data()), text.size()};
 }
 
 /// Keeps a write to a broken pipe from ending the process, whatever the process has
@@ -101,13 +93,11 @@ class BrokenPipeGuard final {
 }  // namespace
 
 std::unique_ptr<SystemLog> makeSystemLog(LogTarget target, LogLevel level) {
-  if (leadsToJournal(target)) return std::make_unique<JournalLog>(level);
+  const bool leadsToJournal =
+      target == LogTarget::kJournal ||
+      (target == LogTarget::kAuto && isJournalStream(STDERR_FILENO, std::getenv("JOURNAL_STREAM")));
+  if (leadsToJournal) return std::make_unique<JournalLog>(level);
   return std::make_unique<StreamLog>(STDERR_FILENO, level);
-}
-
-bool leadsToJournal(LogTarget target) {
-  return target == LogTarget::kJournal ||
-         (target == LogTarget::kAuto && isJournalStream(STDERR_FILENO, std::getenv("JOURNAL_STREAM")));
 }
 
 bool isJournalStream(int descriptor, const char* journalStream) {
@@ -118,10 +108,12 @@ bool isJournalStream(int descriptor, const char* journalStream) {
 
 void JournalLog::write(LogLevel level, std::string_view line) {
   try {
-    const std::string message = fmt::format("MESSAGE={}", line);
-    const std::array fields{asVector(message), asVector(priorityField(level)),
-                            asVector("SYSLOG_IDENTIFIER=zunreportingd")};
-    (void)sd_journal_sendv(fields.data(), static_cast<int>(fields.size()));
+    std::string entry;
+    entry.reserve(line.size() + 128);
+    appendJournalField(entry, "MESSAGE", line);
+    appendJournalField(entry, "PRIORITY", priorityOf(level));
+    appendJournalField(entry, "SYSLOG_IDENTIFIER", "zunreportingd");
+    journal_.write(std::move(entry));
   } catch (const std::exception&) {
     // No memory for the line: the caller's work is worth more than its trace.
   }

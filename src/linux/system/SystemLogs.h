@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 
+#include "linux/system/JournalWriter.h"
 #include "platform/Mutex.h"
 #include "platform/SystemLog.h"
 
@@ -14,24 +15,27 @@ namespace zun {
 /// The daemon's log: lines of `level` and above, to `target`.
 [[nodiscard]] std::unique_ptr<SystemLog> makeSystemLog(LogTarget target, LogLevel level);
 
-/// True if a log to `target` goes to the journal.
-[[nodiscard]] bool leadsToJournal(LogTarget target);
-
 /// True if `descriptor` is the stream that `journalStream` ("device:inode", as the
 /// service manager gives it in JOURNAL_STREAM; may be null) names.
 [[nodiscard]] bool isJournalStream(int descriptor, const char* journalStream);
 
-/// Writes to the systemd journal, with priorities debug, notice and err. A journal
-/// that is not there takes nothing, silently. Any thread.
+/// Writes to the systemd journal, with priorities debug, notice and err, and never waits
+/// for it. Any thread.
 class JournalLog final : public SystemLog {
  public:
-  explicit JournalLog(LogLevel level) : level_(level) {}
+  explicit JournalLog(LogLevel level, std::string_view socketPath = JournalWriter::kJournalSocket)
+      : level_(level), journal_(socketPath) {}
 
   [[nodiscard]] bool isEnabled(LogLevel level) const override { return level >= level_; }
   void write(LogLevel level, std::string_view line) override;
+  void writeOut() override { journal_.writeOut(); }
+
+  /// Where its lines go: other entries of the process keep their order with them.
+  [[nodiscard]] JournalWriter& journal() { return journal_; }
 
  private:
   const LogLevel level_;
+  JournalWriter journal_;
 };
 
 /// Writes "zunreportingd[pid] level: line" to a descriptor. Control characters of the

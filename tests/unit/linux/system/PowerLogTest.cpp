@@ -2,10 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
-#include <optional>
-
 #include "linux/system/JournalPowerLog.h"
+#include "linux/system/SystemLogs.h"
 #include "support/JournalStandIn.h"
 #include "support/RecordingLog.h"
 #include "support/ScratchFolder.h"
@@ -14,8 +12,6 @@
 namespace zun {
 namespace {
 
-using namespace std::chrono_literals;
-
 class PowerLogTest : public ::testing::Test {
  protected:
   std::vector<std::string> lines() const { return log_.linesOf(LogLevel::kDefault); }
@@ -23,8 +19,8 @@ class PowerLogTest : public ::testing::Test {
   ScratchFolder scratch_;
   const std::string path_ = scratch_.path("journal");
   RecordingLog log_;
-  /// Patience of a test that does not stall is not used up.
-  JournalPowerLog powerLog_{log_, path_, 1ms};
+  JournalWriter writer_{path_};
+  JournalPowerLog powerLog_{writer_};
 };
 
 TEST_F(PowerLogTest, EventBecomesAJournalEntryWithFields) {
@@ -58,48 +54,6 @@ TEST_F(PowerLogTest, LargeEventsAreCutAndEndWithTheirLength) {
   EXPECT_EQ(text.substr(JournalPowerLog::kMaximumEventBytes), "... (1048587 bytes)");
 }
 
-TEST_F(PowerLogTest, WithoutAJournalEventsBecomeLinesOfTheSystemLog) {
-  powerLog_.writeEvent(28, "Pallax-ZUN", {{"level", 42}});
-  EXPECT_EQ(lines(),
-            (std::vector<std::string>{R"(power event: category 28, sender Pallax-ZUN, {"level":42})"}));
-}
-
-TEST_F(PowerLogTest, JournalThatIsStartedAnewIsFoundAgain) {
-  auto journal = std::make_unique<JournalStandIn>(path_);
-  powerLog_.writeEvent(1, "s", {{"a", 1}});
-  EXPECT_EQ(journal->receive()["ZUN_POWER_EVENT"], R"({"a":1})");
-  journal.reset();
-  powerLog_.writeEvent(1, "s", {{"a", 2}});
-  EXPECT_EQ(lines(), (std::vector<std::string>{R"(power event: category 1, sender s, {"a":2})"}));
-  journal = std::make_unique<JournalStandIn>(path_);
-  powerLog_.writeEvent(1, "s", {{"a", 3}});
-  EXPECT_EQ(journal->receive()["ZUN_POWER_EVENT"], R"({"a":3})");
-}
-
-TEST_F(PowerLogTest, JournalThatDoesNotReadLosesEventsAndTheirNumberIsTold) {
-  JournalStandIn journal(path_);
-  constexpr int kMany = 2000;  // more than any system lets wait
-  for (int i = 0; i < kMany; ++i) powerLog_.writeEvent(28, "s", {{"number", i}});
-  EXPECT_TRUE(lines().empty());
-  int waiting = 0;
-  while (!journal.isEmpty()) {
-    EXPECT_EQ(journal.receive()["ZUN_POWER_EVENT"], fmt::format(R"({{"number":{}}})", waiting));
-    ++waiting;
-  }
-  ASSERT_LT(waiting, kMany);
-  powerLog_.writeEvent(28, "s", {{"number", -1}});
-  EXPECT_EQ(journal.receive()["ZUN_POWER_EVENT"], R"({"number":-1})");
-  EXPECT_EQ(lines(),
-            (std::vector<std::string>{fmt::format(
-                "power event: {} of them were dropped while the journal did not read", kMany - waiting)}));
-}
-
-TEST_F(PowerLogTest, PathThatIsTooLongForASocketIsNoJournal) {
-  JournalPowerLog powerLog(log_, std::string(200, 'x'));
-  powerLog.writeEvent(1, "s", {{"a", 1}});
-  EXPECT_EQ(lines().size(), 1U);
-}
-
 TEST_F(PowerLogTest, LinesAreBoundedAsAllLinesAre) {
   LinePowerLog(log_).writeEvent(28, "s", {{"text", std::string(1 << 20, 'x')}});
   ASSERT_EQ(lines().size(), 1U);
@@ -108,8 +62,19 @@ TEST_F(PowerLogTest, LinesAreBoundedAsAllLinesAre) {
 
 // The system's log at standard error takes the events too.
 TEST_F(PowerLogTest, LogToStandardErrorTakesPowerEventsAsLines) {
-  makePowerLog(LogTarget::kStderr, log_)->writeEvent(28, "s", {{"a", 1}});
+  makePowerLog(log_)->writeEvent(28, "s", {{"a", 1}});
   EXPECT_EQ(lines(), (std::vector<std::string>{R"(power event: category 28, sender s, {"a":1})"}));
+}
+
+TEST_F(PowerLogTest, LogToTheJournalTakesPowerEventsAsEntriesInOrderWithItsLines) {
+  JournalStandIn journal(path_);
+  JournalLog log(LogLevel::kDebug, path_);
+  log.note("before");
+  makePowerLog(log)->writeEvent(28, "s", {{"a", 1}});
+  log.note("after");
+  EXPECT_EQ(journal.receive()["MESSAGE"], "before");
+  EXPECT_EQ(journal.receive()["ZUN_POWER_EVENT"], R"({"a":1})");
+  EXPECT_EQ(journal.receive()["MESSAGE"], "after");
 }
 
 TEST(CutLongTextTest, TextIsCutBetweenCharacters) {

@@ -28,6 +28,11 @@ namespace {
 
 // --- Clock and randomness ------------------------------------------------------------
 
+TEST(TimeValueTest, MicrosecondsAreTheFractionOfItsSeconds) {
+  EXPECT_DOUBLE_EQ(secondsOf({1'700'000'000, 250'000}), 1'700'000'000.25);
+  EXPECT_DOUBLE_EQ(secondsOf({0, 999'999}), 0.999999);
+}
+
 TEST(SystemClockTest, TimeOfDayIsTheWallClocks) {
   const time_t before = ::time(nullptr);
   const TimeValue now = SystemClock().timeOfDay();
@@ -363,6 +368,17 @@ TEST(ThreadQualityTest, UtilityMakesTheCallingThreadGiveWayAndNoOther) {
     }).join();
   }).join();
   EXPECT_EQ(::getpriority(PRIO_PROCESS, static_cast<id_t>(::gettid())), before);
+}
+
+TEST(ThreadQualityTest, ThreadThatGivesWayEvenMoreStaysSo) {
+  std::thread([] {
+    const sched_param parameters{};
+    ASSERT_EQ(::setpriority(PRIO_PROCESS, static_cast<id_t>(::gettid()), 19), 0);
+    ASSERT_EQ(::sched_setscheduler(0, SCHED_IDLE, &parameters), 0);
+    setThreadQualityOfServiceUtility();
+    EXPECT_EQ(::getpriority(PRIO_PROCESS, static_cast<id_t>(::gettid())), 19);
+    EXPECT_EQ(::sched_getscheduler(0), SCHED_IDLE);
+  }).join();
 }
 
 }  // namespace
