@@ -138,7 +138,6 @@ StorebagFetchOutcome NetworkStorebagFetcher::fetch(int32_t clientType) {
 std::optional<Dictionary> NetworkStorebagFetcher::currentSection(const Dictionary& storebag,
                                                                  int32_t clientType) {
   const uint32_t environment = userDefaultsEnvironment(platform_, identity_);
-  lastEnvironment_ = environment;
   const auto name = environmentName(environment);
   const Dictionary* section = name ? storebag[*name].dictionary() : nullptr;
   if (section == nullptr && environment == kSeed) {

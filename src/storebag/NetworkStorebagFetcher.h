@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <chrono>
 #include <map>
 #include <memory>
@@ -69,9 +68,6 @@ class NetworkStorebagFetcher final : public StorebagFetcher,
   /// A plain storebag for "confero", serialised; not an envelope.
   [[nodiscard]] static std::string fallbackStorebag();
 
-  /// The environment of the last fetch; 0 before the first.
-  [[nodiscard]] uint32_t lastEnvironment() const { return lastEnvironment_; }
-
  private:
   class Exchange;
   class LetGo;
@@ -99,7 +95,6 @@ class NetworkStorebagFetcher final : public StorebagFetcher,
   const NetworkStorebagOptions options_;
   const StorebagDiskCache diskCache_;
   const StorebagVerifier verifier_;
-  std::atomic<uint32_t> lastEnvironment_{0};
   RecursiveMutex lock_;
   std::shared_ptr<ReportingSessionConnectivityHelper> fetchClient_ GUARDED_BY(lock_);
   std::set<std::string> refreshing_ GUARDED_BY(lock_);

@@ -54,6 +54,12 @@ bool StorebagDiskCache::saveStorebagToDisk(std::string_view name, std::string_vi
   if (const auto error = platform_.files.writeFileAtomically(path, envelope)) {
     platform_.log.error("saveStorebagToDisk: could not save storebag '{}' to file '{}'. Error is '{}'", name,
                         fileURLOfPath(path), error->description);
+    const std::string folder = platform_.files.resolve(kFolder);
+    const auto reason = platform_.files.createDirectories(folder);
+    if (reason && reason->code != error->code) {
+      platform_.log.error("saveStorebagToDisk: could not make folder '{}'. Error is '{}'", folder,
+                          reason->description);
+    }
     return false;
   }
   return true;

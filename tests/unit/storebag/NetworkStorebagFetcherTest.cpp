@@ -457,7 +457,6 @@ TEST_F(StorebagSectionTest, EnvironmentChoosesTheSection) {
   EXPECT_EQ(environmentOf(fetchOf(storebag("1.0"))), "development");
   setDefault("environmentType", 2);
   EXPECT_EQ(environmentOf(fetchOf(storebag("1.0"))), "vantix_internal");
-  EXPECT_EQ(fetcher_->lastEnvironment(), 2U);
 }
 
 TEST_F(StorebagSectionTest, MissingSeedSectionFallsBackToRelease) {

@@ -65,6 +65,23 @@ TEST_F(StorebagDiskCacheTest, FolderThatCannotBeWrittenIsAnErrorLine) {
                 fileURLOfPath(cachePath("confero")) + "'. Error is 'Not a directory'"});
 }
 
+// That the file's folder is missing is no reason.
+TEST_F(StorebagDiskCacheTest, FolderThatCannotBeMadeIsToldWithItsReason) {
+  const fs::path caches = fs::path(cacheFolder()).parent_path().parent_path();
+  fs::create_directories(caches);
+  fs::permissions(platform_.scratch.path(), fs::perms(0755));
+  fs::permissions(caches, fs::perms(0555));
+  const uid_t user = ::geteuid();
+  ASSERT_EQ(user == 0 ? ::seteuid(65534) : 0, 0);  // whom permissions bind
+  EXPECT_FALSE(cache_.saveStorebagToDisk("confero", "bytes"));
+  ASSERT_EQ(user == 0 ? ::seteuid(0) : 0, 0);
+  fs::permissions(caches, fs::perms(0755));
+  expectErrors(
+      {"saveStorebagToDisk: could not save storebag 'confero' to file '" +
+           fileURLOfPath(cachePath("confero")) + "'. Error is 'No such file or directory'",
+       "saveStorebagToDisk: could not make folder '" + cacheFolder() + "'. Error is 'Permission denied'"});
+}
+
 TEST_F(StorebagDiskCacheTest, ModificationDateIsTheFilesAndNoneWithoutOne) {
   EXPECT_EQ(cache_.modificationDateOfStorebagFile("confero"), std::nullopt);
   putInCache("confero", "x", 12.5);
