@@ -5,7 +5,7 @@
 
 #include "backends/LogDataUpload.h"
 #include "backends/MessageBlob.h"
-#include "util/Identifiers.h"
+#include "util/Conversions.h"
 
 namespace zun {
 

@@ -5,7 +5,6 @@
 
 #include "backends/ListMatching.h"
 #include "backends/ZunReportingBackend.h"
-#include "util/Identifiers.h"
 #include "values/UTF8.h"
 
 namespace zun {

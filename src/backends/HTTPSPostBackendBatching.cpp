@@ -5,7 +5,7 @@
 
 #include "backends/HTTPSPostBackend.h"
 #include "backends/MessageBlob.h"
-#include "util/Identifiers.h"
+#include "util/Conversions.h"
 #include "util/MemoryUse.h"
 
 namespace zun {

@@ -1,7 +1,7 @@
 // From a message to the record that is posted.
 
 #include "backends/HTTPSPostBackend.h"
-#include "util/Identifiers.h"
+#include "util/Conversions.h"
 
 namespace zun {
 
@@ -43,7 +43,7 @@ Dictionary HTTPSPostBackend::newEventDictfromPayload(const Dictionary& payload, 
   record.set(Value::literal("_method"), method);
   record.set(Value::literal("_status"), respCode);
   const double clientTS =
-      finiteOrMinusOne(secondsFromTimeValue(timestamp) - startTimeStamp_ + static_cast<double>(startTS));
+      finiteOrMinusOne(secondsOf(timestamp) - startTimeStamp_ + static_cast<double>(startTS));
   record.set(Value::literal("_clientTS"), clientTS);
   record.set(Value::literal("eventTime"), clientTS);
   record.set(Value::literal("_productFamily"), productFamily_);

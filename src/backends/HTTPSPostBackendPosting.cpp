@@ -9,8 +9,9 @@
 #include "platform/Crypto.h"
 #include "storebag/StorebagEnvironment.h"
 #include "util/Compression.h"
-#include "util/Identifiers.h"
+#include "util/Conversions.h"
 #include "values/JSONWriter.h"
+#include "values/UTF8.h"
 #include "zunreporting/Keys.h"
 
 namespace zun {

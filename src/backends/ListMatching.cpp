@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "util/Identifiers.h"
+#include "values/UTF8.h"
 
 namespace zun {
 

@@ -7,7 +7,7 @@
 
 #include "platform/Crypto.h"
 #include "storebag/ClientTypes.h"
-#include "util/Identifiers.h"
+#include "util/Conversions.h"
 
 namespace zun {
 
@@ -119,7 +119,7 @@ std::array<uint8_t, 3> ZunReportingBackend::versionNumbers(std::string_view vers
 }
 
 void ZunReportingBackend::setStartTimestamp(const TimeValue& time) {
-  startTimeStamp_ = secondsFromTimeValue(time);
+  startTimeStamp_ = secondsOf(time);
 }
 
 void ZunReportingBackend::setReportingSessionConnectivityDelegate(

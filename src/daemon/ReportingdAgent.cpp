@@ -1,7 +1,7 @@
 #include "daemon/ReportingdAgent.h"
 
 #include "session/ClientSessionReplyInterface.h"
-#include "util/Identifiers.h"
+#include "util/Conversions.h"
 #include "zunreporting/Keys.h"
 
 namespace zun {

@@ -2,22 +2,14 @@
 
 #include <fmt/format.h>
 
-#include <algorithm>
-#include <cctype>
-
 #include "values/URLText.h"
+#include "values/UTF8.h"
 
 namespace zun {
 
 namespace {
 
 constexpr std::string_view kScheme = "file:";
-
-bool equalIgnoringCase(std::string_view left, std::string_view right) {
-  return std::equal(left.begin(), left.end(), right.begin(), right.end(), [](char one, char other) {
-    return std::tolower(static_cast<unsigned char>(one)) == std::tolower(static_cast<unsigned char>(other));
-  });
-}
 
 }  // namespace
 
@@ -35,13 +27,13 @@ std::string fileURLOfPath(std::string_view path) {
 }
 
 std::optional<std::string> pathOfFileURL(std::string_view url) {
-  if (!equalIgnoringCase(url.substr(0, kScheme.size()), kScheme)) return std::nullopt;
+  if (!equalsIgnoringASCIICase(url.substr(0, kScheme.size()), kScheme)) return std::nullopt;
   std::string_view rest = url.substr(kScheme.size());
   rest = rest.substr(0, rest.find_first_of("?#"));
   if (rest.starts_with("//")) {
     rest.remove_prefix(2);
     const std::string_view host = rest.substr(0, rest.find('/'));
-    if (!host.empty() && !equalIgnoringCase(host, "localhost")) return std::nullopt;
+    if (!host.empty() && !equalsIgnoringASCIICase(host, "localhost")) return std::nullopt;
     rest.remove_prefix(host.size());
   }
   if (!rest.starts_with('/')) return std::nullopt;

@@ -2,21 +2,9 @@
 
 #include <fmt/format.h>
 
-#include <algorithm>
+#include "values/UTF8.h"
 
 namespace zun {
-namespace {
-
-char lowered(char c) {
-  return c >= 'A' && c <= 'Z' ? static_cast<char>(c + ('a' - 'A')) : c;
-}
-
-bool isSameName(std::string_view a, std::string_view b) {
-  return std::equal(a.begin(), a.end(), b.begin(), b.end(),
-                    [](char left, char right) { return lowered(left) == lowered(right); });
-}
-
-}  // namespace
 
 void URLRequestCancellation::cancel() {
   std::vector<UniqueFunction<void()>> handlers;
@@ -46,7 +34,7 @@ void URLRequestCancellation::onCancel(UniqueFunction<void()> handler) {
 
 void URLRequest::setHeader(std::string_view name, std::string value) {
   for (auto& header : headers) {
-    if (!isSameName(header.first, name)) continue;
+    if (!equalsIgnoringASCIICase(header.first, name)) continue;
     header.second = std::move(value);
     return;
   }
@@ -55,7 +43,7 @@ void URLRequest::setHeader(std::string_view name, std::string value) {
 
 std::optional<std::string> URLResponse::header(std::string_view name) const {
   for (const auto& [key, value] : headers) {
-    if (isSameName(key, name)) return value;
+    if (equalsIgnoringASCIICase(key, name)) return value;
   }
   return std::nullopt;
 }

@@ -2,7 +2,7 @@
 
 #include "backends/MessageBlob.h"
 #include "session/ReportingdSession.h"
-#include "util/Identifiers.h"
+#include "util/Conversions.h"
 #include "zunreporting/Keys.h"
 
 namespace zun {

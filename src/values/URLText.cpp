@@ -27,13 +27,10 @@ bool isControlOrBlank(char character) {
   return static_cast<unsigned char>(character) <= 0x20 || character == 0x7F;
 }
 
-/// What follows `scheme` and "://"; none for a URL of another scheme. `scheme` is in
-/// lower case.
+/// What follows `scheme` and "://"; none for a URL of another scheme.
 std::optional<std::string_view> afterScheme(std::string_view url, std::string_view scheme) {
   constexpr std::string_view kSeparator = "://";
-  const bool isOfScheme = url.size() >= scheme.size() &&
-                          std::equal(scheme.begin(), scheme.end(), url.begin(),
-                                     [](char one, char other) { return one == lowerCasedASCII(other); });
+  const bool isOfScheme = equalsIgnoringASCIICase(url.substr(0, scheme.size()), scheme);
   if (!isOfScheme || !url.substr(scheme.size()).starts_with(kSeparator)) return std::nullopt;
   return url.substr(scheme.size() + kSeparator.size());
 }

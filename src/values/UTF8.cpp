@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <clocale>
 #include <cstdint>
 #include <cstring>
@@ -12,6 +13,10 @@
 namespace zun {
 
 namespace {
+
+bool isSameASCIILetter(char left, char right) {
+  return lowerCasedASCII(left) == lowerCasedASCII(right);
+}
 
 constexpr uint64_t kHighBits = 0x8080808080808080ULL;
 constexpr std::string_view kReplacement = "\xEF\xBF\xBD";
@@ -69,6 +74,16 @@ bool isASCII(std::string_view text) {
   word = 0;
   if (!text.empty()) std::memcpy(&word, text.data(), text.size());
   return (word & kHighBits) == 0;
+}
+
+bool equalsIgnoringASCIICase(std::string_view left, std::string_view right) {
+  return std::equal(left.begin(), left.end(), right.begin(), right.end(), isSameASCIILetter);
+}
+
+std::string_view trimmed(std::string_view text, std::string_view blanks) {
+  const size_t start = text.find_first_not_of(blanks);
+  if (start == std::string_view::npos) return {};
+  return text.substr(start, text.find_last_not_of(blanks) - start + 1);
 }
 
 std::string lowerCased(std::string_view text) {
@@ -133,6 +148,17 @@ void appendUTF8(std::string& out, char32_t character) {
     append(0x80 | (character >> 6 & 0x3F));
     append(0x80 | (character & 0x3F));
   }
+}
+
+bool containsIgnoringCase(std::string_view text, std::string_view part) {
+  if (part.empty()) return false;
+  if (!isASCII(part)) return lowerCased(text).find(lowerCased(part)) != std::string::npos;
+  return std::search(text.begin(), text.end(), part.begin(), part.end(), isSameASCIILetter) != text.end();
+}
+
+bool equalsIgnoringCase(std::string_view left, std::string_view right) {
+  if (equalsIgnoringASCIICase(left, right)) return true;
+  return !isASCII(left) && !isASCII(right) && lowerCased(left) == lowerCased(right);
 }
 
 void cutLongText(std::string& text, size_t maximumBytes) {

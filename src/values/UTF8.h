@@ -24,9 +24,20 @@ namespace zun {
   return byte >= 'A' && byte <= 'Z' ? static_cast<char>(byte - 'A' + 'a') : byte;
 }
 
+/// True for texts that differ in the letter case of ASCII letters at most.
+[[nodiscard]] bool equalsIgnoringASCIICase(std::string_view left, std::string_view right);
+
+/// `text` without the characters of `blanks` at its ends.
+[[nodiscard]] std::string_view trimmed(std::string_view text, std::string_view blanks = " \t\r\n");
+
 /// `text` with each letter in lower case, whatever the process's locale. Bytes that
 /// belong to no character stay. Any thread.
 [[nodiscard]] std::string lowerCased(std::string_view text);
+
+/// True where `text` contains `part`, letter case ignored. An empty part is contained
+/// in nothing.
+[[nodiscard]] bool containsIgnoringCase(std::string_view text, std::string_view part);
+[[nodiscard]] bool equalsIgnoringCase(std::string_view left, std::string_view right);
 
 /// Text beyond so many bytes is cut, between characters, and ends with its former length.
 void cutLongText(std::string& text, size_t maximumBytes);

@@ -13,6 +13,7 @@
 
 #include "values/Base64.h"
 #include "values/PropertyListForms.h"
+#include "values/UTF8.h"
 
 namespace zun {
 
@@ -57,12 +58,6 @@ std::optional<Element> elementOfName(std::string_view name) {
 }
 
 constexpr std::string_view kBlanks = " \t\r\n";
-
-std::string_view trimmed(std::string_view text) {
-  const size_t start = text.find_first_not_of(kBlanks);
-  if (start == std::string_view::npos) return {};
-  return text.substr(start, text.find_last_not_of(kBlanks) - start + 1);
-}
 
 /// The number that all of `text` is.
 template <typename Number, typename... Format>

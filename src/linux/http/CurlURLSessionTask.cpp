@@ -1,16 +1,12 @@
 #include "linux/http/CurlURLSessionTask.h"
 
 #include <curl/curl.h>
-#include <fcntl.h>
-#include <sys/stat.h>
 
 #include <algorithm>
-#include <array>
-#include <cerrno>
-#include <system_error>
 
-#include "linux/files/FileDescriptor.h"
+#include "linux/files/LinuxFileManager.h"
 #include "linux/http/CurlURLSessionLoop.h"
+#include "values/UTF8.h"
 
 namespace zun {
 namespace {
@@ -28,8 +24,7 @@ std::string part(CURLU* url, CURLUPart which) {
 }
 
 bool isLoopbackHost(std::string host) {
-  std::transform(host.begin(), host.end(), host.begin(),
-                 [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; });
+  std::transform(host.begin(), host.end(), host.begin(), lowerCasedASCII);
   if (host.ends_with('.')) host.pop_back();
   const bool isAddress = host.find_first_not_of("0123456789.") == std::string::npos;
   return host == "localhost" || host.ends_with(".localhost") || host == "[::1]" ||
@@ -52,28 +47,6 @@ std::optional<Error> defectOf(const URLRequest& request) {
       return urlError(URLSessionError::kBadRequest, "the header " + name + " holds a line break");
   }
   return std::nullopt;
-}
-
-/// The file's bytes, or why there are none.
-Result<std::string, Error> readFile(const std::string& path, int64_t limit) {
-  const auto unreadable = [](const std::string& why) {
-    return Result<std::string, Error>::failure(urlError(URLSessionError::kCannotReadFile, why));
-  };
-  const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-  struct stat status {};
-  if (!file.isOpen() || ::fstat(file.get(), &status) != 0)
-    return unreadable(std::generic_category().message(errno));
-  if (!S_ISREG(status.st_mode)) return unreadable("not a regular file");
-  std::string bytes;
-  std::array<char, 65536> chunk{};
-  while (true) {
-    const ssize_t count = ::read(file.get(), chunk.data(), chunk.size());
-    if (count < 0 && errno == EINTR) continue;
-    if (count < 0) return unreadable(std::generic_category().message(errno));
-    if (count == 0) return bytes;
-    bytes.append(chunk.data(), static_cast<size_t>(count));
-    if (static_cast<int64_t>(bytes.size()) > limit) return unreadable("the file is too large");
-  }
 }
 
 }  // namespace
@@ -114,8 +87,12 @@ Result<std::shared_ptr<URLSessionTask>, Error> CurlURLSession::dataTaskWithReque
 
 Result<std::shared_ptr<URLSessionTask>, Error> CurlURLSession::uploadTaskWithRequest(
     URLRequest request, const std::string& filePath) {
-  auto bytes = readFile(filePath, loop_->options().maxUploadFileBytes);
-  if (!bytes) return makeTask(std::move(request), bytes.error());
+  auto bytes =
+      LinuxFileManager({}, {}).readFile(filePath, static_cast<uint64_t>(loop_->options().maxUploadFileBytes));
+  if (!bytes) {
+    return makeTask(std::move(request),
+                    urlError(URLSessionError::kCannotReadFile, bytes.error().description));
+  }
   request.body = std::make_shared<const std::string>(std::move(*bytes));
   return makeTask(std::move(request), std::nullopt);
 }

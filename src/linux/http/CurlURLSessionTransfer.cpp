@@ -2,13 +2,13 @@
 
 #include <netinet/in.h>
 #include <netinet/ip.h>
-#include <strings.h>
 #include <sys/socket.h>
 
 #include <algorithm>
 #include <charconv>
 
 #include "values/Check.h"
+#include "values/UTF8.h"
 
 namespace zun {
 namespace {
@@ -18,16 +18,6 @@ constexpr long kMaxRedirects = 10;
 constexpr std::chrono::seconds kDefaultIdleTimeout{60};
 constexpr int kBackgroundTrafficClass = IPTOS_CLASS_CS1;
 
-bool isNamed(std::string_view name, std::string_view expected) {
-  return name.size() == expected.size() && ::strncasecmp(name.data(), expected.data(), name.size()) == 0;
-}
-
-std::string_view trimmed(std::string_view text) {
-  const size_t first = text.find_first_not_of(" \t\r\n");
-  if (first == std::string_view::npos) return {};
-  return text.substr(first, text.find_last_not_of(" \t\r\n") - first + 1);
-}
-
 bool append(curl_slist*& list, const std::string& line) {
   curl_slist* longer = curl_slist_append(list, line.c_str());
   if (longer == nullptr) return false;
@@ -36,8 +26,8 @@ bool append(curl_slist*& list, const std::string& line) {
 }
 
 bool describesBody(std::string_view name) {
-  return isNamed(name, "Content-Length") || isNamed(name, "Content-Type") ||
-         isNamed(name, "Content-Encoding");
+  return equalsIgnoringASCIICase(name, "Content-Length") || equalsIgnoringASCIICase(name, "Content-Type") ||
+         equalsIgnoringASCIICase(name, "Content-Encoding");
 }
 
 bool isBackground(const URLSessionConfiguration& configuration) {
@@ -158,7 +148,7 @@ void CurlURLSessionTransfer::setRequestOptions() {
   set(CURLOPT_HTTPHEADER, headers_);
   set(CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
   const bool hasOwnEncoding = std::any_of(request.headers.begin(), request.headers.end(), [](auto& header) {
-    return isNamed(header.first, "Accept-Encoding");
+    return equalsIgnoringASCIICase(header.first, "Accept-Encoding");
   });
   if (!hasOwnEncoding) set(CURLOPT_ACCEPT_ENCODING, "gzip");
 
@@ -191,13 +181,14 @@ bool CurlURLSessionTransfer::setHeaders() {
   bool hasType = false;
   bool hasAccept = false;
   for (const auto& [name, value] : request.headers) {
-    if (isNamed(name, "Expect") || isNamed(name, "Transfer-Encoding")) continue;
-    if (isNamed(name, "Content-Length")) {
+    if (equalsIgnoringASCIICase(name, "Expect") || equalsIgnoringASCIICase(name, "Transfer-Encoding"))
+      continue;
+    if (equalsIgnoringASCIICase(name, "Content-Length")) {
       if (!sendsBody || hasLength || trimmed(value) != length) continue;
       hasLength = true;
     }
-    hasType = hasType || isNamed(name, "Content-Type");
-    hasAccept = hasAccept || isNamed(name, "Accept");
+    hasType = hasType || equalsIgnoringASCIICase(name, "Content-Type");
+    hasAccept = hasAccept || equalsIgnoringASCIICase(name, "Accept");
     const std::string line = trimmed(value).empty() ? name + ";" : name + ": " + value;
     if (!append(headers_, line)) return false;
     if (!describesBody(name) && !append(bodilessHeaders_, line)) return false;
@@ -248,7 +239,7 @@ void CurlURLSessionTransfer::beginHead(std::string_view statusLine) {
 
   const char* scheme = nullptr;
   curl_easy_getinfo(handle_, CURLINFO_SCHEME, &scheme);
-  if (scheme != nullptr && isNamed(scheme, "https"))
+  if (scheme != nullptr && equalsIgnoringASCIICase(scheme, "https"))
     curl_easy_setopt(handle_, CURLOPT_REDIR_PROTOCOLS_STR, "https");
   if (status_ >= 301 && status_ <= 303 && task_->request().method == "POST")
     curl_easy_setopt(handle_, CURLOPT_HTTPHEADER, bodilessHeaders_);

@@ -48,17 +48,9 @@ bool isPlaceholder(std::string_view text) {
       "to be filled by o.e.m.", "default string", "not specified",
       "not applicable",         "none",           "system product name",
       "system serial number",   "unknown",        "0"};
-  std::string lower(text);
-  std::transform(lower.begin(), lower.end(), lower.begin(),
-                 [](unsigned char character) { return static_cast<char>(std::tolower(character)); });
-  return std::find(kPlaceholders.begin(), kPlaceholders.end(), lower) != kPlaceholders.end();
-}
-
-std::string_view trimmed(std::string_view text) {
-  constexpr std::string_view kBlanks(" \t\r\n\0", 5);  // device tree strings end with a NUL
-  const size_t start = text.find_first_not_of(kBlanks);
-  if (start == std::string_view::npos) return {};
-  return text.substr(start, text.find_last_not_of(kBlanks) - start + 1);
+  return std::any_of(kPlaceholders.begin(), kPlaceholders.end(), [text](std::string_view placeholder) {
+    return equalsIgnoringASCIICase(text, placeholder);
+  });
 }
 
 /// The value of an os-release line, as a shell would read it.
@@ -140,7 +132,8 @@ std::optional<std::string> SystemDeviceProperties::osRelease(std::string_view fi
 std::optional<std::string> SystemDeviceProperties::lineOf(std::string_view path) const {
   const auto text = files_.readFile(systemRoot_ + std::string(path), kMaximumSystemFile);
   if (!text) return std::nullopt;
-  const std::string_view line = trimmed(*text);
+  // Device tree strings end with a NUL.
+  const std::string_view line = trimmed(*text, std::string_view(" \t\r\n\0", 5));
   if (line.empty() || isPlaceholder(line)) return std::nullopt;
   return replacingInvalidUTF8(line);
 }

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "support/TestPlatform.h"
-#include "util/Identifiers.h"
+#include "util/Conversions.h"
 #include "zunreporting/Keys.h"
 
 namespace zun {

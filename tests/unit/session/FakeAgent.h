@@ -12,7 +12,7 @@
 #include "platform/PlatformServices.h"
 #include "session/ReportingdSession.h"
 #include "session/ReportingdSessionDelegate.h"
-#include "util/Identifiers.h"
+#include "util/Conversions.h"
 
 namespace zun {
 

@@ -54,5 +54,47 @@ TEST(UTF8Test, ReplacesBytesThatBelongToNoCharacter) {
   EXPECT_EQ(validUTF8Prefix("1234567890\xFF"), 10u);
 }
 
+TEST(LetterCaseTest, IsIgnoredBeyondASCIIToo) {
+  EXPECT_FALSE(containsIgnoringCase("Die GRÖSSE", "größe"));  // one letter is not two
+  EXPECT_TRUE(containsIgnoringCase("HÄUSER am See", "äu"));
+  EXPECT_TRUE(containsIgnoringCase("Häuser AM", "am"));
+  EXPECT_FALSE(containsIgnoringCase("hauser", "äu"));
+  EXPECT_TRUE(equalsIgnoringCase("ÜBER", "über"));
+  EXPECT_TRUE(equalsIgnoringCase("\u023A", "\u2C65"));
+  EXPECT_FALSE(equalsIgnoringCase("über", "uber"));
+  EXPECT_FALSE(equalsIgnoringCase("ü", "ö"));
+}
+
+TEST(LetterCaseTest, ContainsIgnoresIt) {
+  EXPECT_TRUE(containsIgnoringCase("RearCamera", "cam"));
+  EXPECT_TRUE(containsIgnoringCase("cam", "CAM"));
+  EXPECT_FALSE(containsIgnoringCase("ca", "cam"));
+  EXPECT_FALSE(containsIgnoringCase("anything", ""));
+  EXPECT_FALSE(containsIgnoringCase("", ""));
+}
+
+TEST(LetterCaseTest, EqualsIgnoresIt) {
+  EXPECT_TRUE(equalsIgnoringCase("Bar", "bar"));
+  EXPECT_TRUE(equalsIgnoringCase("", ""));
+  EXPECT_FALSE(equalsIgnoringCase("bar", "bar "));
+  EXPECT_FALSE(equalsIgnoringCase("@", "`"));  // 32 apart, but no letters
+}
+
+TEST(LetterCaseTest, OfASCIILettersAloneIsIgnored) {
+  EXPECT_TRUE(equalsIgnoringASCIICase("X-aZ9", "x-Az9"));
+  EXPECT_TRUE(equalsIgnoringASCIICase("", ""));
+  EXPECT_FALSE(equalsIgnoringASCIICase("a", "ab"));
+  EXPECT_FALSE(equalsIgnoringASCIICase("@[", "`{"));  // 32 apart, but no letters
+  EXPECT_FALSE(equalsIgnoringASCIICase("Ä", "ä"));
+}
+
+TEST(TrimmedTest, BlanksGoAtBothEndsAndStayInside) {
+  EXPECT_EQ(trimmed("\r\n\t a b \t\r\n"), "a b");
+  EXPECT_EQ(trimmed("ab"), "ab");
+  EXPECT_EQ(trimmed(" \t"), "");
+  EXPECT_EQ(trimmed(""), "");
+  EXPECT_EQ(trimmed("xxaxbxx", "x"), "axb");
+}
+
 }  // namespace
 }  // namespace zun

@@ -319,8 +319,8 @@ TEST(ArrayTest, EqualMeansSameElementsInTheSameOrder) {
 // --- Dictionaries ----------------------------------------------------------------------
 
 TEST(DictionaryTest, EnumeratesInInsertionOrder) {
-  const Dictionary dictionary{{"zebra", 1}, {"apple", 2}, {"mango", 3}};
-  EXPECT_EQ(keysOf(dictionary), (std::vector<std::string>{"zebra", "apple", "mango"}));
+  const Dictionary dictionary{{"first", 1}, {"second", 2}, {"and third", 3}};
+  EXPECT_EQ(keysOf(dictionary), (std::vector<std::string>{"first", "second", "and third"}));
 }
 
 TEST(DictionaryTest, SettingAnExistingKeyKeepsItsPlace) {

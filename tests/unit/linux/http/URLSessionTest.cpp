@@ -71,14 +71,14 @@ TEST_F(URLSessionTest, PostWithAnEmptyBodySaysLengthZero) {
 TEST_F(URLSessionTest, HeadersGoOutInTheOrderSetAndNothingIsAddedButWhatHTTPNeeds) {
   server_.answer("/p", {});
   URLRequest request = post(server_.url("/p"), "12345");
-  request.headers = {{"X-Zebra", "1"},        {"Content-Type", "application/json"},
-                     {"Content-Length", "5"}, {"X-Apple", "  spaced"},
+  request.headers = {{"X-First", "1"},        {"Content-Type", "application/json"},
+                     {"Content-Length", "5"}, {"X-Second", "  spaced"},
                      {"Empty", ""},           {"User-Agent", "zun/1"}};
   EXPECT_FALSE(load(request).error);
   const TestRequest received = server_.requests().at(0);
   Names names;
   for (const auto& header : received.headers) names.push_back(header.first);
-  EXPECT_EQ(names, (Names{"Host", "Accept-Encoding", "X-Zebra", "Content-Type", "Content-Length", "X-Apple",
+  EXPECT_EQ(names, (Names{"Host", "Accept-Encoding", "X-First", "Content-Type", "Content-Length", "X-Second",
                           "Empty", "User-Agent"}));
 }
 

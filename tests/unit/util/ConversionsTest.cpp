@@ -1,4 +1,4 @@
-#include "util/Identifiers.h"
+#include "util/Conversions.h"
 
 #include <gtest/gtest.h>
 
@@ -21,17 +21,16 @@ TEST(ConnectivityUserInfoKeyTest, MissingNamesAndNamesOfAnotherTypeAreEmpty) {
   EXPECT_EQ(connectivityUserInfoKey({{zunreporting::kZunReportingUserInfoClientName, 5}}), ":");
 }
 
+TEST(ConnectivityUserInfoKeyTest, LetterCaseIsIgnoredBeyondASCIIToo) {
+  EXPECT_EQ(connectivityUserInfoKey({{zunreporting::kZunReportingUserInfoClientName, "ÜBER"}}), "über:");
+}
+
 TEST(ReportingErrorTest, CarriesDomainCodeAndMessage) {
   const Error error = reportingError("no good", 503);
   EXPECT_EQ(error.domain, zunreporting::kZunReportingErrorDomain);
   EXPECT_EQ(error.code, 503);
   EXPECT_EQ(error.description, "no good");
   EXPECT_EQ(reportingError("x").code, -1);
-}
-
-TEST(TimeTest, MicrosecondsAreTheFraction) {
-  EXPECT_DOUBLE_EQ(secondsFromTimeValue({1'700'000'000, 250'000}), 1'700'000'000.25);
-  EXPECT_DOUBLE_EQ(secondsFromTimeValue({0, 999'999}), 0.999999);
 }
 
 TEST(TimeTest, WholeMinutesAreCutTowardZero) {
@@ -48,18 +47,6 @@ TEST(FiniteOrMinusOneTest, WhatIsNotFiniteIsMinusOne) {
   EXPECT_EQ(finiteOrMinusOne(std::numeric_limits<double>::infinity()), -1.0);
   EXPECT_EQ(finiteOrMinusOne(-std::numeric_limits<double>::infinity()), -1.0);
   EXPECT_EQ(finiteOrMinusOne(std::numeric_limits<double>::quiet_NaN()), -1.0);
-}
-
-TEST(LetterCaseTest, IsIgnoredBeyondASCIIToo) {
-  EXPECT_FALSE(containsIgnoringCase("Die GRÖSSE", "größe"));  // one letter is not two
-  EXPECT_TRUE(containsIgnoringCase("HÄUSER am See", "äu"));
-  EXPECT_TRUE(containsIgnoringCase("Häuser AM", "am"));
-  EXPECT_FALSE(containsIgnoringCase("hauser", "äu"));
-  EXPECT_TRUE(equalsIgnoringCase("ÜBER", "über"));
-  EXPECT_TRUE(equalsIgnoringCase("\u023A", "\u2C65"));
-  EXPECT_FALSE(equalsIgnoringCase("über", "uber"));
-  EXPECT_FALSE(equalsIgnoringCase("ü", "ö"));
-  EXPECT_EQ(connectivityUserInfoKey({{zunreporting::kZunReportingUserInfoClientName, "ÜBER"}}), "über:");
 }
 
 TEST(DashboardSocketAddressTest, AddressAndPortAreInNetworkOrder) {
@@ -79,21 +66,6 @@ TEST(DashboardSocketAddressTest, WhatIsNoAddressIsAllOnes) {
   for (const char* text : {"", "dashboard.example", "1.2.3.400", "::1"}) {
     EXPECT_EQ(dashboardSocketAddress(text, 1).address, allOnes) << text;
   }
-}
-
-TEST(LetterCaseTest, ContainsIgnoresIt) {
-  EXPECT_TRUE(containsIgnoringCase("RearCamera", "cam"));
-  EXPECT_TRUE(containsIgnoringCase("cam", "CAM"));
-  EXPECT_FALSE(containsIgnoringCase("ca", "cam"));
-  EXPECT_FALSE(containsIgnoringCase("anything", ""));
-  EXPECT_FALSE(containsIgnoringCase("", ""));
-}
-
-TEST(LetterCaseTest, EqualsIgnoresIt) {
-  EXPECT_TRUE(equalsIgnoringCase("Bar", "bar"));
-  EXPECT_TRUE(equalsIgnoringCase("", ""));
-  EXPECT_FALSE(equalsIgnoringCase("bar", "bar "));
-  EXPECT_FALSE(equalsIgnoringCase("@", "`"));  // 32 apart, but no letters
 }
 
 }  // namespace

@@ -4,10 +4,12 @@
 #include <string>
 #include <string_view>
 
-#include "platform/Clock.h"
 #include "platform/DatagramSocket.h"
 #include "values/Error.h"
 #include "values/Value.h"
+
+// What sessions and backends share of turning one thing into another: names into a key, a
+// text into an error, a storebag's address into a socket's, times into what is reported.
 
 namespace zun {
 
@@ -18,9 +20,6 @@ namespace zun {
 /// An error for a client: domain kZunReportingErrorDomain.
 [[nodiscard]] Error reportingError(std::string message, int32_t code = -1);
 
-/// Seconds since 1970 with microseconds as the fraction.
-[[nodiscard]] double secondsFromTimeValue(const TimeValue& time);
-
 /// `value` if finite, else -1.0.
 [[nodiscard]] double finiteOrMinusOne(double value);
 
@@ -30,10 +29,5 @@ namespace zun {
 /// A dashboard server's address, of which the first 16 characters count.
 /// 255.255.255.255 for what is none: not checked here, since nothing connects to that.
 [[nodiscard]] IPv4SocketAddress dashboardSocketAddress(std::string_view dottedAddress, uint16_t port);
-
-/// True where `text` contains `part`, letter case ignored. An empty part is contained
-/// in nothing.
-[[nodiscard]] bool containsIgnoringCase(std::string_view text, std::string_view part);
-[[nodiscard]] bool equalsIgnoringCase(std::string_view left, std::string_view right);
 
 }  // namespace zun
