@@ -4,8 +4,12 @@
 
 namespace zun {
 
-void SystemLog::cut(std::string& line) {
+void SystemLog::writeCut(LogLevel level, std::string line) {
   cutLongText(line, kMaximumLineBytes);
+  write(level, line);
+  if (!hasToldOfCut_.exchange(true)) {
+    error("log: lines of more than {} bytes are cut, and end with their length", kMaximumLineBytes);
+  }
 }
 
 }  // namespace zun

@@ -2,8 +2,10 @@
 
 #include <fmt/format.h>
 
+#include <atomic>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace zun {
 
@@ -18,7 +20,7 @@ enum class LogTarget { kAuto, kJournal, kStderr };
 /// slow or gone never fails the caller. Any thread.
 ///
 /// What clients and servers send is part of many lines, so a line has a bound: what is
-/// longer is cut and ends with its length.
+/// longer is cut and ends with its length. The first one is followed by an error line.
 class SystemLog {
  public:
   static constexpr size_t kMaximumLineBytes = size_t{16} << 10;
@@ -54,12 +56,16 @@ class SystemLog {
   void log(LogLevel level, fmt::format_string<Arguments...> format, Arguments&&... arguments) {
     if (!isEnabled(level)) return;
     std::string line = fmt::format(format, std::forward<Arguments>(arguments)...);
-    if (line.size() > kMaximumLineBytes) [[unlikely]]
-      cut(line);
-    write(level, line);
+    if (line.size() > kMaximumLineBytes) [[unlikely]] {
+      writeCut(level, std::move(line));
+    } else {
+      write(level, line);
+    }
   }
 
-  static void cut(std::string& line);
+  void writeCut(LogLevel level, std::string line);
+
+  std::atomic<bool> hasToldOfCut_{false};
 };
 
 }  // namespace zun

@@ -97,7 +97,7 @@ TEST_F(SessionUploadTest, LongURLIsCutInTheMessageLog) {
                                               url.substr(0, 16 << 10) + "... (1000008 bytes)"});
   std::string line = "uploadFileWithURL: File upload failed for " + url.substr(7);
   cutLongText(line, SystemLog::kMaximumLineBytes);
-  expectErrors({line});
+  expectErrors({line, "log: lines of more than 16384 bytes are cut, and end with their length"});
 }
 
 TEST_F(SessionUploadTest, BothBackendsThatCanUploadLogDataAreAskedEvenWhenTheFirstSucceeds) {

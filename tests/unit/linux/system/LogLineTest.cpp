@@ -35,6 +35,15 @@ TEST(LogLineTest, LinesAreCutBetweenCharacters) {
   }
 }
 
+TEST(LogLineTest, TheFirstLineThatIsCutIsFollowedByOneErrorLine) {
+  RecordingLog log;
+  for (int i = 0; i < 3; ++i) log.debug("{}", std::string(kBound + 1, 'x'));
+  const auto lines = log.lines();
+  ASSERT_EQ(lines.size(), 4U);
+  EXPECT_EQ(lines[1].level, LogLevel::kError);
+  EXPECT_EQ(lines[1].text, "log: lines of more than 16384 bytes are cut, and end with their length");
+}
+
 TEST(LogLineTest, BytesThatAreNoTextAreCutAllTheSame) {
   EXPECT_EQ(lineOf(std::string(kBound + 9, '\x80')).size(),
             kBound - 3 + std::string("... (16393 bytes)").size());
