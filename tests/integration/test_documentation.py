@@ -63,6 +63,7 @@ BOUNDS = {
                                     ("values/PropertyList.h", "maximumExpandedBytes", "MiB")],
     "an entitlement file": [("linux/service/EntitlementStore.cpp", "kMaximumFileBytes", "MiB")],
     "one line": [("platform/SystemLog.h", "kMaximumLineBytes", "KiB")],
+    "entries that wait for the journal": [("linux/system/JournalWriter.h", "kMaximumWaitingBytes", "MiB")],
     "one power event in the journal": [("linux/system/JournalPowerLog.h", "kMaximumEventBytes", "KiB")],
 }
 BYTES = {"MiB": 1 << 20, "KiB": 1 << 10}
