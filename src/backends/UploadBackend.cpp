@@ -14,10 +14,9 @@ namespace {
 constexpr std::string_view kDescription = "Vidora AFRC log";
 constexpr std::string_view kAccepted = "success";
 
+/// Of a file's path: it does not end with a slash.
 std::string_view lastPathComponent(std::string_view path) {
-  while (path.size() > 1 && path.ends_with('/')) path.remove_suffix(1);
-  const size_t slash = path.rfind('/');
-  return slash == std::string_view::npos || path.size() == 1 ? path : path.substr(slash + 1);
+  return path.substr(path.rfind('/') + 1);
 }
 
 }  // namespace

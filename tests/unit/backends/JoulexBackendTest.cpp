@@ -64,6 +64,11 @@ TEST_F(JoulexBackendTest, EventNumbersCountDroppedEventsToo) {
   EXPECT_EQ(events(), (Events{R"({"a":1,"method":1,"respCode":0,"event":3})"}));
 }
 
+TEST_F(JoulexBackendTest, EventNumberIsTheOneThatTheEventCameUnder) {
+  make()->sendMessage(message({{"a", 1}}), kEventTime, 1, 2, 65535, 0);
+  EXPECT_EQ(events(), (Events{R"({"a":1,"method":1,"respCode":2,"event":65535})"}));
+}
+
 TEST_F(JoulexBackendTest, ClientsMessageIsLeftAsItIs) {
   const Dictionary blob = message({{"a", 1}});
   send(*make(), 1, 2, blob);

@@ -93,14 +93,15 @@ TEST_F(KodoBackendTest, EventsGoToTheAdaptorWithMethodRespCodeAndPayload) {
   install("recording_adaptor");
   {
     const auto backend = make();
-    EXPECT_EQ(send(*backend, 65535, 9, message({{"answer", 42}, {"list", Array{1, "b"}}})), std::nullopt);
+    EXPECT_EQ(send(*backend, 65535, 65534, message({{"answer", 42}, {"list", Array{1, "b"}}})), std::nullopt);
     // Neither method 0 nor an empty payload stops an event.
     send(*backend, 0, 0, message({}), 3);
     send(*backend, 1, 2, std::nullopt);
   }
-  EXPECT_EQ(record_.text(),
-            "create 0\nevent 1 65535 9 {\"answer\":42,\"list\":[1,\"b\"]}\nevent 2 0 0 {}\nevent 3 1 2 {}\n"
-            "destroy 3\n");
+  EXPECT_EQ(
+      record_.text(),
+      "create 0\nevent 1 65535 65534 {\"answer\":42,\"list\":[1,\"b\"]}\nevent 2 0 0 {}\nevent 3 1 2 {}\n"
+      "destroy 3\n");
 }
 
 TEST_F(KodoBackendTest, PayloadIsTheClientsDataOrTheMessageItself) {

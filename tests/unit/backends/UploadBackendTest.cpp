@@ -107,6 +107,13 @@ TEST_F(UploadBackendTest, SectionWithoutPostURLMakesNoBackend) {
   }
 }
 
+TEST_F(UploadBackendTest, EmptyPostURLIsOneThatNoRequestCanBeSentTo) {
+  backend_ = make(Dictionary{{"post_url", ""}});
+  ASSERT_NE(backend_, nullptr);
+  EXPECT_FALSE(upload(write("file")));
+  expectErrors({"UploadBackend(uploadFileAtPath): Unable to create URL request"});
+}
+
 TEST_F(UploadBackendTest, DeviceWithoutANameUploadsToo) {
   EXPECT_NE(ZunReportingBackend::newBackendWithName(
                 services_, "uploadServer", Dictionary{{"post_url", "https://host/"}}, std::nullopt, 5),
@@ -327,6 +334,12 @@ TEST_F(UploadBackendTest, DirectoryIsRefused) {
   std::filesystem::create_directory(path("folder"));
   EXPECT_FALSE(upload(path("folder")));
   expectErrors({"UploadBackend(uploadFileAtPath): Only upload a regular file."});
+}
+
+TEST_F(UploadBackendTest, FileNamedLikeAFolderIsRefused) {
+  const std::string file = write("file");
+  EXPECT_FALSE(upload(file + "/", issue(file)));
+  expectRefused(file + "/", "Invalid argument");
 }
 
 TEST_F(UploadBackendTest, FIFOAndDeviceAreRefused) {
