@@ -27,9 +27,9 @@ std::string concatenatedTypes(std::span<const ServiceArgument> arguments) {
   return signature;
 }
 
-/// True where `path` is `other` or lies above it.
-bool isAtOrAbove(std::string_view path, std::string_view other) {
-  if (path == "/" || path == other) return true;
+/// True where `path` lies above `other`, which is not the root.
+bool isAbove(std::string_view path, std::string_view other) {
+  if (path == "/") return true;
   return other.starts_with(path) && other.substr(path.size()).starts_with('/');
 }
 
@@ -77,7 +77,7 @@ DBusObjects::Node DBusObjects::nodeAt(std::string_view path) const {
   if (path == kDBusBusPath) return Node::kBus;
   const auto known = knownPaths();
   const bool isParent = std::any_of(known.begin(), known.end(),
-                                    [path](std::string_view other) { return isAtOrAbove(path, other); });
+                                    [path](std::string_view other) { return isAbove(path, other); });
   return isParent ? Node::kParent : Node::kUnknown;
 }
 
@@ -222,7 +222,7 @@ std::string DBusObjects::introspect(std::string_view path) const {
   for (const Offer& offer : offersAt(path)) appendDBusIntrospection(text, offer.table->interface());
   std::vector<std::string> children;
   for (const std::string_view known : knownPaths()) {
-    if (!isAtOrAbove(path, known) || path == known) continue;
+    if (!isAbove(path, known)) continue;
     const std::string_view below = known.substr(path == "/" ? 1 : path.size() + 1);
     std::string child(below.substr(0, below.find('/')));
     if (std::find(children.begin(), children.end(), child) == children.end()) {

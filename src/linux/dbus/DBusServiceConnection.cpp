@@ -232,10 +232,7 @@ bool DBusServiceConnection::isFinished() {
 DBusServiceConnection::Step DBusServiceConnection::dispatchBuffered() {
   isStarved_ = false;
   while (!isInvalidated_) {
-    if (!output_->hasRoom()) {
-      output_->flush();
-      if (!output_->hasRoom()) return Step::kGoOn;
-    }
+    if (!output_->hasRoom()) return Step::kGoOn;
     auto message = input_.takeMessage();
     if (!message) {
       isStarved_ = true;

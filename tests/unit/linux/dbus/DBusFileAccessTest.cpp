@@ -261,6 +261,19 @@ TEST_F(DBusFileAccessTest, ADescriptorThatItsMessageDoesNotClaimIsClosed) {
                 "header says"});
 }
 
+TEST_F(DBusFileAccessTest, ARefusedMessageTakesItsDescriptorsWithIt) {
+  options_.connection.messageLimits.maximumMessageBytes = 1000;
+  start();
+  const auto client = connectAndWait();
+  const std::string tooLarge = wireCall({.member = "Describe", .signature = "s", .descriptors = 1},
+                                        WireBytes().text(std::string(2000, 'x')));
+  client->sendWithDescriptors(tooLarge + issueCall(), {open(O_WRONLY).get(), open().get()});
+  EXPECT_EQ(errorName(*client), "org.freedesktop.DBus.Error.LimitsExceeded");
+  expectUsable(tokenOf(client->receiveMessage()));
+  expectErrors({"listener: " + peerName() + " sent a message of " + std::to_string(tooLarge.size()) +
+                " bytes, 1000 are allowed"});
+}
+
 TEST_F(DBusFileAccessTest, DescriptorsOfRefusedMessagesAreClosed) {
   start();
   const auto client = connectAndWait();

@@ -123,7 +123,7 @@ TEST_F(DBusForeignPeersTest, GdbusCallsAndIntrospects) {
 }
 
 constexpr const char* kGLibClient = R"PYTHON(
-import sys
+import os, sys
 from gi.repository import Gio, GLib
 
 connection = Gio.DBusConnection.new_for_address_sync(
@@ -188,6 +188,11 @@ echo = Gio.DBusNodeInfo.new_for_xml(xml).lookup_interface('com.vantix.test.Echo'
 assert ''.join(arg.signature for arg in echo.lookup_method('Echo').in_args) == types[1:-1]
 assert call('GetAll', V('(s)', ('x',)), '(a{sv})', interface='org.freedesktop.DBus.Properties')[0] == {}
 assert call('Hello', None, '(s)', '/org/freedesktop/DBus', 'org.freedesktop.DBus')[0] == ':1.1'
+def process(name):
+    return call('GetConnectionUnixProcessID', V('(s)', (name,)), '(u)', '/org/freedesktop/DBus',
+                'org.freedesktop.DBus')[0]
+assert process(':1.1') == os.getpid()
+assert process('org.freedesktop.DBus') == int(sys.argv[2])
 print('all good')
 )PYTHON";
 
@@ -202,7 +207,8 @@ TEST_F(DBusForeignPeersTest, GLibSendsAndGetsEveryType) {
     if (!delegate_.events->wait("Later")) return;
     EXPECT_EQ(delegate_.connection()->callRemote(0, Array{9, Array{Dictionary{{"k", "v"}}}}), std::nullopt);
   });
-  const Output output = run("/usr/bin/python3 " + script + " " + address());
+  const Output output =
+      run("/usr/bin/python3 " + script + " " + address() + " " + std::to_string(::getpid()));
   delegate_.events->add("Later");  // lets the teller go, should the client have failed before
   teller.join();
   EXPECT_EQ(output.text, "all good\n");

@@ -134,6 +134,8 @@ TEST(DBusNamesTest, NamesFollowTheProtocol) {
     EXPECT_FALSE(isDBusObjectPath(bad)) << bad;
   }
   for (const char* good : {"a.b", "com.vantix._x1"}) EXPECT_TRUE(isDBusInterfaceName(good)) << good;
+  EXPECT_TRUE(isDBusInterfaceName("a." + std::string(253, 'b')));
+  EXPECT_FALSE(isDBusInterfaceName("a." + std::string(254, 'b')));
   for (const char* bad : {"", "a", "a.", ".a", "a..b", "a.1b", "a.b-c"})
     EXPECT_FALSE(isDBusInterfaceName(bad)) << bad;
   EXPECT_TRUE(isDBusMemberName("sendMessage1"));
@@ -207,6 +209,30 @@ TEST(DBusBodyTest, SmallInputThatMeansMuchMemoryIsRefused) {
   EXPECT_EQ(values.error().kind, DBusFailure::Kind::kTooLarge);
 }
 
+// Each kind of value counts by itself what it takes.
+TEST(DBusBodyTest, EveryKindOfValueIsCounted) {
+  constexpr DBusLimits kLimits{.maximumDecodedBytes = 10'000};
+  const auto kindOfFailure = [&](std::string_view signature, const WireBytes& body) {
+    const auto values = decode(signature, body, kLimits);
+    return values ? "none" : values.error().reason;
+  };
+  const auto many = [](size_t count, const std::function<void(WireBytes&)>& element, size_t alignment = 8) {
+    return WireBytes().array(alignment, [&](WireBytes& body) {
+      for (size_t index = 0; index < count; ++index) element(body.align(alignment));
+    });
+  };
+  const std::string kReason = "its values take too much memory";
+  const std::string large(11'000, 'x');
+  EXPECT_EQ(kindOfFailure("s", WireBytes().text(large)), kReason);
+  EXPECT_EQ(kindOfFailure("ay", WireBytes().array(1, [&](WireBytes& body) { body.raw(large); })), kReason);
+  EXPECT_EQ(kindOfFailure("a(y)", many(90, [](WireBytes& body) { body.u8(1); })), kReason);
+  EXPECT_EQ(kindOfFailure("a{yy}", many(90, [](WireBytes& body) { body.u8(1).u8(2); })), kReason);
+  EXPECT_EQ(kindOfFailure("a{sy}", many(400, [](WireBytes& body) { body.text("k").u8(2); })), kReason);
+  EXPECT_EQ(kindOfFailure("as", many(
+                                    1000, [](WireBytes& body) { body.text("abc"); }, 4)),
+            kReason);
+}
+
 TEST(DBusBodyTest, AFullMessageOfNumbersIsAccepted) {
   const WireBytes body = WireBytes().array(4, [](WireBytes& b) { b.raw(std::string(1 << 20, '\1')); });
   const Value value = decodeOne("ai", body);
@@ -247,9 +273,33 @@ TEST(DBusHeaderTest, MalformedHeadersAreRefused) {
   EXPECT_EQ(reasonWith(7, 0x7F), "it is larger than D-Bus allows");
   EXPECT_EQ(reasonWith(24, 'x'), "a name in the header is none");  // the path's slash
   EXPECT_EQ(reasonWith(16, 3), "a header field has the wrong type");
+  EXPECT_EQ(reasonWith(good.size() - 1, 'x'), "padding is not zero");
+  EXPECT_EQ(reasonWith(1, 2), "a reply lacks its serial");
+  EXPECT_EQ(reasonWith(1, 3), "an error lacks its name or serial");
   for (size_t length = 0; length < good.size(); ++length) {
     EXPECT_FALSE(decodeDBusHeader(std::string_view(good).substr(0, length))) << length;
   }
+}
+
+TEST(DBusHeaderTest, ErrorsNeedANameAndSignalsAnInterface) {
+  WireBytes error;
+  error.u8(std::endian::native == std::endian::little ? 'l' : 'B').u8(3).u8(0).u8(1).u32(0).u32(5);
+  error.array(8, [](WireBytes& fields) { fields.u8(5).signature("u").u32(1); });
+  EXPECT_STREQ(decodeDBusHeader(error.align(8).bytes()).error().reason, "an error lacks its name or serial");
+  std::string signal = wireCall({.interface = "", .member = "Describe"});
+  ASSERT_TRUE(decodeDBusHeader(signal));
+  signal[1] = 4;
+  EXPECT_STREQ(decodeDBusHeader(signal).error().reason, "a signal lacks its path, interface or member");
+}
+
+TEST(DBusHeaderTest, FieldsMayTakeAsMuchAsAnArray) {
+  std::string bytes = wireCall({.member = "Describe"});
+  const auto isFramed = [&bytes](uint32_t fieldsBytes) {
+    std::memcpy(bytes.data() + 12, &fieldsBytes, sizeof fieldsBytes);
+    return static_cast<bool>(frameDBusMessage(bytes));
+  };
+  EXPECT_TRUE(isFramed(64 << 20));
+  EXPECT_FALSE(isFramed((64 << 20) + 1));
 }
 
 TEST(DBusHeaderTest, UnknownFieldsAreSkipped) {
@@ -296,6 +346,10 @@ TEST(DBusEncodingTest, VariantsAreTypedByTheirValue) {
   EXPECT_TRUE((*back.array())[1].isInteger());
   EXPECT_TRUE((*back.array())[2].isAboveInt64());
   EXPECT_TRUE((*back.array())[6].isDate());
+}
+
+TEST(DBusEncodingTest, ElementsThatAreNoneAreLeftOut) {
+  EXPECT_EQ(roundTrip("av", Array{Value(), 1, Value()}), Value(Array{1}));
 }
 
 // Text from elsewhere may be anything; a peer would end the connection over it.

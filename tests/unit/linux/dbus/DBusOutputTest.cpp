@@ -1,6 +1,7 @@
 #include "linux/dbus/DBusOutput.h"
 
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -239,10 +240,40 @@ TEST_F(DBusReplyTest, LargeReplyIsCountedUntilItHasBeenReadAndNoLonger) {
 }
 
 TEST_F(DBusReplyTest, LargeReplyIsNotCountedBeyondTheEndOfItsConnection) {
-  Peer peer(*this);
-  peer.reply(kLargeBytes);
-  peer.output->drop();
+  Peer dropped(*this);
+  dropped.reply(kLargeBytes);
+  dropped.output->drop();
   EXPECT_EQ(budget_->left(), budgetBytes_);
+  Peer closed(*this);
+  closed.reply(kLargeBytes);
+  closed.output->close();
+  EXPECT_EQ(budget_->left(), budgetBytes_);
+}
+
+// Connections are many and idle for long: what one answer took must not stay with each.
+TEST_F(DBusReplyTest, MemoryOfALargeReplyGoesWithIt) {
+  const auto allocatedBytes = [] {
+    const struct mallinfo2 information = ::mallinfo2();
+    return information.uordblks + information.hblkhd;
+  };
+  Peer peer(*this);
+  peer.reply(100);
+  peer.read();
+  const size_t before = allocatedBytes();
+  peer.reply(kLargeBytes);
+  peer.read();
+  EXPECT_LT(allocatedBytes(), before + kLargeBytes / 2);
+}
+
+TEST_F(DBusReplyTest, ErrorsHaveANameOfTheProtocol) {
+  Peer peer(*this);
+  peer.output->sendError(1, "no name", "text");
+  std::array<char, 1000> buffer{};
+  const ssize_t count = ::recv(peer.sockets[1], buffer.data(), buffer.size(), 0);
+  ASSERT_GT(count, 0);
+  const auto header = decodeDBusHeader({buffer.data(), static_cast<size_t>(count)});
+  ASSERT_TRUE(header);
+  EXPECT_EQ(header->errorName, "org.freedesktop.DBus.Error.Failed");
 }
 
 TEST_F(DBusReplyTest, TextsThatWouldEndTheConnectionAreLeftOut) {

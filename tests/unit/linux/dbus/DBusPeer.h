@@ -116,7 +116,7 @@ class EchoObject final : public ExportedObject {
       case kBlock: {
         events_->add("blocked");
         std::unique_lock lock(mutex_);
-        unblocked_.wait(lock, [this] { return isUnblocked_; });
+        unblocked_.wait(lock, [this] { return std::exchange(isUnblocked_, false); });
         break;
       }
       default: break;  // Drop
@@ -132,6 +132,17 @@ class EchoObject final : public ExportedObject {
     }
     for (ServiceReply& reply : replies) reply.send(Array{Value(text)});
   }
+  /// Answers the last of them.
+  void answerLastLater(const std::string& text) {
+    ServiceReply reply;
+    {
+      const std::lock_guard lock(mutex_);
+      reply = std::move(later_.back());
+      later_.pop_back();
+    }
+    reply.send(Array{Value(text)});
+  }
+  /// Lets the call of Block that is under way return, and no later one.
   void unblock() {
     const std::lock_guard lock(mutex_);
     isUnblocked_ = true;
@@ -158,14 +169,14 @@ class EchoDelegate final : public ServiceListenerDelegate {
     connection->setExportedInterface(kEchoInterface);
     connection->setRemoteObjectInterface(kRemoteInterface);
     connection->setExportedObject(object);
-    connection->setInterruptionHandler([all = events] { all->add("interrupted"); });
-    connection->setInvalidationHandler([all = events] { all->add("invalidated"); });
+    connection->setInterruptionHandler([all = events, connection] { all->add("interrupted"); });
+    connection->setInvalidationHandler([all = events, connection] { all->add("invalidated"); });
     {
       const std::lock_guard lock(mutex_);
       connection_ = connection;
       object_ = object;
     }
-    connection->resume();
+    if (resumes) connection->resume();
     events->add("accepted");
     return true;
   }
@@ -185,6 +196,7 @@ class EchoDelegate final : public ServiceListenerDelegate {
   }
 
   bool accepts = true;
+  bool resumes = true;
   std::shared_ptr<Events> events = std::make_shared<Events>();
 
  private:

@@ -59,8 +59,12 @@ TEST_F(DBusRawServiceTest, AuthenticationFollowsTheProtocol) {
   EXPECT_EQ(client.receiveLine(), "REJECTED EXTERNAL");
   std::string user;
   for (const char digit : std::to_string(::geteuid())) user += fmt::format("{:02x}", digit);
+  client.send("AUTH EXTERNAL " + user + "3\r\n");
+  EXPECT_EQ(client.receiveLine(), "REJECTED EXTERNAL");
   client.send("AUTH EXTERNAL " + user + "\r\n");
   EXPECT_TRUE(client.receiveLine().starts_with("OK "));
+  client.send("AUTH EXTERNAL " + user + "\r\n");
+  EXPECT_EQ(client.receiveLine(), "ERROR");
   client.send("NEGOTIATE_UNIX_FD\r\n");
   EXPECT_EQ(client.receiveLine(), "AGREE_UNIX_FD");
   client.send("BEGIN\r\n");
@@ -93,6 +97,17 @@ TEST_F(DBusRawServiceTest, APeerThatTricklesIsCutOffAtTheDeadline) {
   expectErrors({"listener: " + peerName() + " did not authenticate in time, closing its connection"});
 }
 
+TEST_F(DBusRawServiceTest, APeerThatLeavesBeforeItIsAuthenticatedIsNoError) {
+  start();
+  RawClient client(path_);
+  client.send(std::string("\0AUTH EXTERNAL\r\n", 16));
+  EXPECT_EQ(client.receiveLine(), "DATA");
+  client.close();
+  waitForConnections(0);
+  EXPECT_TRUE(
+      log_.contains(LogLevel::kDebug, "listener: " + peerName() + " left before it was authenticated"));
+}
+
 TEST_F(DBusRawServiceTest, BadAuthenticationEndsTheConnection) {
   start();
   const std::string line = "listener: " + peerName() + " did not authenticate, closing its connection: ";
@@ -110,6 +125,33 @@ TEST_F(DBusRawServiceTest, BadAuthenticationEndsTheConnection) {
   std::string many(1, '\0');
   for (int count = 0; count < 40; ++count) many += "X\r\n";
   failsWith(many, "it sent too many lines");
+}
+
+TEST_F(DBusRawServiceTest, AuthenticationMayTake32LinesOf1024Bytes) {
+  start();
+  const std::string line = "listener: " + peerName() + " did not authenticate, closing its connection: ";
+  const std::string longest = std::string(1022, 'X') + "\r\n";
+  const auto authenticateAfter = [&](RawClient& client, int lines) {
+    client.send(std::string(1, '\0'));
+    for (int count = 0; count < lines; ++count) {
+      client.send(longest);
+      EXPECT_EQ(client.receiveLine(), "ERROR");
+    }
+    client.send("AUTH EXTERNAL\r\nDATA\r\nBEGIN\r\n");
+    EXPECT_EQ(client.receiveLine(), "DATA");
+    EXPECT_TRUE(client.receiveLine().starts_with("OK "));
+  };
+  RawClient patient(path_);
+  authenticateAfter(patient, 29);
+  expectStillServed(patient);
+  RawClient tooMany(path_);
+  authenticateAfter(tooMany, 30);
+  EXPECT_TRUE(tooMany.isEnded());
+  expectErrors({line + "it sent too many lines"});
+  RawClient tooLong(path_);
+  tooLong.send(std::string(1, '\0') + "X" + longest);
+  EXPECT_TRUE(tooLong.isEnded());
+  expectErrors({line + "it sent an over-long line"});
 }
 
 TEST_F(DBusRawServiceTest, EverythingMayComeByteByByte) {
@@ -182,6 +224,23 @@ TEST_F(DBusRawServiceTest, ConnectionsOfOneUserAreLimited) {
   waitForConnections(1);
   const auto fourth = connect();
   expectStillServed(*fourth);
+  EXPECT_TRUE(RawClient(path_).isEnded());
+  expectErrors(
+      {"listener: a connection of " + peerName() + " is refused: the user has 2 connections already"});
+}
+
+// What was accepted and not resumed yet has to notice its end as well.
+TEST_F(DBusRawServiceTest, AConnectionEndsBeforeItIsResumed) {
+  delegate_.resumes = false;
+  start();
+  auto client = connect();
+  ASSERT_TRUE(delegate_.events->wait("accepted"));
+  client->close();
+  ASSERT_TRUE(delegate_.events->wait("invalidated"));
+  const auto other = connect();
+  ASSERT_TRUE(delegate_.events->wait("accepted", 2));
+  delegate_.connection()->invalidate();
+  EXPECT_TRUE(other->isEnded());
 }
 
 TEST_F(DBusRawServiceTest, ConnectionsInAllAreLimited) {
@@ -251,6 +310,23 @@ TEST_F(DBusRawServiceTest, CallsThatAreNotForUsAreAnsweredWithErrors) {
   EXPECT_EQ(textAnswer(*client), "{category = 7}");
 }
 
+TEST_F(DBusRawServiceTest, PathsAreComparedElementByElement) {
+  start();
+  const auto client = connect();
+  for (const auto& [path, error] :
+       {std::pair("/com/vantix", ""), std::pair("/com/van", "org.freedesktop.DBus.Error.UnknownObject")}) {
+    client->send(
+        wireCall({.path = path, .interface = "org.freedesktop.DBus.Introspectable", .member = "Introspect"}));
+    EXPECT_EQ(errorName(*client), error);
+  }
+}
+
+TEST_F(DBusRawServiceTest, OnlyDictionariesOfTextServeAsDictionaries) {
+  EXPECT_TRUE(acceptsDBusSignature("a{sv}aa{sv}", "a{ss}aa{ss}"));
+  EXPECT_FALSE(acceptsDBusSignature("a{sv}", "a{si}"));
+  EXPECT_FALSE(acceptsDBusSignature("a{sv}s", "a{sv}i"));
+}
+
 TEST_F(DBusRawServiceTest, DictionariesOfTextServeAsDictionaries) {
   start();
   const auto client = connect();
@@ -301,6 +377,31 @@ TEST_F(DBusRawServiceTest, ABlockingCallDoesNotHoldUpEarlierAnswers) {
   EXPECT_EQ(client->receiveMessage()->header.replySerial, 2u);
 }
 
+TEST_F(DBusRawServiceTest, ACallThatTookLongIsTakenForOneThatWillAgain) {
+  start();
+  const auto client = connect();
+  client->send(simpleCall("Block"));
+  ASSERT_TRUE(delegate_.events->wait("blocked"));
+  std::this_thread::sleep_for(std::chrono::milliseconds(2));  // no quick call any more
+  delegate_.object()->unblock();
+  ASSERT_TRUE(client->receiveMessage());
+  client->send(describeCall(1) + simpleCall("Block", 2));
+  EXPECT_EQ(textAnswer(*client), "{category = 7}");
+  delegate_.object()->unblock();
+  EXPECT_EQ(client->receiveMessage()->header.replySerial, 2u);
+}
+
+// Whatever it names: a client's object is called one way, and nobody listens to signals.
+TEST_F(DBusRawServiceTest, OnlyCallsAreCarriedOut) {
+  start();
+  const auto client = connect();
+  std::string signal = describeCall(1);
+  signal[1] = static_cast<char>(DBusMessageType::kSignal);
+  client->send(signal + describeCall(2));
+  EXPECT_EQ(client->receiveMessage()->header.replySerial, 2u);
+  EXPECT_EQ(delegate_.events->count("Describe"), 1u);
+}
+
 TEST_F(DBusRawServiceTest, RemoteCallsReachTheClient) {
   start();
   const auto client = connect();
@@ -335,6 +436,19 @@ TEST_F(DBusRawServiceTest, AMalformedMessageEndsTheConnection) {
   endsWith(wireCall({.member = "Drop", .descriptors = 1}), "it has fewer descriptors than its header says");
 }
 
+TEST_F(DBusRawServiceTest, AnswersToCallsBeforeAMalformedOneAreSent) {
+  start();
+  const auto client = connect();
+  client->send(describeCall(1) + describeCall(2));  // and now both are known to be quick
+  ASSERT_TRUE(client->receiveMessage());
+  ASSERT_TRUE(client->receiveMessage());
+  client->send(describeCall(3) + std::string(16, 'x'));
+  EXPECT_EQ(textAnswer(*client), "{category = 7}");
+  EXPECT_TRUE(client->isEnded());
+  expectErrors({"listener: " + peerName() +
+                " sent a malformed message, closing its connection: its byte order is unknown"});
+}
+
 TEST_F(DBusRawServiceTest, AnOversizedMessageIsSkippedAndAnswered) {
   start();
   const auto client = connect();
@@ -348,6 +462,20 @@ TEST_F(DBusRawServiceTest, AnOversizedMessageIsSkippedAndAnswered) {
   const std::string bytes =
       std::to_string(wireCall({.member = "Later", .signature = "s"}, WireBytes().text(large)).size());
   expectErrors({"listener: " + peerName() + " sent a message of " + bytes + " bytes, 1048576 are allowed"});
+}
+
+// A body is skipped as it comes; a header would have to be kept until it is whole.
+TEST_F(DBusRawServiceTest, AnOversizedHeaderEndsTheConnection) {
+  start();
+  const auto client = connect();
+  std::string call = wireCall({.member = "Describe"}).substr(0, DBusFrame::kFixedBytes);
+  const uint32_t fieldsBytes = 2 << 20;
+  std::memcpy(call.data() + 12, &fieldsBytes, sizeof fieldsBytes);
+  client->send(call);
+  client->shutdownWriting();
+  EXPECT_TRUE(client->isEnded());
+  expectErrors({"listener: " + peerName() +
+                " sent a malformed message, closing its connection: its header is too large"});
 }
 
 TEST_F(DBusRawServiceTest, AMessageOfExactlyTheAllowedSizeIsTaken) {
@@ -410,6 +538,19 @@ TEST_F(DBusRawServiceTest, CallsOfAClientThatIsGoneAreStillServed) {
   EXPECT_EQ(delegate_.events->count("Describe"), 300u);
 }
 
+// Nobody waits for the answers any more, so they hold up nothing.
+TEST_F(DBusRawServiceTest, CallsOfAClientThatIsGoneDoNotWaitForAnswersToEarlierOnes) {
+  options_.connection.outputLimits.maximumPendingReplies = 2;
+  start();
+  auto client = connect();
+  std::string batch;
+  for (uint32_t serial = 1; serial <= 5; ++serial) batch += laterCall(serial);
+  client->send(batch);
+  client->close();
+  ASSERT_TRUE(delegate_.events->wait("invalidated"));
+  EXPECT_EQ(delegate_.events->count("Later"), 5u);
+}
+
 TEST_F(DBusRawServiceTest, AClientKilledDuringItsCallIsLetGo) {
   start();
   auto client = connect();
@@ -438,6 +579,32 @@ TEST_F(DBusRawServiceTest, AHalfClosedPeerGetsTheAnswersItIsOwed) {
             (std::vector<std::string>{"accepted", "Later", "interrupted", "invalidated", "object released"}));
 }
 
+TEST_F(DBusRawServiceTest, AHalfClosedPeerIsInterruptedOnce) {
+  constexpr uint32_t kCalls = 20;
+  start();
+  const auto client = connect();
+  for (uint32_t serial = 1; serial <= kCalls; ++serial) client->send(laterCall(serial));
+  client->shutdownWriting();
+  ASSERT_TRUE(delegate_.events->wait("interrupted"));
+  for (uint32_t count = 0; count < kCalls; ++count) {
+    delegate_.object()->answerLastLater("one");
+    EXPECT_EQ(textAnswer(*client), "one");
+  }
+  EXPECT_TRUE(client->isEnded());
+  EXPECT_EQ(delegate_.events->count("interrupted"), 1u);
+}
+
+TEST_F(DBusRawServiceTest, AHalfClosedPeerThatHasNotReadAllYetIsNotInterrupted) {
+  start();
+  const auto client = connect();
+  client->send(longTextCall(3 << 20));
+  client->shutdownWriting();
+  ASSERT_TRUE(client->receiveMessage());
+  EXPECT_TRUE(client->isEnded());
+  ASSERT_TRUE(delegate_.events->wait("object released"));
+  EXPECT_EQ(delegate_.events->count("interrupted"), 0u);
+}
+
 TEST_F(DBusRawServiceTest, AHalfClosedPeerThatIsOwedNothingIsNotInterrupted) {
   start();
   const auto client = connect();
@@ -453,7 +620,7 @@ TEST_F(DBusRawServiceTest, InvalidationHandlerIsCalledOnceAndEverythingIsLetGo) 
   start();
   const auto client = connect();
   ASSERT_TRUE(delegate_.events->wait("accepted"));
-  const auto connection = delegate_.connection();
+  auto connection = delegate_.connection();
   client->send(laterCall(1) + describeCall(2));
   ASSERT_TRUE(delegate_.events->wait("Describe"));
   connection->invalidate();
@@ -463,6 +630,10 @@ TEST_F(DBusRawServiceTest, InvalidationHandlerIsCalledOnceAndEverythingIsLetGo) 
   EXPECT_EQ(delegate_.events->count("invalidated"), 1u);
   EXPECT_EQ(delegate_.events->count("object released"), 1u);
   EXPECT_NE(connection->callRemote(0, Array{1, Array()}), std::nullopt);
+  const std::weak_ptr<ServiceConnection> watched = connection;
+  connection = nullptr;
+  delegate_.forget();
+  EXPECT_TRUE(watched.expired());  // its handlers held it
 }
 
 TEST_F(DBusRawServiceTest, AReplyAfterTheEndDoesNothing) {
@@ -484,6 +655,7 @@ TEST_F(DBusRawServiceTest, InvalidatingAllConnectionsWaitsForTheirThreads) {
   for (int count = 0; count < 10; ++count) clients.push_back(connect());
   RawClient silent(path_);
   ASSERT_TRUE(delegate_.events->wait("accepted", 10));
+  waitForConnections(11);  // the silent one is being authenticated
   listener_->stop();
   EXPECT_FALSE(RawClient(path_).isConnected());
   listener_->invalidateConnections();
@@ -601,6 +773,24 @@ TEST_F(DBusRawServiceTest, LongAnswersOfOneUsersConnectionsAreCountedTogether) {
   EXPECT_EQ((*text->values[0].array())[0].stringValue().size(), kLong);
 }
 
+// It waits itself, for answers that only come later.
+TEST_F(DBusRawServiceTest, AClientWithoutAnswersToReadIsNotTakenForOneThatDoesNotRead) {
+  options_.connection.outputLimits.maximumPendingReplies = 1;
+  options_.connection.unreadTimeout = std::chrono::milliseconds(50);
+  start();
+  const auto patient = connect();
+  patient->send(laterCall(1) + describeCall(2));
+  ASSERT_TRUE(delegate_.events->wait("Later"));
+  const auto object = delegate_.object();
+  const auto sleeper = connect();
+  sleeper->send(longTextCall(3 << 20));
+  // As long as this takes, the other has waited too.
+  expectErrors({"listener: " + peerName() + " does not read its replies, closing its connection"});
+  object->answerLater("at last");
+  EXPECT_EQ(textAnswer(*patient), "at last");
+  EXPECT_EQ(textAnswer(*patient), "{category = 7}");
+}
+
 // Its own end may be on its way to the daemon in what that does not read: nothing else
 // would ever end the connection.
 TEST_F(DBusRawServiceTest, RepliesThatAreNeverReadEndTheConnection) {
@@ -642,9 +832,23 @@ TEST_F(DBusRawServiceTest, DescriptorsAreOnlyTakenWhenNegotiatedAndNotTooMany) {
   EXPECT_TRUE(client->isEnded());
   expectErrors(
       {"listener: " + peerName() + ": it passed descriptors without asking, closing its connection"});
+  RawClient cancelled(path_);
+  cancelled.send(std::string("\0AUTH EXTERNAL\r\nDATA\r\nNEGOTIATE_UNIX_FD\r\nCANCEL\r\n", 49));
+  ASSERT_TRUE(cancelled.receiveLine() == "DATA" && cancelled.receiveLine().starts_with("OK "));
+  ASSERT_EQ(cancelled.receiveLine(), "AGREE_UNIX_FD");
+  ASSERT_EQ(cancelled.receiveLine(), "REJECTED EXTERNAL");
+  cancelled.send("AUTH EXTERNAL\r\nDATA\r\nBEGIN\r\n");
+  ASSERT_TRUE(cancelled.receiveLine() == "DATA" && cancelled.receiveLine().starts_with("OK "));
+  cancelled.sendWithDescriptors(wireCall({.member = "Drop", .descriptors = 1}), {file.get()});
+  EXPECT_TRUE(cancelled.isEnded());
+  expectErrors(
+      {"listener: " + peerName() + ": it passed descriptors without asking, closing its connection"});
   const auto greedy = connect(/*withDescriptors=*/true);
-  greedy->sendWithDescriptors(wireCall({.member = "Drop", .descriptors = 100}),
-                              std::vector<int>(100, file.get()));
+  greedy->sendWithDescriptors(wireCall({.member = "Drop", .descriptors = 16}),
+                              std::vector<int>(16, file.get()));
+  EXPECT_EQ(errorName(*greedy), "com.vantix.zunreportingd.Error.NoReply");
+  greedy->sendWithDescriptors(wireCall({.member = "Drop", .descriptors = 17}),
+                              std::vector<int>(17, file.get()));
   EXPECT_TRUE(greedy->isEnded());
   expectErrors({"listener: " + peerName() + ": it passed too many descriptors, closing its connection"});
 }

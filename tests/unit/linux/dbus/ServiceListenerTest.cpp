@@ -3,6 +3,10 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 
+#include <algorithm>
+#include <fstream>
+#include <iterator>
+
 #include "DBusPeer.h"
 
 namespace zun {
@@ -35,6 +39,14 @@ TEST_F(ServiceListenerTest, TheSocketGoesAwayWithItsListener) {
   start();
   listener_->stop();
   EXPECT_FALSE(std::filesystem::exists(path_));
+}
+
+TEST_F(ServiceListenerTest, WhatTookTheSocketsPlaceStays) {
+  start();
+  std::filesystem::remove(path_);
+  std::ofstream(path_) << "another's";
+  listener_->stop();
+  EXPECT_TRUE(std::filesystem::exists(path_));
 }
 
 TEST_F(ServiceListenerTest, AStaleSocketIsReplaced) {
@@ -70,8 +82,9 @@ TEST_F(ServiceListenerTest, OnlyPathsAreAddresses) {
                               "unix:path=/tmp/%zz", "unix:path=/tmp/%00"}) {
     EXPECT_EQ(failureOn(address), fmt::format("'{}' is no address of the form unix:path=PATH", address));
   }
-  EXPECT_NE(failureOn("unix:path=/tmp/" + std::string(200, 'x')).find("File name too long"),
-            std::string::npos);
+  const auto ofLength = [](size_t length) { return "unix:path=/" + std::string(length - 1, 'x'); };
+  EXPECT_TRUE(pathOfDBusAddress(ofLength(107)));
+  EXPECT_NE(failureOn(ofLength(108)).find("File name too long"), std::string::npos);
   EXPECT_EQ(*pathOfDBusAddress("unix:path=/tmp/a%20b,guid=00"), "/tmp/a b");
 }
 
@@ -130,6 +143,49 @@ TEST_F(ServiceListenerTest, AStoppedListenerHasNoWaitingClient) {
 }
 
 // Clients that come when descriptors have run out are turned away, not left to spin on.
+// Threads that have ended and were never joined would keep their stacks.
+TEST_F(ServiceListenerTest, ConnectionsThatHaveEndedLeaveNoStacks) {
+  constexpr size_t kConnections = 200;
+  const auto mappings = [] {
+    std::ifstream maps("/proc/self/maps");
+    return static_cast<size_t>(std::count(std::istreambuf_iterator<char>(maps), {}, '\n'));
+  };
+  start();
+  const size_t before = mappings();
+  for (size_t count = 0; count < kConnections; ++count) {
+    ASSERT_TRUE(RawClient(path_).authenticate());
+    waitForConnections(0);
+  }
+  EXPECT_LT(mappings(), before + kConnections);
+}
+
+TEST_F(ServiceListenerTest, ClientsWaitWhileNotOneDescriptorIsFreeAndTheLogSaysSoOnceEachTime) {
+  start();
+  std::vector<std::unique_ptr<RawClient>> early;
+  for (int count = 0; count < 5; ++count) early.push_back(connect());
+  waitForConnections(5);
+  for (const size_t left : {3, 1}) {
+    const FileDescriptor late(::socket(AF_UNIX, SOCK_STREAM, 0));
+    rlimit before{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+    const rlimit none{3, before.rlim_max};  // those of the standard streams
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path, path_.data(), path_.size());
+    ASSERT_EQ(::connect(late.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    expectErrors({"listener: connections have to wait: Too many open files"});
+    while (early.size() > left) {  // each end has the listener look again
+      early.pop_back();
+      waitForConnections(early.size());
+    }
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+    waitForConnections(left + 1);
+    ::shutdown(late.get(), SHUT_RDWR);
+    waitForConnections(left);
+  }
+}
+
 TEST_F(ServiceListenerTest, RunningOutOfDescriptorsRefusesConnections) {
   start();
   RawClient early(path_);
