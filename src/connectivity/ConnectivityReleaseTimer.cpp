@@ -5,17 +5,17 @@
 namespace zun {
 
 void ConnectivityReleaseTimer::set(std::shared_ptr<TimerSource> timer, Waiting waiting) {
-  // What is replaced goes into the parameters and is let go of after the lock.
   const MutexLock lock(mutex_);
-  std::swap(connectivityHelperReleaseTimer_, timer);
-  std::swap(connectivityHelperReleaseTimerBlock_, waiting.callback);
-  std::swap(connectivityHelperReleaseTimerQueue_, waiting.queue);
+  connectivityHelperReleaseTimer_ = std::move(timer);
+  connectivityHelperReleaseTimerBlock_ = std::move(waiting.callback);
+  connectivityHelperReleaseTimerQueue_ = std::move(waiting.queue);
 }
 
-void ConnectivityReleaseTimer::cancel() {
+void ConnectivityReleaseTimer::cancel(int32_t usageCount) {
   std::shared_ptr<TimerSource> timer;
   {
     const MutexLock lock(mutex_);
+    usageCount_ = usageCount;
     timer = connectivityHelperReleaseTimer_;
   }
   if (timer) timer->cancel();
@@ -23,7 +23,8 @@ void ConnectivityReleaseTimer::cancel() {
 
 ConnectivityReleaseTimer::Waiting ConnectivityReleaseTimer::takeCallback() {
   const MutexLock lock(mutex_);
-  return {std::exchange(connectivityHelperReleaseTimerBlock_, nullptr), connectivityHelperReleaseTimerQueue_};
+  return {std::exchange(connectivityHelperReleaseTimerBlock_, nullptr), connectivityHelperReleaseTimerQueue_,
+          usageCount_};
 }
 
 ConnectivityReleaseTimer::Waiting ConnectivityReleaseTimer::clear() {
@@ -31,7 +32,7 @@ ConnectivityReleaseTimer::Waiting ConnectivityReleaseTimer::clear() {
   const MutexLock lock(mutex_);
   connectivityHelperReleaseTimer_.swap(timer);
   return {std::exchange(connectivityHelperReleaseTimerBlock_, nullptr),
-          std::exchange(connectivityHelperReleaseTimerQueue_, nullptr)};
+          std::exchange(connectivityHelperReleaseTimerQueue_, nullptr), usageCount_};
 }
 
 }  // namespace zun

@@ -115,8 +115,9 @@ class ReportingSessionConnectivityHelper final
   void finishTask(const std::string& taskID, const std::optional<URLResponse>& response,
                   const std::optional<Error>& error);
 
-  // Any thread.
   void stopConnectivityHelperReleaseTimer();
+
+  // Any thread.
   /// The URL session's description; "inactive" while there is none.
   [[nodiscard]] std::string helperID() const;
   [[nodiscard]] std::shared_ptr<URLSession> privateURLSession() const;
@@ -132,7 +133,6 @@ class ReportingSessionConnectivityHelper final
   const std::weak_ptr<QuorxTransactionHolder> reportingdSessionDelegate_;
   const ConnectionMode mode_;
   const std::shared_ptr<SerialQueue> stateQueue_;
-  const std::shared_ptr<ConnectivityReleaseTimer> releaseTimer_;
   // Changed on the state queue; callbacks read it on their owner's queue, maybe after
   // the helper has gone.
   const std::shared_ptr<std::atomic<int32_t>> usageCount_;
@@ -143,6 +143,7 @@ class ReportingSessionConnectivityHelper final
   std::shared_ptr<URLSessionDelegateLink> delegateLink_;
   std::unordered_map<std::string, std::unique_ptr<ConnectivityHelperTask>> tasks_;
   bool isActive_ = false;
+  std::shared_ptr<ConnectivityReleaseTimer> releaseTimer_;  // null while none runs
   uint32_t releaseTimeout_ = kDefaultReleaseTimeout;
 };
 

@@ -59,7 +59,6 @@ ReportingSessionConnectivityHelper::ReportingSessionConnectivityHelper(
       reportingdSessionDelegate_(std::move(delegate)),
       mode_(mode),
       stateQueue_(SerialQueue::create(kStateQueueLabel, platform.executor)),
-      releaseTimer_(std::make_shared<ConnectivityReleaseTimer>()),
       usageCount_(std::make_shared<std::atomic<int32_t>>(0)) {}
 
 ReportingSessionConnectivityHelper::~ReportingSessionConnectivityHelper() {
@@ -222,15 +221,17 @@ void ReportingSessionConnectivityHelper::startConnectivityHelperReleaseTimerWith
   auto fired = [weakSelf = weak_from_this()] {
     if (const auto self = weakSelf.lock()) self->releaseTimerFired();
   };
-  auto cancelled = [releaseTimer = releaseTimer_, usageCount = usageCount_,
-                    weakStateQueue = std::weak_ptr(stateQueue_)] {
+  const auto releaseTimer = std::make_shared<ConnectivityReleaseTimer>();
+  auto cancelled = [releaseTimer, weakStateQueue = std::weak_ptr(stateQueue_)] {
     ConnectivityReleaseTimer::Waiting waiting = releaseTimer->clear();
     const std::shared_ptr<SerialQueue> owner = waiting.queue ? waiting.queue : weakStateQueue.lock();
-    if (owner) callWithUsageCount(*owner, std::move(waiting.callback), usageCount);
+    if (!owner || !waiting.callback) return;
+    owner->async([callback = std::move(waiting.callback), count = waiting.usageCount] { callback(count); });
   };
-  releaseTimer_->set(
-      platform_.timers.startTimer(options, stateQueue_, std::move(fired), std::move(cancelled)),
-      {std::move(callback), std::move(queue)});
+  releaseTimer->set(platform_.timers.startTimer(options, stateQueue_, std::move(fired), std::move(cancelled)),
+                    {std::move(callback), std::move(queue)});
+  // One that runs already goes on, but nobody waits for it any more.
+  if (const auto replaced = std::exchange(releaseTimer_, releaseTimer)) (void)replaced->clear();
   log_.debug(
       "startConnectivityHelperReleaseTimerWithBlock: started connectivity helper release timer for Wirepath "
       "with ID <{}>",
@@ -243,8 +244,10 @@ void ReportingSessionConnectivityHelper::releaseTimerFired() {
       "startConnectivityHelperReleaseTimerWithBlock: Connectivity helper release timer fired for Wirepath "
       "with ID <{}>, timeout {}s",
       helperID(), static_cast<int32_t>(releaseTimeout_));
-  releaseTimer_->cancel();
-  ConnectivityReleaseTimer::Waiting waiting = releaseTimer_->takeCallback();
+  const auto releaseTimer = std::exchange(releaseTimer_, nullptr);
+  if (!releaseTimer) return;
+  releaseTimer->cancel(usageCount_->load());
+  ConnectivityReleaseTimer::Waiting waiting = releaseTimer->takeCallback();
   if (!waiting.callback) return;
   SerialQueue& owner = waiting.queue ? *waiting.queue : *stateQueue_;
   owner.async([&log = log_, callback = std::move(waiting.callback), usageCount = usageCount_] {
@@ -279,7 +282,7 @@ void ReportingSessionConnectivityHelper::stopConnectivityHelperReleaseTimer() {
       "stopConnectivityHelperReleaseTimer: stopping connectivity helper release timer for Wirepath with ID "
       "<{}>",
       helperID());
-  releaseTimer_->cancel();
+  if (const auto stopped = std::exchange(releaseTimer_, nullptr)) stopped->cancel(usageCount_->load());
 }
 
 }  // namespace zun

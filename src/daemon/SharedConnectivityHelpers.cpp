@@ -13,12 +13,13 @@ struct SharedConnectivityHelpers::Table {
   struct Shared {
     std::shared_ptr<ReportingSessionConnectivityHelper> helper;
     size_t owners = 0;
+    uint64_t releases = 0;
   };
 
   explicit Table(SystemLog& logToUse) : log(logToUse) {}
 
   void usageCountReached(int32_t usageCount, const std::string& userInfoKey,
-                         const std::shared_ptr<ReportingSessionConnectivityHelper>& helper);
+                         const std::shared_ptr<ReportingSessionConnectivityHelper>& helper, uint64_t release);
 
   void share(const std::string& userInfoKey,
              const std::shared_ptr<ReportingSessionConnectivityHelper>& helper);
@@ -31,7 +32,7 @@ struct SharedConnectivityHelpers::Table {
 void SharedConnectivityHelpers::Table::share(
     const std::string& userInfoKey, const std::shared_ptr<ReportingSessionConnectivityHelper>& helper) {
   const bool isFull = helpers.size() >= kMaximumHelpers;
-  if (!isFull) helpers.emplace(userInfoKey, Shared{helper, 1});
+  if (!isFull) helpers.emplace(userInfoKey, Shared{helper, 1, 0});
   if (isFull && !hasToldOfOverflow) {
     log.error(
         "requestSharedConnectivityHelperForReportingSession: {} connectivity helpers are shared already, "
@@ -44,18 +45,21 @@ void SharedConnectivityHelpers::Table::share(
 
 void SharedConnectivityHelpers::Table::usageCountReached(
     int32_t usageCount, const std::string& userInfoKey,
-    const std::shared_ptr<ReportingSessionConnectivityHelper>& helper) {
+    const std::shared_ptr<ReportingSessionConnectivityHelper>& helper, uint64_t release) {
   if (usageCount != 0) return;
   const auto found = helpers.find(userInfoKey);
-  // A helper can hear of its end twice; by then the key may belong to its successor.
-  const bool isInTable = found != helpers.end() && found->second.helper == helper;
-  // A new owner's increment is on its way.
-  if (isInTable && found->second.owners > 0) return;
+  if (found == helpers.end() || found->second.helper != helper) return;
+  // A new owner is on its way to the helper's count: it was promised this helper, and would
+  // be left with one that drops its posts.
+  if (found->second.owners > 0) return;
+  // The count may have reached 0 by a later release, whose own timer has just begun: only
+  // the last one's answer says that the whole timeout has passed.
+  if (found->second.releases != release) return;
   log.debug(
       "releaseSharedConnectivityHelperForReportingSession: Usage count of shared connectivity helper for "
       "userInfoKey {} reached zero. Invalidating the helper",
       userInfoKey);
-  if (isInTable) helpers.erase(found);
+  helpers.erase(found);
   helper->invalidate();
 }
 
@@ -119,11 +123,11 @@ void SharedConnectivityHelpers::releaseSharedConnectivityHelper(
         "releaseSharedConnectivityHelperForReportingSession: Decrementing usage count of shared connectivity "
         "helper for userInfoKey {}",
         userInfoKey);
-    auto callback = [weakTable = std::weak_ptr(table), weakHelper = released,
-                     userInfoKey](int32_t usageCount) {
+    auto callback = [weakTable = std::weak_ptr(table), weakHelper = released, userInfoKey,
+                     release = ++found->second.releases](int32_t usageCount) {
       const auto liveTable = weakTable.lock();
       const auto helper = weakHelper.lock();
-      if (liveTable && helper) liveTable->usageCountReached(usageCount, userInfoKey, helper);
+      if (liveTable && helper) liveTable->usageCountReached(usageCount, userInfoKey, helper, release);
     };
     found->second.helper->ownerDecrementUsageCountWithBlock(std::move(callback), queue);
   });

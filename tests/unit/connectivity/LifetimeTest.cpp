@@ -174,6 +174,41 @@ TEST_F(LifetimeTest, NewOwnerWithinTheTimeoutStopsTheTimerAndTheWaitingCallbackH
       0);
 }
 
+// The stopped timer's end is told of on the state queue, behind the decrement.
+TEST_F(LifetimeTest, AnIncrementAndADecrementQueuedTogetherStopOneTimerAndStartAnother) {
+  makeActive(kPOSTMode, 30);
+  increment();
+  decrement();
+  advance(29s);
+  Counts later;
+  helper_->ownerIncrementUsageCount();
+  helper_->ownerDecrementUsageCountWithBlock([&later](int32_t count) { later.push_back(count); },
+                                             ownerQueue_);
+  crank();
+  EXPECT_EQ(heard_, Counts{1});  // of the owner that came, whatever has become of it since
+  EXPECT_EQ(later, Counts{});
+  advance(30s - 1ns);
+  EXPECT_EQ(later, Counts{});
+  advance(1ns);
+  EXPECT_EQ(later, Counts{0});
+  EXPECT_EQ(heard_, Counts{1});
+}
+
+// The end of a timer that has fired is told of on the state queue as well.
+TEST_F(LifetimeTest, ATimerThatHasFiredLeavesTheNextOneAlone) {
+  makeActive(kPOSTMode, 30);
+  increment();
+  decrement();
+  platform_.clock.advance(30s);
+  platform_.timers.fireDue();
+  helper_->ownerDecrementUsageCountWithBlock([this](int32_t count) { heard_.push_back(100 + count); },
+                                             ownerQueue_);
+  crank();
+  EXPECT_EQ(heard_, Counts{0});
+  advance(30s);
+  EXPECT_EQ(heard_, (Counts{0, 100}));
+}
+
 TEST_F(LifetimeTest, DecrementWhileOthersUseTheHelperNotifiesTheOwnerAtOnce) {
   makeActive(kPOSTMode, 30);
   increment();

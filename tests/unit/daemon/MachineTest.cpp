@@ -80,7 +80,7 @@ TEST_F(MachineTest, ItsActivityIsThatOfItsWorkers) {
     mayEnd.get_future().wait();
   });
   running.get_future().wait();
-  EXPECT_EQ(machine.activity().jobsUnfinished, 1u);
+  EXPECT_GE(machine.activity().jobsUnfinished, 1u);  // the other worker may be on its way to sleep
   EXPECT_EQ(machine.activity().jobsTaken, before + 1);
   EXPECT_EQ(machine.activity().transfersInFlight, 0u);
   mayEnd.set_value();

@@ -241,20 +241,49 @@ TEST_F(SharedConnectivityHelpersTest, HelperThatWasNeverActivatedHandsReferences
   EXPECT_EQ(holder_->total(), 1U);
 }
 
-TEST_F(SharedConnectivityHelpersTest, HelperThatHearsOfItsEndTwiceLeavesItsSuccessorInTheTable) {
+// The second release comes before the first one's callback runs, which so hears 0.
+TEST_F(SharedConnectivityHelpersTest, SessionsThatEndTogetherLeaveTheirHelperItsWholeTimeout) {
   const auto one = copy("a:b");
   const auto other = copy("a:b");
-  // The second release comes before the first one's callback runs, which so hears 0;
-  // the timer of the second hears 0 again later.
+  one->incrementTotalSessionsServedCount();
   helpers_->releaseSharedConnectivityHelper("a:b", one);
   helpers_->releaseSharedConnectivityHelper("a:b", other);
   executor_.runAll();
+  advance(30s - 1ns);
+  EXPECT_EQ(count(line(kReachedZero, "a:b", kReachedZeroEnd)), 0);
+  EXPECT_EQ(holder_->total(), 0u);
+  advance(1ns);
   EXPECT_EQ(count(line(kReachedZero, "a:b", kReachedZeroEnd)), 1);
-  const auto successor = copy("a:b");
-  EXPECT_NE(successor, other);
-  advance(30s);
-  EXPECT_EQ(count(line(kReachedZero, "a:b", kReachedZeroEnd)), 2);
-  EXPECT_EQ(copy("a:b"), successor);
+  EXPECT_EQ(holder_->total(), 1u);
+  EXPECT_NE(copy("a:b"), other);
+}
+
+// A session that comes and goes at once: its increment stops the timer, and its decrement
+// starts another, before anybody has heard of either.
+TEST_F(SharedConnectivityHelpersTest, ASessionThatComesAndGoesStartsTheTimeoutAnew) {
+  auto helper = copy("a:b");
+  release("a:b", helper);
+  advance(29s);
+  helper = helpers_->copySharedConnectivityHelper("a:b", kPOSTMode);
+  release("a:b", helper);
+  advance(30s - 1ns);
+  EXPECT_EQ(count(line(kReachedZero, "a:b", kReachedZeroEnd)), 0);
+  advance(1ns);
+  EXPECT_EQ(count(line(kReachedZero, "a:b", kReachedZeroEnd)), 1);
+}
+
+// The callback of a timer that has run may itself be late.
+TEST_F(SharedConnectivityHelpersTest, ASessionThatComesAndGoesWhenTheTimeIsUpStartsTheTimeoutAnew) {
+  auto helper = copy("a:b");
+  release("a:b", helper);
+  platform_.clock.advance(30s);
+  platform_.timers.fireDue();
+  helper = helpers_->copySharedConnectivityHelper("a:b", kPOSTMode);
+  release("a:b", helper);
+  advance(30s - 1ns);
+  EXPECT_EQ(count(line(kReachedZero, "a:b", kReachedZeroEnd)), 0);
+  advance(1ns);
+  EXPECT_EQ(count(line(kReachedZero, "a:b", kReachedZeroEnd)), 1);
 }
 
 // The helper's queue may be far behind the agent's, whatever number of jobs it runs at a time.
