@@ -205,9 +205,12 @@ void CurlURLSessionLoop::wait(Task task, Obstacle obstacle) {
 void CurlURLSessionLoop::reconsiderWaiting() {
   if (waiting_.empty()) return;
   const bool isPowerCheckDue = Clock::now() >= nextPowerCheck_;
-  if (!std::exchange(isRouteStale_, false) && !isPowerCheckDue) return;
+  const bool isRouteStale = std::exchange(isRouteStale_, false);
+  if (!isRouteStale && !isPowerCheckDue) return;
   if (isPowerCheckDue) nextPowerCheck_ = Clock::now() + options_.powerCheckInterval;
   Conditions conditions;
+  // The monitor is readable until it is asked, and whoever waits for power does not ask.
+  if (isRouteStale) conditions.route = routeStatus();
   std::deque<std::pair<Task, Obstacle>> still;
   for (auto& [task, obstacle] : waiting_) {
     obstacle = obstacleFor(*task, conditions);

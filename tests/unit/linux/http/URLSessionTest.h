@@ -204,6 +204,10 @@ class FakePower final : public PowerSupply {
     std::unique_lock lock(mutex_);
     return changed_.wait_for(lock, HTTPSTestServer::kDeadline, [&] { return asked_ >= times; });
   }
+  int asked() const {
+    const std::lock_guard lock(mutex_);
+    return asked_;
+  }
 
  private:
   mutable std::mutex mutex_;

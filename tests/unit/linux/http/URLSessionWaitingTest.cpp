@@ -222,6 +222,20 @@ TEST_F(URLSessionWaitingTest, TaskThatNeedsPowerWaitsForIt) {
   EXPECT_EQ(delegate_->heard("task").data, "ok");
 }
 
+// What nobody takes from the monitor wakes the transfer thread again and again.
+TEST_F(URLSessionWaitingTest, AnEventOfTheRoutesIsTakenThoughAllWaitForPower) {
+  URLSessionConfiguration configuration = waiting();
+  configuration.requiresPowerPluggedIn = true;
+  start({.powerCheckInterval = 1h}, configuration);
+  begin({.url = remote("/")});
+  ASSERT_TRUE(power_->waitUntilAsked(1));
+  EXPECT_EQ(routes_->asked(), 0);
+  routes_->become(kNetworkUp);
+  ASSERT_TRUE(routes_->waitUntilAsked(1));
+  expectWaiting();
+  EXPECT_LE(power_->asked(), 3);
+}
+
 TEST_F(URLSessionWaitingTest, WaitingEndsWithTheTasksTime) {
   start({.resourceTimeout = 50ms});
   routes_->become(kNetworkDown);
