@@ -25,7 +25,8 @@ namespace zun {
 class DashboardBackend final : public ZunReportingBackend {
  public:
   /// The least time between two looks at the packets that wait: a storebag chooses the
-  /// period and must not be able to keep the daemon busy with it. And the most.
+  /// period and must not be able to keep the daemon busy with it; no network answers much
+  /// sooner. And the most: a device that is switched on daily still sends again.
   static constexpr std::chrono::milliseconds kShortestTimerPeriod{10};
   static constexpr std::chrono::milliseconds kLongestTimerPeriod{std::chrono::hours(24)};
 

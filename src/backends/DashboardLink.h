@@ -42,7 +42,8 @@ class DashboardLink final : public std::enable_shared_from_this<DashboardLink> {
   /// them first, so that a flood of events costs its client time and nobody memory.
   static constexpr size_t kMaximumQueued = 256;
   /// Links of this process that outlive their backends, as many as there may usually be
-  /// sessions. One beyond ends at once: clients that come and go must not pile them up.
+  /// sessions: all of them may end together. One beyond ends at once: each holds a
+  /// descriptor for about ten seconds, and clients that come and go must not pile them up.
   static constexpr size_t kMaximumOutliving = 4096;
 
   /// Connects the socket and starts the timer; an error line and null if that fails.
