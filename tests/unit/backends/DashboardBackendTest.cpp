@@ -4,6 +4,8 @@
 
 #include <cerrno>
 #include <new>
+#include <numeric>
+#include <utility>
 
 #include "DashboardTest.h"
 #include "values/UTF8.h"
@@ -25,6 +27,67 @@ namespace {
 
 using namespace std::chrono_literals;
 using namespace std::string_literals;
+
+/// The real sockets; keeps what they are asked to send, whatever becomes of it.
+class ObservedSockets final : public DatagramSocketService {
+ public:
+  explicit ObservedSockets(DatagramSocketService& real) : real_(real) {}
+
+  Result<std::unique_ptr<DatagramSocket>, Error> makeSocket() override {
+    auto made = real_.makeSocket();
+    return std::unique_ptr<DatagramSocket>(new Socket(*this, std::move(*made)));
+  }
+  std::vector<std::string> takeSent() { return std::exchange(sent_, {}); }
+
+ private:
+  class Socket final : public DatagramSocket {
+   public:
+    Socket(ObservedSockets& sockets, std::unique_ptr<DatagramSocket> real)
+        : sockets_(sockets), real_(std::move(real)) {}
+    std::optional<Error> bindToAnyAddress() override { return real_->bindToAnyAddress(); }
+    std::optional<Error> connect(const IPv4SocketAddress& peer) override { return real_->connect(peer); }
+    Result<size_t, Error> send(std::span<const std::byte> datagram) override {
+      sockets_.sent_.emplace_back(reinterpret_cast<const char*>(datagram.data()), datagram.size());
+      return real_->send(datagram);
+    }
+    Result<size_t, Error> receive(std::span<std::byte> buffer) override { return real_->receive(buffer); }
+    std::shared_ptr<ReadSource> startReadSource(std::shared_ptr<SerialQueue> queue,
+                                                UniqueFunction<void()> readable,
+                                                UniqueFunction<void()> cancelled) override {
+      return real_->startReadSource(std::move(queue), std::move(readable), std::move(cancelled));
+    }
+    void close() override { real_->close(); }
+
+   private:
+    ObservedSockets& sockets_;
+    const std::unique_ptr<DatagramSocket> real_;
+  };
+
+  DatagramSocketService& real_;
+  std::vector<std::string> sent_;
+};
+
+/// Backends whose datagrams are seen without a server.
+class DashboardSendsTest : public DashboardTest {
+ protected:
+  std::shared_ptr<ZunReportingBackend> makeObserved(const Dictionary& profile) {
+    auto backend = ZunReportingBackend::newBackendWithName(observed_, "dashboard", profile, "Pallax", 7);
+    if (backend != nullptr) setUp(*backend);
+    return backend;
+  }
+  std::vector<int> eventsSent() {
+    std::vector<int> numbers;
+    for (const std::string& datagram : sockets_.takeSent()) numbers.push_back(eventNumberOf(datagram));
+    return numbers;
+  }
+
+  ObservedSockets sockets_{platform_.sockets};
+  const PlatformServices observedPlatform_{
+      platform_.log,         platform_.clock,        platform_.random, platform_.files,   platform_.defaults,
+      platform_.device,      platform_.locale,       platform_.bundle, executor_,         platform_.timers,
+      platform_.urlSessions, platform_.transactions, sockets_,         platform_.modules, platform_.powerLog};
+  const ReportingServices observed_{observedPlatform_, identity_, messageLog_};
+};
 
 class DashboardBackendTest : public DashboardTest {
  protected:
@@ -73,11 +136,31 @@ TEST_F(DashboardBackendTest, AProfileWithoutAPortIsSentToPortZeroAndNotUsed) {
   EXPECT_TRUE(sendEvent(*backend));
 }
 
-TEST_F(DashboardBackendTest, NothingIsHeldUpByPortZero) {
-  const auto backend = make(Dictionary{{"ip", "127.0.0.1"}, {"port", 0}});
+TEST_F(DashboardSendsTest, AnAddressWithoutAPortIsReliableAndSaysThatNoProfileIsUsed) {
+  auto backend = makeObserved({{"ip", "127.0.0.1"}});
+  expectErrors({"DashboardBackend(initWithName): can't resolve server port"});
   ASSERT_NE(backend, nullptr);
+  sendEvent(*backend);
+  const auto sent = sockets_.takeSent();
+  ASSERT_EQ(sent.size(), 1U);
+  EXPECT_EQ(sent.front().substr(62, 2), "\0\3"s);
+  backend.reset();
+  executor_.runAll();
+}
+
+// What is sent there is as good as lost on the way: it is not kept.
+TEST_F(DashboardSendsTest, PortZeroHoldsUpNeitherEventsNorTicks) {
+  auto backend = makeObserved({{"ip", "127.0.0.1"}, {"port", 0}});
+  ASSERT_NE(backend, nullptr);
+  std::vector<int> all(100);
+  std::iota(all.begin(), all.end(), 1);
   for (int i = 0; i < 100; ++i) EXPECT_TRUE(sendEvent(*backend));
-  for (int i = 0; i < 10; ++i) tick();
+  EXPECT_EQ(eventsSent(), all);
+  tick();
+  EXPECT_EQ(platform_.timers.running(), 0U) << "nothing waits";
+  EXPECT_EQ(eventsSent(), std::vector<int>{});
+  backend.reset();
+  executor_.runAll();
 }
 
 TEST_F(DashboardBackendTest, AnAddressThatCannotBeParsedCannotBeConnectedTo) {

@@ -1,6 +1,7 @@
 #include "backends/DashboardLink.h"
 
 #include <cerrno>
+#include <functional>
 
 #include "DashboardTest.h"
 
@@ -127,7 +128,6 @@ TEST_F(DashboardLinkTest, ARetransmissionThatFailsIsTriedAgainOnTheNextTick) {
   tick();
   faults_.send = true;
   tick();
-  tick();
   EXPECT_EQ(eventsAtServer(), std::vector<int>{});
   faults_.send = false;
   tick();
@@ -156,6 +156,51 @@ TEST_F(DashboardLinkTest, ManyAcknowledgementsAtOnceAreAllHeard) {
   for (int i = 0; i < 20; ++i) tick();
   EXPECT_EQ(eventsAtServer(), std::vector<int>{});
   link->end();
+}
+
+// Timers, read source and queued work keep the link: each of them has to let go.
+TEST_F(DashboardLinkTest, NothingRunsOnAfterTheEnd) {
+  const auto lastResort = [this] {
+    tick();
+    tick(9500ms);
+  };
+  const auto acknowledged = [this] {
+    tick();
+    acknowledge(server_.receiveAllThere().front());
+    tick();
+  };
+  const std::vector<std::function<void(DashboardLink&)>> ends{
+      [](DashboardLink& link) { link.end(); },
+      [&](DashboardLink& link) {
+        acknowledge(server_.receiveAllThere().front());
+        link.cleanup();
+      },
+      [&](DashboardLink& link) {
+        link.cleanup();
+        executor_.runAll();
+        acknowledged();
+      },
+      [&](DashboardLink& link) {
+        link.cleanup();
+        executor_.runAll();
+        lastResort();
+      }};
+  for (size_t i = 0; i < ends.size(); ++i) {
+    SCOPED_TRACE(i);
+    auto link = open(/*isReliable=*/true);
+    const std::weak_ptr<DashboardLink> weak = link;
+    sendOn(*link, 1);
+    ends[i](*link);
+    executor_.runAll();
+    link.reset();
+    EXPECT_EQ(platform_.timers.running(), 0U);
+    while (!weak.expired()) {  // the read source's end comes by way of its loop
+      runNextJobs();
+      if (HasFatalFailure()) return;
+    }
+    EXPECT_EQ(DashboardLink::outlivingCount(), 0U);
+    server_.receiveAllThere();
+  }
 }
 
 TEST_F(DashboardLinkTest, OfWhatCannotBeSentTheLast50AreKept) {

@@ -20,10 +20,6 @@ TEST(ConnectivityTaskCounterTest, NumbersBeginAgainAfter32Bits) {
   EXPECT_EQ(counter.nextTaskID(), "Task_00000001");
 }
 
-TEST(ConnectivityTaskCounterTest, AllHelpersShareTheProcessesCounter) {
-  EXPECT_EQ(&ConnectivityTaskCounter::ofProcess(), &ConnectivityTaskCounter::ofProcess());
-}
-
 TEST(ConnectivityHelperTaskTest, LogsItsCreationAndItsEnd) {
   RecordingLog log;
   {

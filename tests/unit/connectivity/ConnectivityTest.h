@@ -4,7 +4,9 @@
 
 #include <algorithm>
 #include <chrono>
+#include <fstream>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -42,6 +44,39 @@ class CountingHolder final : public QuorxTransactionHolder {
   std::vector<uint32_t> releases_;
 };
 
+/// A request whose body was handed over as a file.
+struct ObservedUpload {
+  bool hasBody = false;  // beside the file
+  std::string fileBytes;
+};
+
+/// A real URL session; remembers what was to be uploaded.
+class ObservedURLSession final : public URLSession {
+ public:
+  ObservedURLSession(std::shared_ptr<URLSession> real, std::vector<ObservedUpload>& uploads)
+      : real_(std::move(real)), uploads_(uploads) {}
+
+  void setSessionDescription(std::string description) override {
+    real_->setSessionDescription(std::move(description));
+  }
+  std::string sessionDescription() const override { return real_->sessionDescription(); }
+  Result<std::shared_ptr<URLSessionTask>, Error> dataTaskWithRequest(URLRequest request) override {
+    return real_->dataTaskWithRequest(std::move(request));
+  }
+  Result<std::shared_ptr<URLSessionTask>, Error> uploadTaskWithRequest(URLRequest request,
+                                                                       const std::string& filePath) override {
+    std::ifstream file(filePath, std::ios::binary);
+    uploads_.push_back(
+        {request.body != nullptr, {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()}});
+    return real_->uploadTaskWithRequest(std::move(request), filePath);
+  }
+  void finishTasksAndInvalidate() override { real_->finishTasksAndInvalidate(); }
+
+ private:
+  const std::shared_ptr<URLSession> real_;
+  std::vector<ObservedUpload>& uploads_;
+};
+
 /// The real URL-session service; remembers what it was asked for and what it made.
 class ObservedURLSessions final : public URLSessionService {
  public:
@@ -52,7 +87,8 @@ class ObservedURLSessions final : public URLSessionService {
                                           std::shared_ptr<SerialQueue> delegateQueue) override {
     configurations.push_back(configuration);
     delegates.push_back(delegate);
-    auto session = real_.makeSession(configuration, std::move(delegate), std::move(delegateQueue));
+    const auto session = std::make_shared<ObservedURLSession>(
+        real_.makeSession(configuration, std::move(delegate), std::move(delegateQueue)), uploads);
     sessions.push_back(session);
     return session;
   }
@@ -60,6 +96,7 @@ class ObservedURLSessions final : public URLSessionService {
   std::vector<URLSessionConfiguration> configurations;
   std::vector<std::weak_ptr<URLSessionDelegate>> delegates;
   std::vector<std::weak_ptr<URLSession>> sessions;
+  std::vector<ObservedUpload> uploads;
 
  private:
   URLSessionService& real_;

@@ -171,6 +171,19 @@ TEST_F(RequestsTest, TasksMadeOneAfterTheOtherGetConsecutiveIDs) {
   EXPECT_EQ(std::stoul(ids[1].substr(5), nullptr, 16), std::stoul(ids[0].substr(5), nullptr, 16) + 1);
 }
 
+TEST_F(RequestsTest, TasksOfDifferentHelpersGetConsecutiveIDs) {
+  server_.answer("/post", {});
+  for (int helper = 0; helper < 3; ++helper) {
+    makeActive(kPOSTMode);
+    ASSERT_TRUE(finished(post(postRequest(server_.url("/post"), "x"))));
+  }
+  const auto ids = taskIDs();
+  ASSERT_EQ(ids.size(), 3U);
+  const auto numberOf = [](const std::string& id) { return std::stoul(id.substr(5), nullptr, 16); };
+  EXPECT_EQ(numberOf(ids[1]), numberOf(ids[0]) + 1);
+  EXPECT_EQ(numberOf(ids[2]), numberOf(ids[0]) + 2);
+}
+
 TEST_F(RequestsTest, EveryStepOfATaskIsLogged) {
   server_.answer("/post", {.status = 200, .body = "twelve bytes"});
   makeActive(kPOSTMode);
@@ -368,6 +381,16 @@ TEST_F(RequestsTest, Mode1SendsTheBodyFromAContainerThatIsGoneOnceHandedOver) {
   ASSERT_EQ(server_.requests().size(), 1U);
   EXPECT_EQ(server_.requests()[0].body, "the body");
   EXPECT_EQ(server_.requests()[0].method, "POST");
+}
+
+TEST_F(RequestsTest, Mode1HandsTheBodyOverAsAFileAlone) {
+  server_.answer("/post", {});
+  StorageContainers(services_).cleanupStorageRootFolder(kBackgroundUploadMode);
+  makeActive(kBackgroundUploadMode);
+  ASSERT_TRUE(finished(post(postRequest(server_.url("/post"), "the body"))));
+  ASSERT_EQ(urlSessions_.uploads.size(), 1U);
+  EXPECT_EQ(urlSessions_.uploads[0].fileBytes, "the body");
+  EXPECT_FALSE(urlSessions_.uploads[0].hasBody);
 }
 
 TEST_F(RequestsTest, Mode1WithoutRootFolderDropsThePostWithoutALine) {

@@ -325,5 +325,44 @@ TEST_F(ReportingdAgentTest, SessionsComeAndGoOnManyThreads) {
   EXPECT_EQ(platform_.transactions.begins, platform_.transactions.ends);
 }
 
+// Connectivity helpers
+
+TEST_F(ReportingdAgentTest, SessionsShareAHelperByTheNamesOfTheirClientAndService) {
+  const auto helperOf = [this](const Dictionary& userInfo) {
+    const auto session = agent_->createReportingSessionWithDelegate(
+        agent_, std::make_shared<FakeConnection>(std::map<std::string, bool>{}));
+    session->setSessionInfo({{kZunReportingSessionInfoRequireUserInfo, true}}, userInfo, {}, false);
+    return session->connectivityHelper();
+  };
+  const auto names = [](const char* client, const char* service) {
+    return Dictionary{{kZunReportingUserInfoClientName, client}, {kZunReportingUserInfoServiceName, service}};
+  };
+  const auto first = helperOf(names("Client", "Service"));
+  ASSERT_NE(first, nullptr);
+  EXPECT_EQ(helperOf(names("cLIENT", "SERVICE")), first);
+  EXPECT_NE(helperOf(names("Other", "Service")), first);
+  EXPECT_NE(helperOf(names("Client", "Other")), first);
+  EXPECT_NE(helperOf({}), first);
+  EXPECT_EQ(helperOf({}), helperOf({{"unrelated", "value"}}));
+  expectDebugLine(
+      "requestSharedConnectivityHelperForReportingSession: Requesting shared connectivity helper for "
+      "userInfoKey client:service");
+  expectDebugLine(
+      "requestSharedConnectivityHelperForReportingSession: Requesting shared connectivity helper for "
+      "userInfoKey :");
+}
+
+TEST_F(ReportingdAgentTest, ASessionThatEndsReleasesTheHelperOfItsNames) {
+  const auto connection = std::make_shared<FakeConnection>(std::map<std::string, bool>{});
+  auto session = agent_->createReportingSessionWithDelegate(agent_, connection);
+  session->setSessionInfo({{kZunReportingSessionInfoRequireUserInfo, true}},
+                          Dictionary{{kZunReportingUserInfoClientName, "C"}}, {}, false);
+  agent_->invalidateReportingSession(std::exchange(session, nullptr));
+  while (!platform_.workers.activity().isIdle) std::this_thread::yield();
+  expectDebugLine(
+      "releaseSharedConnectivityHelperForReportingSession: Decrementing usage count of shared connectivity "
+      "helper for userInfoKey c:");
+}
+
 }  // namespace
 }  // namespace zun
