@@ -8,6 +8,9 @@ namespace zun {
 
 namespace {
 
+/// What a record itself costs, roughly.
+constexpr int64_t kBytesPerToken = 256;
+
 /// The ID strings of ancestors, of which the parent comes first.
 std::string joinedFromTheTop(const CorrelatedSessions::Sessions& ancestors) {
   std::string joined;
@@ -22,45 +25,58 @@ std::string joinedFromTheTop(const CorrelatedSessions::Sessions& ancestors) {
 
 CorrelatedSessions::CorrelatedSessions(SystemLog& log) : log_(log) {}
 
-std::optional<std::string> CorrelatedSessions::updateCorrelatedSessions(ReportingdSession& session) {
-  const std::string token = *session.hierarchyToken();
-  const uint32_t level = session.hierarchyLevel();
-  auto abandoned = removeSession(session);
-  const auto list = sessions_.try_emplace(token).first;
-  tokenCount_ = sessions_.size();
+void CorrelatedSessions::updateCorrelatedSessions(ReportingdSession& session) {
+  const auto token = tokens_.try_emplace(*session.hierarchyToken()).first;
+  tokenCount_ = tokens_.size();
+  const SessionList::key_type key{session.hierarchyLevel(), ++joins_};
   log_.debug(
       "updateCorrelatedSessions: Adding session {} to list for hierarchyToken {} with hierarchyLevel {}",
-      session.sessionID(), token, static_cast<int32_t>(level));
-  const SessionList::key_type key{level, ++joins_};
-  list->second.emplace(key, session.weak_from_this());
-  places_.insert_or_assign(&session, Place{list, key});
-  return abandoned == token ? std::nullopt : abandoned;
+      session.sessionID(), token->first, static_cast<int32_t>(key.first));
+  becomeBusy(token->second);
+  token->second.sessions.emplace(key, session.weak_from_this());
+  removeSession(session);  // from where it was: its new token has it already, and stays busy
+  places_.insert_or_assign(&session, Place{token, key});
 }
 
 void CorrelatedSessions::updateLevelOfStandaloneSession(ReportingdSession& session) {
   const auto known = places_.find(&session);
   if (known == places_.end()) return;
   Place& place = known->second;
-  auto entry = place.list->second.extract(place.key);
+  SessionList& list = place.token->second.sessions;
+  auto entry = list.extract(place.key);
   place.key.first = session.hierarchyLevel();
   entry.key() = place.key;
-  place.list->second.insert(std::move(entry));
+  list.insert(std::move(entry));
 }
 
-std::optional<std::string> CorrelatedSessions::removeSession(const ReportingdSession& session) {
+void CorrelatedSessions::removeSession(const ReportingdSession& session) {
   const auto known = places_.find(&session);
-  if (known == places_.end()) return std::nullopt;
+  if (known == places_.end()) return;
   const Place place = known->second;
   places_.erase(known);
-  place.list->second.erase(place.key);
-  return place.list->second.empty() ? std::optional(place.list->first) : std::nullopt;
+  place.token->second.sessions.erase(place.key);
+  if (place.token->second.sessions.empty()) becomeIdle(place.token);
 }
 
-void CorrelatedSessions::removeToken(const std::string& token) {
-  const auto found = sessions_.find(token);
-  if (found == sessions_.end() || !found->second.empty()) return;
-  sessions_.erase(found);
-  tokenCount_ = sessions_.size();
+void CorrelatedSessions::becomeIdle(Tokens::iterator token) {
+  const auto& [name, record] = *token;
+  const int64_t sharedBytes = record.sharedData ? record.sharedData->bytes() : 0;
+  const int64_t bytes = kBytesPerToken + 2 * static_cast<int64_t>(name.size()) + sharedBytes;
+  token->second.idle = {idleOrder_.insert(idleOrder_.end(), name), bytes};
+  idleBytes_ += bytes;
+  while (idleBytes_ > kMaximumIdleBytes) {
+    const auto longestIdle = tokens_.find(idleOrder_.front());
+    becomeBusy(longestIdle->second);
+    tokens_.erase(longestIdle);
+  }
+  tokenCount_ = tokens_.size();
+}
+
+void CorrelatedSessions::becomeBusy(Token& token) {
+  if (!token.idle) return;
+  idleBytes_ -= token.idle->bytes;
+  idleOrder_.erase(token.idle->place);
+  token.idle.reset();
 }
 
 std::optional<std::string> CorrelatedSessions::parentSessionIDString(ReportingdSession& session) const {
@@ -162,12 +178,36 @@ std::shared_ptr<ReportingdSession> CorrelatedSessions::getFirstSessionWithHierar
 
 bool CorrelatedSessions::contains(const SessionList& list, const ReportingdSession& session) const {
   const auto known = places_.find(&session);
-  return known != places_.end() && &known->second.list->second == &list;
+  return known != places_.end() && &known->second.token->second.sessions == &list;
 }
 
 const CorrelatedSessions::SessionList* CorrelatedSessions::listOf(const std::string& token) const {
-  const auto found = sessions_.find(token);
-  return found == sessions_.end() || found->second.empty() ? nullptr : &found->second;
+  const auto found = tokens_.find(token);
+  return found == tokens_.end() || found->second.sessions.empty() ? nullptr : &found->second.sessions;
+}
+
+CorrelatedSessions::Tokens::iterator CorrelatedSessions::tokenOf(const ReportingdSession& session) {
+  const auto token = session.hierarchyToken();
+  return token ? tokens_.find(*token) : tokens_.end();
+}
+
+void CorrelatedSessions::updateSharedData(const ReportingdSession& session, const Dictionary& sharedData) {
+  const auto known = tokenOf(session);
+  if (known == tokens_.end()) return;
+  auto& [name, record] = *known;
+  if (!record.sharedData) record.sharedData.emplace();
+  record.sharedData->update(sharedData, name, log_);
+}
+
+void CorrelatedSessions::removeFromSharedData(const ReportingdSession& session, const std::string& key) {
+  const auto known = tokenOf(session);
+  if (known != tokens_.end() && known->second.sharedData) known->second.sharedData->remove(key);
+}
+
+std::optional<Dictionary> CorrelatedSessions::sharedData(const ReportingdSession& session) {
+  const auto known = tokenOf(session);
+  if (known == tokens_.end() || !known->second.sharedData) return std::nullopt;
+  return known->second.sharedData->values();
 }
 
 }  // namespace zun

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <list>
 #include <map>
 #include <memory>
 #include <optional>
@@ -10,18 +11,23 @@
 #include <utility>
 #include <vector>
 
+#include "daemon/SharedSessionData.h"
 #include "platform/SystemLog.h"
 
 namespace zun {
 
 class ReportingdSession;
 
-/// Which sessions carry which hierarchy token, by level and in the order in which they
-/// joined.
+/// The hierarchies: for each token the sessions that carry it, by level and in the order
+/// in which they joined, and what they share.
 ///
-/// A session is in at most one list. Lists stay when their last session leaves, so that
-/// a later session of the same token finds what was shared. Joining, leaving and finding
-/// the first session of a level take logarithmic time.
+///   no record ──first session joins──▶ busy ──last leaves──▶ idle ──one joins──▶ busy
+///                                                              └──bound──▶ given up
+///
+/// A session is in at most one list. A record stays when its last session leaves, so that
+/// a later session of the same token finds what was shared; what all idle ones keep is
+/// bounded, and the one that has been idle longest is given up first. Joining, leaving and
+/// finding the first session of a level take logarithmic time.
 ///
 /// Threading: under the agent's lock, but for `tokenCount`. Ownership: holds sessions
 /// weakly. The registry, changed under the same lock, holds every session that is here.
@@ -29,18 +35,19 @@ class CorrelatedSessions final {
  public:
   using Sessions = std::vector<std::shared_ptr<ReportingdSession>>;
 
+  /// What all tokens without sessions together may keep.
+  static constexpr int64_t kMaximumIdleBytes = int64_t{32} << 20;
+
   explicit CorrelatedSessions(SystemLog& log);
 
-  /// Enters the session under its token, out of any other's list. Gives the token whose
-  /// last session thereby left it, if any.
-  std::optional<std::string> updateCorrelatedSessions(ReportingdSession& session);
+  /// Enters the session under its token, out of any other's list.
+  void updateCorrelatedSessions(ReportingdSession& session);
 
   /// A session that no longer has a token stays where it was, at the level it now has.
   void updateLevelOfStandaloneSession(ReportingdSession& session);
 
-  /// Takes an ending session out of its token's list, which stays. Gives the token if
-  /// that was its last session.
-  std::optional<std::string> removeSession(const ReportingdSession& session);
+  /// Takes an ending session out of its token's list.
+  void removeSession(const ReportingdSession& session);
 
   /// ID strings of the session's ancestors, from the top down to its parent, joined
   /// by "."; a missing level ends the chain below it. None without ancestors.
@@ -57,22 +64,39 @@ class CorrelatedSessions final {
   /// All deeper sessions of the session's token, in the order in which they joined.
   [[nodiscard]] Sessions sessionsBelow(ReportingdSession& session) const;
 
-  /// Nothing for a token that has sessions.
-  void removeToken(const std::string& token);
-  [[nodiscard]] bool hasToken(const std::string& token) const { return sessions_.contains(token); }
+  // Values shared under the session's token; without one there is nothing to share.
+  void updateSharedData(const ReportingdSession& session, const Dictionary& sharedData);
+  void removeFromSharedData(const ReportingdSession& session, const std::string& key);
+  /// None before the first update.
+  [[nodiscard]] std::optional<Dictionary> sharedData(const ReportingdSession& session);
+
   /// Any thread.
   [[nodiscard]] size_t tokenCount() const { return tokenCount_; }
 
  private:
   /// By level and, within one, by the number with which they joined.
   using SessionList = std::map<std::pair<uint32_t, uint64_t>, std::weak_ptr<ReportingdSession>>;
-  using ListsByToken = std::map<std::string, SessionList, std::less<>>;
+  /// What there is of one token.
+  struct Token {
+    struct Idle {
+      std::list<std::string>::iterator place;
+      int64_t bytes = 0;
+    };
+
+    SessionList sessions;
+    std::optional<SharedSessionData> sharedData;  // none before the first update
+    std::optional<Idle> idle;                     // none while it has sessions
+  };
+  using Tokens = std::map<std::string, Token, std::less<>>;
   /// Where a session is.
   struct Place {
-    ListsByToken::iterator list;
+    Tokens::iterator token;
     SessionList::key_type key;
   };
 
+  [[nodiscard]] Tokens::iterator tokenOf(const ReportingdSession& session);
+  void becomeIdle(Tokens::iterator token);
+  void becomeBusy(Token& token);
   static std::shared_ptr<ReportingdSession> getFirstSessionWithHierarchy(uint32_t level,
                                                                          const SessionList& list);
   [[nodiscard]] bool contains(const SessionList& list, const ReportingdSession& session) const;
@@ -80,8 +104,10 @@ class CorrelatedSessions final {
   [[nodiscard]] const SessionList* listOf(const std::string& token) const;
 
   SystemLog& log_;
-  ListsByToken sessions_;
+  Tokens tokens_;
   std::unordered_map<const ReportingdSession*, Place> places_;
+  std::list<std::string> idleOrder_;  // the longest idle first
+  int64_t idleBytes_ = 0;
   uint64_t joins_ = 0;
   std::atomic<size_t> tokenCount_{0};
 };

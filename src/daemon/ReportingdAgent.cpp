@@ -30,8 +30,7 @@ ReportingdAgent::ReportingdAgent(const ReportingServices& services, StorebagFetc
     : services_(services),
       log_(services.platform.log),
       storebagCache_(fetcher, services.platform.clock, services.platform.log),
-      correlatedSessions_(services.platform.log),
-      sharedData_(services.platform.log) {}
+      correlatedSessions_(services.platform.log) {}
 
 ReportingdAgent::~ReportingdAgent() = default;
 
@@ -90,16 +89,11 @@ void ReportingdAgent::invalidateReportingSession(std::shared_ptr<ReportingdSessi
   const RecursiveMutexLock lock(objectLock_);
   // The token's list and shared values stay, so that a later session of the same
   // hierarchy finds them again.
-  if (const auto abandoned = correlatedSessions_.removeSession(*session)) tokenLostLastSession(*abandoned);
+  correlatedSessions_.removeSession(*session);
   const std::string description = session->description();
   std::erase(sessionList_, session);
   sessionCount_ = sessionList_.size();
   log_.debug("invalidateReportingSession: ReportingdSession {} was invalidated", description);
-}
-
-void ReportingdAgent::tokenLostLastSession(const std::string& token) {
-  for (const std::string& givenUp : sharedData_.tokenBecameIdle(token))
-    correlatedSessions_.removeToken(givenUp);
 }
 
 void ReportingdAgent::releaseQuorxTransactions(uint32_t count) {
@@ -132,8 +126,7 @@ std::optional<std::string> ReportingdAgent::storebagVersionForSession(const Repo
 // --- Hierarchies ---------------------------------------------------------------
 
 void ReportingdAgent::updateCorrelatedSessions(ReportingdSession& session) {
-  const auto token = session.hierarchyToken();
-  if (!token) {
+  if (!session.hierarchyToken()) {
     log_.note("updateCorrelatedSessions: Session {} has no correlated sessions as it is a standalone session",
               session.sessionID());
     const RecursiveMutexLock lock(objectLock_);
@@ -141,9 +134,7 @@ void ReportingdAgent::updateCorrelatedSessions(ReportingdSession& session) {
     return;
   }
   const RecursiveMutexLock lock(objectLock_);
-  const auto abandoned = correlatedSessions_.updateCorrelatedSessions(session);
-  sharedData_.tokenBecameBusy(*token);
-  if (abandoned) tokenLostLastSession(*abandoned);
+  correlatedSessions_.updateCorrelatedSessions(session);
 }
 
 std::optional<std::string> ReportingdAgent::parentSessionIDStringForSession(ReportingdSession& session) {
@@ -188,19 +179,18 @@ std::shared_ptr<ReportingdSession> ReportingdAgent::parentSessionForChild(Report
 
 void ReportingdAgent::updateSharedDataForSession(ReportingdSession& session, const Dictionary& sharedData) {
   const RecursiveMutexLock lock(objectLock_);
-  if (const auto token = session.hierarchyToken()) sharedData_.update(*token, sharedData);
+  correlatedSessions_.updateSharedData(session, sharedData);
 }
 
 void ReportingdAgent::removeObjectFromSharedDataForSession(ReportingdSession& session,
                                                            const std::string& key) {
   const RecursiveMutexLock lock(objectLock_);
-  if (const auto token = session.hierarchyToken()) sharedData_.remove(*token, key);
+  correlatedSessions_.removeFromSharedData(session, key);
 }
 
 std::optional<Dictionary> ReportingdAgent::sharedDataForSession(ReportingdSession& session) {
   const RecursiveMutexLock lock(objectLock_);
-  const auto token = session.hierarchyToken();
-  return token ? sharedData_.forToken(*token) : std::nullopt;
+  return correlatedSessions_.sharedData(session);
 }
 
 // --- State ---------------------------------------------------------------------

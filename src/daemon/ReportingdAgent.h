@@ -8,7 +8,6 @@
 
 #include "daemon/CorrelatedSessions.h"
 #include "daemon/SharedConnectivityHelpers.h"
-#include "daemon/SharedSessionData.h"
 #include "daemon/StorebagCache.h"
 #include "platform/Mutex.h"
 #include "platform/ServiceConnection.h"
@@ -69,7 +68,6 @@ class ReportingdAgent final : public ReportingdSessionDelegate,
 
  private:
   ReportingdAgent(const ReportingServices& services, StorebagFetcher& fetcher);
-  void tokenLostLastSession(const std::string& token) REQUIRES(objectLock_);
 
   const ReportingServices& services_;
   SystemLog& log_;
@@ -79,7 +77,6 @@ class ReportingdAgent final : public ReportingdSessionDelegate,
   RecursiveMutex objectLock_;
   std::vector<std::shared_ptr<ReportingdSession>> sessionList_ GUARDED_BY(objectLock_);
   CorrelatedSessions correlatedSessions_;  // changed under objectLock_
-  SharedSessionData sharedData_ GUARDED_BY(objectLock_);
   int32_t quorxTransactionReference_ GUARDED_BY(objectLock_) = 0;
   std::atomic<size_t> sessionCount_{0};
 };

@@ -1,8 +1,6 @@
 #pragma once
 
-#include <list>
-#include <map>
-#include <optional>
+#include <cstdint>
 #include <string>
 
 #include "platform/SystemLog.h"
@@ -10,53 +8,29 @@
 
 namespace zun {
 
-/// The values that the sessions of one hierarchy token share.
+/// The values that the sessions of one hierarchy token share, and their estimated size,
+/// which is kept up entry by entry: an update must not cost what all that is there does.
 ///
-/// They outlive the sessions, so what tokens without sessions keep is bounded: beyond
-/// the bound, the token that has been without sessions longest is given up.
 /// Threading: under the agent's lock.
 class SharedSessionData final {
  public:
-  /// More than this, by an estimate of its entries' memory, one token does not keep.
-  static constexpr int64_t kMaximumBytesPerToken = int64_t{1} << 20;
-  /// What all tokens without sessions together may keep.
-  static constexpr int64_t kMaximumIdleBytes = int64_t{32} << 20;
-
-  explicit SharedSessionData(SystemLog& log);
+  /// More than this, by an estimate of the entries' memory, is not kept.
+  static constexpr int64_t kMaximumBytes = int64_t{1} << 20;
 
   /// Adds all entries; a key already there takes the new value. An update that would
-  /// grow the token's values past the bound is an error line and changes nothing.
-  void update(const std::string& token, const Dictionary& sharedData);
-  void remove(const std::string& token, const std::string& key);
-  [[nodiscard]] std::optional<Dictionary> forToken(const std::string& token) const;
+  /// grow the values past the bound is an error line, which names `token`, and changes nothing.
+  void update(const Dictionary& sharedData, const std::string& token, SystemLog& log);
+  void remove(const std::string& key);
 
-  /// The token's last session has left. Gives the tokens to be given up for it.
-  [[nodiscard]] std::list<std::string> tokenBecameIdle(const std::string& token);
-  /// The token has a session again.
-  void tokenBecameBusy(const std::string& token);
-  void removeToken(const std::string& token);
+  [[nodiscard]] const Dictionary& values() const { return values_; }
+  /// Estimated bytes of all that is kept.
+  [[nodiscard]] int64_t bytes() const;
 
  private:
-  [[nodiscard]] int64_t bytesKeptFor(const std::string& token) const;
+  [[nodiscard]] int64_t growthBy(const Dictionary& update) const;
 
-  /// Values and their estimated size, kept up entry by entry: an update must not cost
-  /// what all that is there does.
-  struct TokenValues {
-    [[nodiscard]] int64_t growthBy(const Dictionary& update) const;
-
-    Dictionary values;
-    int64_t entryBytes = 0;
-  };
-  struct IdleToken {
-    std::list<std::string>::iterator place;
-    int64_t bytes = 0;
-  };
-
-  SystemLog& log_;
-  std::map<std::string, TokenValues, std::less<>> sharedData_;
-  std::list<std::string> idleOrder_;  // the longest idle first
-  std::map<std::string, IdleToken, std::less<>> idle_;
-  int64_t idleBytes_ = 0;
+  Dictionary values_;
+  int64_t entryBytes_ = 0;
 };
 
 }  // namespace zun

@@ -40,8 +40,8 @@ BOUNDS = {
     "events of one batch": [("backends/EventBatch.h", "kMaximumBytes", "MiB")],
     "events of all batches": [("util/ReportingServices.h", "kBatchMemoryBytes", "MiB")],
     "keys of one post that cannot be carried": [("backends/HTTPSPostBackendPosting.cpp", "kMaximumLines", "")],
-    "data shared under one hierarchy token": [("daemon/SharedSessionData.h", "kMaximumBytesPerToken", "MiB")],
-    "the same, of all tokens without sessions": [("daemon/SharedSessionData.h", "kMaximumIdleBytes", "MiB")],
+    "data shared under one hierarchy token": [("daemon/SharedSessionData.h", "kMaximumBytes", "MiB")],
+    "the same, of all tokens without sessions": [("daemon/CorrelatedSessions.h", "kMaximumIdleBytes", "MiB")],
     "identifiers kept for `custom_clientId`": [("util/DeviceIdentity.h", "kMaximumCustomIdentifiers", ""),
                                                ("util/DeviceIdentity.h", "kMaximumKeyBytes", "")],
     "connections to servers that are kept (client and service names)":
