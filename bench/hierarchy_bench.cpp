@@ -27,8 +27,8 @@ class WritingConnection final : public ServiceConnection {
  public:
   explicit WritingConnection(SystemLog& log) : wake_(::eventfd(0, EFD_NONBLOCK)) {
     [[maybe_unused]] const int made = ::socketpair(AF_UNIX, SOCK_STREAM, 0, sockets_.data());
-    output_ =
-        std::make_shared<DBusOutput>(sockets_[0], wake_, DBusLimits{}, DBusOutputLimits{}, log, "bench");
+    output_ = std::make_shared<DBusOutput>(sockets_[0], wake_, DBusLimits{}, DBusOutputLimits{},
+                                           std::make_shared<MemoryBudget>(0), log, "bench");
     reader_ = std::thread([this] {
       std::array<char, 65536> buffer{};
       while (::recv(sockets_[1], buffer.data(), buffer.size(), 0) > 0) {
@@ -46,15 +46,29 @@ class WritingConnection final : public ServiceConnection {
     for (const int descriptor : {sockets_[0], sockets_[1], wake_}) ::close(descriptor);
   }
 
-  std::optional<std::string> callRemote(size_t member, const Array& arguments) override {
+  struct Encoded final : EncodedCall {
+    size_t member = 0;
+    std::string body;
+  };
+  static constexpr std::string_view kSignature = "aa{sv}dqqaa{sv}";
+
+  Result<std::shared_ptr<const EncodedCall>, std::string> encodeCall(size_t member,
+                                                                     const Array& arguments) const override {
+    auto call = std::make_shared<Encoded>();
+    call->member = member;
+    call->body = *encodeDBusBody(kSignature, arguments);
+    return std::shared_ptr<const EncodedCall>(std::move(call));
+  }
+  std::optional<std::string> callRemote(const EncodedCall& call) override {
+    const auto& encoded = static_cast<const Encoded&>(call);
     const ServiceInterface& interface = clientSessionReplyInterface();
-    DBusHeader call;
-    call.flags = kDBusFlagNoReplyExpected;
-    call.path = interface.objectPath;
-    call.interface = interface.name;
-    call.member = interface.members[member].name;
-    call.signature = "aa{sv}dqqaa{sv}";
-    auto failure = output_->sendCall(call, arguments);
+    DBusHeader header;
+    header.flags = kDBusFlagNoReplyExpected;
+    header.path = interface.objectPath;
+    header.interface = interface.name;
+    header.member = interface.members[encoded.member].name;
+    header.signature = kSignature;
+    auto failure = output_->sendCall(header, encoded.body);
     ++(failure ? dropped : sent);
     return failure;
   }
@@ -195,6 +209,33 @@ void BM_FanInFrom100Sessions(benchmark::State& state) {
   }
 }
 BENCHMARK(BM_FanInFrom100Sessions)->Threads(1)->Threads(2)->UseRealTime();
+
+// A session comes, starts and ends while eight others send large messages, of which an
+// aggregator has copies.
+void BM_SessionBesideBusyHierarchy(benchmark::State& state) {
+  Hierarchy hierarchy;
+  hierarchy.startFamily(9, /*isAggregated=*/true);
+  Dictionary payload;
+  for (int number = 0; number < 1000; ++number)
+    payload.set("a key of an event, " + std::to_string(number), number);
+  const Dictionary sent{{Value(kZunReportingMessageParametersCategory), 901},
+                        {Value(kZunReportingMessageParametersType), 3},
+                        {Value(kZunReportingMessageParametersPayload), payload}};
+  std::atomic<bool> ends{false};
+  std::vector<std::thread> senders;
+  for (size_t number = 1; number < hierarchy.sessions.size(); ++number) {
+    senders.emplace_back([&ends, &sent, session = hierarchy.sessions[number]] {
+      while (!ends) session->sendMessageWithDictionary(sent, nullptr);
+    });
+  }
+  for (auto _ : state) {
+    auto session = hierarchy.start(Hierarchy::info(5000, 0, /*isStandalone=*/true));
+    hierarchy.end(session);
+  }
+  ends = true;
+  for (std::thread& sender : senders) sender.join();
+}
+BENCHMARK(BM_SessionBesideBusyHierarchy)->UseRealTime()->Unit(benchmark::kMicrosecond);
 
 // A message that nobody aggregates, of a session without and with a hierarchy.
 void BM_MessageOfStandaloneSession(benchmark::State& state) {

@@ -9,6 +9,7 @@
 
 #include "platform/SandboxExtension.h"
 #include "platform/UniqueFunction.h"
+#include "values/Result.h"
 #include "values/Value.h"
 
 namespace zun {
@@ -88,6 +89,13 @@ class ExportedObject {
   virtual void handleCall(size_t member, const Array& arguments, ServiceReply reply) = 0;
 };
 
+/// A call of a peer's object with its arguments as they travel. Any connection of the kind
+/// that made it takes it, whoever is at the other end.
+class EncodedCall {
+ public:
+  virtual ~EncodedCall() = default;
+};
+
 /// One client process's connection. Any thread, but for what is set up between
 /// acceptance and `resume`.
 class ServiceConnection {
@@ -120,9 +128,13 @@ class ServiceConnection {
   /// Ends the connection; calls under way finish.
   virtual void invalidate() = 0;
 
-  /// One-way call of the peer's object. A peer that does not read is bounded: what no
-  /// longer fits is dropped. None on success, else a text for logs.
-  virtual std::optional<std::string> callRemote(size_t member, const Array& arguments) = 0;
+  /// A one-way call of the peer's object, or a text for logs that says why there is none.
+  /// Touches no connection, so that it can be made before a lock is taken.
+  [[nodiscard]] virtual Result<std::shared_ptr<const EncodedCall>, std::string> encodeCall(
+      size_t member, const Array& arguments) const = 0;
+  /// Makes that call. A peer that does not read is bounded: what no longer fits is
+  /// dropped. None on success, else a text for logs.
+  virtual std::optional<std::string> callRemote(const EncodedCall& call) = 0;
 };
 
 /// Decides about new connections. Called on the listener's threads, several at once.

@@ -23,11 +23,11 @@ const ServiceInterface& clientSessionReplyInterface() {
   return kInterface;
 }
 
-std::optional<std::string> sendMessageToClient(ServiceConnection& connection,
-                                               const std::optional<Dictionary>& sessionInfo, double timestamp,
-                                               uint16_t category, uint16_t type,
-                                               const std::optional<Dictionary>& payload) {
-  return connection.callRemote(kSendMessageToClient, Array{wireDictionary(sessionInfo), timestamp, category,
+MessageToClient encodeMessageToClient(const ServiceConnection& connection,
+                                      const std::optional<Dictionary>& sessionInfo, double timestamp,
+                                      uint16_t category, uint16_t type,
+                                      const std::optional<Dictionary>& payload) {
+  return connection.encodeCall(kSendMessageToClient, Array{wireDictionary(sessionInfo), timestamp, category,
                                                            type, wireDictionary(payload)});
 }
 

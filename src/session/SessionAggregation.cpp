@@ -2,7 +2,6 @@
 
 #include <utility>
 
-#include "session/ClientSessionReplyInterface.h"
 #include "session/ReportingdSession.h"
 
 namespace zun {
@@ -22,32 +21,47 @@ std::optional<Dictionary> aggregatedPayload(const std::optional<Dictionary>& pay
 void ReportingdSession::aggregateMessage(const std::optional<Dictionary>& sessionInfo, double timestamp,
                                          uint16_t category, uint16_t type,
                                          const std::optional<Dictionary>& payload) {
-  const std::optional<Dictionary> aggregated = aggregatedPayload(payload, userInfo());
-  if (mayHaveAncestors()) {
+  const auto encode = [&] {
+    return encodeMessageToClient(*connection_, sessionInfo, timestamp, category, type,
+                                 aggregatedPayload(payload, userInfo()));
+  };
+  hadAggregatingAncestor_ = mayHaveAncestors() && sendToAncestor(encode);
+  if (hadAggregatingAncestor_ || !hasAggregator_) return;
+  const MessageToClient message = encode();
+  const MutexLock lock(deliveryMutex_);
+  if (hasAggregator_) deliverToClient(message);
+}
+
+/// True when the topmost ancestor that aggregates, rather than the nearest, has got it: of
+/// one hierarchy one client alone gathers, and sees it whole.
+///
+/// Under the agent's lock, so that the ancestor neither ends nor moves meanwhile, but
+/// encoded before it: every client's start needs that lock. Whether there is an ancestor
+/// is mostly as it was for the last message; one that turns up has its copy made between
+/// two looks.
+bool ReportingdSession::sendToAncestor(const std::function<MessageToClient()>& encode) {
+  std::optional<MessageToClient> message;
+  if (hadAggregatingAncestor_) message = encode();
+  for (;;) {
     std::shared_ptr<ReportingdSession> ancestor;  // let go of after the lock
-    const RecursiveMutexLock lock(delegate_->objectLock());
-    ancestor = delegate_->getAncestorWithAggregatorForSession(*this);
-    if (ancestor) {
-      ancestor->sendToAggregator(sessionInfo, timestamp, category, type, aggregated);
-      return;
+    {
+      const RecursiveMutexLock lock(delegate_->objectLock());
+      ancestor = delegate_->getAncestorWithAggregatorForSession(*this);
+      if (ancestor && message) ancestor->sendToAggregator(*message);
     }
+    if (ancestor == nullptr || message) return ancestor != nullptr;
+    message = encode();
   }
-  const MutexLock lock(deliveryMutex_);
-  if (hasAggregator_) deliverToClient(sessionInfo, timestamp, category, type, aggregated);
 }
 
-void ReportingdSession::sendToAggregator(const std::optional<Dictionary>& sessionInfo, double timestamp,
-                                         uint16_t category, uint16_t type,
-                                         const std::optional<Dictionary>& payload) {
+void ReportingdSession::sendToAggregator(const MessageToClient& message) {
   const MutexLock lock(deliveryMutex_);
-  deliverToClient(sessionInfo, timestamp, category, type, payload);
+  deliverToClient(message);
 }
 
-void ReportingdSession::deliverToClient(const std::optional<Dictionary>& sessionInfo, double timestamp,
-                                        uint16_t category, uint16_t type,
-                                        const std::optional<Dictionary>& payload) {
+void ReportingdSession::deliverToClient(const MessageToClient& message) {
   std::optional<std::string> failure =
-      sendMessageToClient(*connection_, sessionInfo, timestamp, category, type, payload);
+      message ? connection_->callRemote(**message) : std::optional(message.error());
   // One line each time that a client is lost, not one for every message that others send.
   if (failure && failure != deliveryFailure_)
     log().error("sendMessageWithDictionary: Failed to get remote object proxy: {}", *failure);
@@ -58,7 +72,8 @@ void ReportingdSession::shutdownSessionAggregation() {
   log().debug("shutdownSessionAggregation: Disable aggregation module for session {}", sessionID());
   const MutexLock lock(deliveryMutex_);
   if (!hasAggregator_) return;
-  deliverToClient(std::nullopt, /*timestamp=*/0.0, /*category=*/0, /*type=*/0, std::nullopt);
+  deliverToClient(encodeMessageToClient(*connection_, std::nullopt, /*timestamp=*/0.0, /*category=*/0,
+                                        /*type=*/0, std::nullopt));
   hasAggregator_ = false;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -59,9 +60,16 @@ class FakeConnection final : public ServiceConnection {
     interrupted_ = {};
     exportedObject = nullptr;
   }
-  std::optional<std::string> callRemote(size_t member, const Array& arguments) override {
+  Result<std::shared_ptr<const EncodedCall>, std::string> encodeCall(size_t member,
+                                                                     const Array& arguments) const override {
+    if (onEncode) onEncode();
+    return std::shared_ptr<const EncodedCall>(std::make_shared<KeptCall>(member, arguments));
+  }
+  std::optional<std::string> callRemote(const EncodedCall& call) override {
+    if (onCall) onCall();
+    const auto& kept = static_cast<const KeptCall&>(call);
     const std::lock_guard lock(mutex_);
-    if (!remoteFailure_) remoteCalls_.emplace_back(member, arguments);
+    if (!remoteFailure_) remoteCalls_.emplace_back(kept.member, kept.arguments);
     return remoteFailure_;
   }
 
@@ -92,8 +100,18 @@ class FakeConnection final : public ServiceConnection {
   const std::shared_ptr<FileExtensions> extensions =
       std::make_shared<FileExtensions>(FileSystemIdentity::ofProcess());
   bool isResumed = false;
+  // Where a test looks in on calls of the peer's object: while one is encoded, and made.
+  std::function<void()> onEncode = nullptr;
+  std::function<void()> onCall = nullptr;
 
  private:
+  struct KeptCall final : EncodedCall {
+    KeptCall(size_t memberToCall, Array values) : member(memberToCall), arguments(std::move(values)) {}
+
+    const size_t member;
+    const Array arguments;
+  };
+
   const std::map<std::string, bool> entitlements_;
   const std::string description_;
   UniqueFunction<void()> interrupted_;

@@ -89,4 +89,12 @@ struct DBusFrame {
                                                            const Array& values,
                                                            const DBusLimits& limits = {});
 
+/// The body of such a message alone, and the message of it: for one that is known before
+/// its header is.
+[[nodiscard]] Result<std::string, DBusFailure> encodeDBusBody(std::string_view signature, const Array& values,
+                                                              const DBusLimits& limits = {});
+[[nodiscard]] std::optional<DBusFailure> appendDBusMessageOfBody(std::string& out, const DBusHeader& header,
+                                                                 std::string_view body,
+                                                                 const DBusLimits& limits = {});
+
 }  // namespace zun

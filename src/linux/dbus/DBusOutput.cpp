@@ -134,13 +134,13 @@ void DBusOutput::sendError(uint32_t replySerial, std::string_view name, std::str
   enqueue([&]() NO_THREAD_SAFETY_ANALYSIS { appendError(replySerial, name, text); });
 }
 
-std::optional<std::string> DBusOutput::sendCall(const DBusHeader& call, const Array& arguments) {
+std::optional<std::string> DBusOutput::sendCall(const DBusHeader& call, std::string_view body) {
   std::optional<std::string> failure;
   enqueue([&]() NO_THREAD_SAFETY_ANALYSIS {
     const size_t before = buffer_.size();
     DBusHeader header = call;
     header.serial = nextSerial();
-    if (const auto reason = appendDBusMessage(buffer_, header, arguments, messageLimits_)) {
+    if (const auto reason = appendDBusMessageOfBody(buffer_, header, body, messageLimits_)) {
       failure = reason->reason;
     } else if (queuedInCommon() > limits_.highWaterBytes && !makeRoomForLast(before)) {
       failure = fmt::format("{} does not read what it is sent", peer_);

@@ -65,8 +65,9 @@ class DBusOutput final : public std::enable_shared_from_this<DBusOutput> {
   void sendReturn(uint32_t replySerial, std::string_view signature, const Array& values,
                   const Array* shorter = nullptr);
   void sendError(uint32_t replySerial, std::string_view name, std::string_view text);
-  /// None when queued, else why not; telling of it is the caller's.
-  [[nodiscard]] std::optional<std::string> sendCall(const DBusHeader& call, const Array& arguments);
+  /// `body` as `call.signature` has it. None when queued, else why not; telling of it is
+  /// the caller's.
+  [[nodiscard]] std::optional<std::string> sendCall(const DBusHeader& call, std::string_view body);
 
   /// Writes what the socket takes now.
   void flush();

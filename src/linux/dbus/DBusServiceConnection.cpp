@@ -27,6 +27,14 @@ bool sendWhole(int socket, std::string_view bytes) {
          static_cast<ssize_t>(bytes.size());
 }
 
+/// The body; the header is the connection's that makes the call.
+struct DBusEncodedCall final : EncodedCall {
+  DBusEncodedCall(size_t memberToCall, std::string bytes) : member(memberToCall), body(std::move(bytes)) {}
+
+  const size_t member;
+  const std::string body;
+};
+
 }  // namespace
 
 std::shared_ptr<DBusServiceConnection> DBusServiceConnection::create(
@@ -99,15 +107,29 @@ void DBusServiceConnection::invalidate() {
   output_->wake();
 }
 
-std::optional<std::string> DBusServiceConnection::callRemote(size_t member, const Array& arguments) {
-  if (!remote_ || member >= remote_->interface().members.size()) return "the client has no such operation";
-  DBusHeader call;
-  call.flags = kDBusFlagNoReplyExpected;
-  call.path = remote_->interface().objectPath;
-  call.interface = remote_->interface().name;
-  call.member = remote_->member(member).name;
-  call.signature = remote_->member(member).inSignature;
-  return output_->sendCall(call, arguments);
+Result<std::shared_ptr<const EncodedCall>, std::string> DBusServiceConnection::encodeCall(
+    size_t member, const Array& arguments) const {
+  using Encoded = Result<std::shared_ptr<const EncodedCall>, std::string>;
+  if (!remote_ || member >= remote_->interface().members.size()) {
+    return Encoded::failure("the client has no such operation");
+  }
+  auto body = encodeDBusBody(remote_->member(member).inSignature, arguments, options_.messageLimits);
+  if (!body) return Encoded::failure(body.error().reason);
+  return std::shared_ptr<const EncodedCall>(std::make_shared<DBusEncodedCall>(member, std::move(*body)));
+}
+
+std::optional<std::string> DBusServiceConnection::callRemote(const EncodedCall& call) {
+  const auto& encoded = static_cast<const DBusEncodedCall&>(call);
+  if (!remote_ || encoded.member >= remote_->interface().members.size()) {
+    return "the client has no such operation";
+  }
+  DBusHeader header;
+  header.flags = kDBusFlagNoReplyExpected;
+  header.path = remote_->interface().objectPath;
+  header.interface = remote_->interface().name;
+  header.member = remote_->member(encoded.member).name;
+  header.signature = remote_->member(encoded.member).inSignature;
+  return output_->sendCall(header, encoded.body);
 }
 
 void DBusServiceConnection::run(ServiceListenerDelegate* delegate,

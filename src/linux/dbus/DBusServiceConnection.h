@@ -68,7 +68,9 @@ class DBusServiceConnection final : public ServiceConnection {
   void setInvalidationHandler(UniqueFunction<void()> handler) override;
   void resume() override;
   void invalidate() override;
-  std::optional<std::string> callRemote(size_t member, const Array& arguments) override;
+  Result<std::shared_ptr<const EncodedCall>, std::string> encodeCall(size_t member,
+                                                                     const Array& arguments) const override;
+  std::optional<std::string> callRemote(const EncodedCall& call) override;
 
   [[nodiscard]] const PeerIdentity& peer() const { return peer_; }
 

@@ -184,14 +184,14 @@ bool DBusWriter::writeStruct(const DBusSignature& signature, size_t at, size_t d
   return true;
 }
 
-std::optional<DBusFailure> appendDBusMessage(std::string& out, const DBusHeader& header, const Array& values,
-                                             const DBusLimits& limits) {
-  const size_t before = out.size();
-  DBusWriter writer(out, limits);
+namespace {
+
+/// Everything before the body, whose length is not known yet.
+void writeHeader(DBusWriter& writer, std::string& out, const DBusHeader& header) {
   const char fixed[] = {kDBusNativeOrder, static_cast<char>(header.type), static_cast<char>(header.flags),
                         static_cast<char>(kDBusProtocolVersion)};
   out.append(fixed, sizeof fixed);
-  writer.writeNumber(uint32_t{0});  // body length, known later
+  writer.writeNumber(uint32_t{0});  // body length
   writer.writeNumber(header.serial);
   writer.writeNumber(uint32_t{0});  // length of the fields
   const auto beginField = [&writer](DBusField field, std::string_view type) {
@@ -220,24 +220,62 @@ std::optional<DBusFailure> appendDBusMessage(std::string& out, const DBusHeader&
   }
   writer.patchUInt32(12, writer.position() - DBusFrame::kFixedBytes);
   writer.align(8);
-  const size_t bodyAt = writer.position();
+}
 
-  const auto signature = DBusSignature::parse(header.signature);
-  bool isWritten = signature.has_value();
+/// None on success.
+std::optional<DBusFailure> writeBody(DBusWriter& writer, std::string_view signatureText,
+                                     const Array& values) {
+  const auto signature = DBusSignature::parse(signatureText);
+  if (!signature) return DBusFailure{DBusFailure::Kind::kMalformed, "the signature is none"};
   size_t index = 0;
-  for (size_t at = 0; isWritten && at < header.signature.size(); at = signature->endOfType(at), ++index) {
-    isWritten = writer.writeValue(*signature, at, 0, values[index]);
+  for (size_t at = 0; at < signatureText.size(); at = signature->endOfType(at), ++index) {
+    if (!writer.writeValue(*signature, at, 0, values[index])) return writer.failure();
   }
-  const bool fits = writer.position() <= limits.maximumMessageBytes;
-  if (isWritten && fits) {
+  return std::nullopt;
+}
+
+/// Ends a message that began at `begin` and its body at `bodyAt`, or takes it back.
+std::optional<DBusFailure> finishMessage(DBusWriter& writer, std::string& out, size_t begin, size_t bodyAt,
+                                         std::optional<DBusFailure> failure, const DBusLimits& limits) {
+  if (!failure && writer.position() > limits.maximumMessageBytes)
+    failure = DBusFailure{DBusFailure::Kind::kTooLarge, "the message is too large"};
+  if (failure) {
+    out.resize(begin);
+  } else {
     writer.patchUInt32(4, writer.position() - bodyAt);
-    return std::nullopt;
   }
-  DBusFailure failure = writer.failure();
-  if (isWritten) failure = {DBusFailure::Kind::kTooLarge, "the message is too large"};
-  if (!signature) failure = {DBusFailure::Kind::kMalformed, "the signature is none"};
-  out.resize(before);
   return failure;
+}
+
+}  // namespace
+
+std::optional<DBusFailure> appendDBusMessage(std::string& out, const DBusHeader& header, const Array& values,
+                                             const DBusLimits& limits) {
+  const size_t begin = out.size();
+  DBusWriter writer(out, limits);
+  writeHeader(writer, out, header);
+  const size_t bodyAt = writer.position();
+  auto failure = writeBody(writer, header.signature, values);
+  return finishMessage(writer, out, begin, bodyAt, std::move(failure), limits);
+}
+
+Result<std::string, DBusFailure> encodeDBusBody(std::string_view signature, const Array& values,
+                                                const DBusLimits& limits) {
+  using Encoded = Result<std::string, DBusFailure>;
+  std::string body;
+  DBusWriter writer(body, limits);
+  if (const auto failure = writeBody(writer, signature, values)) return Encoded::failure(*failure);
+  return body;
+}
+
+std::optional<DBusFailure> appendDBusMessageOfBody(std::string& out, const DBusHeader& header,
+                                                   std::string_view body, const DBusLimits& limits) {
+  const size_t begin = out.size();
+  DBusWriter writer(out, limits);
+  writeHeader(writer, out, header);
+  const size_t bodyAt = writer.position();
+  out += body;
+  return finishMessage(writer, out, begin, bodyAt, std::nullopt, limits);
 }
 
 }  // namespace zun

@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "DBusPeer.h"
+#include "support/RemoteCall.h"
 
 namespace zun {
 namespace {
@@ -205,7 +206,7 @@ TEST_F(DBusForeignPeersTest, GLibSendsAndGetsEveryType) {
   std::ofstream(script) << kGLibClient;
   std::thread teller([this] {
     if (!delegate_.events->wait("Later")) return;
-    EXPECT_EQ(delegate_.connection()->callRemote(0, Array{9, Array{Dictionary{{"k", "v"}}}}), std::nullopt);
+    EXPECT_EQ(callRemote(*delegate_.connection(), 0, Array{9, Array{Dictionary{{"k", "v"}}}}), std::nullopt);
   });
   const Output output =
       run("/usr/bin/python3 " + script + " " + address() + " " + std::to_string(::getpid()));
@@ -362,7 +363,7 @@ TEST_F(DBusForeignPeersTest, SdBusIsCalledByTheDaemon) {
     ASSERT_GE(::sd_bus_process(bus.get(), nullptr), 0);
     ASSERT_GE(::sd_bus_wait(bus.get(), 1000), 0);
   }
-  EXPECT_EQ(delegate_.connection()->callRemote(0, Array{77, Array()}), std::nullopt);
+  EXPECT_EQ(callRemote(*delegate_.connection(), 0, Array{77, Array()}), std::nullopt);
   while (number == 0) {
     const int processed = ::sd_bus_process(bus.get(), nullptr);
     ASSERT_GE(processed, 0);

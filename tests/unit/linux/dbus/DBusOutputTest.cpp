@@ -38,7 +38,7 @@ class DBusOutputTest : public ::testing::Test {
     header.interface = "com.vantix.Client";
     header.member = "call";
     header.signature = "s";
-    return output_->sendCall(header, Array{std::string(bytes, 'x')});
+    return output_->sendCall(header, *encodeDBusBody(header.signature, Array{std::string(bytes, 'x')}));
   }
   /// Calls until one is dropped; gives why.
   std::string callUntilDropped() {
@@ -298,7 +298,9 @@ TEST_F(DBusReplyTest, CallsOfThePeerAreQueuedBesideALargeReply) {
   header.path = "/client";
   header.member = "call";
   header.signature = "s";
-  EXPECT_EQ(peer.output->sendCall(header, Array{std::string(100'000, 'x')}), std::nullopt);
+  EXPECT_EQ(
+      peer.output->sendCall(header, *encodeDBusBody(header.signature, Array{std::string(100'000, 'x')})),
+      std::nullopt);
 }
 
 TEST_F(DBusReplyTest, LargeReplyThatHasNoShorterFormAndNoRoomIsAnError) {

@@ -4,6 +4,7 @@
 
 #include "DBusPeer.h"
 #include "support/DescriptorCount.h"
+#include "support/RemoteCall.h"
 
 namespace zun {
 namespace {
@@ -406,13 +407,13 @@ TEST_F(DBusRawServiceTest, RemoteCallsReachTheClient) {
   start();
   const auto client = connect();
   ASSERT_TRUE(delegate_.events->wait("accepted"));
-  EXPECT_EQ(delegate_.connection()->callRemote(0, Array{7, Array{Dictionary{{"k", "v"}}}}), std::nullopt);
+  EXPECT_EQ(callRemote(*delegate_.connection(), 0, Array{7, Array{Dictionary{{"k", "v"}}}}), std::nullopt);
   const auto message = client->receiveMessage();
   ASSERT_TRUE(message);
   EXPECT_EQ(message->member, "tell");
   EXPECT_FALSE(message->header.expectsReply());
   EXPECT_EQ(message->values, (Array{7, Array{Dictionary{{"k", "v"}}}}));
-  EXPECT_NE(delegate_.connection()->callRemote(1, Array()), std::nullopt);
+  EXPECT_NE(callRemote(*delegate_.connection(), 1, Array()), std::nullopt);
 }
 
 // --- Bad input ----------------------------------------------------------------------
@@ -629,7 +630,7 @@ TEST_F(DBusRawServiceTest, InvalidationHandlerIsCalledOnceAndEverythingIsLetGo) 
   waitForConnections(0);
   EXPECT_EQ(delegate_.events->count("invalidated"), 1u);
   EXPECT_EQ(delegate_.events->count("object released"), 1u);
-  EXPECT_NE(connection->callRemote(0, Array{1, Array()}), std::nullopt);
+  EXPECT_NE(callRemote(*connection, 0, Array{1, Array()}), std::nullopt);
   const std::weak_ptr<ServiceConnection> watched = connection;
   connection = nullptr;
   delegate_.forget();
@@ -688,12 +689,12 @@ TEST_F(DBusRawServiceTest, CallsToAClientThatDoesNotReadAreDropped) {
   const auto connection = delegate_.connection();
   const Array arguments{1, Array{Dictionary{{"k", std::string(4000, 'x')}}}};
   size_t queued = 0;
-  while (!connection->callRemote(0, arguments)) ++queued;
+  while (!callRemote(*connection, 0, arguments)) ++queued;
   EXPECT_LT(queued, 1000u);
-  EXPECT_EQ(connection->callRemote(0, arguments), peerName() + " does not read what it is sent");
+  EXPECT_EQ(callRemote(*connection, 0, arguments), peerName() + " does not read what it is sent");
   for (size_t count = 0; count < queued; ++count) ASSERT_TRUE(client->receiveMessage());
   expectStillServed(*client);
-  EXPECT_EQ(connection->callRemote(0, arguments), std::nullopt);
+  EXPECT_EQ(callRemote(*connection, 0, arguments), std::nullopt);
 }
 
 TEST_F(DBusRawServiceTest, NoFurtherCallsAreReadOfAClientThatDoesNotReadItsReplies) {
