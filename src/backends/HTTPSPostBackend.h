@@ -72,9 +72,10 @@ class HTTPSPostBackend final : public ZunReportingBackend {
   [[nodiscard]] std::optional<std::string> createMessageForPostAndLogging(
       std::vector<Dictionary> records, std::optional<std::string>* prettyJsonString) const;
   /// Method and response code belong to the post of a single event. Without a
-  /// connectivity helper nothing is sent and `completion` is let go.
+  /// connectivity helper nothing is sent and `completion` is let go. The observer hears
+  /// of the `events` in it where they are not sent.
   void postJSONMessage(std::string json, int32_t flag, std::optional<uint16_t> method,
-                       std::optional<uint16_t> responseCode, FlushCompletion completion);
+                       std::optional<uint16_t> responseCode, FlushCompletion completion, size_t events = 1);
 
   [[nodiscard]] const std::optional<std::string>& postURL() const { return postURL_; }
   void setPostURL(std::optional<std::string> url) { postURL_ = std::move(url); }

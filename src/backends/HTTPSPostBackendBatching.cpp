@@ -27,14 +27,6 @@ Value orMinusOne(Value value) {
   return value.isNone() ? Value(-1) : value;
 }
 
-/// The client's part of a message, all of a message without one; null where there is
-/// neither.
-const Dictionary* payloadOf(const std::optional<Dictionary>& message) {
-  if (!message) return nullptr;
-  const Value& clientData = (*message)[kZunReportingMessageBlobClientData];
-  return clientData.isNone() ? &*message : clientData.dictionary();
-}
-
 }  // namespace
 
 std::optional<std::string> HTTPSPostBackend::sendMessage(const std::optional<Dictionary>& message,
@@ -42,12 +34,8 @@ std::optional<std::string> HTTPSPostBackend::sendMessage(const std::optional<Dic
                                                          uint16_t respCode, uint16_t eventID, int32_t flag) {
   const int32_t stateBefore = state();
   if (stateBefore == ZunBackendStateDisabled) return std::nullopt;
-  Dictionary payload;
-  if (const Dictionary* const given = payloadOf(message)) {
-    payload = *given;
-  } else {
-    log().error("HTTPSPostBackend(sendMessage): SESSION_TYPE_STOP message dictionary is nil");
-  }
+  if (!message) log().error("HTTPSPostBackend(sendMessage): SESSION_TYPE_STOP message dictionary is nil");
+  Dictionary payload = eventPayload(message);
   if (method == kSessionMethod && respCode == kSessionStop) addSessionStopKeys(payload);
   Dictionary record = newEventDictfromPayload(payload, timestamp, method, respCode, eventID);
   prepareEventForMessage(record,
@@ -167,13 +155,16 @@ std::optional<std::string> HTTPSPostBackend::flushMessagesWithCompletion(FlushCo
   std::vector<Dictionary> records = admittedRecords(std::move(batch.records));
   std::optional<std::string> text;
   std::optional<std::string> json;
+  const size_t events = records.size();
   if (!records.empty()) json = createMessageForPostAndLogging(std::move(records), &text);
   if (!json) return fail("Nothing to flush: batched events were completely filtered out");
-  postJSONMessage(std::move(*json), 0, std::nullopt, std::nullopt,
-                  [text, completion = std::move(completion)](const std::optional<std::string>&,
-                                                             const std::optional<Error>& error) {
-                    if (completion) completion(text, error);
-                  });
+  postJSONMessage(
+      std::move(*json), 0, std::nullopt, std::nullopt,
+      [text, completion = std::move(completion)](const std::optional<std::string>&,
+                                                 const std::optional<Error>& error) {
+        if (completion) completion(text, error);
+      },
+      events);
   if (text) immutable_ = true;
   return text;
 }

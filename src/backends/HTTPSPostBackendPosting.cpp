@@ -100,6 +100,25 @@ std::string headerText(std::string_view text) {
   return safe;
 }
 
+/// What is told of a post's events unless somebody has answered it: a helper that takes no
+/// request lets go of the completion, and this with it, without a word.
+class UnansweredPost final {
+ public:
+  UnansweredPost(std::shared_ptr<BackendObserver> observer, size_t events)
+      : observer_(std::move(observer)), events_(events) {}
+  UnansweredPost(UnansweredPost&&) noexcept = default;
+  ~UnansweredPost() { isLost(EventLoss::kHelperRefused); }
+
+  void isAnswered() { observer_ = nullptr; }
+  void isLost(EventLoss cause) {
+    if (const auto observer = std::exchange(observer_, nullptr)) observer->eventsWereLost(cause, events_);
+  }
+
+ private:
+  std::shared_ptr<BackendObserver> observer_;  // null once it has been told, or need not be
+  const size_t events_;
+};
+
 void handleResponse(const std::weak_ptr<ZunReportingBackend>& backend, const std::string& name,
                     SystemLog& log, const std::optional<URLResponse>& response,
                     const std::optional<Error>& error,
@@ -161,14 +180,17 @@ bool HTTPSPostBackend::mayLogEvents() const {
 }
 
 void HTTPSPostBackend::postJSONMessage(std::string json, int32_t flag, std::optional<uint16_t> method,
-                                       std::optional<uint16_t> responseCode, FlushCompletion completion) {
+                                       std::optional<uint16_t> responseCode, FlushCompletion completion,
+                                       size_t events) {
+  UnansweredPost post(observer_, events);
   const std::optional<std::string>& url = flag == 1 || flag == 3 ? realtimePostURL_ : postURL_;
   if (!url) {
+    post.isLost(EventLoss::kNoPostURL);
     if (completion) completion(std::nullopt, reportingError("postURL is nil"));
     return;
   }
   const auto helper = reportingSessionConnectivityDelegate_.lock();
-  if (helper == nullptr) return;
+  if (helper == nullptr) return post.isLost(EventLoss::kNoConnectivityHelper);
   URLRequest request =
       requestForPost(services_.identity.isInternalBuild() ? *url : securedURL(*url), method, responseCode);
   std::optional<std::string> compressed = gzipDeflate(json, log());
@@ -183,8 +205,10 @@ void HTTPSPostBackend::postJSONMessage(std::string json, int32_t flag, std::opti
       std::make_shared<const std::string>(sendsCompressed ? std::move(*compressed) : std::move(json));
   helper->postURLRequestWithCompletionHandler(
       std::move(request),
-      [backend = weak_from_this(), name = name_, &logOfAll = log(), completion = std::move(completion)](
-          std::string, const std::optional<URLResponse>& response, const std::optional<Error>& error) {
+      [backend = weak_from_this(), name = name_, &logOfAll = log(), completion = std::move(completion),
+       post = std::move(post)](std::string, const std::optional<URLResponse>& response,
+                               const std::optional<Error>& error) mutable {
+        post.isAnswered();
         handleResponse(backend, name, logOfAll, response, error, completion);
       });
 }

@@ -122,6 +122,10 @@ void ZunReportingBackend::setStartTimestamp(const TimeValue& time) {
   startTimeStamp_ = secondsOf(time);
 }
 
+void ZunReportingBackend::setObserver(std::shared_ptr<BackendObserver> observer) {
+  observer_ = std::move(observer);
+}
+
 void ZunReportingBackend::setReportingSessionConnectivityDelegate(
     std::weak_ptr<ReportingSessionConnectivityInterface> helper) {
   reportingSessionConnectivityDelegate_ = std::move(helper);
@@ -159,7 +163,10 @@ int32_t ZunReportingBackend::state() const {
 }
 
 void ZunReportingBackend::setState(int32_t state) {
-  stateQueue_->async([self = shared_from_this(), state] { self->state_ = state; });
+  stateQueue_->async([self = shared_from_this(), state] {
+    self->state_ = state;
+    if (state == ZunBackendStateEnabled && self->observer_) self->observer_->backendWasEnabled();
+  });
 }
 
 Value ZunReportingBackend::samplingThreshold() const {

@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "backends/BackendObserver.h"
 #include "backends/EventNumberList.h"
 #include "connectivity/ReportingSessionConnectivityInterface.h"
 #include "platform/Mutex.h"
@@ -70,6 +71,9 @@ class ZunReportingBackend : public std::enable_shared_from_this<ZunReportingBack
   /// "major.middle.minor"; missing numbers are 0, each keeps its low 8 bits.
   void setSelfVersion(std::string_view version);
   void setStartTimestamp(const TimeValue& time);
+
+  /// Before the backend is used by anybody.
+  void setObserver(std::shared_ptr<BackendObserver> observer);
 
   // Later.
   void setReportingSessionConnectivityDelegate(std::weak_ptr<ReportingSessionConnectivityInterface> helper);
@@ -163,6 +167,7 @@ class ZunReportingBackend : public std::enable_shared_from_this<ZunReportingBack
   std::optional<std::string> digestKey_;
   int32_t digestAlgorithm_ = 0;
   std::weak_ptr<ReportingSessionConnectivityInterface> reportingSessionConnectivityDelegate_;
+  std::shared_ptr<BackendObserver> observer_;  // may be null
 
  private:
   mutable Mutex propertyMutex_;

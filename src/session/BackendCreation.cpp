@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include "session/BackendTable.h"
 #include "zunreporting/Keys.h"
 
@@ -63,6 +65,11 @@ ZunReportingBackend* BackendTable::find(std::string_view name) const {
   return nullptr;
 }
 
+bool BackendTable::isAnyEnabled() const {
+  return std::any_of(entries.begin(), entries.end(),
+                     [](const Entry& entry) { return entry.backend->state() == ZunBackendStateEnabled; });
+}
+
 std::shared_ptr<const BackendTable> createBackends(const ReportingServices& services,
                                                    const BackendFactory& factory,
                                                    const BackendCreationOptions& options) {
@@ -82,6 +89,7 @@ std::shared_ptr<const BackendTable> createBackends(const ReportingServices& serv
   for (const auto& [key, profile] : *options.storebag) {
     auto backend = factory(services, key.stringValue(), profile, deviceName, clientType);
     if (backend == nullptr) continue;
+    backend->setObserver(options.observer);
     identity.applyTo(*backend);
     table->entries.push_back(
         {std::string(key.stringValue()), std::move(backend), responseRole(key.stringValue())});

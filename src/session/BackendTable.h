@@ -28,6 +28,8 @@ struct BackendTable final {
   };
 
   [[nodiscard]] ZunReportingBackend* find(std::string_view name) const;
+  /// One of them is in state 2.
+  [[nodiscard]] bool isAnyEnabled() const;
 
   std::vector<Entry> entries;
 };
@@ -43,6 +45,7 @@ struct BackendCreationOptions {
   const Dictionary* sessionInfo = nullptr;
   std::optional<Dictionary> userInfo = {};
   std::string deviceIdentifier = {};
+  std::shared_ptr<BackendObserver> observer = {};
 };
 
 /// The backends that a storebag names (possibly no one), told what they need to know;

@@ -13,11 +13,19 @@ namespace {
 
 constexpr const char* kNoBackends = "No backends available to send message";
 
-enum class EventVerdict { kAccepted, kNotWhitelisted, kBlacklisted };
-
-EventVerdict verdictOnEvent(const ZunReportingBackend& backend, uint16_t category) {
-  if (!backend.isWhitelistedEvent(category)) return EventVerdict::kNotWhitelisted;
-  return backend.isBlacklistedEvent(category) ? EventVerdict::kBlacklisted : EventVerdict::kAccepted;
+/// Whether a backend's lists let a category through; a line says why not.
+bool admits(const BackendTable::Entry& entry, uint16_t category, const char* operation, SystemLog& log) {
+  if (!entry.backend->isWhitelistedEvent(category)) {
+    log.debug("{}: Dropping event with category {} as it is not whitelisted for backend {}", operation,
+              category, entry.name);
+    return false;
+  }
+  if (entry.backend->isBlacklistedEvent(category)) {
+    log.debug("{}: Dropping event with category {} as it is blacklisted for backend {}", operation, category,
+              entry.name);
+    return false;
+  }
+  return true;
 }
 
 }  // namespace
@@ -74,26 +82,13 @@ std::optional<std::string> ReportingdSession::dispatchToBackends(const Dictionar
                                                                  uint16_t category, uint16_t type,
                                                                  int32_t flag) {
   std::optional<std::string> result;
-  for (const auto& [name, backend, role] : backends_->entries) {
-    switch (verdictOnEvent(*backend, category)) {
-      case EventVerdict::kNotWhitelisted:
-        log().debug(
-            "sendMessageWithDictionary: Dropping event with category {} as it is not whitelisted for "
-            "backend {}",
-            category, name);
-        continue;
-      case EventVerdict::kBlacklisted:
-        log().debug(
-            "sendMessageWithDictionary: Dropping event with category {} as it is blacklisted for backend "
-            "{}",
-            category, name);
-        continue;
-      case EventVerdict::kAccepted: break;
-    }
-    std::optional<std::string> response = backend->sendMessage(blob, timestamp, category, type, flag);
+  for (const auto& entry : backends_->entries) {
+    if (!admits(entry, category, "sendMessageWithDictionary", log())) continue;
+    std::optional<std::string> response = entry.backend->sendMessage(blob, timestamp, category, type, flag);
     if (!response) continue;
-    services_.messageLog.writeToLogFile(fmt::format("[{} -> sendMessageWithDictionary] {}", name, *response));
-    if (role == ResponseRole::kAnswer || (role == ResponseRole::kFallback && !result))
+    services_.messageLog.writeToLogFile(
+        fmt::format("[{} -> sendMessageWithDictionary] {}", entry.name, *response));
+    if (entry.role == ResponseRole::kAnswer || (entry.role == ResponseRole::kFallback && !result))
       result = std::move(response);
   }
   return result;
@@ -179,7 +174,6 @@ void ReportingdSession::sendMessageWithSessionInfo(const Dictionary& sessionInfo
     if (reply) reply("Could not retrieve identifiers from sessionInfo");
     return;
   }
-  sessionID_ = static_cast<uint32_t>(sessionInfo[kZunReportingSessionInfoSessionID].intValue());
   adoptSessionInfo(sessionInfo);
   delegate_->updateCorrelatedSessions(*this);
   log().debug("sendMessageWithSessionInfo: Sending message with session info for session {}", sessionID());
@@ -221,28 +215,14 @@ void ReportingdSession::sendOneMessageToBackends(uint16_t category, uint16_t typ
   if (message && services_.identity.isInternalBuild())
     message->set("SerialNum", services_.identity.serialNumber().value_or("Unknown"));
 
-  for (const auto& [name, backend, role] : backends_->entries) {
-    backend->updateState();
-    backend->setReportingSessionConnectivityDelegate(connectivityHelper_);
-    switch (verdictOnEvent(*backend, category)) {
-      case EventVerdict::kNotWhitelisted:
-        log().debug(
-            "sendOneMessageWithSessionInfo: Dropping event with category {} as it is not whitelisted for "
-            "backend {}",
-            category, name);
-        continue;
-      case EventVerdict::kBlacklisted:
-        log().debug(
-            "sendOneMessageWithSessionInfo: Dropping event with category {} as it is blacklisted for "
-            "backend {}",
-            category, name);
-        continue;
-      case EventVerdict::kAccepted: break;
-    }
-    const auto response = backend->sendMessage(message, timestamp, category, type, /*flag=*/0);
+  for (const auto& entry : backends_->entries) {
+    entry.backend->updateState();
+    entry.backend->setReportingSessionConnectivityDelegate(connectivityHelper());
+    if (!admits(entry, category, "sendOneMessageWithSessionInfo", log())) continue;
+    const auto response = entry.backend->sendMessage(message, timestamp, category, type, /*flag=*/0);
     if (!response) continue;
     services_.messageLog.writeToLogFile(
-        fmt::format("[{} -> sendOneMessageWithSessionInfo] {}", name, *response));
+        fmt::format("[{} -> sendOneMessageWithSessionInfo] {}", entry.name, *response));
   }
 }
 

@@ -25,6 +25,19 @@ bool differs(std::string_view key, const Dictionary& before, const Dictionary& a
   return !left.isString() || !right.isString() || left.stringValue() != right.stringValue();
 }
 
+std::optional<std::string> chooseDisplayURL(const BackendTable& backends) {
+  for (const auto& [name, backend, role] : backends.entries) {
+    if (name.find(kZunReportingBackendHTTPPost) == std::string::npos) continue;
+    if (auto displayURL = backend->displayURL()) return displayURL;
+  }
+  for (const std::string_view name : {kZunReportingBackendHTTPPost2, kZunReportingBackendDashboard}) {
+    ZunReportingBackend* const backend = backends.find(name);
+    if (backend == nullptr) continue;
+    if (auto displayURL = backend->displayURL()) return displayURL;
+  }
+  return std::nullopt;
+}
+
 }  // namespace
 
 // Creation
@@ -45,7 +58,8 @@ ReportingdSession::ReportingdSession(const ReportingServices& services,
       delegate_(std::move(delegate)),
       connection_(std::move(connection)),
       backendFactory_(std::move(backendFactory)),
-      sessionIDString_(makeSessionIDString(services.platform.random)) {
+      sessionIDString_(makeSessionIDString(services.platform.random)),
+      posting_(std::make_shared<SessionPosting>(services.platform.log)) {
   if (log().isEnabled(LogLevel::kDebug)) {
     log().debug("initWithSessionDelegate: ReportingdSession initWithSessionDelegate:{}",
                 delegate_->description());
@@ -98,12 +112,11 @@ std::string ReportingdSession::description() const {
 void ReportingdSession::setSessionInfo(const Dictionary& sessionInfo,
                                        const std::optional<Dictionary>& userInfo,
                                        const Array& frameworksToCheck, bool hasAggregationBlock) {
-  sessionID_ = static_cast<uint32_t>(sessionInfo[kZunReportingSessionInfoSessionID].intValue());
+  adoptSessionInfo(sessionInfo);
   log().debug("setSessionInfo: Configuring session {}", sessionID());
   if (userInfo && !sessionInfo[kZunReportingSessionInfoRequireUserInfo].boolValue())
     log().error("setSessionInfo: Configure session: user info provided without requiring it");
 
-  adoptSessionInfo(sessionInfo);
   delegate_->updateCorrelatedSessions(*this);
   frameworks_ = frameworksToCheck;
   updateUserInfo(userInfo);
@@ -111,6 +124,8 @@ void ReportingdSession::setSessionInfo(const Dictionary& sessionInfo,
 }
 
 void ReportingdSession::adoptSessionInfo(const Dictionary& sessionInfo) {
+  sessionID_ = static_cast<uint32_t>(sessionInfo[kZunReportingSessionInfoSessionID].intValue());
+  posting_->setSessionID(sessionID_);
   uint32_t level = 0;
   std::optional<std::string> token;
   if (const Dictionary* hierarchy = sessionInfo[kZunReportingSessionInfoHierarchyToken].dictionary()) {
@@ -131,7 +146,7 @@ void ReportingdSession::releaseUserInfo() {
     const MutexLock lock(mutex_);
     shared_.userInfo.reset();
   }
-  connectivityHelper_.reset();
+  posting_->setConnectivityHelper(nullptr);
 }
 
 void ReportingdSession::updateUserInfo(const std::optional<Dictionary>& userInfo) {
@@ -141,9 +156,8 @@ void ReportingdSession::updateUserInfo(const std::optional<Dictionary>& userInfo
     const MutexLock lock(mutex_);
     shared_.userInfo = userInfo;
   }
-  connectivityHelper_ = delegate_->copySharedConnectivityHelperForReportingSession(
-      *this, ReportingSessionConnectivityHelper::POSTRequestMode());
-  if (connectivityHelper_) connectivityHelper_->setReleaseTimeout(connectivityHelperReleaseTimeout_);
+  posting_->setConnectivityHelper(delegate_->copySharedConnectivityHelperForReportingSession(
+      *this, ReportingSessionConnectivityHelper::POSTRequestMode()));
 }
 
 // Start
@@ -163,8 +177,7 @@ void ReportingdSession::startConfigWithCompletionHandler(StatesReply completionH
 }
 
 void ReportingdSession::updateSessionWithDefaultSessionInfo() {
-  if (updateReportingStates() && connectivityHelper_)
-    connectivityHelper_->activate(connectivityHelperReleaseTimeout_);
+  if (updateReportingStates()) posting_->activate();
   delegate_->updateDownstreamSessions(*this);
 }
 
@@ -213,7 +226,11 @@ void ReportingdSession::receivedUserInfo(const std::optional<Dictionary>& newUse
 
   updateUserInfo(newUserInfo);
   updateUserInfoForBackends();
-  if (!userChanged) return;
+  if (!userChanged) {
+    // States stay, but the helper may be another one, where the agent shares no more of them.
+    if (backends_ != nullptr && backends_->isAnyEnabled()) posting_->activateOnce();
+    return;
+  }
   log().debug("receivedUserInfo: Received new user info for session {}", sessionID());
   updateSessionWithDefaultSessionInfo();
 }
@@ -222,22 +239,8 @@ void ReportingdSession::receivedUserInfo(const std::optional<Dictionary>& newUse
 
 void ReportingdSession::fetchDisplayURL(StringReply reply) {
   log().debug("fetchDisplayURL: Fetching display URL for session {}", sessionID());
-  const std::string displayURL = chooseDisplayURL().value_or("URL not available");
-  if (reply) reply(displayURL);
-}
-
-std::optional<std::string> ReportingdSession::chooseDisplayURL() const {
-  if (backends_ == nullptr) return std::nullopt;
-  for (const auto& [name, backend, role] : backends_->entries) {
-    if (name.find(kZunReportingBackendHTTPPost) == std::string::npos) continue;
-    if (auto displayURL = backend->displayURL()) return displayURL;
-  }
-  for (const std::string_view name : {kZunReportingBackendHTTPPost2, kZunReportingBackendDashboard}) {
-    ZunReportingBackend* const backend = backends_->find(name);
-    if (backend == nullptr) continue;
-    if (auto displayURL = backend->displayURL()) return displayURL;
-  }
-  return std::nullopt;
+  const auto displayURL = backends_ == nullptr ? std::nullopt : chooseDisplayURL(*backends_);
+  if (reply) reply(displayURL.value_or("URL not available"));
 }
 
 void ReportingdSession::finishSessionGracefully() {
@@ -319,9 +322,9 @@ Dictionary ReportingdSession::endPayload() const {
 }
 
 void ReportingdSession::handBackKeepAliveReference() {
-  if (connectivityHelper_) {
+  if (const auto helper = connectivityHelper()) {
     log().debug("ReportingdSession dealloc: incrementing total sessions count for session {}", sessionID());
-    connectivityHelper_->incrementTotalSessionsServedCount();
+    helper->incrementTotalSessionsServedCount();
     return;
   }
   log().debug(

@@ -3,6 +3,7 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -12,7 +13,9 @@
 #include "platform/ServiceConnection.h"
 #include "session/BackendTable.h"
 #include "session/ClientSessionInterface.h"
+#include "session/ClientSessionReplyInterface.h"
 #include "session/ReportingdSessionDelegate.h"
+#include "session/SessionPosting.h"
 #include "util/ReportingServices.h"
 #include "values/Value.h"
 
@@ -90,9 +93,9 @@ class ReportingdSession final : public ClientSessionInterface,
   void updateSharedDataForKey(const std::string& key, const Value& value) override;
   void setDigestKey(const std::string& key, int32_t algorithm) override;
 
-  /// What the session posts through; null without user information. On the thread of its calls.
-  [[nodiscard]] const std::shared_ptr<ReportingSessionConnectivityHelper>& connectivityHelper() const {
-    return connectivityHelper_;
+  /// What the session posts through; null without user information. Any thread.
+  [[nodiscard]] std::shared_ptr<ReportingSessionConnectivityHelper> connectivityHelper() const {
+    return posting_->connectivityHelper();
   }
 
  private:
@@ -107,8 +110,6 @@ class ReportingdSession final : public ClientSessionInterface,
   /// One flush's wait for all backends.
   class FlushCountdown;
 
-  static constexpr uint32_t kDefaultReleaseTimeout = 30;  // seconds
-
   ReportingdSession(const ReportingServices& services, std::shared_ptr<ReportingdSessionDelegate> delegate,
                     std::shared_ptr<ServiceConnection> connection, BackendFactory backendFactory);
   ~ReportingdSession() override = default;
@@ -122,6 +123,8 @@ class ReportingdSession final : public ClientSessionInterface,
   [[nodiscard]] SystemLog& log() const { return services_.platform.log; }
   [[nodiscard]] std::optional<Dictionary> configuredSessionInfo() const EXCLUDES(mutex_);
   [[nodiscard]] std::shared_ptr<const BackendTable> backendsSnapshot() const EXCLUDES(mutex_);
+  /// A storebag that names no backend leaves an empty table. A start is answered with an
+  /// empty list then, as none says that there is no storebag; for all else it is none.
   [[nodiscard]] bool hasBackends() const { return backends_ != nullptr && !backends_->entries.empty(); }
 
   // ReportingdSession.cpp
@@ -132,7 +135,6 @@ class ReportingdSession final : public ClientSessionInterface,
   void receivedUserInfo(const std::optional<Dictionary>& userInfo);
   void updateSessionWithDefaultSessionInfo();
   void sendStartMessage();
-  [[nodiscard]] std::optional<std::string> chooseDisplayURL() const;
 
   // MessageDispatch.cpp
   std::optional<std::string> sendMessageWithDictionary(const Dictionary& message);
@@ -155,10 +157,9 @@ class ReportingdSession final : public ClientSessionInterface,
   [[nodiscard]] bool mayHaveAncestors() const { return hasHierarchyToken_ && hierarchyLevel() > 0; }
   void aggregateMessage(const std::optional<Dictionary>& sessionInfo, double timestamp, uint16_t category,
                         uint16_t type, const std::optional<Dictionary>& payload);
-  void sendToAggregator(const std::optional<Dictionary>& sessionInfo, double timestamp, uint16_t category,
-                        uint16_t type, const std::optional<Dictionary>& payload) EXCLUDES(deliveryMutex_);
-  void deliverToClient(const std::optional<Dictionary>& sessionInfo, double timestamp, uint16_t category,
-                       uint16_t type, const std::optional<Dictionary>& payload) REQUIRES(deliveryMutex_);
+  bool sendToAncestor(const std::function<MessageToClient()>& encode);
+  void sendToAggregator(const MessageToClient& message) EXCLUDES(deliveryMutex_);
+  void deliverToClient(const MessageToClient& message) REQUIRES(deliveryMutex_);
 
   // SessionHealthReport.cpp
   static uint64_t addSessionHealthInfo(const ReportingdSession& session, Dictionary& healthReport);
@@ -169,13 +170,13 @@ class ReportingdSession final : public ClientSessionInterface,
   void updateUserInfoForBackends();
   bool updateReportingStates();
   [[nodiscard]] std::optional<std::vector<std::string>> fetchReportingStates() const;
-  void copyStateFromParent(const BackendTable::Entry& entry, const BackendTable* parentBackends) const;
 
   const ReportingServices& services_;
   std::shared_ptr<ReportingdSessionDelegate> delegate_;
   std::shared_ptr<ServiceConnection> connection_;
   const BackendFactory backendFactory_;
   const std::string sessionIDString_;
+  const std::shared_ptr<SessionPosting> posting_;
   std::atomic<uint32_t> sessionID_{0};
   std::atomic<bool> hasAggregator_{false};
 
@@ -189,14 +190,13 @@ class ReportingdSession final : public ClientSessionInterface,
   // The client's thread only, and at last the teardown's.
   std::shared_ptr<const BackendTable> backends_;  // as in shared_, without its lock
   bool hasHierarchyToken_ = false;                // likewise
+  bool hadAggregatingAncestor_ = false;           // when the last message came
   Array frameworks_;
   std::optional<std::string> storebagVersion_;
   std::array<char, 41> deviceid_{};  // up to 40 characters and a zero
   bool hasFinishedGracefully_ = false;
   std::optional<std::string> digestKey_;
   int32_t digestAlgorithm_ = 0;
-  std::shared_ptr<ReportingSessionConnectivityHelper> connectivityHelper_;
-  uint32_t connectivityHelperReleaseTimeout_ = kDefaultReleaseTimeout;
 
   ReportingdSession* nextToTearDown_ = nullptr;
 };

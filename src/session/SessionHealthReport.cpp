@@ -1,7 +1,5 @@
 // What the end of a session tells about the whole daemon.
 
-#include <array>
-
 #include "session/ReportingdSession.h"
 #include "storebag/ClientTypes.h"
 #include "util/MemoryUse.h"
@@ -11,31 +9,10 @@ namespace zun {
 
 namespace {
 
-/// Keys of the figures of one client type.
-struct HealthKeys {
-  std::string sessionsCount;
-  std::string batchSize;
-};
-
-/// One for each client type, the last for all that have no name.
-using HealthKeyTable = std::array<HealthKeys, kClientTypeCount + 1>;
-
-HealthKeyTable makeHealthKeys() {
-  HealthKeyTable table;
-  for (int32_t clientType = 0; clientType <= kClientTypeCount; ++clientType) {
-    const std::string_view name = storebagNameForClientType(clientType).value_or("Unknown");
-    table[static_cast<size_t>(clientType)] = {fmt::format("{}_{}", "SessionsCount", name),
-                                              fmt::format("{}_{}", "BatchSize", name)};
-  }
-  return table;
-}
-
-const HealthKeys& healthKeysOf(const ReportingdSession& session) {
-  static const HealthKeyTable kTable = makeHealthKeys();
+std::string_view clientTypeName(const ReportingdSession& session) {
   const int32_t clientType =
       session.sessionInfo()[zunreporting::kZunReportingSessionInfoClientType].int32Value();
-  const bool isNamed = clientType >= 0 && clientType < kClientTypeCount;
-  return kTable[static_cast<size_t>(isNamed ? clientType : kClientTypeCount)];
+  return storebagNameForClientType(clientType).value_or("Unknown");
 }
 
 }  // namespace
@@ -49,12 +26,12 @@ uint64_t ReportingdSession::batchedEventsSize() const {
 }
 
 uint64_t ReportingdSession::addSessionHealthInfo(const ReportingdSession& session, Dictionary& healthReport) {
-  const HealthKeys& keys = healthKeysOf(session);
-  const int64_t count = healthReport[keys.sessionsCount].int32Value();
-  healthReport.set(Value::literal(keys.sessionsCount), count + 1);
+  const std::string_view name = clientTypeName(session);
+  const std::string sessionsCount = fmt::format("SessionsCount_{}", name);
+  const std::string batchSize = fmt::format("BatchSize_{}", name);
+  healthReport.set(sessionsCount, int64_t{healthReport[sessionsCount].int32Value()} + 1);
   const uint64_t size = session.batchedEventsSize();
-  const int64_t gathered = healthReport[keys.batchSize].int32Value();
-  healthReport.set(Value::literal(keys.batchSize), static_cast<int64_t>(size) + gathered);
+  healthReport.set(batchSize, static_cast<int64_t>(size) + healthReport[batchSize].int32Value());
   return size;
 }
 

@@ -185,12 +185,12 @@ TEST_F(HTTPSPostBackendBatchingTest, SharedDataIsMergedIntoTheRecord) {
   EXPECT_EQ(field(eventsOf(text), 0, "b"), Value(2));
 }
 
-TEST_F(HTTPSPostBackendBatchingTest, ClientDataThatIsNoDictionaryCountsAsMissing) {
+// A client's own key of that name, in a message that is its payload.
+TEST_F(HTTPSPostBackendBatchingTest, ClientDataThatIsNoDictionaryIsAnEntryOfThePayload) {
   const auto backend = start(with(reportingClient(), "expedite", 1));
-  const auto text = backend->sendMessage(Dictionary{{"ClientData", "text"}}, kEventTime, 1, 2, 0);
-  expectErrors({"HTTPSPostBackend(sendMessage): SESSION_TYPE_STOP message dictionary is nil"});
-  EXPECT_EQ(eventsOf(text).size(), 1U);
-  EXPECT_TRUE(field(eventsOf(text), 0, "ClientData").isNone());
+  const auto text = backend->sendMessage(Dictionary{{"ClientData", "text"}, {"a", 1}}, kEventTime, 1, 2, 0);
+  EXPECT_EQ(field(eventsOf(text), 0, "ClientData"), Value("text"));
+  EXPECT_EQ(field(eventsOf(text), 0, "a"), Value(1));
 }
 
 TEST_F(HTTPSPostBackendBatchingTest, MissingMessageIsAnErrorLineAndAnEventWithoutPayload) {

@@ -180,6 +180,22 @@ TEST_F(SessionHierarchyTest, ChangeReachesAllDeeperSessionsInTheOrderInWhichThey
   end(deep, top, child, sibling, stranger);
 }
 
+TEST_F(SessionHierarchyTest, CombinedIDComesBeforeTheStatesForTheSessionItselfAndForThoseBelow) {
+  Client top = start(1, "family", 0);
+  Client middle = start(2, "family", 1);
+  Client deep = start(3, "family", 2);
+  platform_.log.clear();
+  agent_->updateDownstreamSessions(*middle.session);
+  std::vector<std::string> order;
+  for (const std::string& line : platform_.log.linesOf(LogLevel::kDebug)) {
+    if (line.starts_with("updateCombinedSessionID: ")) order.emplace_back("ID");
+    if (line.starts_with("HTTPSPostBackend(syncReportingStates): ")) order.emplace_back("states");
+    if (line == updating(3)) order.emplace_back("below");
+  }
+  EXPECT_EQ(order, (std::vector<std::string>{"ID", "states", "below", "ID", "states"}));
+  end(deep, middle, top);
+}
+
 // One that has not started has no states to take over; it is told all the same.
 TEST_F(SessionHierarchyTest, ChangeReachesSessionsThatHaveNotStarted) {
   Client top = start(1, "family", 0);
@@ -214,6 +230,19 @@ TEST_F(SessionHierarchyTest, StartingUnderAnAggregatingAncestorEndsOnesOwnAggreg
   EXPECT_EQ(copies(top), Copies{"2:0"});
   expectDebugLine("shutdownSessionAggregation: Disable aggregation module for session 2");
   end(child, top);
+}
+
+TEST_F(SessionHierarchyTest, SessionUnderAnAggregatorIsAskedToEndAggregationEvenWhereItHasNone) {
+  const std::string disabling = "shutdownSessionAggregation: Disable aggregation module for session ";
+  Client top = start(1, "family", 0, Aggregates::kYes);
+  Client child = start(2, "family", 1);
+  Client deep = start(3, "family", 2);
+  platform_.log.clear();
+  agent_->updateDownstreamSessions(*child.session);
+  EXPECT_EQ(countDebug(disabling + "2"), 1);
+  EXPECT_EQ(countDebug(disabling + "3"), 0);  // those below only where they have one
+  EXPECT_TRUE(copies(child).empty());
+  end(deep, child, top);
 }
 
 TEST_F(SessionHierarchyTest, StartingAboveAggregatorsEndsTheirs) {
@@ -368,7 +397,33 @@ TEST_F(SessionHierarchyTest, EndMessageOfASessionThatHasLeftItsListStillFindsIts
   end(top);
 }
 
-TEST_F(SessionHierarchyTest, SharedDataOfTheTokenComesWithEveryMessageAndSurvivesItsSessions) {
+TEST_F(SessionHierarchyTest, SharedDataOfTheTokenComesWithEveryMessage) {
+  platform_.defaults.setObject("com.vantix.diagnostics", "DiagnosticSubmissionEnabled", true);
+  Client first = connect();
+  Dictionary needsNoUser = info(1, "family", 0);
+  needsNoUser.set(zunreporting::kZunReportingSessionInfoRequireUserInfo, false);
+  first->setSessionInfo(needsNoUser, std::nullopt, {}, false);
+  first->startConfigWithCompletionHandler(nullptr);
+  Client other = join(2, "family", 1);
+  const auto textOfMessage = [&first] {
+    std::string text;
+    first->sendMessageWithDictionary(
+        {{zunreporting::kZunReportingMessageParametersCategory, 5},
+         {zunreporting::kZunReportingMessageParametersType, 1},
+         {zunreporting::kZunReportingMessageParametersPayload, Dictionary{{"key", 1}}}},
+        [&text](const std::optional<std::string>& response) { text = response.value_or("none"); });
+    return text;
+  };
+  EXPECT_EQ(textOfMessage().find("conference"), std::string::npos);
+  other->updateSharedDataForKey("conference", "daily");
+  EXPECT_NE(textOfMessage().find("\"conference\": \"daily\""), std::string::npos);
+  other->updateSharedDataForKey("conference", "weekly");
+  EXPECT_NE(textOfMessage().find("\"conference\": \"weekly\""), std::string::npos);
+  end(first, other);
+  expectErrors({"postJSONMessage: session 1 loses events: the storebag has no post_url for it"});
+}
+
+TEST_F(SessionHierarchyTest, SharedDataSurvivesTheSessionsOfItsToken) {
   Client first = start(1, "family", 0);
   first->updateSharedDataWithDictionary({{"conference", "daily"}, {"room", 5}});
   first->updateSharedDataForKey("room", Value());
@@ -380,6 +435,36 @@ TEST_F(SessionHierarchyTest, SharedDataOfTheTokenComesWithEveryMessageAndSurvive
   alone->updateSharedDataForKey("room", 1);
   EXPECT_EQ(agent_->sharedDataForSession(*alone.session), std::nullopt);
   end(later, alone);
+}
+
+TEST_F(SessionHierarchyTest, TokenHasSharedDataFromTheFirstUpdateOnEvenAnEmptyOne) {
+  Client client = join(1, "family", 0);
+  EXPECT_EQ(agent_->sharedDataForSession(*client.session), std::nullopt);
+  client->updateSharedDataForKey("absent", Value());
+  EXPECT_EQ(agent_->sharedDataForSession(*client.session), std::nullopt);
+  client->updateSharedDataWithDictionary({});
+  EXPECT_EQ(agent_->sharedDataForSession(*client.session), Dictionary());
+  client->updateSharedDataForKey("absent", Value());
+  EXPECT_EQ(agent_->sharedDataForSession(*client.session), Dictionary());
+  end(client);
+}
+
+TEST_F(SessionHierarchyTest, OfTheTokensWithoutSessionsTheLongestIdleIsGivenUpFirst) {
+  constexpr int kTokens = 50;  // of 900,000 bytes: more than all idle ones together may keep
+  const auto visit = [this](int number) {
+    Client client = join(1, "token" + std::to_string(number), 0);
+    const bool wasKept = agent_->sharedDataForSession(*client.session).has_value();
+    client->updateSharedDataForKey("text", std::string(900'000, 'x'));
+    end(client);
+    return wasKept;
+  };
+  for (int number = 0; number < 30; ++number) visit(number);
+  EXPECT_TRUE(visit(0));  // idle anew, and now the shortest
+  for (int number = 30; number < kTokens; ++number) visit(number);
+  EXPECT_TRUE(visit(0));
+  EXPECT_TRUE(visit(kTokens - 1));
+  EXPECT_FALSE(visit(1));
+  EXPECT_FALSE(visit(2));
 }
 
 // --- the agent's state -----------------------------------------------------------

@@ -28,8 +28,11 @@ class FakeAgent final : public ReportingdSessionDelegate, public std::enable_sha
   // What the test decides, before it starts threads.
   std::optional<Dictionary> storebag;
   std::optional<std::string> version = "41";
+  bool sharesHelpers = true;  // false: a new one with every request
   std::function<void()> onHelperRelease = nullptr;
   std::function<void()> onParentFound = nullptr;
+  std::function<void()> onDownstream = nullptr;
+  std::function<void()> onObjectLock = nullptr;  // somebody is about to take the object lock
   std::function<ReportingAgentState()> onCopyState = nullptr;
 
   // What sessions did.
@@ -54,6 +57,12 @@ class FakeAgent final : public ReportingdSessionDelegate, public std::enable_sha
     const auto found = helpers_.find(key);
     return found == helpers_.end() ? nullptr : found->second;
   }
+  /// As when their release timers have run: only sessions hold them any more.
+  void forgetHelpers() {
+    const std::lock_guard lock(mutex_);
+    for (const auto& [key, helper] : helpers_) helper->invalidate();
+    helpers_.clear();
+  }
   void invalidateHelpers() {
     const std::lock_guard lock(mutex_);
     for (const auto& [key, helper] : helpers_) helper->invalidate();
@@ -64,7 +73,10 @@ class FakeAgent final : public ReportingdSessionDelegate, public std::enable_sha
   }
 
   // ReportingdSessionDelegate
-  RecursiveMutex& objectLock() override { return objectLock_; }
+  RecursiveMutex& objectLock() override {
+    if (onObjectLock) onObjectLock();
+    return objectLock_;
+  }
   void releaseQuorxTransactions(uint32_t count) override {
     record("releaseQuorxTransactions");
     releasedTransactions_ += count;
@@ -103,6 +115,7 @@ class FakeAgent final : public ReportingdSessionDelegate, public std::enable_sha
   }
   void updateDownstreamSessions(ReportingdSession& session) override {
     record("updateDownstreamSessions");
+    if (onDownstream) onDownstream();
     std::vector<std::shared_ptr<ReportingdSession>> affected;  // let go of after the lock
     const RecursiveMutexLock lock(objectLock_);
     if (!session.hierarchyToken()) return;
@@ -136,7 +149,8 @@ class FakeAgent final : public ReportingdSessionDelegate, public std::enable_sha
     record("copySharedConnectivityHelper " + key + " mode " + std::to_string(mode));
     const std::lock_guard lock(mutex_);
     auto& helper = helpers_[key];
-    if (!helper) helper = ReportingSessionConnectivityHelper::create(platform_, weak_from_this(), mode);
+    if (!helper || !sharesHelpers)
+      helper = ReportingSessionConnectivityHelper::create(platform_, weak_from_this(), mode);
     helper->ownerIncrementUsageCount();
     return helper;
   }
@@ -144,7 +158,7 @@ class FakeAgent final : public ReportingdSessionDelegate, public std::enable_sha
     const std::string key = connectivityUserInfoKey(*session.userInfo());
     record("releaseSharedConnectivityHelper " + key);
     if (onHelperRelease) onHelperRelease();
-    helper(key)->ownerDecrementUsageCountWithBlock([](int32_t) {}, stateQueue_);
+    if (const auto known = helper(key)) known->ownerDecrementUsageCountWithBlock([](int32_t) {}, stateQueue_);
   }
   std::string description() const override { return "<FakeAgent>"; }
 

@@ -112,6 +112,16 @@ TEST_F(MessageDispatchTest, CategoryOnABackendsDenyListIsDroppedForThatBackend) 
   EXPECT_EQ(send(message(4, 1)), "a");
 }
 
+TEST_F(MessageDispatchTest, AllowListIsAskedBeforeTheDenyList) {
+  startWith({{"test", Dictionary{{"event_whitelist", Array{4}}, {"event_blacklist", Array{5}}}}});
+  send(message(5, 1));
+  expectDebugLine(
+      "sendMessageWithDictionary: Dropping event with category 5 as it is not whitelisted for backend test");
+  EXPECT_FALSE(platform_.log.contains(
+      LogLevel::kDebug,
+      "sendMessageWithDictionary: Dropping event with category 5 as it is blacklisted for backend test"));
+}
+
 TEST_F(MessageDispatchTest, DroppedEventsDoNotCountForTheBackend) {
   startWith({{"test", Dictionary{{"event_blacklist", Array{5}}}}});
   send(message(5, 1));

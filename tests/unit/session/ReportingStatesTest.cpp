@@ -33,6 +33,12 @@ TEST_F(BackendCreationTest, BackendsAreToldWhomTheyReportFor) {
   EXPECT_EQ(test.helper(), agent_.helper("client:service"));
 }
 
+TEST_F(BackendCreationTest, BackendsOfAnInternalBuildAreToldSo) {
+  platform_.device.set("ReleaseType", "Internal");
+  startWith({{"test", Dictionary{}}});
+  EXPECT_TRUE(backend("test").isInternal());
+}
+
 TEST_F(BackendCreationTest, AbsentKeysRequireUserInfoAndDoNotBatch) {
   agent_.storebag = Dictionary{{"test", Dictionary{}}};
   session_->setSessionInfo({{kZunReportingSessionInfoSessionID, 7}}, std::nullopt, {}, false);
@@ -110,6 +116,15 @@ TEST_F(ReleaseTimeoutTest, IsReadAsAnIntegerWhateverItsType) {
   EXPECT_EQ(timeoutAfter({{"test", Dictionary{}}, {"release_timeout", "45 s"}}), std::chrono::seconds(45));
 }
 
+TEST_F(ReleaseTimeoutTest, IsHandedOnToTheHelperOfANewUserThatIsNotActivated) {
+  startWith({{"test", Dictionary{{"state", 3}}}, {"release_timeout", 120}});
+  platform_.log.takeErrors();
+  fetchStates(userInfo("Other", "Service"));
+  session_.reset();
+  executor_.runAll();
+  EXPECT_EQ(platform_.timers.started().back().firstFiring, std::chrono::seconds(120));
+}
+
 TEST_F(ReleaseTimeoutTest, GoesBackToThirtyWhenTheNextStorebagHasNone) {
   startWith({{"test", Dictionary{}}, {"release_timeout", 120}});
   EXPECT_EQ(timeoutAfter({{"test", Dictionary{}}}), std::chrono::seconds(30));
@@ -151,6 +166,16 @@ TEST_F(ReportingStatesTest, NoActiveBackendIsAnEmptyListNotNil) {
             std::vector<std::string>{});
 }
 
+TEST_F(ReportingStatesTest, StorebagThatNamesNoBackendIsAnsweredWithAnEmptyListAndNoStorebagWithNone) {
+  EXPECT_EQ(startWith({}), std::vector<std::string>{});
+  EXPECT_EQ(fetchStates(userInfo("Client", "Service")), std::vector<std::string>{});
+  session_ = world_.makeSession();
+  agent_.storebag = std::nullopt;
+  session_->setSessionInfo(sessionInfo(7), userInfo("Client", "Service"), {}, false);
+  EXPECT_EQ(start(), std::nullopt);
+  EXPECT_EQ(fetchStates(userInfo("Client", "Service")), std::nullopt);
+}
+
 TEST_F(ReportingStatesTest, ChildTakesStateAndThresholdOfItsParentsBackend) {
   makeParent({{"a", Dictionary{{"state", 1}}}});
   parentBackends_.at("a")->setSamplingThreshold(0.25);
@@ -158,6 +183,23 @@ TEST_F(ReportingStatesTest, ChildTakesStateAndThresholdOfItsParentsBackend) {
   EXPECT_EQ(backend("a").state(), 1);
   EXPECT_EQ(backend("a").samplingThreshold(), Value(0.25));
   expectDebugLine("HTTPSPostBackend(syncReportingStates): a: state and sampling rate updated to 1, 0.25%");
+}
+
+TEST_F(ReportingStatesTest, StateTakenFromTheParentActivatesTheChildsHelper) {
+  makeParent({{"a", Dictionary{{"state", 2}}}});
+  makeChild({{"a", Dictionary{{"state", 0}}}});
+  EXPECT_EQ(backend("a").state(), 2);
+  EXPECT_EQ(platform_.log.count(LogLevel::kDebug,
+                                "activate: activating connectivity helper for Wirepath with ID <inactive>"),
+            1);
+}
+
+TEST_F(ReportingStatesTest, ParentWithoutAThresholdClearsTheChilds) {
+  makeParent({{"a", Dictionary{}}});
+  makeChild({{"a", Dictionary{}}});
+  backend("a").setSamplingThreshold(0.5);
+  session_->syncReportingStates();
+  EXPECT_EQ(backend("a").samplingThreshold(), Value());
 }
 
 TEST_F(ReportingStatesTest, SampledOutChildKeepsItsStateAndThreshold) {

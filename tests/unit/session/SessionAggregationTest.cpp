@@ -1,6 +1,7 @@
 // Copies of messages for the clients that aggregate.
 
 #include "SessionTest.h"
+#include "support/LockProbe.h"
 
 namespace zun {
 namespace {
@@ -160,17 +161,57 @@ TEST_F(SessionAggregationTest, MessageThatEveryBackendRefusesIsStillAggregatedAn
 }
 
 TEST_F(SessionAggregationTest, AggregationComesBeforeTheBackendsAndTheirLists) {
+  agent_.storebag =
+      Dictionary{{"denies", Dictionary{{"event_blacklist", Array{5}}}}, {"takes", Dictionary{}}};
   startChild(/*isAggregator=*/true);
-  own_->failRemoteCalls("gone");
   platform_.log.clear();
-  agent_.forgetCalls();
+  std::vector<std::string> order;
+  own_->onCall = [this, &order] {
+    order.emplace_back("copy");
+    EXPECT_EQ(platform_.log.lines().size(), 1U);  // "Sending message": no list was looked at
+  };
+  backend("takes").onCall = [&order] { order.emplace_back("backend"); };
   send(message(5, 6));
-  const auto lines = platform_.log.lines();
-  ASSERT_GE(lines.size(), 2U);
-  EXPECT_EQ(lines[0].text, "sendMessageWithDictionary: Sending message for session 7");
-  EXPECT_EQ(lines[1].text, "sendMessageWithDictionary: Failed to get remote object proxy: gone");
-  expectErrors({"sendMessageWithDictionary: Failed to get remote object proxy: gone"});
-  own_->failRemoteCalls(std::nullopt);
+  EXPECT_EQ(order, (std::vector<std::string>{"copy", "backend"}));
+  expectDebugLine(
+      "sendMessageWithDictionary: Dropping event with category 5 as it is blacklisted for backend denies");
+  own_->onCall = nullptr;
+  backend("takes").onCall = nullptr;
+}
+
+// An ancestor cannot end meanwhile, but nobody's start waits for the copy to be encoded.
+TEST_F(SessionAggregationTest, CopiesForAnAncestorAreEncodedBeforeTheAgentsLockAndHandedOverUnderIt) {
+  startParent(/*isAggregator=*/true);
+  startChild(/*isAggregator=*/false);
+  std::vector<std::thread> probers;
+  std::vector<std::string> trace;
+  const auto note = [&](const std::string& what) {
+    probers.emplace_back();
+    trace.push_back(what + (isFree(agent_.objectLock(), probers.back()) ? " without" : " under"));
+  };
+  own_->onEncode = [&note] { note("encoded"); };
+  parents_->onCall = [&note] { note("handed over"); };
+  session_->sendMessageWithDictionary(message(5, 6), nullptr);
+  parent_->setSessionInfo(sessionInfo(1, inHierarchy("family", 0)), std::nullopt, {}, false);
+  session_->sendMessageWithDictionary(message(5, 7), nullptr);  // encoded in vain
+  parent_->setSessionInfo(sessionInfo(1, inHierarchy("family", 0)), std::nullopt, {}, true);
+  session_->sendMessageWithDictionary(message(5, 8), nullptr);
+  for (std::thread& prober : probers) prober.join();
+  EXPECT_EQ(trace, (std::vector<std::string>{"encoded without", "handed over under", "encoded without",
+                                             "encoded without", "handed over under"}));
+  EXPECT_EQ(parents_->takeRemoteCalls().size(), 2U);
+  own_->onEncode = nullptr;
+  parents_->onCall = nullptr;
+}
+
+TEST_F(SessionAggregationTest, CopiesAreEncodedOnlyWhereSomebodyAggregates) {
+  startParent(/*isAggregator=*/false);
+  startChild(/*isAggregator=*/false);
+  int encoded = 0;
+  own_->onEncode = [&encoded] { ++encoded; };
+  send(message(5, 6));
+  EXPECT_EQ(encoded, 0);
+  own_->onEncode = nullptr;
 }
 
 TEST_F(SessionAggregationTest, RefusedMessagesAreNotAggregated) {

@@ -120,6 +120,26 @@ TEST_F(SessionConfigurationTest, StartActivatesTheHelperOnlyWhenABackendBecameEn
   EXPECT_EQ(platform_.log.count(LogLevel::kDebug, activation), 1);
 }
 
+// A sampled-out backend that a message promotes: what it posts from now on must leave.
+TEST_F(SessionConfigurationTest, BackendThatIsEnabledAfterTheStartActivatesTheHelperWithItsTimeout) {
+  startWith({{"a", Dictionary{{"state", 3}}}, {"b", Dictionary{{"state", 1}}}, {"release_timeout", 120}});
+  platform_.log.takeErrors();
+  const auto activations = [this] {
+    executor_.runAll();
+    return platform_.log.count(LogLevel::kDebug,
+                               "activate: activating connectivity helper for Wirepath with ID <inactive>");
+  };
+  backend("b").setState(3);
+  EXPECT_EQ(activations(), 0);
+  backend("a").setState(2);
+  EXPECT_EQ(activations(), 1);
+  backend("b").setState(2);  // the helper is active already
+  EXPECT_EQ(activations(), 1);
+  session_.reset();
+  executor_.runAll();
+  EXPECT_EQ(platform_.timers.started().back().firstFiring, std::chrono::seconds(120));
+}
+
 TEST_F(SessionConfigurationTest, StartMessageOutsideInternalBuildsHoldsExactlyTimeSettingAndLocale) {
   startWith({{"test", Dictionary{}}});
   const auto& sent = backend("test").sent;
@@ -199,6 +219,21 @@ TEST_F(SessionConfigurationTest, SameNamesUpdateTheBackendsButDoNotReevaluateSta
       platform_.log.contains(LogLevel::kDebug, "receivedUserInfo: Received new user info for session 7"));
 }
 
+// Where the agent's table of helpers is full, every request for one gives a fresh one.
+TEST_F(SessionConfigurationTest, HelperThatReplacesAnotherIsActivatedWhileABackendIsEnabled) {
+  const std::string activation = "activate: activating connectivity helper for Wirepath with ID <inactive>";
+  agent_.sharesHelpers = false;
+  startWith({{"out", Dictionary{{"state", 3}}}});
+  fetchStates(userInfo("Client", "Service"));
+  EXPECT_EQ(platform_.log.count(LogLevel::kDebug, activation), 0);
+  startWith({{"out", Dictionary{{"state", 3}}}, {"on", Dictionary{{"state", 2}}}});
+  EXPECT_EQ(platform_.log.count(LogLevel::kDebug, activation), 1);
+  fetchStates(userInfo("Client", "Service"));
+  EXPECT_EQ(platform_.log.count(LogLevel::kDebug, activation), 2);
+  EXPECT_EQ(backend("on").stateUpdates, 1);
+  EXPECT_EQ(backend("on").helper(), session_->connectivityHelper());
+}
+
 TEST_F(SessionConfigurationTest, ChangedClientOrServiceNameReevaluatesStates) {
   startWith({{"test", Dictionary{}}});
   fetchStates(userInfo("Other", "Service"));
@@ -240,6 +275,17 @@ TEST_F(SessionConfigurationTest, NilReplacementOfUserInfoNotRequiredIsAChange) {
   EXPECT_EQ(backend("test").userInfoDict(), std::nullopt);
   EXPECT_EQ(backend("test").stateUpdates, 2);
   expectDebugLine("receivedUserInfo: Received new user info for session 7");
+}
+
+TEST_F(SessionConfigurationTest, UserInfoMayBeTakenBackWhereTheSessionInfoDoesNotSayThatItIsRequired) {
+  agent_.storebag = Dictionary{{"test", Dictionary{}}};
+  session_->setSessionInfo({{kZunReportingSessionInfoSessionID, 7}}, userInfo("Client", "Service"), {},
+                           false);
+  expectErrors({"setSessionInfo: Configure session: user info provided without requiring it"});
+  start();
+  fetchStates(std::nullopt);
+  EXPECT_EQ(session_->userInfo(), std::nullopt);
+  EXPECT_EQ(session_->connectivityHelper(), nullptr);
 }
 
 TEST_F(SessionConfigurationTest, NilUserInfoForASessionWithNoneChangesNothing) {

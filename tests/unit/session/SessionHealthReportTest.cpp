@@ -1,5 +1,7 @@
 // What the end message tells about the whole daemon.
 
+#include <sys/resource.h>
+
 #include <cstdint>
 
 #include "SessionTest.h"
@@ -107,10 +109,30 @@ TEST_F(SessionHealthReportTest, StorebagsAreCountedAndEstimated) {
   EXPECT_EQ(payload["CalculatedMemoryUsage"], Value(estimatedObjectSize(storebags) + 10));
 }
 
-TEST_F(SessionHealthReportTest, ProcessMemoryIsThatOfTheProcess) {
-  const int64_t memory = report(*session_, {})["ProcessMemoryUsage"].intValue();
-  EXPECT_GT(memory, 0);
-  EXPECT_EQ(memory % 1024, 0);
+TEST_F(SessionHealthReportTest, ProcessMemoryGrowsWithWhatTheProcessTouches) {
+  const auto memory = [this] { return report(*session_, {})["ProcessMemoryUsage"].intValue(); };
+  const int64_t before = memory();
+  constexpr int64_t kBytes = int64_t{64} << 20;
+  const std::string block(kBytes, 'x');
+  EXPECT_GE(memory(), before + kBytes / 2);
+  EXPECT_EQ(block.back(), 'x');
+}
+
+// As when the process has no descriptor left to ask with.
+TEST_F(SessionHealthReportTest, ProcessMemoryIsZeroWhereTheSystemDoesNotTell) {
+  rlimit before{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+  rlimit none = before;
+  none.rlim_cur = 0;
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+  const Dictionary payload = report(*session_, {});
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+  EXPECT_EQ(payload["ProcessMemoryUsage"], Value(0));
+}
+
+TEST_F(SessionHealthReportTest, CountOfSessionsIsReadBackIn32Bits) {
+  const Dictionary payload = report(*session_, {}, {}, {{"SessionsCount_Unknown", 4294967296 + 6}});
+  EXPECT_EQ(payload["SessionsCount_Unknown"], Value(7));
 }
 
 TEST_F(SessionHealthReportTest, ReportIsAddedToWhatThePayloadHolds) {

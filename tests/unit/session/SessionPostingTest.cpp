@@ -55,6 +55,18 @@ class SessionPostingTest : public PlatformTest {
     call("setSessionInfo", {info, user ? just(*user) : nothing(), Array(), false});
     return call("startConfigWithCompletionHandler");
   }
+  /// Ends the session: one error line tells of the first loss, the count comes at the end.
+  void expectLost(int session, int count, const std::string& why) {
+    session_.reset();
+    world_.waitUntilQuiet();
+    const std::string number = std::to_string(session);
+    expectErrors({"postJSONMessage: session " + number + " loses events: " + why});
+    expectDefaultLine("postJSONMessage: session " + number + " has lost " + std::to_string(count) +
+                      " events: " + why);
+  }
+  static constexpr const char* kNoUser =
+      "there is no user information, or the user has changed without a new start";
+
   HTTPSTestServer server_;
   SessionWorld world_;
   std::shared_ptr<ReportingdSession> session_ = world_.makeSession();
@@ -131,6 +143,51 @@ TEST_F(SessionPostingTest, FlushThatCannotBePostedAnswersNoReply) {
                                     {kZunReportingSessionInfoBatchEvent, true}}),
                     std::nullopt);
   EXPECT_EQ(call("flushMessagesWithCompletion"), "error com.vantix.zunreportingd.Error.NoReply");
+  expectLost(7, 2, kNoUser);  // the start message, and the end message that is still to come
+}
+
+TEST_F(SessionPostingTest, PostsOfBackendsWhoseUserHasGoneAreCountedAndToldOnce) {
+  world_.agent->storebag = storebag();
+  configureAndStart(sessionInfo(7, {{kZunReportingSessionInfoRequireUserInfo, false}}), userInfo("C", "S"));
+  expectErrors({"setSessionInfo: Configure session: user info provided without requiring it"});
+  ASSERT_TRUE(server_.waitForRequests(1));
+  const std::weak_ptr<ReportingSessionConnectivityHelper> helper = session_->connectivityHelper();
+  world_.agent->forgetHelpers();
+  call("fetchStatesWithUserInfo", {nothing()});
+  while (!helper.expired()) std::this_thread::yield();  // its URL session ends first
+  const std::string answer =
+      call("sendMessageWithDictionary", {message(5, 6, withPayload({{"key", "value"}}))});
+  EXPECT_NE(answer.find("\"key\": \"value\""), std::string::npos) << answer;  // its text is told all the same
+  call("sendMessageWithDictionary", {message(5, 6)});
+  expectLost(7, 3, kNoUser);
+}
+
+TEST_F(SessionPostingTest, EveryEventOfABatchThatIsNotPostedIsCounted) {
+  world_.agent->storebag = storebag();
+  configureAndStart(batching(7), userInfo("C", "S"));
+  for (int number = 0; number < 4; ++number) call("sendMessageWithDictionary", {message(5, 6)});
+  world_.agent->invalidateHelpers();
+  session_.reset();
+  expectLost(7, 6, "the connectivity helper is not active");
+}
+
+TEST_F(SessionPostingTest, StorebagEntryWithoutPostURLLosesEventsWithAnErrorLine) {
+  world_.agent->storebag = storebag({{"post_url", 5}});
+  configureAndStart(sessionInfo(7), userInfo("C", "S"));
+  call("sendMessageWithDictionary", {message(5, 6)});
+  expectLost(7, 3, "the storebag has no post_url for it");
+}
+
+// What the server answers, or a broken connection, is no silent loss.
+TEST_F(SessionPostingTest, AnsweredAndFailedPostsAreNotCountedAsLost) {
+  world_.agent->storebag = storebag();
+  server_.answer("/events", {.status = 404});
+  configureAndStart(sessionInfo(7), userInfo("C", "S"));
+  ASSERT_TRUE(server_.waitForRequests(1));
+  session_.reset();
+  world_.waitUntilQuiet();
+  for (const std::string& line : platform_.log.linesOf(LogLevel::kDefault))
+    EXPECT_EQ(line.find("has lost"), std::string::npos) << line;
 }
 
 TEST_F(SessionPostingTest, SessionMayEndWhileItsFlushIsUnderWay) {

@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "SessionTest.h"
+#include "support/LockProbe.h"
 
 namespace zun {
 namespace {
@@ -71,15 +72,25 @@ TEST_F(SessionTeardownTest, EndMessageCarriesVersionAndHowTheSessionEnded) {
   expectDebugLine("internalFlushMessagesWithCompletion: test");
 }
 
-TEST_F(SessionTeardownTest, StatesComeBeforeTheStartMessageAndCleanupAfterEndMessageFlushAndHelper) {
+TEST_F(SessionTeardownTest, StatesAndThoseBelowComeBeforeTheStartMessageAndCleanupAfterAllElse) {
+  agent_.onDownstream = [this] { backend("test").trace.emplace_back("downstream"); };
   startWith({{"test", Dictionary{}}});
   const auto test = world_.backends.at("test");
-  EXPECT_EQ(test->trace, (std::vector<std::string>{"updateState", "send 0 0"}));
+  EXPECT_EQ(test->trace, (std::vector<std::string>{"updateState", "downstream", "send 0 0"}));
   test->trace.clear();
   agent_.onHelperRelease = [test] { test->trace.emplace_back("helper released"); };
   endSession();
   agent_.onHelperRelease = nullptr;
   EXPECT_EQ(test->trace, (std::vector<std::string>{"send 0 1", "flush", "helper released", "cleanup"}));
+}
+
+TEST_F(SessionTeardownTest, EndMessageCarriesTheVersionOfTheLatestStart) {
+  startWith({{"test", Dictionary{}}});
+  agent_.version = "42";
+  start();
+  const auto test = world_.backends.at("test");
+  endSession();
+  EXPECT_EQ(endPayload(*test), withHealth({{"StorebagVersion", "42"}, {"GracefulTermination", false}}));
 }
 
 TEST_F(SessionTeardownTest, GracefulFinishShowsInTheEndMessage) {
@@ -163,6 +174,36 @@ TEST_F(SessionTeardownTest, TeardownRunsOnceOnTheThreadThatDropsTheLastReference
   }).join();
   EXPECT_EQ(releases, 1);
   EXPECT_EQ(tornDownOn, dropper);
+}
+
+// The agent tells a session of a change just when that replaces its backends: what the agent
+// still holds of them must not be the last.
+TEST_F(SessionTeardownTest, BackendsThatAreReplacedWhileTheAgentTellsThemEndWithoutItsLock) {
+  agent_.storebag = Dictionary{{"test", Dictionary{}}};
+  const auto parent = world_.makeSession();
+  parent->setSessionInfo(sessionInfo(1, inHierarchy("t", 0)), std::nullopt, {}, false);
+  startWith({{"test", Dictionary{}}}, sessionInfo(7, inHierarchy("t", 1)));
+  std::thread replacer;
+  std::thread prober;
+  std::optional<bool> wasFree;
+  TestBackend& old = *world_.backends.extract("test").mapped();
+  old.onEnd = [&] { wasFree = isFree(agent_.objectLock(), prober); };
+  old.onCorrelatedSessionID = [&] {
+    // It has made its new backends, and comes to the agent for its lock or, without that, later.
+    std::atomic<bool> isThere{false};
+    agent_.onObjectLock = agent_.onDownstream = [&isThere] { isThere = true; };
+    replacer = std::thread([this] { session_->startConfigWithCompletionHandler(nullptr); });
+    while (!isThere) std::this_thread::yield();
+    agent_.onObjectLock = agent_.onDownstream = nullptr;
+  };
+  {
+    const RecursiveMutexLock lock(agent_.objectLock());
+    session_->updateCombinedSessionID();
+  }
+  replacer.join();
+  ASSERT_TRUE(prober.joinable());
+  prober.join();
+  EXPECT_EQ(wasFree, true);
 }
 
 // A child looks at its parent just when the parent's connection ends: the child then holds

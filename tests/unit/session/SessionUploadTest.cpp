@@ -119,6 +119,36 @@ TEST_F(SessionUploadTest, LogDataWithoutBackendsIsAFailureWithoutAnError) {
   expectErrors({"uploadLogData: Log data array upload failed"});
 }
 
+TEST_F(SessionUploadTest, BackendsAreAskedInTheStorebagsOrder) {
+  startWithUploaders({{"z", true}, {"a", false}, {"m", true}});
+  Trace order;
+  for (const auto& [name, each] : world_.backends)
+    each->onCall = [&order, name = name] { order.push_back(name); };
+  uploadFile("file:///tmp/file");
+  uploadLogs({"line"});
+  EXPECT_EQ(order, (Trace{"z", "a", "m", "z", "a", "m"}));
+  for (const auto& [name, each] : world_.backends) each->onCall = nullptr;
+}
+
+TEST_F(SessionUploadTest, LinesAreWrittenBeforeTheReply) {
+  startWithUploaders({{"a", true}});
+  session_->uploadFileAtPath("file:///tmp/file", "token", [this](bool) {
+    expectDebugLine("uploadFileWithURL: File upload successful for /tmp/file");
+    EXPECT_EQ(world_.messageLogEntries(),
+              Trace{"[uploadFileWithURL] Upload succeeded for file file:///tmp/file"});
+  });
+  session_->uploadLogData({"line"}, [this](bool, const std::optional<Error>&) {
+    expectDebugLine("uploadLogData: Log data array upload successful");
+  });
+  startWithUploaders({{"a", false}});
+  session_->uploadFileAtPath("file:///tmp/file", "token", [this](bool) {
+    expectErrors({"uploadFileWithURL: File upload failed for /tmp/file"});
+  });
+  session_->uploadLogData({"line"}, [this](bool, const std::optional<Error>&) {
+    expectErrors({"uploadLogData: Log data array upload failed"});
+  });
+}
+
 TEST_F(SessionUploadTest, ClientThatWantsNoReplyGetsNone) {
   session_->uploadFileAtPath("file:///tmp/file", "", nullptr);
   session_->uploadLogData({}, nullptr);

@@ -42,6 +42,7 @@ TEST_F(SingleMessageTest, SessionInfoBecomesTheSessionsOwn) {
 
 TEST_F(SingleMessageTest, BackendGetsThePayloadItselfAndFlag0) {
   agent_.storebag = Dictionary{{"test", Dictionary{{"response", "sent"}}}};
+  platform_.clock.setTimeOfDay({1'700'000'123, 456'789});
   EXPECT_EQ(sendOne(sessionInfo(9), userInfo("C", "S"), Dictionary{{"key", "value"}}), "finished");
   expectDebugLine("sendOneMessageWithSessionInfo: Sending single message with sessionID 9");
 
@@ -51,10 +52,23 @@ TEST_F(SingleMessageTest, BackendGetsThePayloadItselfAndFlag0) {
   EXPECT_EQ(sent[0].method, 5);
   EXPECT_EQ(sent[0].respCode, 6);
   EXPECT_EQ(sent[0].flag, 0);
+  EXPECT_EQ(sent[0].timestamp, (TimeValue{1'700'000'123, 456'789}));
   EXPECT_EQ(backend("test").helper(), agent_.helper("c:s"));
   EXPECT_EQ(backend("test").userInfoDict(), userInfo("C", "S"));
   EXPECT_EQ(world_.messageLogEntries(),
             (std::vector<std::string>{"[test -> sendOneMessageWithSessionInfo] sent"}));
+}
+
+// Nobody has started this session, and its user stays the same: its helper is inactive.
+TEST_F(SingleMessageTest, EnabledBackendActivatesTheHelperThoughTheNamesAreUnchanged) {
+  const std::string activation = "activate: activating connectivity helper for Wirepath with ID <inactive>";
+  session_->setSessionInfo(sessionInfo(9), userInfo("C", "S"), {}, false);
+  agent_.storebag = Dictionary{{"test", Dictionary{{"state", 3}}}};
+  sendOne(sessionInfo(9));
+  EXPECT_EQ(platform_.log.count(LogLevel::kDebug, activation), 0);
+  agent_.storebag = Dictionary{{"test", Dictionary{{"state", 2}}}};
+  sendOne(sessionInfo(9));
+  EXPECT_EQ(platform_.log.count(LogLevel::kDebug, activation), 1);
 }
 
 TEST_F(SingleMessageTest, InternalBuildsAddTheSerialNumber) {

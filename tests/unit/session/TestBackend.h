@@ -53,6 +53,7 @@ class TestBackend final : public ZunReportingBackend {
                                          int32_t flag) override {
     sent.push_back({message.value_or(Dictionary()), timestamp, method, respCode, eventID, flag, !message});
     trace.push_back("send " + std::to_string(method) + " " + std::to_string(respCode));
+    if (onCall) onCall();
     return textOf("response");
   }
   std::optional<std::string> flushMessagesWithCompletion(FlushCompletion completion) override {
@@ -69,11 +70,20 @@ class TestBackend final : public ZunReportingBackend {
   bool uploadFileAtPath(const std::string& path, const SandboxExtensionToken& extensionToken) override {
     trace.push_back("uploadFileAtPath " + path);
     tokens.push_back(extensionToken);
+    if (onCall) onCall();
     return profile_["uploads"].boolValue();
   }
   bool uploadLogData(const Array& logData) override {
     trace.push_back("uploadLogData " + Value(logData).description());
+    if (onCall) onCall();
     return profile_["uploads"].boolValue();
+  }
+  void setCorrelatedSessionID(const std::string& identifier) override {
+    if (onCorrelatedSessionID) onCorrelatedSessionID();
+    ZunReportingBackend::setCorrelatedSessionID(identifier);
+  }
+  ~TestBackend() override {
+    if (onEnd) onEnd();
   }
   uint32_t batchedEventsSize() const override {
     return static_cast<uint32_t>(profile_["batched"].intValue());
@@ -117,6 +127,9 @@ class TestBackend final : public ZunReportingBackend {
   int stateUpdates = 0;
   int flushes = 0;
   int cleanups = 0;
+  std::function<void()> onCall = nullptr;  // a message or an upload came
+  std::function<void()> onCorrelatedSessionID = nullptr;
+  std::function<void()> onEnd = nullptr;
 
  private:
   TestBackend(const ReportingServices& services, std::string name, const Dictionary& profile,
