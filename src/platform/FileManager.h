@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -28,6 +29,16 @@ enum class Links : bool { kNotFollowed, kFollowed };
 
 enum class Durability : bool { kBestEffort, kSynced };
 
+/// A file that stands complete beside its place. Letting go of it drops it, or does what is
+/// left of the waiting for the disk where it was published. One thread at a time.
+class StagedFile {
+ public:
+  virtual ~StagedFile() = default;
+
+  /// Puts it in its place, without waiting for the disk. Once; none on success.
+  virtual std::optional<Error> publish() = 0;
+};
+
 /// Files by path. Errors are in kPOSIXErrorDomain with the errno as code.
 ///
 /// `~` and absolute paths of the daemon's own are turned into real ones by `resolve`
@@ -45,6 +56,9 @@ class FileManager {
   /// Complete or never seen: through a temporary file beside it. None on success.
   virtual std::optional<Error> writeFileAtomically(const std::string& path, std::string_view bytes,
                                                    Durability durability = Durability::kBestEffort) = 0;
+  /// `writeFileAtomically` in two steps: this one waits for the disk.
+  [[nodiscard]] virtual Result<std::unique_ptr<StagedFile>, Error> stageFile(
+      const std::string& path, std::string_view bytes, Durability durability = Durability::kBestEffort) = 0;
   /// Makes a new file, whole or not at all; what is there already is an error (EEXIST),
   /// be it a link that leads to nothing.
   virtual std::optional<Error> createFile(const std::string& path, std::string_view bytes) = 0;
@@ -57,6 +71,9 @@ class FileManager {
 
   /// Lets the owner read and write the item, and enter it if it is a folder.
   virtual std::optional<Error> allowOwnerAccess(const std::string& path) = 0;
+
+  /// To the microsecond, where the file system keeps them.
+  virtual std::optional<Error> setModificationDate(const std::string& path, Date date) = 0;
 
   /// Names in a folder, sorted.
   [[nodiscard]] virtual Result<std::vector<std::string>, Error> listDirectory(

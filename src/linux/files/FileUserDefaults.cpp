@@ -53,6 +53,23 @@ int lockFile(const std::string& path, std::chrono::milliseconds patience, FileDe
   return 0;
 }
 
+class StagedSuite final : public StagedDefaults {
+ public:
+  StagedSuite(std::string path, FileDescriptor writersLock, std::unique_ptr<StagedFile> file, SystemLog& log)
+      : path_(std::move(path)), writersLock_(std::move(writersLock)), file_(std::move(file)), log_(log) {}
+
+  void publish() override {
+    if (const auto error = file_->publish())
+      log_.error("FileUserDefaults: could not write '{}': {}", path_, error->description);
+  }
+
+ private:
+  const std::string path_;
+  const FileDescriptor writersLock_;  // given back last
+  const std::unique_ptr<StagedFile> file_;
+  SystemLog& log_;
+};
+
 }  // namespace
 
 PropertyListFile& FileUserDefaults::fileOfSuite(std::string_view suite) const {
@@ -84,26 +101,22 @@ size_t FileUserDefaults::countOfKeys(std::string_view suite, std::string_view pr
       [prefix](const DictionaryEntry& entry) { return entry.key.stringValue().starts_with(prefix); }));
 }
 
-void FileUserDefaults::setObject(std::string_view suite, std::string_view key, Value value) {
+std::unique_ptr<StagedDefaults> FileUserDefaults::stageObjects(
+    std::string_view suite, std::vector<std::pair<std::string_view, Value>> objects) {
   std::string path;
   {
     const MutexLock lock(mutex_);
     path = fileOfSuite(suite).path();
   }
   // Readers go on while a writer waits for another process.
-  save(path, suite, key, std::move(value));
-}
-
-void FileUserDefaults::save(const std::string& path, std::string_view suite, std::string_view key,
-                            Value value) const {
   if (const auto error = files_.createDirectories(path.substr(0, path.rfind('/')))) {
     log_.error("FileUserDefaults: could not make the folder of '{}': {}", path, error->description);
-    return;
+    return nullptr;
   }
   FileDescriptor writersLock;
   if (const int failure = lockFile(path + ".lock", lockPatience_, writersLock); failure != 0) {
     log_.error("FileUserDefaults: could not lock '{}': {}", path, messageOf(failure));
-    return;
+    return nullptr;
   }
   PropertyListFile::Content content;
   {
@@ -112,12 +125,18 @@ void FileUserDefaults::save(const std::string& path, std::string_view suite, std
   }
   if (content.state == PropertyListFile::State::kUnreadable) {
     log_.error("FileUserDefaults: did not write '{}', which could not be read: {}", path, content.failure);
-    return;
+    return nullptr;
   }
-  if (content.state == PropertyListFile::State::kBad && !moveAside(path)) return;
-  if (value.isNone() && !content.dictionary.contains(key)) return;
-  content.dictionary.set(Value(key), std::move(value));
-  static_cast<void>(write(path, content.dictionary));
+  if (content.state == PropertyListFile::State::kBad && !moveAside(path)) return nullptr;
+  bool isChange = false;
+  for (auto& [key, value] : objects) {
+    isChange |= !value.isNone() || content.dictionary.contains(key);
+    content.dictionary.set(Value(key), std::move(value));
+  }
+  if (!isChange) return nullptr;
+  auto file = stage(path, content.dictionary);
+  if (file == nullptr) return nullptr;
+  return std::make_unique<StagedSuite>(std::move(path), std::move(writersLock), std::move(file), log_);
 }
 
 bool FileUserDefaults::moveAside(const std::string& path) const {
@@ -130,18 +149,20 @@ bool FileUserDefaults::moveAside(const std::string& path) const {
   return false;
 }
 
-bool FileUserDefaults::write(const std::string& path, const Dictionary& content) const {
+std::unique_ptr<StagedFile> FileUserDefaults::stage(const std::string& path,
+                                                    const Dictionary& content) const {
   const std::string bytes = serializeBinaryPropertyList(content);
   // A value too deep or too large would cost the whole suite at the next read.
   if (const auto check = parsePropertyList(bytes); !check) {
     log_.error("FileUserDefaults: could not write '{}': {}", path, check.error());
-    return false;
+    return nullptr;
   }
-  if (const auto error = files_.writeFileAtomically(path, bytes, Durability::kSynced)) {
-    log_.error("FileUserDefaults: could not write '{}': {}", path, error->description);
-    return false;
+  auto file = files_.stageFile(path, bytes, Durability::kSynced);
+  if (!file) {
+    log_.error("FileUserDefaults: could not write '{}': {}", path, file.error().description);
+    return nullptr;
   }
-  return true;
+  return std::move(*file);
 }
 
 }  // namespace zun

@@ -17,7 +17,7 @@ namespace zun {
 ///
 ///   read:  file changed? ──no──▶ the dictionary in memory
 ///                        └─yes─▶ read and parse; bad ──▶ one error line, empty suite
-///   write: lock file ▶ read ▶ (bad: moved to <suite>.plist.corrupt) ▶ change ▶ replace
+///   write: lock file ▶ read ▶ (bad: moved to <suite>.plist.corrupt) ▶ change ▶ stage ▶ replace
 ///
 /// Several processes may share a suite: writers take turns by a lock on
 /// `<suite>.plist.lock`, readers see a whole file, the old or the new one.
@@ -33,15 +33,16 @@ class FileUserDefaults final : public UserDefaults {
 
   [[nodiscard]] Value objectForKey(std::string_view suite, std::string_view key) const override;
   [[nodiscard]] size_t countOfKeys(std::string_view suite, std::string_view prefix) const override;
-  void setObject(std::string_view suite, std::string_view key, Value value) override;
+  [[nodiscard]] std::unique_ptr<StagedDefaults> stageObjects(
+      std::string_view suite, std::vector<std::pair<std::string_view, Value>> objects) override;
 
  private:
   PropertyListFile& fileOfSuite(std::string_view suite) const REQUIRES(mutex_);
   /// Reads the suite, telling once of each new failure.
   const PropertyListFile::Content& contentOf(PropertyListFile& file) const REQUIRES(mutex_);
-  void save(const std::string& path, std::string_view suite, std::string_view key, Value value) const;
   [[nodiscard]] bool moveAside(const std::string& path) const;
-  [[nodiscard]] bool write(const std::string& path, const Dictionary& content) const;
+  /// None after an error line.
+  [[nodiscard]] std::unique_ptr<StagedFile> stage(const std::string& path, const Dictionary& content) const;
 
   FileManager& files_;
   SystemLog& log_;

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -124,6 +125,36 @@ void enumerate(const std::string& folder, const std::string& prefix, std::vector
   }
 }
 
+class TemporaryFile final : public StagedFile {
+ public:
+  /// `folderToSync`: empty for none.
+  TemporaryFile(std::string temporary, std::string path, std::string folderToSync)
+      : temporary_(std::move(temporary)), path_(std::move(path)), folderToSync_(std::move(folderToSync)) {}
+  ~TemporaryFile() override {
+    if (!isPublished_) {
+      ::unlink(temporary_.c_str());
+    } else if (!folderToSync_.empty()) {
+      // The new name is in place already; a folder that cannot be synced is no failure.
+      const FileDescriptor folder(::open(folderToSync_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+      if (folder.isOpen()) static_cast<void>(::fsync(folder.get()));
+    }
+  }
+  TemporaryFile(const TemporaryFile&) = delete;
+  TemporaryFile& operator=(const TemporaryFile&) = delete;
+
+  std::optional<Error> publish() override {
+    if (::rename(temporary_.c_str(), path_.c_str()) != 0) return posixError(errno);
+    isPublished_ = true;
+    return std::nullopt;
+  }
+
+ private:
+  const std::string temporary_;
+  const std::string path_;
+  const std::string folderToSync_;
+  bool isPublished_ = false;
+};
+
 Date dateOf(const statx_timestamp& time) {
   return {static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9};
 }
@@ -167,12 +198,22 @@ Result<std::string, Error> LinuxFileManager::readFile(const std::string& path, u
 
 std::optional<Error> LinuxFileManager::writeFileAtomically(const std::string& path, std::string_view bytes,
                                                            Durability durability) {
-  if (!isUsable(path)) return posixError(EINVAL);
+  const auto staged = stageFile(path, bytes, durability);
+  return staged ? (*staged)->publish() : staged.error();
+}
+
+Result<std::unique_ptr<StagedFile>, Error> LinuxFileManager::stageFile(const std::string& path,
+                                                                       std::string_view bytes,
+                                                                       Durability durability) {
+  using Outcome = Result<std::unique_ptr<StagedFile>, Error>;
+  if (!isUsable(path)) return Outcome::failure(posixError(EINVAL));
   const size_t slash = path.rfind('/');
   const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
   std::string temporary = folder + "/.zun-XXXXXX";
   FileDescriptor file(::mkostemp(temporary.data(), O_CLOEXEC));  // mode 0600
-  if (!file.isOpen()) return posixError(errno);
+  if (!file.isOpen()) return Outcome::failure(posixError(errno));
+  std::unique_ptr<StagedFile> staged = std::make_unique<TemporaryFile>(
+      temporary, path, durability == Durability::kSynced ? folder : std::string());
 
   struct stat former {};
   int failure = 0;
@@ -182,17 +223,8 @@ std::optional<Error> LinuxFileManager::writeFileAtomically(const std::string& pa
   if (failure == 0) failure = writeAll(file.get(), bytes);
   if (failure == 0 && durability == Durability::kSynced && ::fsync(file.get()) != 0) failure = errno;
   if (failure == 0) failure = closeFile(file);
-  if (failure == 0 && ::rename(temporary.c_str(), path.c_str()) != 0) failure = errno;
-  if (failure != 0) {
-    ::unlink(temporary.c_str());
-    return posixError(failure);
-  }
-  if (durability == Durability::kSynced) {
-    // The new name is in place already; a folder that cannot be synced is no failure.
-    const FileDescriptor parent(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (parent.isOpen()) static_cast<void>(::fsync(parent.get()));
-  }
-  return std::nullopt;
+  if (failure != 0) return Outcome::failure(posixError(failure));
+  return staged;
 }
 
 std::optional<Error> LinuxFileManager::createFile(const std::string& path, std::string_view bytes) {
@@ -256,6 +288,17 @@ std::optional<Error> LinuxFileManager::allowOwnerAccess(const std::string& path)
   const mode_t wanted = S_ISDIR(status.st_mode) ? S_IRWXU : S_IRUSR | S_IWUSR;
   const mode_t mode = (status.st_mode & 07777) | wanted;
   if (mode == (status.st_mode & 07777) || ::chmod(path.c_str(), mode) == 0) return std::nullopt;
+  return posixError(errno);
+}
+
+std::optional<Error> LinuxFileManager::setModificationDate(const std::string& path, Date date) {
+  if (!isUsable(path)) return posixError(EINVAL);
+  const auto microseconds = std::llround(date.secondsSince1970 * 1e6);
+  const timespec times[2] = {
+      {.tv_sec = 0, .tv_nsec = UTIME_OMIT},
+      {.tv_sec = microseconds / 1'000'000, .tv_nsec = microseconds % 1'000'000 * 1000},
+  };
+  if (::utimensat(AT_FDCWD, path.c_str(), times, 0) == 0) return std::nullopt;
   return posixError(errno);
 }
 

@@ -25,11 +25,15 @@ class LinuxFileManager : public FileManager {
                                                     uint64_t maximumBytes) const override;
   std::optional<Error> writeFileAtomically(const std::string& path, std::string_view bytes,
                                            Durability durability = Durability::kBestEffort) override;
+  [[nodiscard]] Result<std::unique_ptr<StagedFile>, Error> stageFile(
+      const std::string& path, std::string_view bytes,
+      Durability durability = Durability::kBestEffort) override;
   std::optional<Error> createFile(const std::string& path, std::string_view bytes) override;
   std::optional<Error> appendToFile(const std::string& path, std::string_view bytes) override;
   std::optional<Error> createDirectories(const std::string& path) override;
   std::optional<Error> removeItem(const std::string& path) override;
   std::optional<Error> allowOwnerAccess(const std::string& path) override;
+  std::optional<Error> setModificationDate(const std::string& path, Date date) override;
   [[nodiscard]] Result<std::vector<std::string>, Error> listDirectory(const std::string& path) const override;
   [[nodiscard]] std::vector<std::string> enumerateRecursively(const std::string& path) const override;
   [[nodiscard]] std::optional<FileAttributes> attributes(const std::string& path,
