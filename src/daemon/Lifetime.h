@@ -22,7 +22,7 @@ class LifetimeHost {
   [[nodiscard]] virtual DaemonActivity activity() = 0;
   /// Runs `action` on the loop's thread once `wait` is over, or never if the loop ends first.
   virtual void runAfter(std::chrono::nanoseconds wait, std::function<void()> action) = 0;
-  /// Tells the service manager that the end has begun.
+  /// Tells the service manager, and whoever can hurry, that the end has begun.
   virtual void notifyStopping() = 0;
   /// Ends the loop.
   virtual void quit() = 0;

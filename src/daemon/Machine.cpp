@@ -64,6 +64,7 @@ void Machine::runAfter(std::chrono::nanoseconds wait, std::function<void()> acti
 
 void Machine::notifyStopping() {
   notifyServiceStopping();
+  if (stopping_) stopping_();
 }
 
 void Machine::exitAtOnce() {

@@ -41,6 +41,9 @@ class Machine final : public LifetimeHost {
     transactionChanged_ = std::move(handler);
   }
 
+  /// `handler` is called on the loop's thread when the end has begun.
+  void onStopping(UniqueFunction<void()> handler) { stopping_ = std::move(handler); }
+
   // LifetimeHost
   [[nodiscard]] DaemonActivity activity() override;
   void runAfter(std::chrono::nanoseconds wait, std::function<void()> action) override;
@@ -58,6 +61,7 @@ class Machine final : public LifetimeHost {
   FileUserDefaults defaults_;
   SystemDeviceProperties device_;
   UniqueFunction<void(bool)> transactionChanged_;
+  UniqueFunction<void()> stopping_;
   ServiceTransactions transactions_;
   UDPSockets sockets_;
   SharedObjectLoader modules_;

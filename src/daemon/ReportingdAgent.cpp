@@ -1,16 +1,12 @@
 #include "daemon/ReportingdAgent.h"
 
 #include "session/ClientSessionReplyInterface.h"
+#include "storebag/ClientTypes.h"
 #include "util/Conversions.h"
-#include "zunreporting/Keys.h"
 
 namespace zun {
 
 namespace {
-
-int32_t clientTypeOf(const ReportingdSession& session) {
-  return session.sessionInfo()[zunreporting::kZunReportingSessionInfoClientType].int32Value();
-}
 
 std::string userInfoKeyOf(const ReportingdSession& session) {
   return connectivityUserInfoKey(session.userInfo().value_or(Dictionary()));
@@ -113,14 +109,14 @@ void ReportingdAgent::releaseQuorxTransactions(uint32_t count) {
 // --- Storebags -----------------------------------------------------------------
 
 std::optional<Dictionary> ReportingdAgent::storebagForSession(const ReportingdSession& session) {
-  const int32_t clientType = clientTypeOf(session);
+  const int32_t clientType = clientTypeOfSessionInfo(session.sessionInfo());
   log_.debug("storebagForSession: Retrieving storebag for session {} with client type {}",
              session.sessionID(), clientType);
   return storebagCache_.storebagForClientType(clientType);
 }
 
 std::optional<std::string> ReportingdAgent::storebagVersionForSession(const ReportingdSession& session) {
-  return storebagCache_.storebagVersionForClientType(clientTypeOf(session));
+  return storebagCache_.storebagVersionForClientType(clientTypeOfSessionInfo(session.sessionInfo()));
 }
 
 // --- Hierarchies ---------------------------------------------------------------

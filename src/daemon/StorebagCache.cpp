@@ -87,15 +87,20 @@ void StorebagCache::fetchAndCacheStorebag(int32_t clientType) {
   }
 
   const StorebagFetchOutcome outcome = fetcher_.fetchStorebagForEnvironmentAndClientType(clientType);
-  const auto maxAge = static_cast<int32_t>(outcome.maxAgeSeconds);
-  log_.debug("fetchAndCacheStorebag: Storebag max age: {} seconds", maxAge);
+  log_.debug("fetchAndCacheStorebag: Storebag max age: {} seconds",
+             static_cast<int32_t>(outcome.maxAgeSeconds));
   if (!outcome.section && !outcome.unchanged) {
     log_.error("fetchAndCacheStorebag: Unable to fetch storebag for client type {}", clientType);
   }
 
+  note(*name, outcome);
+  fetcher_.outcomeNoted(*name, outcome);
+}
+
+void StorebagCache::note(std::string_view name, const StorebagFetchOutcome& outcome) {
   const bool success = outcome.section.has_value() || outcome.unchanged;
   const MutexLock lock(mutex_);
-  const Dictionary* const former = cachedStorebags_[*name].dictionary();
+  const Dictionary* const former = cachedStorebags_[name].dictionary();
   Dictionary entry = former == nullptr ? Dictionary() : *former;
   if (outcome.section) {
     entry.set(Value::literal(kData), *outcome.section);
@@ -103,8 +108,8 @@ void StorebagCache::fetchAndCacheStorebag(int32_t clientType) {
   }
   entry.set(Value::literal(kFetchTime), clock_.now());
   entry.set(Value::literal(kFetchState), Value::literal(success ? kSuccessful : kFailure));
-  entry.set(Value::literal(kMaxAge), maxAge);
-  cachedStorebags_.set(Value::literal(*name), std::move(entry));
+  entry.set(Value::literal(kMaxAge), static_cast<int32_t>(outcome.maxAgeSeconds));
+  cachedStorebags_.set(Value::literal(name), std::move(entry));
 }
 
 std::optional<std::string> StorebagCache::storebagVersionForClientType(int32_t clientType) const {

@@ -47,6 +47,8 @@ class StorebagCache final {
 
   static Decision decide(const Dictionary& entry, Date now, const std::optional<Date>& diskDate);
   void fetchAndCacheStorebag(int32_t clientType);
+  /// `name`: one of the table of client types.
+  void note(std::string_view name, const StorebagFetchOutcome& outcome) EXCLUDES(mutex_);
   /// The entry as it is now, or none.
   [[nodiscard]] std::optional<Dictionary> entryNamed(std::string_view name) const;
   [[nodiscard]] std::shared_ptr<Mutex> fetchLockOf(std::string_view name);

@@ -94,6 +94,7 @@ int runDaemon(const DaemonOptions& options, EventLoop& loop, SystemLog& log) {
   const auto agent = ReportingdAgent::create(services, *fetcher);
   Lifetime lifetime(options, *machine, **listener, platform.clock, log);
   connect(*machine, loop, **listener, lifetime);
+  machine->onStopping([&fetcher] { fetcher->cancelFetches(); });
   (*listener)->setDelegate(agent.get());
   (*listener)->resume();
   notifyServiceReady();

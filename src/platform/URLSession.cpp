@@ -48,6 +48,16 @@ std::optional<std::string> URLResponse::header(std::string_view name) const {
   return std::nullopt;
 }
 
+std::string URLResponse::headerList(std::string_view name) const {
+  std::string list;
+  for (const auto& [key, value] : headers) {
+    if (!equalsIgnoringASCIICase(key, name)) continue;
+    if (!list.empty()) list += ", ";
+    list += value;
+  }
+  return list;
+}
+
 std::string URLResponse::description() const {
   std::string names;
   for (const auto& header : headers) {

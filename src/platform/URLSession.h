@@ -57,6 +57,8 @@ struct URLResponse {
 
   /// Letter case of the name is ignored; the first of several wins.
   [[nodiscard]] std::optional<std::string> header(std::string_view name) const;
+  /// All of that name as one list; empty without one.
+  [[nodiscard]] std::string headerList(std::string_view name) const;
   /// One line for logs.
   [[nodiscard]] std::string description() const;
 };

@@ -1,6 +1,7 @@
 #include <algorithm>
 
 #include "session/BackendTable.h"
+#include "storebag/ClientTypes.h"
 #include "zunreporting/Keys.h"
 
 namespace zun {
@@ -32,7 +33,7 @@ class BackendIdentity final {
     const Dictionary& info = *options_.sessionInfo;
     const Value& requireUserInfo = info[kZunReportingSessionInfoRequireUserInfo];
     backend.setSessionID(static_cast<uint32_t>(info[kZunReportingSessionInfoSessionID].intValue()));
-    backend.setCompType(info[kZunReportingSessionInfoClientType].int32Value());
+    backend.setCompType(clientTypeOfSessionInfo(info));
     backend.setClientVersion(static_cast<uint16_t>(info[kZunReportingSessionInfoClientVersion].intValue()));
     backend.setUdid(options_.deviceIdentifier);
     backend.setProductVersion(productVersion_);
@@ -83,7 +84,7 @@ std::shared_ptr<const BackendTable> createBackends(const ReportingServices& serv
   }
   const BackendIdentity identity(services, options);
   const auto deviceName = services.identity.deviceName();
-  const int32_t clientType = (*options.sessionInfo)[kZunReportingSessionInfoClientType].int32Value();
+  const int32_t clientType = clientTypeOfSessionInfo(*options.sessionInfo);
 
   auto table = std::make_shared<BackendTable>();
   for (const auto& [key, profile] : *options.storebag) {

@@ -3,16 +3,14 @@
 #include "session/ReportingdSession.h"
 #include "storebag/ClientTypes.h"
 #include "util/MemoryUse.h"
-#include "zunreporting/Keys.h"
 
 namespace zun {
 
 namespace {
 
+/// The storebag's name, not the sender code: client types that share a storebag share figures.
 std::string_view clientTypeName(const ReportingdSession& session) {
-  const int32_t clientType =
-      session.sessionInfo()[zunreporting::kZunReportingSessionInfoClientType].int32Value();
-  return storebagNameForClientType(clientType).value_or("Unknown");
+  return storebagNameForClientType(clientTypeOfSessionInfo(session.sessionInfo())).value_or("Unknown");
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
 #include "storebag/ClientTypes.h"
 
+#include "zunreporting/Keys.h"
+
 namespace zun {
 
 namespace {
@@ -48,6 +50,10 @@ constexpr std::array<const char*, kClientTypeCount> codesOf(
 constexpr auto kSenderCodes = codesOf(kClientTypes);
 
 }  // namespace
+
+int32_t clientTypeOfSessionInfo(const Dictionary& sessionInfo) {
+  return sessionInfo[zunreporting::kZunReportingSessionInfoClientType].nearestInt32Value();
+}
 
 std::optional<std::string_view> storebagNameForClientType(int32_t clientType) {
   if (clientType < 0 || clientType >= kClientTypeCount) return std::nullopt;

@@ -5,10 +5,16 @@
 #include <optional>
 #include <string_view>
 
+#include "values/Value.h"
+
 namespace zun {
 
 /// One more than the largest client type.
 inline constexpr int32_t kClientTypeCount = 26;
+
+/// The client type of a session; 0 where it says none. One that 32 bits do not hold becomes
+/// the nearest limit, so that it is no other type.
+[[nodiscard]] int32_t clientTypeOfSessionInfo(const Dictionary& sessionInfo);
 
 /// The name under which a client type's storebag is fetched and cached; none for types
 /// that never get one (0 to 4, and everything outside the table).

@@ -1,9 +1,8 @@
 #include "storebag/NetworkStorebagFetcher.h"
 
+#include <algorithm>
 #include <cmath>
-#include <condition_variable>
 #include <exception>
-#include <mutex>
 
 #include "storebag/ClientTypes.h"
 #include "storebag/StorebagEnvironment.h"
@@ -24,52 +23,23 @@ Error failure(URLSessionError code, const char* description) {
 
 }  // namespace
 
-/// One GET as its waiting callers see it: it ends once.
-class NetworkStorebagFetcher::Exchange final {
- public:
-  explicit Exchange(std::string urlToAsk) : url(std::move(urlToAsk)) {}
-
+/// One GET. The completion of its request owns it; others wait for `ended`, which breaks
+/// when the completion is let go uncalled: the fetch client drops requests without a word.
+struct NetworkStorebagFetcher::Download {
   const std::string url;
+  const std::optional<std::string> lastModified;
+  const std::shared_ptr<URLRequestCancellation> cancellation = std::make_shared<URLRequestCancellation>();
+  std::promise<DownloadEnd> end = {};
+  const std::shared_future<DownloadEnd> ended = end.get_future().share();
 
-  struct End {
-    std::string body;
-    int32_t statusCode = 0;
-    std::optional<Error> error;
-  };
-
-  void finish(End end) {
-    const std::lock_guard lock(mutex_);
-    if (end_) return;
-    end_ = std::move(end);
-    ended_.notify_all();
+  [[nodiscard]] bool isUnderWay() const {
+    return ended.wait_for(std::chrono::seconds(0)) != std::future_status::ready;
   }
-
-  /// The end, or none after `limit`.
-  std::optional<End> wait(std::chrono::seconds limit) {
-    std::unique_lock lock(mutex_);
-    if (!ended_.wait_for(lock, limit, [this] { return end_.has_value(); })) return std::nullopt;
-    return end_;
+  /// An unconditional answer serves those as well who ask for changes alone.
+  [[nodiscard]] bool answers(const std::string& otherURL,
+                             const std::optional<std::string>& otherLastModified) const {
+    return url == otherURL && (!lastModified || lastModified == otherLastModified);
   }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable ended_;
-  std::optional<End> end_;  // never changes once it is there
-};
-
-/// Runs a function when the completion that holds it is let go, called or not: the
-/// connectivity helper drops requests without a word.
-class NetworkStorebagFetcher::LetGo final {
- public:
-  explicit LetGo(UniqueFunction<void()> function) : function_(std::move(function)) {}
-  LetGo(LetGo&&) noexcept = default;
-  LetGo& operator=(LetGo&&) = delete;
-  ~LetGo() {
-    if (function_) function_();
-  }
-
- private:
-  UniqueFunction<void()> function_;
 };
 
 std::shared_ptr<NetworkStorebagFetcher> NetworkStorebagFetcher::create(const PlatformServices& platform,
@@ -92,47 +62,45 @@ NetworkStorebagFetcher::~NetworkStorebagFetcher() {
 }
 
 StorebagFetchOutcome NetworkStorebagFetcher::fetchStorebagForEnvironmentAndClientType(int32_t clientType) {
+  StorebagFetchOutcome outcome;
   try {
-    return fetch(clientType);
+    fetch(clientType, outcome);
   } catch (const std::exception&) {
     platform_.log.error(
         "fetchStorebagForEnvironmentAndClientType: Could not fetch storebag for client type {}", clientType);
-    return {};
   }
+  return outcome;
 }
 
-StorebagFetchOutcome NetworkStorebagFetcher::fetch(int32_t clientType) {
-  StorebagFetchOutcome outcome;
+void NetworkStorebagFetcher::fetch(int32_t clientType, StorebagFetchOutcome& outcome) {
   const auto name = storebagNameForClientType(clientType);
   if (!name) {
     platform_.log.error(
         "fetchStorebagForEnvironmentAndClientType: Could not find storebag name for client type {}",
         clientType);
-    return outcome;
+    return;
   }
-  const auto storebag = fetchStorebagWithName(*name, outcome.maxAgeSeconds, outcome.unchanged);
+  const auto storebag = fetchStorebagWithName(*name, outcome);
   if (!storebag) {
     if (!outcome.unchanged) {
       platform_.log.error(
           "fetchStorebagForEnvironmentAndClientType: Could not fetch storebag for client type {}",
           clientType);
     }
-    return outcome;
+    return;
   }
   auto section = currentSection(*storebag, clientType);
-  if (!section) return outcome;
+  if (!section) return;
   const Value& releaseTimeout = (*storebag)["release_timeout"];
   if (!releaseTimeout.isNone()) section->set(Value::literal("release_timeout"), releaseTimeout);
   if (const auto version = (*storebag)["version"].string()) outcome.version = std::string(*version);
   const Value& refreshCycle = (*storebag)["refresh_cycle"];
   if (!refreshCycle.isNone()) {
-    const int32_t seconds = refreshCycle.int32Value();
-    const int32_t maxAge = seconds < kLongestRefreshCycle ? seconds : kLongestRefreshCycle;
+    const int32_t maxAge = std::min(refreshCycle.nearestInt32Value(), kLongestRefreshCycle);
     outcome.maxAgeSeconds = static_cast<uint32_t>(maxAge);
     platform_.log.note("fetchStorebagForEnvironmentAndClientType: Store bag override MaxAge={}", maxAge);
   }
   outcome.section = std::move(section);
-  return outcome;
 }
 
 std::optional<Dictionary> NetworkStorebagFetcher::currentSection(const Dictionary& storebag,
@@ -159,155 +127,152 @@ std::optional<Date> NetworkStorebagFetcher::modificationDateOfStorebagFile(std::
 }
 
 std::optional<Dictionary> NetworkStorebagFetcher::fetchStorebagWithName(std::string_view name,
-                                                                        uint32_t& maxAge, bool& unchanged) {
-  maxAge = 0;
-  unchanged = false;
+                                                                        StorebagFetchOutcome& outcome) {
+  outcome.maxAgeSeconds = 0;
+  outcome.unchanged = false;
   std::optional<std::string> lastModified;
   std::optional<std::string> envelope;
   bool isExpired = false;
   {
     const RecursiveMutexLock lock(lock_);
     envelope = diskCache_.loadStorebagFromDisk(name);
+    outcome.fileDate = diskCache_.modificationDateOfStorebagFile(name);
     if (envelope) {
-      diskCache_.getLastLoadedStorebagMetricsWithName(name, &maxAge, &unchanged, &lastModified);
+      diskCache_.getLastLoadedStorebagMetricsWithName(name, &outcome.maxAgeSeconds, &outcome.unchanged,
+                                                      &lastModified);
       const Date now = platform_.clock.now();
-      const Date modified = diskCache_.modificationDateOfStorebagFile(name).value_or(now);
+      const Date modified = outcome.fileDate.value_or(now);
       const double age = std::fabs(now.secondsSince1970 - modified.secondsSince1970);
-      isExpired = age > static_cast<double>(static_cast<int32_t>(maxAge));
+      isExpired = age > static_cast<double>(static_cast<int32_t>(outcome.maxAgeSeconds));
       platform_.log.note(
           "fetchStorebagWithName: storebag '{}' loaded from disk cache. Disk cache {} refreshed", name,
           isExpired ? "expired and will be" : "is valid and will not be");
+      // The server would only say of a file that is of no use that nothing has changed.
+      const auto bad = badFiles_.find(name);
+      if (bad != badFiles_.end() && bad->second == outcome.fileDate) lastModified.reset();
     }
   }
-  if (!envelope) {
-    envelope = fetchNetworkStorebag(name, Waiting::kSynchronous, std::nullopt);
+  const bool isFromDisk = envelope.has_value();
+  if (!isFromDisk) {
+    envelope = fetchSynchronously(name);
   } else if (isExpired) {
-    fetchNetworkStorebag(name, Waiting::kAsynchronous, lastModified);
+    download(name, urlOf(name), lastModified);  // serves later calls
   }
   const RecursiveMutexLock lock(lock_);
-  diskCache_.getLastLoadedStorebagMetricsWithName(name, &maxAge, &unchanged, nullptr);
-  if (unchanged || !envelope) return std::nullopt;
-  return verifier_.verifyAndParse(name, *envelope, SaveToDisk::kNo);
+  diskCache_.getLastLoadedStorebagMetricsWithName(name, &outcome.maxAgeSeconds, &outcome.unchanged, nullptr);
+  if (outcome.unchanged || !envelope) return std::nullopt;
+  auto storebag = verifier_.verifyAndParse(name, *envelope);
+  if (storebag && !isFromDisk) outcome.fileDate = diskCache_.modificationDateOfStorebagFile(name);
+  if (!storebag && isFromDisk) badFiles_.insert_or_assign(std::string(name), outcome.fileDate);
+  return storebag;
 }
 
-std::optional<std::string> NetworkStorebagFetcher::fetchNetworkStorebag(
-    std::string_view name, Waiting waiting, const std::optional<std::string>& lastModified) {
-  if (waiting == Waiting::kSynchronous) return fetchSynchronously(std::string(name), lastModified);
-  refresh(std::string(name), lastModified);
-  return std::nullopt;
+void NetworkStorebagFetcher::outcomeNoted(std::string_view name, const StorebagFetchOutcome& outcome) {
+  const RecursiveMutexLock lock(lock_);
+  const auto now = diskCache_.modificationDateOfStorebagFile(name);
+  if (now && now != outcome.fileDate) diskCache_.dateStorebagFileLater(name);
 }
 
-URLRequest NetworkStorebagFetcher::makeRequest(const std::string& name,
-                                               const std::optional<std::string>& lastModified) const {
-  URLRequest request;
-  request.url =
-      fmt::format("{}/{}?version={}", storebagServerURL(), name, versionOrDefault(platform_.bundle));
-  platform_.log.debug("fetchNetworkStorebag: Storebag Server URL: {}", request.url);
-  request.timeout = options_.requestTimeout;
-  if (lastModified) {
-    platform_.log.debug("fetchNetworkStorebag: Adding 'Last-Modified: {}' to the header", *lastModified);
-    request.setHeader("If-Modified-Since", *lastModified);
+std::optional<std::string> NetworkStorebagFetcher::fetchSynchronously(std::string_view name) {
+  const std::string url = urlOf(name);
+  const auto ended = download(name, url, std::nullopt);
+  // A request that waits for a network keeps its time for later; its caller does not wait
+  // with it. What it brings in the end still goes to the disk cache.
+  DownloadEnd end{{}, 0, failure(URLSessionError::kTimedOut, "the request timed out")};
+  if (ended.wait_for(options_.requestTimeout + options_.grace) == std::future_status::ready) {
+    try {
+      end = ended.get();
+    } catch (const std::future_error&) {
+      end.error = failure(URLSessionError::kCancelled, "the request was dropped");
+    }
   }
-  return request;
-}
-
-// Refreshes the file for later calls. Without the check, each lookup of an expired file
-// would add a request while the server takes its time.
-void NetworkStorebagFetcher::refresh(const std::string& name,
-                                     const std::optional<std::string>& lastModified) {
-  {
-    const RecursiveMutexLock lock(lock_);
-    if (!refreshing_.insert(name).second) return;
-  }
-  LetGo ended([fetcher = weak_from_this(), name] {
-    const auto self = fetcher.lock();
-    if (!self) return;
-    const RecursiveMutexLock lock(self->lock_);
-    self->refreshing_.erase(name);
-  });
-  URLRequest request = makeRequest(name, lastModified);
-  fetchClient()->getURLRequestWithCompletionHandler(
-      std::move(request),
-      [fetcher = weak_from_this(), name, ended = std::move(ended)](
-          std::string body, const std::optional<URLResponse>& response, const std::optional<Error>& error) {
-        if (const auto self = fetcher.lock()) self->receive(name, body, response, error);
-      });
-}
-
-std::optional<std::string> NetworkStorebagFetcher::fetchSynchronously(
-    const std::string& name, const std::optional<std::string>& lastModified) {
-  const std::shared_ptr<Exchange> exchange = exchangeFor(name, lastModified);
-  // A request that waits for a network keeps its timeout for later; its caller does not
-  // wait with it. What it brings in the end still goes to the disk cache.
-  auto end = exchange->wait(options_.requestTimeout + options_.grace);
-  if (!end) end = Exchange::End{{}, 0, failure(URLSessionError::kTimedOut, "the request timed out")};
-  if (!end->error && end->statusCode == kStatusOK) return std::move(end->body);
+  if (!end.error && end.statusCode == kStatusOK) return std::move(end.body);
   platform_.log.note(
-      "fetchNetworkStorebag: Error resolving with lookup server {}, sendSynchronousRequest "
-      "error {}",
-      exchange->url, end->error ? end->error->description : "(null)");
+      "fetchNetworkStorebag: Error resolving with lookup server {}, sendSynchronousRequest error {}", url,
+      end.error ? end.error->description : "(null)");
   if (name != kNameWithFallback) return std::nullopt;
   platform_.log.note("fetchNetworkStorebag: Loading default storebag '{}'", name);
   return fallbackStorebag();
 }
 
-// Joins the request of an earlier caller that gave up waiting. Otherwise each attempt
-// made without a network would leave one more request behind.
-std::shared_ptr<NetworkStorebagFetcher::Exchange> NetworkStorebagFetcher::exchangeFor(
-    const std::string& name, const std::optional<std::string>& lastModified) {
-  URLRequest request;
-  std::shared_ptr<Exchange> exchange;
+// Joins the request that is under way. Otherwise each lookup of an expired file would add
+// one while the server takes its time, and each attempt made without a network.
+std::shared_future<NetworkStorebagFetcher::DownloadEnd> NetworkStorebagFetcher::download(
+    std::string_view name, const std::string& url, const std::optional<std::string>& lastModified) {
+  const auto download = std::shared_ptr<Download>(new Download{url, lastModified});
   {
     const RecursiveMutexLock lock(lock_);
-    const auto underWay = exchanges_.find(name);
-    if (underWay != exchanges_.end()) return underWay->second;
-    request = makeRequest(name, lastModified);
-    exchange = std::make_shared<Exchange>(request.url);
-    exchanges_.emplace(name, exchange);
+    if (isStopping_) return download->ended;
+    std::weak_ptr<Download>& last = downloads_[std::string(name)];
+    if (const auto other = last.lock(); other != nullptr && other->isUnderWay()) {
+      if (other->answers(url, lastModified)) return other->ended;
+      other->cancellation->cancel();
+    }
+    last = download;
   }
-  // Forgotten before it ends: whoever hears of the end may ask anew at once.
-  auto finish = [fetcher = weak_from_this(), name, exchange](Exchange::End end) {
-    if (const auto self = fetcher.lock()) self->forget(name, exchange);
-    exchange->finish(std::move(end));
-  };
-  LetGo ended([finish] { finish({{}, 0, failure(URLSessionError::kCancelled, "the request was dropped")}); });
   fetchClient()->getURLRequestWithCompletionHandler(
-      std::move(request),
-      [fetcher = weak_from_this(), name, finish, ended = std::move(ended)](
+      makeRequest(*download),
+      [fetcher = weak_from_this(), name = std::string(name), download](
           std::string body, const std::optional<URLResponse>& response, const std::optional<Error>& error) {
-        if (const auto self = fetcher.lock()) self->receive(name, body, response, error);
-        finish({std::move(body), response ? response->statusCode : 0, error});
+        DownloadEnd end{std::move(body), response ? response->statusCode : 0, error};
+        if (const auto self = fetcher.lock()) self->receive(name, *download, end, response);
+        download->end.set_value(std::move(end));
       });
-  return exchange;
+  return download->ended;
 }
 
-void NetworkStorebagFetcher::forget(const std::string& name, const std::shared_ptr<Exchange>& exchange) {
+void NetworkStorebagFetcher::cancelFetches() {
   const RecursiveMutexLock lock(lock_);
-  const auto found = exchanges_.find(name);
-  if (found != exchanges_.end() && found->second == exchange) exchanges_.erase(found);
+  isStopping_ = true;
+  for (const auto& [name, last] : downloads_) {
+    if (const auto download = last.lock()) download->cancellation->cancel();
+  }
+}
+
+std::string NetworkStorebagFetcher::urlOf(std::string_view name) const {
+  return fmt::format("{}/{}?version={}", storebagServerURL(), name, versionOrDefault(platform_.bundle));
+}
+
+URLRequest NetworkStorebagFetcher::makeRequest(const Download& download) const {
+  URLRequest request;
+  request.url = download.url;
+  platform_.log.debug("fetchNetworkStorebag: Storebag Server URL: {}", request.url);
+  request.timeout = options_.requestTimeout;
+  request.wholeTimeout = options_.wholeTimeout;
+  request.cancellation = download.cancellation;
+  if (download.lastModified) {
+    platform_.log.debug("fetchNetworkStorebag: Adding 'Last-Modified: {}' to the header",
+                        *download.lastModified);
+    request.setHeader("If-Modified-Since", *download.lastModified);
+  }
+  return request;
 }
 
 // An answer of the server, on the fetch client's queue. The metrics are kept before the
 // body has been verified: what the server said last is what it is asked about next.
-void NetworkStorebagFetcher::receive(const std::string& name, std::string_view body,
-                                     const std::optional<URLResponse>& response,
-                                     const std::optional<Error>& error) {
-  if (error || !response || response->statusCode != kStatusOK) {
+void NetworkStorebagFetcher::receive(const std::string& name, const Download& download,
+                                     const DownloadEnd& end, const std::optional<URLResponse>& response) {
+  if (end.error || !response || response->statusCode != kStatusOK) {
     platform_.log.debug(
         "fetchNetworkStorebag: storebag '{}' does not need update as its content has not changed on the "
         "server",
         name);
     return;
   }
+  // What waits is done before the lock is taken, and after it, where these are let go of.
+  const auto metrics = diskCache_.stageMetrics(name, *response);
+  std::optional<StorebagDiskCache::StagedEnvelope> staged;
+  if (!end.body.empty()) staged = diskCache_.stageEnvelope(name, end.body);
   const RecursiveMutexLock lock(lock_);
-  diskCache_.saveLastLoadedStorebagMetricsWithName(name, *response);
-  if (body.empty()) {
+  if (download.cancellation->isCancelled()) return;  // another server's answer is wanted by now
+  diskCache_.saveLastLoadedStorebagMetricsWithName(name, metrics);
+  if (end.body.empty()) {
     platform_.log.debug("fetchNetworkStorebag: received zero-length storebag for '{}‘, treat as unchanged",
                         name);
     return;
   }
   try {
-    static_cast<void>(verifier_.verifyAndParse(name, body, SaveToDisk::kYes));
+    static_cast<void>(verifier_.verifyAndParse(name, end.body, &*staged));
   } catch (const std::exception& failure) {
     platform_.log.error("fetchStorebagWithName: propertyListWithData error {}", failure.what());
   }

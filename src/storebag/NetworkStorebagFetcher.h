@@ -1,10 +1,10 @@
 #pragma once
 
 #include <chrono>
+#include <future>
 #include <map>
 #include <memory>
 #include <optional>
-#include <set>
 #include <string>
 #include <string_view>
 
@@ -17,9 +17,13 @@
 namespace zun {
 
 struct NetworkStorebagOptions {
-  std::chrono::seconds requestTimeout{15};
+  std::chrono::seconds requestTimeout{15};  // without progress
+  /// From when there is a route to the end. A server that sends a byte now and then would
+  /// hold its storebag up for days.
+  std::chrono::milliseconds wholeTimeout = std::chrono::seconds(120);
   /// A synchronous fetch waits so much longer than the request's timeout, so that what
-  /// the URL session says about it comes first.
+  /// the URL session says about it comes first. It does not wait for ever: a request
+  /// without a route, or one that the fetch client drops, never times out.
   std::chrono::seconds grace{5};
 };
 
@@ -32,6 +36,9 @@ struct NetworkStorebagOptions {
 /// Only what verifies is ever given out, whether it comes from the server, the disk or
 /// the built-in fallback (which does not verify: "confero" then gets nothing, as the
 /// others do).
+///
+/// Of one name there is one request at a time, and who wants the same joins it. One to
+/// another server, or that asks for less, is cancelled first.
 ///
 /// Threading: any thread; one re-entrant lock serialises disk loads, freshness and
 /// verification with saving, and is never held while the network is waited for.
@@ -48,19 +55,8 @@ class NetworkStorebagFetcher final : public StorebagFetcher,
   // StorebagFetcher
   StorebagFetchOutcome fetchStorebagForEnvironmentAndClientType(int32_t clientType) override;
   std::optional<Date> modificationDateOfStorebagFile(std::string_view name) const override;
-
-  /// A verified storebag with all its sections, or none; the outputs are always set.
-  /// Blocks on the network when no file is cached.
-  [[nodiscard]] std::optional<Dictionary> fetchStorebagWithName(std::string_view name, uint32_t& maxAge,
-                                                                bool& unchanged);
-
-  enum class Waiting : bool { kAsynchronous, kSynchronous };
-
-  /// Downloads an envelope, verifies it and saves it. Synchronous: blocks, and gives its
-  /// bytes (verified or not), the fallback's, or none. Asynchronous: returns none at
-  /// once; a name is refreshed by one request at a time.
-  std::optional<std::string> fetchNetworkStorebag(std::string_view name, Waiting waiting,
-                                                  const std::optional<std::string>& lastModified);
+  void outcomeNoted(std::string_view name, const StorebagFetchOutcome& outcome) override;
+  void cancelFetches() override;
 
   /// Base URL, without a trailing slash; asked of the user defaults on every call.
   [[nodiscard]] std::string storebagServerURL() const;
@@ -69,25 +65,31 @@ class NetworkStorebagFetcher final : public StorebagFetcher,
   [[nodiscard]] static std::string fallbackStorebag();
 
  private:
-  class Exchange;
-  class LetGo;
+  struct DownloadEnd {
+    std::string body;
+    int32_t statusCode = 0;
+    std::optional<Error> error;
+  };
+  struct Download;
 
   NetworkStorebagFetcher(const PlatformServices& platform, const DeviceIdentity& identity,
                          NetworkStorebagOptions options);
-  StorebagFetchOutcome fetch(int32_t clientType);
+  void fetch(int32_t clientType, StorebagFetchOutcome& outcome);
   [[nodiscard]] std::optional<Dictionary> currentSection(const Dictionary& storebag, int32_t clientType);
 
-  [[nodiscard]] URLRequest makeRequest(const std::string& name,
-                                       const std::optional<std::string>& lastModified) const;
-  void refresh(const std::string& name, const std::optional<std::string>& lastModified) EXCLUDES(lock_);
-  std::optional<std::string> fetchSynchronously(const std::string& name,
-                                                const std::optional<std::string>& lastModified)
+  /// A verified storebag with all its sections, or none; the maximum age and "unchanged"
+  /// are always set.
+  [[nodiscard]] std::optional<Dictionary> fetchStorebagWithName(std::string_view name,
+                                                                StorebagFetchOutcome& outcome)
       EXCLUDES(lock_);
-  std::shared_ptr<Exchange> exchangeFor(const std::string& name,
-                                        const std::optional<std::string>& lastModified) EXCLUDES(lock_);
-  void forget(const std::string& name, const std::shared_ptr<Exchange>& exchange) EXCLUDES(lock_);
-  void receive(const std::string& name, std::string_view body, const std::optional<URLResponse>& response,
-               const std::optional<Error>& error) EXCLUDES(lock_);
+  /// The server's bytes (verified or not), the fallback's, or none.
+  [[nodiscard]] std::optional<std::string> fetchSynchronously(std::string_view name) EXCLUDES(lock_);
+  std::shared_future<DownloadEnd> download(std::string_view name, const std::string& url,
+                                           const std::optional<std::string>& lastModified) EXCLUDES(lock_);
+  [[nodiscard]] std::string urlOf(std::string_view name) const;
+  [[nodiscard]] URLRequest makeRequest(const Download& download) const;
+  void receive(const std::string& name, const Download& download, const DownloadEnd& end,
+               const std::optional<URLResponse>& response) EXCLUDES(lock_);
   std::shared_ptr<ReportingSessionConnectivityHelper> fetchClient() EXCLUDES(lock_);
 
   const PlatformServices& platform_;
@@ -97,8 +99,11 @@ class NetworkStorebagFetcher final : public StorebagFetcher,
   const StorebagVerifier verifier_;
   RecursiveMutex lock_;
   std::shared_ptr<ReportingSessionConnectivityHelper> fetchClient_ GUARDED_BY(lock_);
-  std::set<std::string> refreshing_ GUARDED_BY(lock_);
-  std::map<std::string, std::shared_ptr<Exchange>> exchanges_ GUARDED_BY(lock_);  // by name, while under way
+  std::map<std::string, std::weak_ptr<Download>, std::less<>> downloads_
+      GUARDED_BY(lock_);  // the last of a name
+  std::map<std::string, std::optional<Date>, std::less<>> badFiles_
+      GUARDED_BY(lock_);  // did not verify, by name
+  bool isStopping_ GUARDED_BY(lock_) = false;
 };
 
 }  // namespace zun

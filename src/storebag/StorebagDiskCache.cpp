@@ -49,9 +49,15 @@ std::optional<std::string> StorebagDiskCache::loadStorebagFromDisk(std::string_v
   return std::move(*envelope);
 }
 
-bool StorebagDiskCache::saveStorebagToDisk(std::string_view name, std::string_view envelope) const {
+StorebagDiskCache::StagedEnvelope StorebagDiskCache::stageEnvelope(std::string_view name,
+                                                                   std::string_view envelope) const {
+  // Synced, as the metrics are: they are not to outlive a power cut without the file.
+  return platform_.files.stageFile(fileLocation(name), envelope, Durability::kSynced);
+}
+
+bool StorebagDiskCache::saveStorebagToDisk(std::string_view name, const StagedEnvelope& envelope) const {
   const std::string path = fileLocation(name);
-  if (const auto error = platform_.files.writeFileAtomically(path, envelope)) {
+  if (const auto error = envelope ? (*envelope)->publish() : envelope.error()) {
     platform_.log.error("saveStorebagToDisk: could not save storebag '{}' to file '{}'. Error is '{}'", name,
                         fileURLOfPath(path), error->description);
     const std::string folder = platform_.files.resolve(kFolder);
@@ -62,6 +68,8 @@ bool StorebagDiskCache::saveStorebagToDisk(std::string_view name, std::string_vi
     }
     return false;
   }
+  // Not by the file system's clock, which lags: it is compared with dates of this one.
+  platform_.files.setModificationDate(path, platform_.clock.now());
   return true;
 }
 
@@ -69,6 +77,12 @@ std::optional<Date> StorebagDiskCache::modificationDateOfStorebagFile(std::strin
   const auto attributes = platform_.files.attributes(fileLocation(name));
   if (!attributes || attributes->isDirectory) return std::nullopt;
   return attributes->modificationDate;
+}
+
+void StorebagDiskCache::dateStorebagFileLater(std::string_view name) const {
+  constexpr double kMicrosecond = 1e-6;  // the clock's step
+  platform_.files.setModificationDate(fileLocation(name),
+                                      Date{platform_.clock.now().secondsSince1970 + kMicrosecond});
 }
 
 void StorebagDiskCache::getLastLoadedStorebagMetricsWithName(std::string_view name, uint32_t* maxAge,
@@ -96,19 +110,26 @@ void StorebagDiskCache::getLastLoadedStorebagMetricsWithName(std::string_view na
       **lastModified, name);
 }
 
+StorebagDiskCache::StagedMetrics StorebagDiskCache::stageMetrics(std::string_view name,
+                                                                 const URLResponse& response) const {
+  StagedMetrics metrics;
+  const std::string cacheControl = response.headerList("Cache-Control");
+  if (const auto part = maxAgePart(cacheControl)) metrics.maxAge = Value(*part).nearestInt32Value();
+  metrics.lastModified = response.header("Last-Modified");
+  const std::string maxAgeKey = metricKey(name, "max-age");
+  const std::string lastModifiedKey = metricKey(name, "Last-Modified");
+  metrics.change = platform_.defaults.stageObjects(
+      kReportingSuite, {{maxAgeKey, metrics.maxAge},
+                        {lastModifiedKey, metrics.lastModified ? Value(*metrics.lastModified) : Value()}});
+  return metrics;
+}
+
 void StorebagDiskCache::saveLastLoadedStorebagMetricsWithName(std::string_view name,
-                                                              const URLResponse& response) const {
-  int32_t maxAge = kDefaultMaxAge;
-  if (const auto cacheControl = response.header("Cache-Control")) {
-    if (const auto part = maxAgePart(*cacheControl)) maxAge = Value(*part).int32Value();
-  }
-  const auto lastModified = response.header("Last-Modified");
-  platform_.defaults.setObject(kReportingSuite, metricKey(name, "max-age"), maxAge);
-  platform_.defaults.setObject(kReportingSuite, metricKey(name, "Last-Modified"),
-                               lastModified ? Value(*lastModified) : Value());
+                                                              const StagedMetrics& metrics) const {
+  if (metrics.change != nullptr) metrics.change->publish();
   platform_.log.debug(
       "saveLastLoadedStorebagMetricsWithName: New storebag '{}' received: maxAge {}, Last-Modified '{}'",
-      name, maxAge, lastModified.value_or("(null)"));
+      name, metrics.maxAge, metrics.lastModified.value_or("(null)"));
 }
 
 void StorebagDiskCache::setStorageClassProtectionLevel(const std::string& path) const {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -16,7 +17,8 @@ namespace zun {
 /// newer download replaces a file, nothing deletes one.
 ///
 /// Threading: any thread; what reads or writes both file and freshness is serialised by
-/// the fetcher's lock. Ownership: part of a fetcher; the services outlive it.
+/// the fetcher's lock, under which nothing here waits but what reads. Ownership: part of a fetcher; the
+/// services outlive it.
 class StorebagDiskCache final {
  public:
   static constexpr std::string_view kDaemonFolder = "~/Library/Caches/zunreportingd";
@@ -36,11 +38,17 @@ class StorebagDiskCache final {
   /// line.
   [[nodiscard]] std::optional<std::string> loadStorebagFromDisk(std::string_view name) const;
 
-  /// True when written; false after an error line.
-  bool saveStorebagToDisk(std::string_view name, std::string_view envelope) const;
+  using StagedEnvelope = Result<std::unique_ptr<StagedFile>, Error>;
+
+  /// Writes an envelope, to be saved or dropped. Waits for the disk.
+  [[nodiscard]] StagedEnvelope stageEnvelope(std::string_view name, std::string_view envelope) const;
+  /// Puts the envelope in its place, dated now. True when written; false after an error line.
+  bool saveStorebagToDisk(std::string_view name, const StagedEnvelope& envelope) const;
 
   /// None without a file.
   [[nodiscard]] std::optional<Date> modificationDateOfStorebagFile(std::string_view name) const;
+  /// Dates the file later than everything that has been dated until now.
+  void dateStorebagFileLater(std::string_view name) const;
 
   /// What the server said last; every output may be null. `maxAge` is 0 when nothing is
   /// stored. A stored Last-Modified that equals `*lastModified` sets `*unchanged`;
@@ -48,8 +56,17 @@ class StorebagDiskCache final {
   void getLastLoadedStorebagMetricsWithName(std::string_view name, uint32_t* maxAge, bool* unchanged,
                                             std::optional<std::string>* lastModified) const;
 
-  /// Keeps the answer's max-age and Last-Modified.
-  void saveLastLoadedStorebagMetricsWithName(std::string_view name, const URLResponse& response) const;
+  /// An answer's max-age and Last-Modified, as they are about to be kept.
+  struct StagedMetrics {
+    int32_t maxAge = kDefaultMaxAge;
+    std::optional<std::string> lastModified = {};
+    std::unique_ptr<StagedDefaults> change = {};
+  };
+
+  /// Waits for other writers of the user defaults, and for the disk.
+  [[nodiscard]] StagedMetrics stageMetrics(std::string_view name, const URLResponse& response) const;
+  /// Keeps both, at once.
+  void saveLastLoadedStorebagMetricsWithName(std::string_view name, const StagedMetrics& metrics) const;
 
   /// Makes the item at `path` accessible to the daemon at all times. Logs a failure.
   void setStorageClassProtectionLevel(const std::string& path) const;

@@ -10,11 +10,11 @@ namespace zun {
 StorebagVerifier::StorebagVerifier(const PlatformServices& platform, const StorebagDiskCache& diskCache)
     : platform_(platform), diskCache_(diskCache) {}
 
-std::optional<Dictionary> StorebagVerifier::verifyAndParse(std::string_view name, std::string_view envelope,
-                                                           SaveToDisk save) const {
+std::optional<Dictionary> StorebagVerifier::verifyAndParse(
+    std::string_view name, std::string_view envelope, const StorebagDiskCache::StagedEnvelope* staged) const {
   const auto bag = verifiedBag(envelope);
   if (!bag) return std::nullopt;
-  if (save == SaveToDisk::kYes && diskCache_.saveStorebagToDisk(name, envelope)) {
+  if (staged != nullptr && diskCache_.saveStorebagToDisk(name, *staged)) {
     platform_.log.note("fetchStorebagWithName: storebag '{}' has been saved to disk cache", name);
   }
   const auto storebag = parsePropertyList(*bag);

@@ -10,8 +10,6 @@
 
 namespace zun {
 
-enum class SaveToDisk : bool { kNo, kYes };
-
 /// Judges storebag envelopes: only one whose signature verifies against the bundle's
 /// publicKey.der is ever looked into, kept or given out.
 ///
@@ -23,8 +21,10 @@ class StorebagVerifier final {
 
   /// The inner storebag with its macros expanded and "shared_values" gone; none for an
   /// envelope that does not verify or holds no dictionary. The key is read anew.
-  [[nodiscard]] std::optional<Dictionary> verifyAndParse(std::string_view name, std::string_view envelope,
-                                                         SaveToDisk save) const;
+  /// `staged`: the same envelope, to be saved if it verifies; null to save nothing.
+  [[nodiscard]] std::optional<Dictionary> verifyAndParse(
+      std::string_view name, std::string_view envelope,
+      const StorebagDiskCache::StagedEnvelope* staged = nullptr) const;
 
  private:
   [[nodiscard]] std::optional<std::string> verifiedBag(std::string_view envelope) const;

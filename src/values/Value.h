@@ -2,12 +2,14 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <initializer_list>
 #include <iterator>
+#include <limits>
 #include <optional>
 #include <span>
 #include <string>
@@ -184,6 +186,12 @@ class Value final {
   [[nodiscard]] int64_t intValue() const;
   /// The low 32 bits of `intValue`, signed.
   [[nodiscard]] int32_t int32Value() const { return static_cast<int32_t>(intValue()); }
+  /// `intValue` where 32 bits hold it, else the nearest limit.
+  [[nodiscard]] int32_t nearestInt32Value() const {
+    if (isAboveInt64()) return std::numeric_limits<int32_t>::max();
+    return static_cast<int32_t>(std::clamp<int64_t>(intValue(), std::numeric_limits<int32_t>::min(),
+                                                    std::numeric_limits<int32_t>::max()));
+  }
   /// A number, a string's leading number, else 0.
   [[nodiscard]] double doubleValue() const;
   /// A number that is not 0; a string that begins, after blanks, a sign and zeros,

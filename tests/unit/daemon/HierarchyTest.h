@@ -19,6 +19,8 @@ class OneStorebagFetcher final : public StorebagFetcher {
   StorebagFetchOutcome fetchStorebagForEnvironmentAndClientType(int32_t) override {
     return {.section = section, .maxAgeSeconds = 3600, .version = "1.0"};
   }
+  void outcomeNoted(std::string_view /*name*/, const StorebagFetchOutcome& /*outcome*/) override {}
+  void cancelFetches() override {}
   std::optional<Date> modificationDateOfStorebagFile(std::string_view) const override { return std::nullopt; }
 
   /// One backend, which keeps events while it waits for user information.

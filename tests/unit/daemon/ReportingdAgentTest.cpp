@@ -18,6 +18,8 @@ using namespace zunreporting;
 class EmptyFetcher final : public StorebagFetcher {
  public:
   StorebagFetchOutcome fetchStorebagForEnvironmentAndClientType(int32_t) override { return {}; }
+  void outcomeNoted(std::string_view /*name*/, const StorebagFetchOutcome& /*outcome*/) override {}
+  void cancelFetches() override {}
   std::optional<Date> modificationDateOfStorebagFile(std::string_view) const override { return std::nullopt; }
 };
 

@@ -1,13 +1,18 @@
 #include "daemon/StorebagCache.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <deque>
+#include <functional>
 #include <map>
 #include <mutex>
+#include <set>
 #include <thread>
 
+#include "support/BlockedThread.h"
 #include "support/Fakes.h"
 #include "support/RecordingLog.h"
 
@@ -27,18 +32,26 @@ class ScriptedFetcher final : public StorebagFetcher {
     std::unique_lock lock(mutex_);
     asked_.push_back(clientType);
     changed_.notify_all();
-    changed_.wait(lock, [this, clientType] { return heldType_ != clientType; });
+    changed_.wait(lock, [this, clientType] { return !held_.contains(clientType); });
     if (outcomes_.empty()) return {};
     StorebagFetchOutcome outcome = outcomes_.front();
     outcomes_.pop_front();
     return outcome;
   }
+  void outcomeNoted(std::string_view name, const StorebagFetchOutcome& outcome) override {
+    if (noted_) noted_(name, outcome);
+  }
+  void cancelFetches() override {}
   std::optional<Date> modificationDateOfStorebagFile(std::string_view name) const override {
     const std::lock_guard lock(mutex_);
     const auto found = diskDates_.find(std::string(name));
     return found == diskDates_.end() ? std::nullopt : std::optional(found->second);
   }
 
+  /// Called when the cache has noted an outcome.
+  void onNoted(std::function<void(std::string_view, const StorebagFetchOutcome&)> noted) {
+    noted_ = std::move(noted);
+  }
   void answerWith(std::deque<StorebagFetchOutcome> outcomes) {
     const std::lock_guard lock(mutex_);
     outcomes_ = std::move(outcomes);
@@ -54,11 +67,11 @@ class ScriptedFetcher final : public StorebagFetcher {
   /// Fetches for `clientType` wait until `release`.
   void hold(int32_t clientType) {
     const std::lock_guard lock(mutex_);
-    heldType_ = clientType;
+    held_.insert(clientType);
   }
   void release() {
     const std::lock_guard lock(mutex_);
-    heldType_ = -1;
+    held_.clear();
     changed_.notify_all();
   }
   void waitForCalls(size_t count) {
@@ -69,10 +82,11 @@ class ScriptedFetcher final : public StorebagFetcher {
  private:
   mutable std::mutex mutex_;
   std::condition_variable changed_;
+  std::function<void(std::string_view, const StorebagFetchOutcome&)> noted_;
   std::deque<StorebagFetchOutcome> outcomes_;
   std::vector<int32_t> asked_;
   std::map<std::string, Date> diskDates_;
-  int32_t heldType_ = -1;
+  std::set<int32_t> held_;
 };
 
 StorebagFetchOutcome bag(const std::string& version, uint32_t maxAge) {
@@ -225,6 +239,65 @@ TEST_F(StorebagCacheTest, UnknownClientTypeIsAnErrorLineAndNoEntry) {
                                                          "fetchAndCacheStorebag: clientType -1 is invalid"}));
   EXPECT_EQ(fetcher_.calls(), 0u);
   EXPECT_TRUE(cache_.entries().empty());
+}
+
+// A server that failed is left alone, but a file that came another way is there already.
+TEST_F(StorebagCacheTest, DiskFileWrittenAfterAFailureEndsTheWaiting) {
+  fetcher_.answerWith({failure(), bag("1.0", 60)});
+  EXPECT_EQ(bagOf(kConfero), "none");
+  expectFailedFetches(1);
+  fetcher_.setDiskDate("confero", Date{1'700'000'001});
+  clock_.advance(10s);
+  EXPECT_EQ(bagOf(kConfero), "1.0");
+}
+
+TEST_F(StorebagCacheTest, AgeIsTheDistanceFromTheFetchWhenTheClockIsSetBack) {
+  fetcher_.answerWith({bag("1.0", 60), failure(), bag("2.0", 60)});
+  EXPECT_EQ(bagOf(kConfero), "1.0");
+  clock_.advance(-59s);
+  EXPECT_EQ(bagOf(kConfero), "1.0");
+  EXPECT_EQ(fetcher_.calls(), 1u);
+  clock_.advance(-1s);
+  EXPECT_EQ(bagOf(kConfero), "1.0");  // fetched, failed
+  expectFailedFetches(1);
+  clock_.advance(-899s);
+  EXPECT_EQ(bagOf(kConfero), "1.0");  // cooling
+  EXPECT_EQ(fetcher_.calls(), 2u);
+  clock_.advance(-1s);
+  EXPECT_EQ(bagOf(kConfero), "2.0");
+}
+
+// What was saved in between can be dated after the note only once that is there.
+TEST_F(StorebagCacheTest, FetcherIsToldOnceItsOutcomeHasBeenNoted) {
+  std::vector<std::string> heard;
+  fetcher_.onNoted([&](std::string_view name, const StorebagFetchOutcome& outcome) {
+    heard.push_back(fmt::format("{} {} {}", name, outcome.version.value_or("none"),
+                                cache_.entries()[name].dictionary() == nullptr ? "too soon" : "noted"));
+  });
+  fetcher_.answerWith({bag("1.0", 60), failure()});
+  EXPECT_EQ(bagOf(kConferoToo), "1.0");
+  EXPECT_EQ(bagOf(kTessel), "none");
+  log_.takeErrors();
+  EXPECT_EQ(heard, (std::vector<std::string>{"confero 1.0 noted", "tessel none noted"}));
+}
+
+TEST_F(StorebagCacheTest, SecondSessionOfAnotherTypeOfTheNameWaitsForTheFirstOnesFetch) {
+  fetcher_.answerWith({bag("1.0", 3600), bag("2.0", 3600)});
+  fetcher_.hold(kConfero);
+  std::thread first([this] { EXPECT_EQ(bagOf(kConfero), "1.0"); });
+  fetcher_.waitForCalls(1);
+  fetcher_.hold(kConferoToo);
+  std::atomic<pid_t> secondThread{0};
+  std::thread second([this, &secondThread] {
+    secondThread = ::gettid();
+    EXPECT_EQ(bagOf(kConferoToo), "1.0");
+  });
+  while (secondThread == 0) std::this_thread::yield();
+  waitUntilBlocked(secondThread);  // at the first one's lock, or else in a fetch of its own
+  EXPECT_EQ(fetcher_.calls(), 1u);
+  fetcher_.release();
+  first.join();
+  second.join();
 }
 
 TEST_F(StorebagCacheTest, OneNameIsFetchedOnceAtATimeAndOthersDoNotWaitForIt) {

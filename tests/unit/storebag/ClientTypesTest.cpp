@@ -5,6 +5,8 @@
 #include <limits>
 #include <string>
 
+#include "zunreporting/Keys.h"
+
 namespace zun {
 namespace {
 
@@ -33,6 +35,20 @@ TEST(ClientTypesTest, EveryTypeHasItsStorebagNameAndSenderCode) {
     }
     EXPECT_STREQ(senderCodes()[static_cast<size_t>(type)], row.code) << type;
   }
+}
+
+TEST(ClientTypesTest, TypeThatDoesNotFitIsNoOtherOne) {
+  const auto typeOf = [](Value value) {
+    return clientTypeOfSessionInfo({{zunreporting::kZunReportingSessionInfoClientType, std::move(value)}});
+  };
+  EXPECT_EQ(clientTypeOfSessionInfo({}), 0);
+  EXPECT_EQ(typeOf(5), 5);
+  EXPECT_EQ(typeOf("5"), 5);
+  EXPECT_EQ(typeOf(-1), -1);
+  for (const Value& large :
+       {Value(4294967301), Value(INT64_MAX), Value("18446744073709551621"), Value(1e300)})
+    EXPECT_EQ(storebagNameForClientType(typeOf(large)), std::nullopt) << large.description();
+  EXPECT_EQ(storebagNameForClientType(typeOf(-4294967291)), std::nullopt);
 }
 
 TEST(ClientTypesTest, NoStorebagOutsideTheTable) {

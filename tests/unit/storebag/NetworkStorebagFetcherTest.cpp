@@ -1,82 +1,9 @@
-#include "storebag/NetworkStorebagFetcher.h"
-
 #include <thread>
 
-#include "StorebagFixture.h"
+#include "NetworkStorebagFetcherFixture.h"
 
 namespace zun {
 namespace {
-
-constexpr int32_t kTessel = 5;
-constexpr int32_t kConfero = 7;
-constexpr const char* kLastModified = "Tue, 14 Nov 2023 10:00:00 GMT";
-constexpr const char* kMissingSignature = "fetchStorebagWithName: Signature is missing";
-
-std::string notFetched(int32_t clientType) {
-  return fmt::format("fetchStorebagForEnvironmentAndClientType: Could not fetch storebag for client type {}",
-                     clientType);
-}
-
-class NetworkStorebagFetcherTest : public StorebagTest {
- protected:
-  NetworkStorebagFetcherTest() {
-    setDefault("zunreporting_storebag_url", server_.url(""));
-    fetcher_ = NetworkStorebagFetcher::create(platform_.services, identity_,
-                                              {.requestTimeout = std::chrono::seconds(2)});
-  }
-
-  // Requests still under way use the platform, which goes next.
-  void TearDown() override {
-    fetcher_.reset();
-    server_.stop();
-    waitFor([this] {
-      return countDebugLines("fetchNetworkStorebag: Storebag Server URL: ", "") == countEndedRequests();
-    });
-    StorebagTest::TearDown();
-  }
-
-  int countDebugLines(std::string_view start, std::string_view end) const {
-    const auto lines = platform_.log.linesOf(LogLevel::kDebug);
-    return static_cast<int>(std::count_if(lines.begin(), lines.end(), [start, end](const std::string& line) {
-      return line.starts_with(start) && line.ends_with(end);
-    }));
-  }
-  int countEndedRequests() const { return countDebugLines("ConnectivityHelperTask with ID <", "dealloced"); }
-
-  // The server's answer with that storebag, as new as can be.
-  static TestAnswer answerWith(const Dictionary& storebag, const std::string& maxAge = "max-age=600") {
-    TestAnswer answer;
-    answer.body = sealed(storebag);
-    answer.headers = {{"Cache-Control", maxAge}, {"Last-Modified", kLastModified}};
-    return answer;
-  }
-
-  StorebagFetchOutcome fetch(int32_t clientType = kConfero) {
-    return fetcher_->fetchStorebagForEnvironmentAndClientType(clientType);
-  }
-
-  static std::string environmentOf(const StorebagFetchOutcome& outcome) {
-    if (!outcome.section) return "no section";
-    const Dictionary* kodo = (*outcome.section)["kodo"].dictionary();
-    return kodo == nullptr ? "no backend" : std::string((*kodo)["env"].stringValue());
-  }
-
-  // A cached storebag with what the server once said about it.
-  void putFreshness(const std::string& name, int maxAge) {
-    setDefault("CACHED_" + name + "_max-age", maxAge);
-    setDefault("CACHED_" + name + "_Last-Modified", kLastModified);
-  }
-
-  // Waits until the n-th refresh has ended, whatever came of it.
-  void waitForEndOfRequests(int count) {
-    waitFor([this, count] { return countEndedRequests() >= count; });
-  }
-
-  std::string urlOf(const std::string& name) const { return server_.url("/" + name) + "?version=3.2.1"; }
-
-  HTTPSTestServer server_;
-  std::shared_ptr<NetworkStorebagFetcher> fetcher_;
-};
 
 // MARK: - Nothing cached
 
@@ -512,11 +439,15 @@ TEST_F(StorebagSectionTest, RefreshCycleReplacesTheMaxAgeUpToADay) {
   EXPECT_EQ(maxAgeWith(-5), -5);
   EXPECT_EQ(maxAgeWith("120"), 120);
   EXPECT_EQ(maxAgeWith(Array{}), 0);
+  EXPECT_EQ(maxAgeWith(int64_t{1} << 31), 86400);
+  EXPECT_EQ(maxAgeWith(int64_t{1} << 32), 86400);
+  EXPECT_EQ(maxAgeWith("99999999999999999999"), 86400);
+  EXPECT_EQ(maxAgeWith(-(int64_t{1} << 32) + 5), INT32_MIN);
   expectDefaultLine("fetchStorebagForEnvironmentAndClientType: Store bag override MaxAge=600");
   expectDefaultLine("fetchStorebagForEnvironmentAndClientType: Store bag override MaxAge=-5");
   EXPECT_EQ(
       count(LogLevel::kDefault, "fetchStorebagForEnvironmentAndClientType: Store bag override MaxAge=86400"),
-      2);
+      5);
 }
 
 TEST_F(StorebagSectionTest, ReleaseTimeoutIsCopiedIntoTheSection) {
@@ -599,182 +530,6 @@ TEST_F(NetworkStorebagFetcherTest, FetcherMayGoWhileARequestIsUnderWay) {
   held.gate->open();
   waitForEndOfRequests(1);
   EXPECT_EQ(cached("confero"), sealed(storebag("1.0")));
-}
-
-// MARK: - Requests that the connectivity helper drops
-
-/// URL sessions without a network: they make no tasks, as one does that has been
-/// invalidated, or tasks that wait until the session is invalidated.
-class NoNetworkSessions final : public URLSessionService {
- public:
-  enum class Tasks { kNone, kWaiting };
-
-  class Task final : public URLSessionTask {
-   public:
-    void setTaskDescription(std::string description) override { description_ = std::move(description); }
-    std::string taskDescription() const override { return description_; }
-    void resume() override {}
-
-   private:
-    std::string description_;
-  };
-
-  class Session final : public URLSession, public std::enable_shared_from_this<Session> {
-   public:
-    Session(Tasks tasks, std::shared_ptr<URLSessionDelegate> delegate, std::shared_ptr<SerialQueue> queue)
-        : kind_(tasks), delegate_(std::move(delegate)), queue_(std::move(queue)) {}
-
-    void setSessionDescription(std::string) override {}
-    std::string sessionDescription() const override { return "no network"; }
-    Result<std::shared_ptr<URLSessionTask>, Error> dataTaskWithRequest(URLRequest) override {
-      if (kind_ == Tasks::kNone) {
-        return Result<std::shared_ptr<URLSessionTask>, Error>::failure({kURLErrorDomain, 1, "gone"});
-      }
-      const MutexLock lock(mutex_);
-      tasks_.push_back(std::make_shared<Task>());
-      return tasks_.back();
-    }
-    Result<std::shared_ptr<URLSessionTask>, Error> uploadTaskWithRequest(URLRequest request,
-                                                                         const std::string&) override {
-      return dataTaskWithRequest(std::move(request));
-    }
-    void finishTasksAndInvalidate() override {
-      queue_->async([self = shared_from_this()] { self->finish(); });
-    }
-
-   private:
-    void finish() {
-      std::vector<std::shared_ptr<URLSessionTask>> tasks;
-      std::shared_ptr<URLSessionDelegate> delegate;
-      {
-        const MutexLock lock(mutex_);
-        tasks.swap(tasks_);
-        delegate.swap(delegate_);
-      }
-      const Error cancelled{kURLErrorDomain, static_cast<int32_t>(URLSessionError::kCancelled), "cancelled"};
-      for (const auto& task : tasks) delegate->didCompleteWithError(*this, *task, std::nullopt, cancelled);
-      delegate->didBecomeInvalidWithError(*this, std::nullopt);
-    }
-
-    const Tasks kind_;
-    Mutex mutex_;
-    std::vector<std::shared_ptr<URLSessionTask>> tasks_;
-    std::shared_ptr<URLSessionDelegate> delegate_;
-    const std::shared_ptr<SerialQueue> queue_;
-  };
-
-  explicit NoNetworkSessions(Tasks tasks) : tasks_(tasks) {}
-  std::shared_ptr<URLSession> makeSession(const URLSessionConfiguration&,
-                                          std::shared_ptr<URLSessionDelegate> delegate,
-                                          std::shared_ptr<SerialQueue> queue) override {
-    return std::make_shared<Session>(tasks_, std::move(delegate), std::move(queue));
-  }
-
- private:
-  const Tasks tasks_;
-};
-
-class NoNetworkTest : public StorebagTest {
- protected:
-  explicit NoNetworkTest(NoNetworkSessions::Tasks tasks) : sessions_(tasks) {}
-
-  // The fetch client ends before its platform does.
-  void TearDown() override {
-    fetcher_.reset();
-    waitFor([this] {
-      return platform_.log.contains(LogLevel::kDebug,
-                                    "ReportingSessionConnectivityHelper dealloced with ID <no network>");
-    });
-    StorebagTest::TearDown();
-  }
-
-  NoNetworkSessions sessions_;
-  PlatformServices services_{platform_.log,      platform_.clock,   platform_.random,  platform_.files,
-                             platform_.defaults, platform_.device,  platform_.locale,  platform_.bundle,
-                             platform_.workers,  platform_.timers,  sessions_,         platform_.transactions,
-                             platform_.sockets,  platform_.modules, platform_.powerLog};
-  std::shared_ptr<NetworkStorebagFetcher> fetcher_ = NetworkStorebagFetcher::create(
-      services_, identity_, {.requestTimeout = std::chrono::seconds(0), .grace = std::chrono::seconds(1)});
-};
-
-class WaitingRequestTest : public NoNetworkTest {
- protected:
-  WaitingRequestTest() : NoNetworkTest(NoNetworkSessions::Tasks::kWaiting) {}
-};
-
-TEST_F(WaitingRequestTest, CallerDoesNotWaitForANetworkWithTheRequest) {
-  EXPECT_FALSE(fetcher_->fetchStorebagForEnvironmentAndClientType(kTessel).section);
-  expectErrors({notLoaded("tessel"), notFetched(kTessel)});
-  expectDefaultLine(
-      "fetchNetworkStorebag: Error resolving with lookup server "
-      "https://storebag.zunreporting.example/tessel?version=3.2.1, sendSynchronousRequest error the request "
-      "timed out");
-}
-
-TEST_F(WaitingRequestTest, NextAttemptJoinsTheRequestThatStillWaitsForANetwork) {
-  const auto requests = [this] {
-    int number = 0;
-    for (const std::string& line : platform_.log.linesOf(LogLevel::kDebug))
-      number += line.starts_with("createHelperForTask: created helperTask for task <");
-    return number;
-  };
-  for (int attempt = 0; attempt < 3; ++attempt) {
-    EXPECT_FALSE(fetcher_->fetchStorebagForEnvironmentAndClientType(kTessel).section);
-    expectErrors({notLoaded("tessel"), notFetched(kTessel)});
-  }
-  EXPECT_EQ(requests(), 1);
-  EXPECT_FALSE(fetcher_->fetchStorebagForEnvironmentAndClientType(kConfero).section);
-  platform_.log.takeErrors();
-  EXPECT_EQ(requests(), 2);
-}
-
-class DroppedRequestTest : public NoNetworkTest {
- protected:
-  // Time enough: the wait ends because the request is dropped.
-  DroppedRequestTest() : NoNetworkTest(NoNetworkSessions::Tasks::kNone) {
-    fetcher_ =
-        NetworkStorebagFetcher::create(services_, identity_, {.requestTimeout = std::chrono::hours(1)});
-  }
-};
-
-TEST_F(DroppedRequestTest, DroppedRequestEndsTheWaitAsAnError) {
-  EXPECT_FALSE(fetcher_->fetchStorebagForEnvironmentAndClientType(kTessel).section);
-  expectErrors(
-      {notLoaded("tessel"),
-       "getURLRequestWithCompletionHandler: underlying Wirepath has been invalidated with error gone. "
-       "Ignoring GET request.",
-       notFetched(kTessel)});
-  expectDefaultLine(
-      "fetchNetworkStorebag: Error resolving with lookup server "
-      "https://storebag.zunreporting.example/tessel?version=3.2.1, sendSynchronousRequest error the request "
-      "was "
-      "dropped");
-}
-
-TEST_F(DroppedRequestTest, DroppedRequestIsNotJoined) {
-  for (size_t attempt = 1; attempt <= 2; ++attempt) {
-    EXPECT_FALSE(fetcher_->fetchStorebagForEnvironmentAndClientType(kTessel).section);
-    EXPECT_EQ(platform_.log.takeErrors().size(), 3u) << attempt;
-  }
-}
-
-TEST_F(DroppedRequestTest, DroppedRefreshLetsTheNextLookupTryAgain) {
-  putInCache("tessel", sealed(storebag("1.0")), 100);
-  const auto attempts = [this] {
-    return count(
-        LogLevel::kError,
-        "getURLRequestWithCompletionHandler: underlying Wirepath has been invalidated with error gone. "
-        "Ignoring GET request.");
-  };
-  EXPECT_EQ(fetcher_->fetchStorebagForEnvironmentAndClientType(kTessel).version, "1.0");
-  waitFor([&attempts] { return attempts() == 1; });
-  waitFor([this, &attempts] {
-    EXPECT_EQ(fetcher_->fetchStorebagForEnvironmentAndClientType(kTessel).version, "1.0");
-    return attempts() >= 2;
-  });
-  fetcher_.reset();
-  waitFor([this] { return platform_.workers.activity().isIdle; });  // a third may be under way
-  platform_.log.takeErrors();
 }
 
 }  // namespace

@@ -1,6 +1,42 @@
 #include "storebag/StorebagDiskCache.h"
 
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <mutex>
+#include <utility>
+
 #include "StorebagFixture.h"
+
+namespace {
+
+/// What this process has had written to the disk since the last look.
+class SyncedItems final {
+ public:
+  static void reset() { take(); }
+  static std::vector<std::string> take() {
+    const std::lock_guard lock(mutex_);
+    return std::exchange(items_, {});
+  }
+  static void add(const struct stat& status) {
+    const std::lock_guard lock(mutex_);
+    items_.push_back(S_ISDIR(status.st_mode) ? "folder" : fmt::format("file of {} bytes", status.st_size));
+  }
+
+ private:
+  static inline std::mutex mutex_;
+  static inline std::vector<std::string> items_;
+};
+
+}  // namespace
+
+// In the place of the C library's.
+extern "C" int fsync(int descriptor) {
+  struct stat status {};
+  if (::fstat(descriptor, &status) == 0) SyncedItems::add(status);
+  return static_cast<int>(::syscall(SYS_fsync, descriptor));
+}
 
 namespace zun {
 namespace {
@@ -15,7 +51,7 @@ class StorebagDiskCacheTest : public StorebagTest {
     URLResponse response;
     response.statusCode = 200;
     response.headers = headers;
-    cache_.saveLastLoadedStorebagMetricsWithName("confero", response);
+    cache_.saveLastLoadedStorebagMetricsWithName("confero", cache_.stageMetrics("confero", response));
   }
   int64_t storedMaxAgeFor(const std::string& cacheControl) {
     saveMetrics({{"Cache-Control", cacheControl}});
@@ -27,7 +63,7 @@ class StorebagDiskCacheTest : public StorebagTest {
 
 TEST_F(StorebagDiskCacheTest, WhatWasSavedIsLoadedByteForByte) {
   const std::string bytes("any\0bytes\xff", 10);
-  EXPECT_TRUE(cache_.saveStorebagToDisk("tessel", bytes));
+  EXPECT_TRUE(cache_.saveStorebagToDisk("tessel", cache_.stageEnvelope("tessel", bytes)));
   EXPECT_EQ(cache_.loadStorebagFromDisk("tessel"), bytes);
   EXPECT_EQ(cached("tessel"), bytes);
 }
@@ -60,7 +96,7 @@ TEST_F(StorebagDiskCacheTest, OversizedFileIsAnErrorLine) {
 TEST_F(StorebagDiskCacheTest, FolderThatCannotBeWrittenIsAnErrorLine) {
   fs::create_directories(fs::path(cacheFolder()).parent_path());
   std::ofstream(cacheFolder()) << "a file in the way";
-  EXPECT_FALSE(cache_.saveStorebagToDisk("confero", "bytes"));
+  EXPECT_FALSE(cache_.saveStorebagToDisk("confero", cache_.stageEnvelope("confero", "bytes")));
   expectErrors({"saveStorebagToDisk: could not save storebag 'confero' to file '" +
                 fileURLOfPath(cachePath("confero")) + "'. Error is 'Not a directory'"});
 }
@@ -112,9 +148,51 @@ TEST_F(StorebagDiskCacheTest, WithoutAPartMaxAgeADayIsStored) {
   EXPECT_EQ(getDefault("CACHED_confero_max-age"), Value(86400));
 }
 
-TEST_F(StorebagDiskCacheTest, MaxAgeKeepsThirtyTwoBits) {
-  EXPECT_EQ(storedMaxAgeFor("max-age=4294967297"), 1);
-  EXPECT_EQ(storedMaxAgeFor("max-age=2147483648"), INT32_MIN);
+TEST_F(StorebagDiskCacheTest, MaxAgeBeyondThirtyTwoBitsIsTheNearestThatTheyHold) {
+  EXPECT_EQ(storedMaxAgeFor("max-age=2147483647"), INT32_MAX);
+  EXPECT_EQ(storedMaxAgeFor("max-age=2147483648"), INT32_MAX);
+  EXPECT_EQ(storedMaxAgeFor("max-age=4294967297"), INT32_MAX);
+  EXPECT_EQ(storedMaxAgeFor("max-age=99999999999999999999"), INT32_MAX);
+  EXPECT_EQ(storedMaxAgeFor("max-age=-4294967297"), INT32_MIN);
+}
+
+TEST_F(StorebagDiskCacheTest, SeveralCacheControlLinesAreOneList) {
+  saveMetrics({{"Cache-Control", "public"}, {"ETag", "x"}, {"cache-control", "max-age=60"}});
+  EXPECT_EQ(getDefault("CACHED_confero_max-age"), Value(60));
+  saveMetrics({{"Cache-Control", "max-age=7"}, {"Cache-Control", "max-age=60"}});
+  EXPECT_EQ(getDefault("CACHED_confero_max-age"), Value(7));
+}
+
+TEST_F(StorebagDiskCacheTest, MetricsAreSeenTogetherAndOnceTheyAreSaved) {
+  saveMetrics({{"Cache-Control", "max-age=1"}, {"Last-Modified", "former"}});
+  URLResponse response;
+  response.headers = {{"Cache-Control", "max-age=2"}, {"Last-Modified", "latter"}};
+  const auto staged = cache_.stageMetrics("confero", response);
+  EXPECT_EQ(getDefault("CACHED_confero_max-age"), Value(1));
+  EXPECT_EQ(getDefault("CACHED_confero_Last-Modified"), Value("former"));
+  cache_.saveLastLoadedStorebagMetricsWithName("confero", staged);
+  EXPECT_EQ(getDefault("CACHED_confero_max-age"), Value(2));
+  EXPECT_EQ(getDefault("CACHED_confero_Last-Modified"), Value("latter"));
+}
+
+TEST_F(StorebagDiskCacheTest, EnvelopeThatIsNotSavedLeavesNothingBehind) {
+  putInCache("confero", "former");
+  { const auto staged = cache_.stageEnvelope("confero", "latter"); }
+  EXPECT_EQ(cached("confero"), "former");
+  EXPECT_EQ(std::distance(fs::directory_iterator(cacheFolder()), fs::directory_iterator()), 1);
+}
+
+// A power cut may leave neither an empty file nor the former one beside the new metrics.
+TEST_F(StorebagDiskCacheTest, SavedEnvelopeIsSyncedWithItsFolder) {
+  static_cast<void>(cache_.fileLocation("confero"));
+  SyncedItems::reset();
+  {
+    const auto staged = cache_.stageEnvelope("confero", "bytes");
+    EXPECT_EQ(SyncedItems::take(), (std::vector<std::string>{"file of 5 bytes"}));
+    EXPECT_TRUE(cache_.saveStorebagToDisk("confero", staged));
+    EXPECT_EQ(SyncedItems::take(), std::vector<std::string>());  // nobody waits at that moment
+  }
+  EXPECT_EQ(SyncedItems::take(), (std::vector<std::string>{"folder"}));
 }
 
 TEST_F(StorebagDiskCacheTest, LastModifiedIsStoredAsItCame) {

@@ -9,8 +9,12 @@ namespace {
 
 class StorebagVerifierTest : public StorebagTest {
  protected:
-  std::optional<Dictionary> verify(const std::string& envelope, SaveToDisk save = SaveToDisk::kNo) {
-    return verifier_.verifyAndParse("confero", envelope, save);
+  std::optional<Dictionary> verify(const std::string& envelope) {
+    return verifier_.verifyAndParse("confero", envelope);
+  }
+  std::optional<Dictionary> verifyAndSave(const std::string& envelope) {
+    const auto staged = cache_.stageEnvelope("confero", envelope);
+    return verifier_.verifyAndParse("confero", envelope, &staged);
   }
 
   // Exactly one error line, which begins so.
@@ -76,7 +80,7 @@ TEST_F(StorebagVerifierTest, FallbackStorebagIsNoEnvelope) {
 }
 
 TEST_F(StorebagVerifierTest, ForeignSignatureCanNotBeVerified) {
-  EXPECT_EQ(verify(sealed(storebag("1.0"), foreignKey()), SaveToDisk::kYes), std::nullopt);
+  EXPECT_EQ(verifyAndSave(sealed(storebag("1.0"), foreignKey())), std::nullopt);
   expectOneError("fetchStorebagWithName: Signature can not be verified, 0x");
   EXPECT_FALSE(std::filesystem::exists(cachePath("confero")));
 }
@@ -132,7 +136,7 @@ TEST_F(StorebagVerifierTest, WhatIsNoBase64GivesNothingWithoutALine) {
 
 TEST_F(StorebagVerifierTest, VerifiedEnvelopeIsSavedAsItCame) {
   const std::string envelope = sealed(storebag("1.0"));
-  EXPECT_TRUE(verify(envelope, SaveToDisk::kYes));
+  EXPECT_TRUE(verifyAndSave(envelope));
   EXPECT_EQ(cached("confero"), envelope);
   expectDefaultLine("fetchStorebagWithName: storebag 'confero' has been saved to disk cache");
 }
@@ -140,7 +144,7 @@ TEST_F(StorebagVerifierTest, VerifiedEnvelopeIsSavedAsItCame) {
 TEST_F(StorebagVerifierTest, EnvelopeThatCannotBeSavedIsStillGivenOut) {
   std::filesystem::create_directories(std::filesystem::path(cacheFolder()).parent_path());
   std::ofstream(cacheFolder()) << "a file in the way";
-  EXPECT_EQ(verify(sealed(storebag("1.0")), SaveToDisk::kYes), storebag("1.0"));
+  EXPECT_EQ(verifyAndSave(sealed(storebag("1.0"))), storebag("1.0"));
   expectOneError("saveStorebagToDisk: could not save storebag 'confero' to file '");
   EXPECT_FALSE(platform_.log.contains(
       LogLevel::kDefault, "fetchStorebagWithName: storebag 'confero' has been saved to disk cache"));
