@@ -8,7 +8,7 @@ import subprocess
 import threading
 import unittest
 
-from harness import DEADLINE, ScratchTest, binary, raw_connection, run
+from harness import DEADLINE, ScratchTest, binary, raw_connection, run, wait_until
 
 
 class LifetimeTest(ScratchTest):
@@ -45,6 +45,20 @@ class LifetimeTest(ScratchTest):
         self.report(client, number=1)
         self.expect_error("main: stopped with 0 connections, 1 transfers,")
         self.assertEqual(self.scratch.daemon.stop(), 0)
+
+    def test_termination_cancels_a_storebag_download(self):
+        self.scratch.publish()
+        self.scratch.server.behaviour["/confero"] = "hang"
+        self.scratch.start()
+        client = subprocess.Popen([binary("zunreportingctl"), "--address", self.scratch.address, "send",
+                                   "--client-name", "tester"], stdin=subprocess.PIPE, stderr=subprocess.PIPE)
+        self.addCleanup(lambda: (client.kill(), client.communicate()))
+        wait_until(lambda: self.scratch.server.requests, "the download has begun")
+        for text in ("Could not fetch storebag for client type", "Unable to fetch storebag for client type",
+                     "fetchStorebagWithName: Signature is missing"):
+            self.expect_error(text)
+        self.assertEqual(self.scratch.daemon.stop(), 0)
+        self.assertTrue(self.scratch.daemon.has_line("sendSynchronousRequest error the request was cancelled"))
 
     def test_second_termination_signal_ends_the_process_at_once(self):
         self.scratch.publish()

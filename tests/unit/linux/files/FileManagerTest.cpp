@@ -305,5 +305,32 @@ TEST(FileURLTest, AcceptsTheFormsOfAFileURLAndNothingElse) {
   }
 }
 
+TEST_F(FileManagerTest, StagedFileIsSeenOnceItIsPublishedAndElseNever) {
+  ASSERT_EQ(files_.writeFileAtomically(at("file"), "former"), std::nullopt);
+  {
+    const auto staged = files_.stageFile(at("file"), "latter", Durability::kSynced);
+    ASSERT_TRUE(staged);
+    EXPECT_EQ(contentOf("file"), "former");
+    EXPECT_EQ((*staged)->publish(), std::nullopt);
+    EXPECT_EQ(contentOf("file"), "latter");
+  }
+  EXPECT_EQ(contentOf("file"), "latter");
+  { ASSERT_TRUE(files_.stageFile(at("file"), "dropped")); }
+  EXPECT_EQ(contentOf("file"), "latter");
+  const auto names = files_.listDirectory(scratch_.path());
+  ASSERT_TRUE(names);
+  EXPECT_THAT(*names, ElementsAre("file"));
+  EXPECT_FALSE(files_.stageFile(at("missing/file"), "x"));
+}
+
+TEST_F(FileManagerTest, ModificationDateIsSetToTheMicrosecond) {
+  ASSERT_EQ(files_.writeFileAtomically(at("file"), "x"), std::nullopt);
+  for (const double date : {1'700'000'000.123456, 1'700'000'000.0, 1'700'000'000.999999}) {
+    EXPECT_EQ(files_.setModificationDate(at("file"), Date{date}), std::nullopt);
+    EXPECT_EQ(files_.attributes(at("file"))->modificationDate, Date{date});
+  }
+  EXPECT_EQ(files_.setModificationDate(at("missing"), Date{1})->code, ENOENT);
+}
+
 }  // namespace
 }  // namespace zun

@@ -288,5 +288,38 @@ TEST_F(UserDefaultsTest, ThreadsMayReadWhileOthersWrite) {
   for (int i = 0; i < 2 * kKeys; ++i) EXPECT_EQ(defaults_.objectForKey(kSuite, std::to_string(i)), Value(i));
 }
 
+TEST_F(UserDefaultsTest, StagedObjectsAreSeenTogetherOnceTheyArePublished) {
+  defaults_.setObject(kSuite, "first", 1);
+  defaults_.setObject(kSuite, "third", 3);
+  {
+    const auto staged = defaults_.stageObjects(kSuite, {{"first", 10}, {"second", 20}, {"third", Value()}});
+    ASSERT_NE(staged, nullptr);
+    EXPECT_EQ(defaults_.objectForKey(kSuite, "first"), Value(1));
+    EXPECT_EQ(defaults_.objectForKey(kSuite, "third"), Value(3));
+    staged->publish();
+    EXPECT_EQ(defaults_.objectForKey(kSuite, "first"), Value(10));
+    EXPECT_EQ(defaults_.objectForKey(kSuite, "second"), Value(20));
+    EXPECT_TRUE(defaults_.objectForKey(kSuite, "third").isNone());
+  }
+  { ASSERT_NE(defaults_.stageObjects(kSuite, {{"first", 100}}), nullptr); }
+  EXPECT_EQ(defaults_.objectForKey(kSuite, "first"), Value(10));
+  EXPECT_EQ(defaults_.stageObjects(kSuite, {{"third", Value()}}), nullptr);  // nothing changes
+}
+
+// Else the other one's change would be lost.
+TEST_F(UserDefaultsTest, OtherWritersWaitForAStagedChange) {
+  FileUserDefaults other(files_, log_, std::chrono::milliseconds(0));
+  auto staged = defaults_.stageObjects(kSuite, {{"first", 1}});
+  other.setObject(kSuite, "second", 2);
+  EXPECT_THAT(log_.takeErrors(), ::testing::SizeIs(1));
+  staged->publish();
+  other.setObject(kSuite, "second", 2);
+  EXPECT_THAT(log_.takeErrors(), ::testing::SizeIs(1));
+  staged.reset();
+  other.setObject(kSuite, "second", 2);
+  EXPECT_EQ(defaults_.objectForKey(kSuite, "first"), Value(1));
+  EXPECT_EQ(defaults_.objectForKey(kSuite, "second"), Value(2));
+}
+
 }  // namespace
 }  // namespace zun
