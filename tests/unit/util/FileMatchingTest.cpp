@@ -43,6 +43,16 @@ TEST_F(FileMatchingTest, LetterCaseCountsWhereItIsSaidTo) {
   EXPECT_FALSE(exists("A.ZUNDIAG"));
 }
 
+TEST_F(FileMatchingTest, ExpressionsAreExtendedOnes) {
+  add("old");
+  add("new");
+  add("(old|new)");
+  deleteMatchingItems(platform_.files, "^(old|new)$", LetterCase::kSignificant, folder_);
+  EXPECT_FALSE(exists("old"));
+  EXPECT_FALSE(exists("new"));
+  EXPECT_TRUE(exists("(old|new)"));
+}
+
 TEST_F(FileMatchingTest, PathIsRelativeToTheFolder) {
   add("x");
   deleteMatchingItems(platform_.files, "folder", LetterCase::kSignificant, folder_);

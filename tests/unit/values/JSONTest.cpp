@@ -131,6 +131,7 @@ TEST(JSONReaderTest, NumbersAreSignedUnsignedOrReal) {
 
 TEST(JSONReaderTest, NullIsNoneAndLeftOutOfDictionaries) {
   EXPECT_TRUE(parseJSON("null")->isNone());
+  EXPECT_EQ(*parseJSON(R"({"a":1,"a":null,"b":null})"), (Dictionary{{"a", 1}}));  // null is no entry
   const auto read = parseJSON(R"({"a":null,"b":[null,1],"c":1,"c":null})");
   ASSERT_TRUE(read);
   EXPECT_FALSE(read->dictionary()->contains("a"));

@@ -184,6 +184,18 @@ TEST(KeyedArchiverTest, SharedObjectsCountAsOftenAsTheyAreReferredTo) {
   const Array objects{std::string(1000, 'x'), indices};
   EXPECT_TRUE(read(archiveOf(objects, 1), {.maximumExpandedBytes = 100'000}));
   EXPECT_EQ(failureOf(archiveOf(objects, 1), {.maximumExpandedBytes = 99'999}), "too large when written out");
+
+  Array tenTimes;
+  for (int i = 0; i < 10; ++i) tenTimes.append(1);
+  const Array nested{std::string("x"), indices, tenTimes};
+  EXPECT_TRUE(read(archiveOf(nested, 2), {.maximumValues = 1011}));
+  EXPECT_EQ(failureOf(archiveOf(nested, 2), {.maximumValues = 1010}), "too many values");
+
+  Array entries;
+  for (int i = 0; i < 10; ++i) entries.append(2);
+  const Array keyed{std::string(1000, 'k'), "v", dictionaryObject({0}, {1}), entries};
+  EXPECT_TRUE(read(archiveOf(keyed, 3), {.maximumExpandedBytes = 10'010}));
+  EXPECT_EQ(failureOf(archiveOf(keyed, 3), {.maximumExpandedBytes = 10'009}), "too large when written out");
 }
 
 TEST(KeyedArchiverTest, DepthOfWhatIsReadIsBounded) {

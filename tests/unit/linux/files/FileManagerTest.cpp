@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -257,7 +258,12 @@ TEST_F(FileManagerTest, AttributesTellSizeAndTimes) {
   struct stat status {};
   ASSERT_EQ(::stat(path.c_str(), &status), 0);
   EXPECT_NEAR(attributes->modificationDate.secondsSince1970, static_cast<double>(status.st_mtim.tv_sec), 1);
-  EXPECT_TRUE(attributes->creationDate);
+  struct statx born {};
+  ASSERT_EQ(::statx(AT_FDCWD, path.c_str(), 0, STATX_BTIME, &born), 0);
+  const bool hasBirthTime = (born.stx_mask & STATX_BTIME) != 0;
+  ASSERT_TRUE(attributes->creationDate);
+  EXPECT_NEAR(attributes->creationDate->secondsSince1970,
+              static_cast<double>(hasBirthTime ? born.stx_btime.tv_sec : status.st_mtim.tv_sec), 1);
   EXPECT_EQ(files_.attributes(at("missing")), std::nullopt);
 }
 

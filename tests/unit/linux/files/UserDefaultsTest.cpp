@@ -167,6 +167,11 @@ TEST_F(UserDefaultsTest, WhateverStandsInTheFilesPlaceCountsAsCorrupt) {
   EXPECT_EQ(log_.takeErrors().size(), 1u);
 }
 
+TEST_F(UserDefaultsTest, SuiteThatBeginsWithADotHasNoHiddenFile) {
+  defaults_.setObject(".suite", "a", 1);
+  EXPECT_TRUE(exists(pathOf("%2Esuite")));
+}
+
 TEST_F(UserDefaultsTest, UnwritableFolderIsAnErrorLineAndTheValueIsLost) {
   ASSERT_EQ(files_.createDirectories(files_.resolve("~/Library")), std::nullopt);
   ASSERT_EQ(files_.createFile(files_.resolve("~/Library/Preferences"), "a file"), std::nullopt);

@@ -1,5 +1,6 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
+#include <openssl/err.h>
 
 #include <thread>
 #include <vector>
@@ -133,6 +134,7 @@ TEST(RSATest, AnyChangeFailsVerification) {
 TEST(RSATest, WhatIsNoRSAPublicKeyIsNone) {
   EXPECT_FALSE(RSAPublicKey::fromDER(""));
   EXPECT_FALSE(RSAPublicKey::fromDER("garbage"));
+  EXPECT_EQ(ERR_peek_error(), 0U) << "left for whoever uses this thread next";
   EXPECT_FALSE(RSAPublicKey::fromDER(kRSAPublicKey + "x")) << "bytes behind the key";
   EXPECT_FALSE(RSAPublicKey::fromDER(kSubjectPublicKeyInfo + "x")) << "bytes behind the key";
   EXPECT_FALSE(RSAPublicKey::fromDER(kEllipticCurveKey));

@@ -77,9 +77,9 @@ TEST_F(DevicePropertiesTest, VersionsComeFromOSRelease) {
   write("/usr/lib/os-release", "VERSION_ID=\"11\"\n");
   EXPECT_EQ(device_.property("ProductVersion"), "11");
   write("/etc/os-release",
-        "# VERSION_ID=0\nNAME=\"X\"\nVERSION_ID=\"12 \\\"b\\\"\"\r\nBUILD_ID='2024.1'\nVERSION_ID=13\n");
+        "# VERSION_ID=0\nNAME=\"X\"\nVERSION_ID=\"12 \\\"b\\\"\"\r\nBUILD_ID='2024\\1'\nVERSION_ID=13\n");
   EXPECT_EQ(device_.property("ProductVersion"), "12 \"b\"");
-  EXPECT_EQ(device_.property("BuildVersion"), "2024.1");
+  EXPECT_EQ(device_.property("BuildVersion"), "2024\\1");
   write("/etc/os-release", "BUILD_ID=\"\"\nVERSION_IDENTIFIER=3\nVERSION_ID=");
   EXPECT_EQ(device_.property("ProductVersion"), std::nullopt);
   utsname system{};

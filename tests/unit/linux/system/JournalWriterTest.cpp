@@ -87,6 +87,27 @@ TEST_F(JournalWriterTest, LossesAreToldAtTheEndToo) {
   EXPECT_EQ(journal.receive()["MESSAGE"], "log: 1 entries were dropped while the journal did not read");
 }
 
+TEST_F(JournalWriterTest, LossIsToldOnceBeforeWhatCameAfterIt) {
+  JournalStandIn journal(path_);
+  JournalWriter writer(path_);
+  writer.write(std::string(JournalWriter::kMaximumWaitingBytes + 1, 'x'));
+  for (const char* const message : {"one", "two"}) writer.write(entryOf(message));
+  EXPECT_EQ(journal.receive()["MESSAGE"], "log: 1 entries were dropped while the journal did not read");
+  EXPECT_EQ(journal.receive()["MESSAGE"], "one");
+  EXPECT_EQ(journal.receive()["MESSAGE"], "two");
+}
+
+TEST_F(JournalWriterTest, OnlyWhatWaitsIsBounded) {
+  JournalStandIn journal(path_);
+  JournalWriter writer(path_, std::chrono::hours(1));
+  const std::string message(100'000, 'x');
+  for (size_t written = 0; written < 3 * JournalWriter::kMaximumWaitingBytes; written += message.size()) {
+    writer.write(entryOf(message));
+    EXPECT_EQ(journal.receive()["MESSAGE"], message);
+    writer.writeOut();
+  }
+}
+
 TEST_F(JournalWriterTest, EndWaitsNoLongerThanItsPatienceForAJournalThatDoesNotRead) {
   const JournalStandIn journal(path_);
   JournalWriter writer(path_, 1ms);
