@@ -170,13 +170,12 @@ std::optional<std::string> HTTPSPostBackend::flushMessagesWithCompletion(FlushCo
 }
 
 HTTPSPostBackend::TakenBatch HTTPSPostBackend::takeBatch() {
-  TakenBatch taken;
-  taken.state = state_;
-  if (!batchedEvents_ || state_ != ZunBackendStateEnabled) taken.obstacle = FlushObstacle::kNothingToFlush;
+  TakenBatch taken{FlushObstacle::kNothingToFlush, state_, {}, 0};
   if (!batchedEvents_) return taken;
-  if (state_ == ZunBackendStateEnabled && requireUserInfo_ && !userInfoDict_) {
-    taken.obstacle = FlushObstacle::kUserInfoMissing;
-    return taken;
+  if (state_ == ZunBackendStateEnabled) {
+    const bool lacksUserInfo = requireUserInfo_ && !userInfoDict_;
+    taken.obstacle = lacksUserInfo ? FlushObstacle::kUserInfoMissing : FlushObstacle::kNone;
+    if (lacksUserInfo) return taken;
   }
   taken.unfilteredRecords = batchedEvents_->unfilteredRecords();
   taken.records = batchedEvents_->takeRecords();

@@ -464,6 +464,7 @@ TEST_F(HTTPSPostBackendConfigurationTest, ListsOfAHundredThousandElementsAreDeci
   }());
   client.set("event_blacklist", many);
   EXPECT_EQ(stateOf(client), ZunBackendStateEnabled);
+  expectErrors({"log: lines of more than 16384 bytes are cut, and end with their length"});
 }
 
 }  // namespace
