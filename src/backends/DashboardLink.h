@@ -110,7 +110,9 @@ class DashboardLink final : public std::enable_shared_from_this<DashboardLink> {
   bool isOutliving_ = false;  // one of those counted
   bool hasEnded_ = false;
   // The services keep these, and they keep this link.
-  std::weak_ptr<TimerSource> timer_;  // none while nothing waits
+  // None while nothing waits: of 1,000 quiet sessions, timers that ran on would wake the
+  // daemon 2,000 times a second, for 10.8 ms of CPU instead of 0.03 (bench/dashboard_bench.cpp).
+  std::weak_ptr<TimerSource> timer_;
   std::weak_ptr<TimerSource> lastResort_;
   std::weak_ptr<ReadSource> readSource_;
 };

@@ -50,11 +50,12 @@ struct ObservedUpload {
   std::string fileBytes;
 };
 
-/// A real URL session; remembers what was to be uploaded.
+/// A real URL session; remembers what was to be uploaded, and that it was to end.
 class ObservedURLSession final : public URLSession {
  public:
-  ObservedURLSession(std::shared_ptr<URLSession> real, std::vector<ObservedUpload>& uploads)
-      : real_(std::move(real)), uploads_(uploads) {}
+  ObservedURLSession(std::shared_ptr<URLSession> real, std::vector<ObservedUpload>& uploads,
+                     int& invalidations)
+      : real_(std::move(real)), uploads_(uploads), invalidations_(invalidations) {}
 
   void setSessionDescription(std::string description) override {
     real_->setSessionDescription(std::move(description));
@@ -70,11 +71,15 @@ class ObservedURLSession final : public URLSession {
         {request.body != nullptr, {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()}});
     return real_->uploadTaskWithRequest(std::move(request), filePath);
   }
-  void finishTasksAndInvalidate() override { real_->finishTasksAndInvalidate(); }
+  void finishTasksAndInvalidate() override {
+    ++invalidations_;
+    real_->finishTasksAndInvalidate();
+  }
 
  private:
   const std::shared_ptr<URLSession> real_;
   std::vector<ObservedUpload>& uploads_;
+  int& invalidations_;
 };
 
 /// The real URL-session service; remembers what it was asked for and what it made.
@@ -88,7 +93,8 @@ class ObservedURLSessions final : public URLSessionService {
     configurations.push_back(configuration);
     delegates.push_back(delegate);
     const auto session = std::make_shared<ObservedURLSession>(
-        real_.makeSession(configuration, std::move(delegate), std::move(delegateQueue)), uploads);
+        real_.makeSession(configuration, std::move(delegate), std::move(delegateQueue)), uploads,
+        invalidations);
     sessions.push_back(session);
     return session;
   }
@@ -97,6 +103,7 @@ class ObservedURLSessions final : public URLSessionService {
   std::vector<std::weak_ptr<URLSessionDelegate>> delegates;
   std::vector<std::weak_ptr<URLSession>> sessions;
   std::vector<ObservedUpload> uploads;
+  int invalidations = 0;
 
  private:
   URLSessionService& real_;

@@ -20,7 +20,12 @@ class LifetimeTest : public ConnectivityTest {
     crank();
   }
   void decrement() {
-    helper_->ownerDecrementUsageCountWithBlock(callback(), ownerQueue_);
+    helper_->ownerDecrementUsageCountWithBlock(
+        [this](int32_t usageCount) {
+          EXPECT_TRUE(ownerQueue_->isCurrent()) << "whoever calls";
+          heard_.push_back(usageCount);
+        },
+        ownerQueue_);
     crank();
   }
   void serve(int sessions) {
@@ -467,6 +472,7 @@ TEST_F(LifetimeTest, HelperDroppedWhileActiveEndsItsURLSessionAndHandsItsReferen
   EXPECT_EQ(handedBack(), References{});  // never on the thread that drops it
   ASSERT_TRUE(crankUntil([&] { return delegate.expired(); }));
   EXPECT_EQ(handedBack(), References{4});
+  EXPECT_EQ(urlSessions_.invalidations, 1);
 }
 
 TEST_F(LifetimeTest, HelperDroppedWithARunningTaskLivesUntilTheTaskHasEnded) {
@@ -494,7 +500,6 @@ TEST_F(LifetimeTest, InvalidatedHelperStaysUntilItsURLSessionHasEndedThoughNobod
   serve(1);
   const std::weak_ptr<Helper> alive = helper_;
   helper_->invalidate();
-  crank();
   helper_.reset();
   ASSERT_TRUE(crankUntil([&] { return alive.expired(); }));
   EXPECT_EQ(countStarting("didBecomeInvalidWithError: session <"), 1);
