@@ -64,6 +64,14 @@ void CorrelatedSessions::becomeIdle(Tokens::iterator token) {
   const int64_t bytes = kBytesPerToken + 2 * static_cast<int64_t>(name.size()) + sharedBytes;
   token->second.idle = {idleOrder_.insert(idleOrder_.end(), name), bytes};
   idleBytes_ += bytes;
+  const bool isBeyond = idleBytes_ > kMaximumIdleBytes;
+  if (isBeyond && !hasToldOfIdleBound_) {
+    log_.error(
+        "updateCorrelatedSessions: "
+        "hierarchyTokens without sessions keep more than {} bytes, the longest idle are given up",
+        kMaximumIdleBytes);
+  }
+  hasToldOfIdleBound_ = isBeyond;
   while (idleBytes_ > kMaximumIdleBytes) {
     const auto longestIdle = tokens_.find(idleOrder_.front());
     becomeBusy(longestIdle->second);

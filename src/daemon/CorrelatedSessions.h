@@ -108,6 +108,7 @@ class CorrelatedSessions final {
   std::unordered_map<const ReportingdSession*, Place> places_;
   std::list<std::string> idleOrder_;  // the longest idle first
   int64_t idleBytes_ = 0;
+  bool hasToldOfIdleBound_ = false;  // until one becomes idle that there is room for
   uint64_t joins_ = 0;
   std::atomic<size_t> tokenCount_{0};
 };

@@ -463,8 +463,13 @@ TEST_F(SessionHierarchyTest, OfTheTokensWithoutSessionsTheLongestIdleIsGivenUpFi
   for (int number = 30; number < kTokens; ++number) visit(number);
   EXPECT_TRUE(visit(0));
   EXPECT_TRUE(visit(kTokens - 1));
+  const std::string given =
+      "updateCorrelatedSessions: hierarchyTokens without sessions keep more than 33554432 bytes, the longest "
+      "idle are given up";
+  expectErrors({given});
   EXPECT_FALSE(visit(1));
   EXPECT_FALSE(visit(2));
+  expectErrors({given});
 }
 
 // --- the agent's state -----------------------------------------------------------
