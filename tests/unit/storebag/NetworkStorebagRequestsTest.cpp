@@ -176,6 +176,39 @@ TEST_F(NetworkStorebagFetcherTest, LookupThatNeedsAWholeAnswerDoesNotJoinAReques
   gate->open();
 }
 
+TEST_F(NetworkStorebagFetcherTest, RequestForAWholeAnswerServesThoseWhoAskForChanges) {
+  fetcher_ = NetworkStorebagFetcher::create(platform_.services, identity_,
+                                            {.requestTimeout = 60s, .grace = -60s});  // gives up at once
+  TestAnswer held = answerWith(storebag("2.0"));
+  held.gate = std::make_shared<TestGate>();
+  server_.answer("/tessel", held);
+  EXPECT_FALSE(fetch(kTessel).section);
+  expectErrors({notLoaded("tessel"), notFetched(kTessel)});
+  putInCache("tessel", sealed(storebag("1.0")), 100);
+  putFreshness("tessel", 50);
+  EXPECT_EQ(fetch(kTessel).version, "1.0");
+  EXPECT_EQ(countDebugLines("fetchNetworkStorebag: Storebag Server URL: ", ""), 1);
+  held.gate->open();
+  waitForEndOfRequests(1);
+  EXPECT_EQ(fetch(kTessel).version, "2.0");
+}
+
+TEST_F(NetworkStorebagFetcherTest, AnswerThatIsCancelledBeforeItIsKeptIsNotKept) {
+  putInCache("confero", sealed(storebag("1.0")), 100);
+  server_.answer("/confero", answerWith(storebag("2.0")));
+  const std::string path =
+      platform_.files.resolve("~/Library/Preferences/com.vantix.zunreporting.plist.lock");
+  const int held = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
+  ASSERT_EQ(::flock(held, LOCK_EX), 0);
+  EXPECT_EQ(fetch().version, "1.0");
+  waitFor([&path] { return descriptorsOn(path) == 2; });
+  fetcher_->cancelFetches();
+  ::close(held);
+  waitForEndOfRequests(1);
+  EXPECT_EQ(cached("confero"), sealed(storebag("1.0")));
+  EXPECT_TRUE(getDefault("CACHED_confero_max-age").isNone());
+}
+
 TEST_F(NetworkStorebagFetcherTest, ServerThatDripsIsGivenUp) {
   fetcher_ = NetworkStorebagFetcher::create(platform_.services, identity_,
                                             {.requestTimeout = 60s, .wholeTimeout = 200ms});

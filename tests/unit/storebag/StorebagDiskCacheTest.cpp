@@ -109,7 +109,7 @@ TEST_F(StorebagDiskCacheTest, FolderThatCannotBeMadeIsToldWithItsReason) {
   fs::permissions(caches, fs::perms(0555));
   const uid_t user = ::geteuid();
   ASSERT_EQ(user == 0 ? ::seteuid(65534) : 0, 0);  // whom permissions bind
-  EXPECT_FALSE(cache_.saveStorebagToDisk("confero", "bytes"));
+  EXPECT_FALSE(cache_.saveStorebagToDisk("confero", cache_.stageEnvelope("confero", "bytes")));
   ASSERT_EQ(user == 0 ? ::seteuid(0) : 0, 0);
   fs::permissions(caches, fs::perms(0755));
   expectErrors(
