@@ -204,14 +204,17 @@ TEST_F(StorebagCacheTest, VersionOfATypeNeverFetchedIsNoneAndStartsNoFetch) {
 }
 
 TEST_F(StorebagCacheTest, UnchangedCountsAsSuccessAndKeepsTheBag) {
-  fetcher_.answerWith(
-      {bag("1.0", 60), {.section = {}, .maxAgeSeconds = 60, .version = {}, .unchanged = true}});
+  fetcher_.answerWith({bag("1.0", 60),
+                       {.section = {}, .maxAgeSeconds = 60, .version = {}, .unchanged = true},
+                       bag("2.0", 60)});
   EXPECT_EQ(bagOf(kConfero), "1.0");
   clock_.advance(60s);
   EXPECT_EQ(bagOf(kConfero), "1.0");
   clock_.advance(59s);
   EXPECT_EQ(bagOf(kConfero), "1.0");
   EXPECT_EQ(fetcher_.calls(), 2u);
+  clock_.advance(1s);
+  EXPECT_EQ(bagOf(kConfero), "2.0");  // a failure would be cooling
 }
 
 TEST_F(StorebagCacheTest, ABagWithoutAVersionRemovesTheFormerVersion) {
