@@ -86,7 +86,7 @@ class Client:
         return self.call("sendMessageWithDictionary", "(a{sv})", message)
 
     def wait_for(self, count):
-        wait_until(lambda: len(self.received) >= count, f"{count} copies, got {self.received}")
+        wait_until(lambda: len(self.received) >= count, f"{count} copies")
         return self.received
 
     def close(self):

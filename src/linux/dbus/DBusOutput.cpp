@@ -138,11 +138,13 @@ std::optional<std::string> DBusOutput::sendCall(const DBusHeader& call, std::str
   std::optional<std::string> failure;
   enqueue([&]() NO_THREAD_SAFETY_ANALYSIS {
     const size_t before = buffer_.size();
+    // One more than the limit: whoever is read up to it can have copies of what he sends.
+    const bool isFull = queuedInCommon() > limits_.highWaterBytes;
     DBusHeader header = call;
     header.serial = nextSerial();
     if (const auto reason = appendDBusMessageOfBody(buffer_, header, body, messageLimits_)) {
       failure = reason->reason;
-    } else if (queuedInCommon() > limits_.highWaterBytes && !makeRoomForLast(before)) {
+    } else if (isFull && !makeRoomForLast(before)) {
       failure = fmt::format("{} does not read what it is sent", peer_);
     }
   });
@@ -158,7 +160,7 @@ bool DBusOutput::makeRoomForLast(size_t begin) {
   buffer_.resize(begin);
   write();
   if (isClosed_) return true;
-  if (queuedInCommon() + last.size() > limits_.highWaterBytes) return false;
+  if (queuedInCommon() > limits_.highWaterBytes) return false;
   buffer_ += last;
   return true;
 }
