@@ -133,6 +133,7 @@ bool DashboardLink::processSocketRead() {
   std::erase_if(messageQueue_, [number = *eventNumber](const UDPPacketToSend& packet) {
     return packet.eventNumber == number;
   });
+  if (messageQueue_.empty()) stopBeingAwaited();
   return true;
 }
 
@@ -177,6 +178,7 @@ void DashboardLink::cleanup() {
     const bool isLookedAfter = !self->messageQueue_.empty() && !self->timer_.expired();
     if (isLookedAfter && self->mayOutliveBackend()) {
       self->cleanupState_ = CleanupState::kRequested;
+      if (!std::exchange(self->isAwaited_, true)) ++awaited_;
     } else {
       self->cleanupSources();
     }
@@ -200,7 +202,12 @@ bool DashboardLink::mayOutliveBackend() {
 }
 
 void DashboardLink::stopOutliving() {
+  stopBeingAwaited();
   if (std::exchange(isOutliving_, false)) --outliving_;
+}
+
+void DashboardLink::stopBeingAwaited() {
+  if (std::exchange(isAwaited_, false)) --awaited_;
 }
 
 void DashboardLink::cleanUpIfRequested() {

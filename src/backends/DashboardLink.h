@@ -55,8 +55,9 @@ class DashboardLink final : public std::enable_shared_from_this<DashboardLink> {
   DashboardLink& operator=(const DashboardLink&) = delete;
   ~DashboardLink();
 
-  /// Links of this process that have outlived their backends: their packets still wait.
-  [[nodiscard]] static size_t outlivingCount() { return outliving_; }
+  /// Links of this process that have outlived their backends and whose packets still wait.
+  /// One whose last packet was acknowledged holds its socket until the next tick, unawaited.
+  [[nodiscard]] static size_t awaitedCount() { return awaited_; }
 
   [[nodiscard]] bool isReliable() const { return reliableUDP_; }
 
@@ -88,12 +89,14 @@ class DashboardLink final : public std::enable_shared_from_this<DashboardLink> {
   void retransmitIfDue(UDPPacketToSend& packet);
   [[nodiscard]] bool mayOutliveBackend();
   void stopOutliving();
+  void stopBeingAwaited();
   void cleanUpIfRequested();
   void scheduleLastResort();
   void cleanupSources();
   [[nodiscard]] bool sendWhole(std::span<const std::byte> datagram);
 
   inline static std::atomic<size_t> outliving_{0};
+  inline static std::atomic<size_t> awaited_{0};
   inline static std::atomic<bool> hasToldOfOverflow_{false};  // until there is room again
 
   const PlatformServices& platform_;
@@ -108,6 +111,7 @@ class DashboardLink final : public std::enable_shared_from_this<DashboardLink> {
   std::vector<UDPPacketToSend> messageQueue_;  // oldest first
   CleanupState cleanupState_ = CleanupState::kNone;
   bool isOutliving_ = false;  // one of those counted
+  bool isAwaited_ = false;    // likewise
   bool hasEnded_ = false;
   // The services keep these, and they keep this link.
   // None while nothing waits: of 1,000 quiet sessions, timers that ran on would wake the

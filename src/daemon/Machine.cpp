@@ -51,7 +51,7 @@ DaemonActivity Machine::activity() {
           .jobsTaken = workers.jobsTaken,
           .jobsUnfinished = workers.jobsUnfinished,
           .transfersInFlight = urlSessions_.transfersInFlight(),
-          .dashboards = DashboardLink::outlivingCount()};
+          .dashboards = DashboardLink::awaitedCount()};
 }
 
 // The worker that hands `action` over may do so when whoever asked has gone: the loop has

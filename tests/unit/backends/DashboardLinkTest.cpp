@@ -198,9 +198,29 @@ TEST_F(DashboardLinkTest, NothingRunsOnAfterTheEnd) {
       runNextJobs();
       if (HasFatalFailure()) return;
     }
-    EXPECT_EQ(DashboardLink::outlivingCount(), 0U);
+    EXPECT_EQ(DashboardLink::awaitedCount(), 0U);
     server_.receiveAllThere();
   }
+}
+
+// Its period may be long, and a daemon that stops has nothing to wait for any more.
+TEST_F(DashboardLinkTest, ALinkIsAwaitedUntilItsLastPacketIsAcknowledgedAndKeptUntilTheNextTick) {
+  auto link = open(/*isReliable=*/true);
+  sendOn(*link, 1);
+  sendOn(*link, 2);
+  const auto packets = server_.receiveAllThere();
+  ASSERT_EQ(packets.size(), 2U);
+  link->cleanup();
+  link->cleanup();
+  executor_.runAll();
+  EXPECT_EQ(DashboardLink::awaitedCount(), 1U);
+  acknowledge(packets[0]);
+  EXPECT_EQ(DashboardLink::awaitedCount(), 1U);
+  acknowledge(packets[1]);
+  EXPECT_EQ(DashboardLink::awaitedCount(), 0U);
+  EXPECT_EQ(platform_.timers.running(), 1U);
+  tick();
+  EXPECT_EQ(platform_.timers.running(), 0U);
 }
 
 TEST_F(DashboardLinkTest, OfWhatCannotBeSentTheLast50AreKept) {
