@@ -233,8 +233,8 @@ void ReportingSessionConnectivityHelper::startConnectivityHelperReleaseTimerWith
   // One that runs already goes on, but nobody waits for it any more.
   if (const auto replaced = std::exchange(releaseTimer_, releaseTimer)) (void)replaced->clear();
   log_.debug(
-      "startConnectivityHelperReleaseTimerWithBlock: started connectivity helper release timer for Wirepath "
-      "with ID <{}>",
+      "startConnectivityHelperReleaseTimerWithBlock: "
+      "started connectivity helper release timer for Wirepath with ID <{}>",
       helperID());
 }
 
@@ -263,8 +263,8 @@ void ReportingSessionConnectivityHelper::releaseTimerFired() {
 void ReportingSessionConnectivityHelper::keepForEver(ReleaseCallback callback,
                                                      const std::shared_ptr<SerialQueue>& queue) {
   log_.debug(
-      "startConnectivityHelperReleaseTimerWithBlock: Special case of dealing with ever-lasting connectivity "
-      "helper {}",
+      "startConnectivityHelperReleaseTimerWithBlock: "
+      "Special case of dealing with ever-lasting connectivity helper {}",
       helperID());
   if (callback) {
     SerialQueue& owner = queue ? *queue : *stateQueue_;
@@ -279,8 +279,8 @@ void ReportingSessionConnectivityHelper::keepForEver(ReleaseCallback callback,
 
 void ReportingSessionConnectivityHelper::stopConnectivityHelperReleaseTimer() {
   log_.debug(
-      "stopConnectivityHelperReleaseTimer: stopping connectivity helper release timer for Wirepath with ID "
-      "<{}>",
+      "stopConnectivityHelperReleaseTimer: "
+      "stopping connectivity helper release timer for Wirepath with ID <{}>",
       helperID());
   if (const auto stopped = std::exchange(releaseTimer_, nullptr)) stopped->cancel(usageCount_->load());
 }

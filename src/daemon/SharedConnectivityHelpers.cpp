@@ -35,9 +35,8 @@ void SharedConnectivityHelpers::Table::share(
   if (!isFull) helpers.emplace(userInfoKey, Shared{helper, 1, 0});
   if (isFull && !hasToldOfOverflow) {
     log.error(
-        "requestSharedConnectivityHelperForReportingSession: {} connectivity helpers are shared already, "
-        "further "
-        "ones are not",
+        "requestSharedConnectivityHelperForReportingSession: "
+        "{} connectivity helpers are shared already, further ones are not",
         helpers.size());
   }
   hasToldOfOverflow = isFull;
@@ -98,9 +97,8 @@ std::shared_ptr<ReportingSessionConnectivityHelper> SharedConnectivityHelpers::c
       table_->share(userInfoKey, helper);
     }
     log.debug(
-        "requestSharedConnectivityHelperForReportingSession: Incrementing usage of shared connectivity "
-        "helper "
-        "for userInfoKey {}",
+        "requestSharedConnectivityHelperForReportingSession: "
+        "Incrementing usage of shared connectivity helper for userInfoKey {}",
         userInfoKey);
     helper->ownerIncrementUsageCount();
     return helper;

@@ -45,9 +45,9 @@ std::optional<Dictionary> StorebagCache::storebagForClientType(int32_t clientTyp
     switch (decide(*entry, clock_.now(), diskDate)) {
       case Decision::kFetchAsDiskIsNewer:
         log_.note(
-            "storebagForSession: Override maxAge as disk cache for storebag '{}' was updated: modification "
-            "time "
-            "'{}' is greater than last fetch time '{}",
+            "storebagForSession: "
+            "Override maxAge as disk cache for storebag '{}' was updated: modification time '{}' "
+            "is greater than last fetch time '{}",
             *name, Value(*diskDate), (*entry)[kFetchTime]);
         break;
       case Decision::kServeFresh:
@@ -55,8 +55,8 @@ std::optional<Dictionary> StorebagCache::storebagForClientType(int32_t clientTyp
         return dataOf(*entry);
       case Decision::kServeWhileCooling:
         log_.note(
-            "storebagForSession: Not fetching storebag for client type {} - must wait {} seconds between "
-            "attempts",
+            "storebagForSession: "
+            "Not fetching storebag for client type {} - must wait {} seconds between attempts",
             clientType, kFetchRetryInterval);
         return dataOf(*entry);
       case Decision::kFetch: break;

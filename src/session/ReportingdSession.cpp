@@ -328,8 +328,8 @@ void ReportingdSession::handBackKeepAliveReference() {
     return;
   }
   log().debug(
-      "ReportingdSession dealloc: release Quorx transaction for session without connectivity helper for "
-      "session {}",
+      "ReportingdSession dealloc: "
+      "release Quorx transaction for session without connectivity helper for session {}",
       sessionID());
   const RecursiveMutexLock lock(delegate_->objectLock());
   delegate_->releaseQuorxTransactions(1);

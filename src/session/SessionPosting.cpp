@@ -42,14 +42,16 @@ std::shared_ptr<ReportingSessionConnectivityHelper> SessionPosting::connectivity
 
 void SessionPosting::activate() {
   const MutexLock lock(mutex_);
-  if (helper_ == nullptr) return;
-  helper_->activate(releaseTimeout_);
-  activated_ = helper_;
+  activateHelper();
 }
 
 void SessionPosting::activateOnce() {
   const MutexLock lock(mutex_);
-  if (helper_ == nullptr || helper_ == activated_.lock()) return;
+  if (helper_ != activated_.lock()) activateHelper();
+}
+
+void SessionPosting::activateHelper() {
+  if (helper_ == nullptr) return;
   helper_->activate(releaseTimeout_);
   activated_ = helper_;
 }

@@ -43,6 +43,8 @@ class SessionPosting final : public BackendObserver {
   void eventsWereLost(EventLoss cause, size_t count) override;
 
  private:
+  void activateHelper() REQUIRES(mutex_);
+
   SystemLog& log_;
   std::atomic<uint32_t> sessionID_{0};
   std::array<std::atomic<size_t>, kEventLossCount> lost_{};

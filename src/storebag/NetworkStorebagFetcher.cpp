@@ -114,8 +114,8 @@ std::optional<Dictionary> NetworkStorebagFetcher::currentSection(const Dictionar
   }
   if (section == nullptr) {
     platform_.log.error(
-        "fetchStorebagForEnvironmentAndClientType: Could not find storebag for client type {} with {} "
-        "environment",
+        "fetchStorebagForEnvironmentAndClientType: "
+        "Could not find storebag for client type {} with {} environment",
         clientType, name.value_or("(null)"));
     return std::nullopt;
   }
@@ -254,8 +254,8 @@ void NetworkStorebagFetcher::receive(const std::string& name, const Download& do
                                      const DownloadEnd& end, const std::optional<URLResponse>& response) {
   if (end.error || !response || response->statusCode != kStatusOK) {
     platform_.log.debug(
-        "fetchNetworkStorebag: storebag '{}' does not need update as its content has not changed on the "
-        "server",
+        "fetchNetworkStorebag: "
+        "storebag '{}' does not need update as its content has not changed on the server",
         name);
     return;
   }

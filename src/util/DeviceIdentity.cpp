@@ -91,9 +91,8 @@ bool DeviceIdentity::mayStoreUnder(std::string_view key) const {
       platform_.defaults.countOfKeys(kReportingSuite, kCustomIdentifierPrefix) < kMaximumCustomIdentifiers;
   if (!hasRoom && !hasToldOfBound_.exchange(true)) {
     platform_.log.error(
-        "getPersistentIdentifierForCustomClientIDSuffix: Not storing identifiers beyond {} of them or {} "
-        "bytes "
-        "of key",
+        "getPersistentIdentifierForCustomClientIDSuffix: "
+        "Not storing identifiers beyond {} of them or {} bytes of key",
         kMaximumCustomIdentifiers, kMaximumKeyBytes);
   }
   return hasRoom;
