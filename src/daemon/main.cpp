@@ -12,8 +12,8 @@
 #include <variant>
 
 #include "connectivity/ReportingSessionConnectivityHelper.h"
-#include "connectivity/StorageContainers.h"
 #include "daemon/DaemonOptions.h"
+#include "daemon/Intake.h"
 #include "daemon/Lifetime.h"
 #include "daemon/Machine.h"
 #include "daemon/ReportingdAgent.h"
@@ -82,11 +82,11 @@ int runDaemon(const DaemonOptions& options, EventLoop& loop, SystemLog& log) {
   runOn(maker, [&] { machine.emplace(options, loop, log); });
   const ReportingServices& services = machine->services();
   const PlatformServices& platform = services.platform;
-  StorageContainers(platform).cleanupStorageRootFolder(ReportingSessionConnectivityHelper::POSTRequestMode());
-
   const auto fetcher = NetworkStorebagFetcher::create(platform, services.identity);
   EntitlementStore entitlements(platform.files.resolve("/etc/zunreportingd/entitlements.d"), log);
-  auto listener = makeListener(options, platform, entitlements, maker);
+  auto listener =
+      openIntake(StorageContainers(platform), ReportingSessionConnectivityHelper::POSTRequestMode(),
+                 [&] { return makeListener(options, platform, entitlements, maker); });
   if (!listener) {
     log.error("main: {}", listener.error().description);
     return kExitCannotStart;

@@ -284,7 +284,7 @@ size_t Value::allocationSize() const {
 }
 
 bool operator==(const Value& left, const Value& right) {
-  if (left.isNumber() && right.isNumber()) {
+  if (left.isNumber() && right.isNumber() && left.isBoolean() == right.isBoolean()) {
     if (left.isReal() || right.isReal()) return left.doubleValue() == right.doubleValue();
     return left.intValue() == right.intValue() && left.isAboveInt64() == right.isAboveInt64();
   }

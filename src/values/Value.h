@@ -220,7 +220,8 @@ class Value final {
   /// Size of the heap block as the allocator counts it; 0 for a value held inline.
   [[nodiscard]] size_t allocationSize() const;
 
-  /// Same kind and content; an integer equals a real of the same number.
+  /// Same kind and content; an integer equals a real of the same number, a boolean
+  /// never one: what receives posts tells them apart.
   friend bool operator==(const Value& left, const Value& right);
 
   /// The value that stands for none.

@@ -519,7 +519,10 @@ TEST(DictionaryTest, AgreesWithAPlainListUnderAnySequenceOfChanges) {
 
 TEST(ValueTest, EqualMeansSameKindAndContent) {
   EXPECT_EQ(Value(1), Value(1.0));
-  EXPECT_EQ(Value(true), Value(1));
+  EXPECT_EQ(Value(true), Value(true));
+  EXPECT_NE(Value(true), Value(false));
+  EXPECT_NE(Value(true), Value(1));
+  EXPECT_NE(Value(0.0), Value(false));
   EXPECT_NE(Value(1), Value("1"));
   EXPECT_NE(Value("a"), Value::data("a"));
   EXPECT_NE(Value(Date{1}), Value(1));
