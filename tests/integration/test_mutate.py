@@ -1,13 +1,27 @@
 """Which faults scripts/mutate plants, and where it plants none."""
 
+import importlib.machinery
+import importlib.util
 import pathlib
 import subprocess
 import sys
+import tempfile
 import unittest
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT / "scripts" / "lib"))
+sys.dont_write_bytecode = True
 from faults import faults_of  # noqa: E402
+
+
+def load_script():
+    loader = importlib.machinery.SourceFileLoader("mutate", str(ROOT / "scripts" / "mutate"))
+    module = importlib.util.module_from_spec(importlib.util.spec_from_loader("mutate", loader))
+    loader.exec_module(module)
+    return module
+
+
+mutate = load_script()
 
 
 def mutants(source):
@@ -45,6 +59,13 @@ class FaultsTest(unittest.TestCase):
         self.assert_faults("  g(a);\n  h(b);", ("statement left out", "  ;\n  h(b);"),
                            ("statement left out", "  g(a);\n  ;"), ("calls swapped", "  h(b);\n  g(a);"))
 
+    def test_two_assignments_are_not_swapped(self):
+        self.assert_faults("  a = g(b);\n  b = h(a);", ("statement left out", "  ;\n  b = h(a);"),
+                           ("statement left out", "  a = g(b);\n  ;"))
+
+    def test_an_assignment_and_a_call_are_swapped(self):
+        self.assertIn(("calls swapped", inside("  h(a);\n  a = b;")), mutants(inside("  a = b;\n  h(a);")))
+
     def test_a_constant_is_changed(self):
         self.assert_faults("  return 49;", ("constant", "  return 50;"))
         self.assert_faults("  return true;", ("constant", "  return false;"))
@@ -60,6 +81,64 @@ class FaultsTest(unittest.TestCase):
         source = ('#include "a < b.h"\nclass A {\n  A();\n  void f(int a);\n  // if (a < b) return 1;\n};\n'
                   'void g() {\n  const std::string text = "a < b && 1";\n  std::lock_guard<std::mutex> lock(mutex);\n}\n')
         self.assertEqual(mutants(source), set())
+
+
+class PlantingWorker(mutate.Worker):
+    """Builds and runs nothing: tells what it was asked for, and fails at what it is told to."""
+
+    def __init__(self, tree, not_built=None, failing=None, integration=False):
+        self.tree, self.not_built, self.failing, self.integration = pathlib.Path(tree), not_built, failing, integration
+        self.runs_as_before = dict.fromkeys(["session_tests", "daemon_tests", "integration"], 1.0)
+        self.asked, self.planted = [], set()
+
+    def compiles(self, program, jobs=1):
+        self.planted.add((self.tree / NAME).read_text())
+        return program != self.not_built
+
+    def passes(self, program, seconds, output=None):
+        self.asked.append((program, seconds))
+        return program != self.failing
+
+
+NAME = "src/session/A.cpp"
+SOURCE = inside("  return 49;")
+
+
+class VerdictTest(unittest.TestCase):
+    def setUp(self):
+        self.folder = tempfile.TemporaryDirectory()
+        self.addCleanup(self.folder.cleanup)
+        (pathlib.Path(self.folder.name) / NAME).parent.mkdir(parents=True)
+
+    def verdict(self, **told):
+        self.worker = PlantingWorker(self.folder.name, **told)
+        (fault,) = faults_of(SOURCE)
+        found = self.worker.verdict(NAME, fault, SOURCE)
+        self.assertEqual(self.worker.planted, {inside("  return 50;")})
+        self.assertEqual((self.worker.tree / NAME).read_text(), SOURCE, "the fault is taken out again")
+        return found
+
+    def test_what_no_program_notices_survives(self):
+        self.assertEqual(self.verdict(), "survived")
+        self.assertEqual([program for program, _ in self.worker.asked], ["session_tests", "daemon_tests"])
+
+    def test_the_first_program_that_fails_has_killed_it_and_ends_the_search(self):
+        self.assertEqual(self.verdict(failing="session_tests"), "killed by session_tests")
+        self.assertEqual(self.worker.asked, [("session_tests", 25)])
+
+    def test_a_program_that_does_not_build_has_killed_nothing_wherever_it_stands(self):
+        self.assertEqual(self.verdict(not_built="session_tests"), "does not compile")
+        self.assertEqual(self.verdict(not_built="daemon_tests"), "does not compile")
+
+    def test_the_whole_daemon_is_asked_last_and_only_when_told(self):
+        self.assertEqual(self.verdict(failing="integration"), "survived")
+        self.assertEqual(self.verdict(failing="integration", integration=True), "killed by integration")
+
+    def test_a_main_is_in_no_test_program(self):
+        self.assertEqual(mutate.programs_for("src/daemon/main.cpp"), ["integration"])
+
+    def test_a_program_that_does_not_end_is_ended(self):
+        self.assertIsNone(mutate.run(["sleep", "600"], 0.1))
 
 
 class MutateTest(unittest.TestCase):
