@@ -101,7 +101,10 @@ bool DBusOutput::hasRoomForLast(size_t bytes, bool canBeShorter) {
   if (bytes <= messageLimits_.maximumMessageBytes) {
     return !canBeShorter || queuedInCommon() <= limits_.maximumBytes;
   }
-  return queued() - bytes <= limits_.highWaterBytes && largeReplies_.grow(bytes);
+  if (queued() - bytes > limits_.highWaterBytes || !largeReply_.grow(bytes)) return false;
+  largeReply_.shrink(largeReply_.bytes() - bytes);  // the little that is left of another
+  largeEnd_ = buffer_.size();
+  return true;
 }
 
 void DBusOutput::appendError(uint32_t replySerial, std::string_view name, std::string_view text) {
@@ -179,18 +182,19 @@ void DBusOutput::write() {
   if (queued() == 0) {
     buffer_.clear();
     if (buffer_.capacity() > kKeptBufferBytes) buffer_.shrink_to_fit();
-    written_ = 0;
+    forgetWritten();
   } else if (written_ > buffer_.size() / 2) {
     buffer_.erase(0, written_);
-    if (largeReplies_.bytes() > 0) buffer_.shrink_to_fit();
-    written_ = 0;
+    if (largeReply_.bytes() > 0) buffer_.shrink_to_fit();
+    forgetWritten();
   }
-  giveBackWritten();
 }
 
-/// What the buffer no longer holds of large replies is no longer counted.
-void DBusOutput::giveBackWritten() {
-  if (largeReplies_.bytes() > buffer_.size()) largeReplies_.shrink(largeReplies_.bytes() - buffer_.size());
+/// What was written has left the buffer, and no longer counts.
+void DBusOutput::forgetWritten() {
+  largeEnd_ -= std::min(written_, largeEnd_);
+  if (largeReply_.bytes() > largeEnd_) largeReply_.shrink(largeReply_.bytes() - largeEnd_);
+  written_ = 0;
 }
 
 void DBusOutput::flush() {
@@ -200,9 +204,9 @@ void DBusOutput::flush() {
 
 void DBusOutput::dropAll() {
   isClosed_ = true;
+  written_ = buffer_.size();
   buffer_ = std::string();
-  written_ = 0;
-  giveBackWritten();
+  forgetWritten();
 }
 
 size_t DBusOutput::queuedBytes() {

@@ -52,7 +52,7 @@ class DBusOutput final : public std::enable_shared_from_this<DBusOutput> {
         peer_(std::move(peer)),
         socket_(socket),
         wake_(wake),
-        largeReplies_(std::move(largeReplies)) {}
+        largeReply_(std::move(largeReplies)) {}
 
   /// From now on messages of the calling thread wait for `flush`.
   void setConnectionThread() { connectionThread_ = std::this_thread::get_id(); }
@@ -96,13 +96,15 @@ class DBusOutput final : public std::enable_shared_from_this<DBusOutput> {
   bool hasRoomForLast(size_t bytes, bool canBeShorter) REQUIRES(mutex_);
   bool makeRoomForLast(size_t begin) REQUIRES(mutex_);
   void write() REQUIRES(mutex_);
-  void giveBackWritten() REQUIRES(mutex_);
+  void forgetWritten() REQUIRES(mutex_);
   void dropAll() REQUIRES(mutex_);
   uint32_t nextSerial() REQUIRES(mutex_);
   [[nodiscard]] size_t queued() const REQUIRES(mutex_) { return buffer_.size() - written_; }
-  /// What is queued beside large replies.
+  /// What is queued beside the large reply.
   [[nodiscard]] size_t queuedInCommon() const REQUIRES(mutex_) {
-    return std::max(queued(), largeReplies_.bytes()) - largeReplies_.bytes();
+    const size_t behind = buffer_.size() - std::max(written_, largeEnd_);
+    const size_t largeBegin = largeEnd_ - largeReply_.bytes();
+    return behind + std::max(written_, largeBegin) - written_;
   }
   [[nodiscard]] bool isConnectionThread() const { return connectionThread_ == std::this_thread::get_id(); }
 
@@ -120,7 +122,8 @@ class DBusOutput final : public std::enable_shared_from_this<DBusOutput> {
   uint32_t serial_ GUARDED_BY(mutex_) = 0;
   std::string buffer_ GUARDED_BY(mutex_);
   size_t written_ GUARDED_BY(mutex_) = 0;
-  MemoryShare largeReplies_ GUARDED_BY(mutex_);  // at most what the buffer holds
+  MemoryShare largeReply_ GUARDED_BY(mutex_);  // what the buffer holds of the last one
+  size_t largeEnd_ GUARDED_BY(mutex_) = 0;     // where that ends in the buffer
 };
 
 }  // namespace zun

@@ -112,6 +112,9 @@ class DBusReplyTest : public ::testing::Test {
  protected:
   static constexpr size_t kLargeBytes = size_t{2} << 20;  // more than a client's message may have
   static constexpr size_t kLongestText = size_t{32} << 20;
+  static constexpr size_t kHighWaterBytes = DBusOutputLimits().highWaterBytes;
+  static constexpr size_t kTextBytes = 100'000;
+  static constexpr size_t kCallBytes = kTextBytes + 1000;
 
   /// One connection of the user.
   struct Peer {
@@ -138,6 +141,28 @@ class DBusReplyTest : public ::testing::Test {
         if (count > 0) bytes.append(buffer.data(), static_cast<size_t>(count));
       } while (count > 0);
       return textSizes(bytes);
+    }
+    /// Reads this much, and drops it.
+    void read(size_t count) {
+      std::vector<char> buffer(count);
+      while (count > 0) {
+        const ssize_t taken = ::recv(sockets[1], buffer.data(), count, MSG_DONTWAIT);
+        ASSERT_GT(taken, 0);
+        count -= static_cast<size_t>(taken);
+        output->flush();
+      }
+    }
+    std::optional<std::string> call() {
+      DBusHeader header;
+      header.flags = kDBusFlagNoReplyExpected;
+      header.path = "/client";
+      header.member = "call";
+      header.signature = "s";
+      return output->sendCall(header, *encodeDBusBody(header.signature, Array{std::string(kTextBytes, 'x')}));
+    }
+    void callUntilDropped() {
+      while (!call()) {
+      }
     }
     static std::vector<int64_t> textSizes(std::string_view bytes) {
       const DBusLimits limits{.maximumDecodedBytes = size_t{64} << 20};
@@ -235,13 +260,7 @@ TEST_F(DBusReplyTest, LargeReplyIsCountedUntilItHasBeenReadAndNoLonger) {
   Peer peer(*this);
   peer.reply(kLargeBytes);
   EXPECT_LT(budget_->left(), budgetBytes_ - kLargeBytes);
-  std::vector<char> most(kLargeBytes - (size_t{256} << 10));
-  for (size_t taken = 0; taken < most.size();) {
-    const ssize_t count = ::recv(peer.sockets[1], most.data(), most.size() - taken, MSG_DONTWAIT);
-    ASSERT_GT(count, 0);
-    taken += static_cast<size_t>(count);
-    peer.output->flush();
-  }
+  peer.read(kLargeBytes - (size_t{256} << 10));
   EXPECT_GT(budget_->left(), budgetBytes_ - kLargeBytes / 2);
   peer.read();
   EXPECT_EQ(budget_->left(), budgetBytes_);
@@ -303,14 +322,39 @@ TEST_F(DBusReplyTest, TextsThatWouldEndTheConnectionAreLeftOut) {
 TEST_F(DBusReplyTest, CallsOfThePeerAreQueuedBesideALargeReply) {
   Peer peer(*this);
   peer.reply(kLargeBytes);
-  DBusHeader header;
-  header.flags = kDBusFlagNoReplyExpected;
-  header.path = "/client";
-  header.member = "call";
-  header.signature = "s";
-  EXPECT_EQ(
-      peer.output->sendCall(header, *encodeDBusBody(header.signature, Array{std::string(100'000, 'x')})),
-      std::nullopt);
+  EXPECT_EQ(peer.call(), std::nullopt);
+}
+
+TEST_F(DBusReplyTest, CallsBesideALargeReplyGainNoRoomFromWhatHasBeenReadOfIt) {
+  Peer peer(*this);
+  peer.reply(kLongestText);
+  peer.read(size_t{10} << 20);
+  const size_t before = peer.output->queuedBytes();
+  peer.callUntilDropped();
+  EXPECT_GT(peer.output->queuedBytes(), before + kHighWaterBytes / 2);
+  EXPECT_LE(peer.output->queuedBytes(), before + kHighWaterBytes + kCallBytes);
+}
+
+TEST_F(DBusReplyTest, LargeReplyThatHasBeenReadIsNotCountedWhileCallsBehindItWait) {
+  Peer peer(*this);
+  peer.reply(kLargeBytes);
+  peer.callUntilDropped();
+  peer.read(kLargeBytes + kHighWaterBytes / 2);
+  ASSERT_GT(peer.output->queuedBytes(), kCallBytes);
+  EXPECT_EQ(budget_->left(), budgetBytes_);
+  peer.callUntilDropped();
+  EXPECT_LE(peer.output->queuedBytes(), kHighWaterBytes + 2 * kCallBytes);
+}
+
+TEST_F(DBusReplyTest, LargeReplyThatFollowsTheRestOfAnotherIsCountedAlone) {
+  Peer peer(*this);
+  peer.reply(kLargeBytes);
+  peer.read(kLargeBytes * 3 / 4);
+  ASSERT_GT(peer.output->queuedBytes(), 0u);
+  peer.reply(kLargeBytes);
+  EXPECT_GE(budget_->left(), budgetBytes_ - kLargeBytes - 1000);
+  peer.read();
+  EXPECT_EQ(budget_->left(), budgetBytes_);
 }
 
 TEST_F(DBusReplyTest, LargeReplyThatHasNoShorterFormAndNoRoomIsAnError) {
