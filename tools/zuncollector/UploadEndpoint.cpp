@@ -4,8 +4,8 @@
 
 #include <iostream>
 
-#include "GzipReader.h"
 #include "Received.h"
+#include "values/GzipReader.h"
 #include "values/JSONWriter.h"
 
 namespace zun {

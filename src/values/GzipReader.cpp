@@ -1,4 +1,4 @@
-#include "GzipReader.h"
+#include "values/GzipReader.h"
 
 #include <array>
 

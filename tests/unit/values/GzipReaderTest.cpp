@@ -1,4 +1,4 @@
-#include "zuncollector/GzipReader.h"
+#include "values/GzipReader.h"
 
 #include <gtest/gtest.h>
 
