@@ -101,8 +101,10 @@ std::shared_ptr<CurlURLSessionTask> CurlURLSessionTransfer::end() {
   curl_slist_free_all(std::exchange(bodilessHeaders_, nullptr));
   status_ = 0;
   responseHeaders_.clear();
-  headBytes_ = bodyBytes_ = toldBytesSent_ = 0;
+  headBytes_ = bodyBytes_ = decodedBytes_ = toldBytesSent_ = 0;
   isHeadComplete_ = isResponseTold_ = isTooLarge_ = false;
+  problem_.clear();
+  decoder_.reset();
   seenReceived_ = seenSent_ = 0;
   delivery_ = {};
   return std::move(task_);
@@ -147,11 +149,6 @@ void CurlURLSessionTransfer::setRequestOptions() {
   set(CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
   set(CURLOPT_HTTPHEADER, headers_);
   set(CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
-  const bool hasOwnEncoding = std::any_of(request.headers.begin(), request.headers.end(), [](auto& header) {
-    return equalsIgnoringASCIICase(header.first, "Accept-Encoding");
-  });
-  if (!hasOwnEncoding) set(CURLOPT_ACCEPT_ENCODING, "gzip");
-
   if (request.body || request.method == "POST") {
     set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(task_->bodyBytes()));
     set(CURLOPT_POSTFIELDS, request.body ? request.body->data() : "");
@@ -171,8 +168,9 @@ void CurlURLSessionTransfer::setRequestOptions() {
   set(CURLOPT_NOPROGRESS, 0L);
 }
 
-// The request's own headers in their order. libcurl adds Host, the length of the body
-// and what it accepts as encoding; every other header of its own is taken back.
+// The request's own headers in their order, after the coding that is decoded here: libcurl
+// would decode as many as a server cares to name, within one call. It adds Host and the
+// length of the body; every other header of its own is taken back.
 bool CurlURLSessionTransfer::setHeaders() {
   const URLRequest& request = task_->request();
   const bool sendsBody = request.body != nullptr || request.method == "POST";
@@ -180,6 +178,11 @@ bool CurlURLSessionTransfer::setHeaders() {
   bool hasLength = false;
   bool hasType = false;
   bool hasAccept = false;
+  decodes_ = std::none_of(request.headers.begin(), request.headers.end(), [](auto& header) {
+    return equalsIgnoringASCIICase(header.first, "Accept-Encoding");
+  });
+  constexpr const char* kAccepted = "Accept-Encoding: gzip";
+  if (decodes_ && !(append(headers_, kAccepted) && append(bodilessHeaders_, kAccepted))) return false;
   for (const auto& [name, value] : request.headers) {
     if (equalsIgnoringASCIICase(name, "Expect") || equalsIgnoringASCIICase(name, "Transfer-Encoding"))
       continue;
@@ -220,6 +223,8 @@ bool CurlURLSessionTransfer::takeHeaderLine(std::string_view line) {
     beginHead(line);
   } else if (trimmed(line).empty()) {
     isHeadComplete_ = true;
+    problem_ = AnswerDecoder::transferProblem(makeResponse()).value_or("");
+    return problem_.empty();
   } else if (line.front() == ' ' || line.front() == '\t') {
     if (!responseHeaders_.empty()) responseHeaders_.back().second.append(" ").append(trimmed(line));
   } else if (const size_t colon = line.find(':'); colon != std::string_view::npos) {
@@ -257,15 +262,25 @@ size_t CurlURLSessionTransfer::bodyCame(char* bytes, size_t size, size_t count, 
 
 bool CurlURLSessionTransfer::takeBody(std::string_view bytes) {
   noteProgress();
-  if (bodyBytes_ + static_cast<int64_t>(bytes.size()) > options_.maxResponseBytes) {
-    isTooLarge_ = true;
-    return false;
-  }
   if (!isResponseTold_) {
     isResponseTold_ = true;
     delivery_.response = makeResponse();
   }
+  if (!decoder_) decoder_.emplace(makeResponse(), decodes_);
   bodyBytes_ += static_cast<int64_t>(bytes.size());
+  if (bodyBytes_ > options_.maxResponseBytes) {
+    isTooLarge_ = true;
+    return false;
+  }
+  return decoder_->take(bytes, [this](std::string_view decoded) { return takeDecoded(decoded); });
+}
+
+bool CurlURLSessionTransfer::takeDecoded(std::string_view bytes) {
+  decodedBytes_ += static_cast<int64_t>(bytes.size());
+  if (decodedBytes_ > options_.maxResponseBytes) {
+    isTooLarge_ = true;
+    return false;
+  }
   delivery_.data.append(bytes);
   return true;
 }
@@ -303,7 +318,7 @@ URLResponse CurlURLSessionTransfer::makeResponse() const {
 }
 
 CurlDelivery CurlURLSessionTransfer::endWith(CURLcode code) {
-  if (code != CURLE_OK) return endWith(errorFor(code));
+  if (code != CURLE_OK || (decoder_ && !decoder_->isWhole())) return endWith(errorFor(code));
   curl_off_t sent = 0;
   curl_easy_getinfo(handle_, CURLINFO_SIZE_UPLOAD_T, &sent);
   noteBytesSent(sent);
@@ -326,6 +341,8 @@ CurlDelivery CurlURLSessionTransfer::endWith(Error error) {
 Error CurlURLSessionTransfer::errorFor(CURLcode code) const {
   std::string text = message_.front() != '\0' ? message_.data() : curl_easy_strerror(code);
   if (isTooLarge_) return urlError(URLSessionError::kResponseTooLarge, "the answer is too large");
+  const std::string& problem = decoder_ ? decoder_->problem() : problem_;
+  if (!problem.empty()) return urlError(URLSessionError::kBadServerResponse, problem);
   URLSessionError kind = classOf(code);
   if (code == CURLE_UNSUPPORTED_PROTOCOL) {
     // The first URL's scheme was looked at before: this is a redirect, or no HTTP at all.

@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "linux/http/AnswerDecoder.h"
 #include "linux/http/CurlURLSession.h"
 #include "linux/http/CurlURLSessionTask.h"
 
@@ -67,6 +68,7 @@ class CurlURLSessionTransfer final {
   bool takeHeaderLine(std::string_view line);
   void beginHead(std::string_view statusLine);
   bool takeBody(std::string_view bytes);
+  bool takeDecoded(std::string_view bytes);
   [[nodiscard]] URLResponse makeResponse() const;
   [[nodiscard]] Error errorFor(CURLcode code) const;
   void noteProgress() { lastProgress_ = Clock::now(); }
@@ -89,7 +91,11 @@ class CurlURLSessionTransfer final {
   bool isHeadComplete_ = false;
   bool isResponseTold_ = false;
   bool isTooLarge_ = false;
-  int64_t bodyBytes_ = 0;
+  std::string problem_;  // the answer's
+  bool decodes_ = false;
+  std::optional<AnswerDecoder> decoder_;  // once there is a body
+  int64_t bodyBytes_ = 0;                 // as they came
+  int64_t decodedBytes_ = 0;
   int64_t toldBytesSent_ = 0;
   curl_off_t seenReceived_ = 0;
   curl_off_t seenSent_ = 0;

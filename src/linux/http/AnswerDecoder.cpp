@@ -1,0 +1,64 @@
+#include "linux/http/AnswerDecoder.h"
+
+#include <vector>
+
+#include "values/UTF8.h"
+
+namespace zun {
+namespace {
+
+/// The elements of a comma-separated list, without the empty ones.
+std::vector<std::string_view> elements(std::string_view list) {
+  std::vector<std::string_view> found;
+  while (true) {
+    const size_t comma = list.find(',');
+    if (const std::string_view element = trimmed(list.substr(0, comma)); !element.empty())
+      found.push_back(element);
+    if (comma == std::string_view::npos) return found;
+    list.remove_prefix(comma + 1);
+  }
+}
+
+}  // namespace
+
+AnswerDecoder::AnswerDecoder(const URLResponse& response, bool decodes) {
+  if (!decodes) return;
+  const std::string list = response.headerList("Content-Encoding");
+  const std::vector<std::string_view> codings = elements(list);
+  if (codings.empty()) return;
+  if (codings.size() > 1) {
+    problem_ = "the body has several codings: " + list;
+  } else if (equalsIgnoringASCIICase(codings[0], "gzip") || equalsIgnoringASCIICase(codings[0], "x-gzip")) {
+    gzip_.emplace();
+  } else if (!equalsIgnoringASCIICase(codings[0], "identity")) {
+    problem_ = "the body has a coding that was not asked for: " + list;
+  }
+}
+
+bool AnswerDecoder::take(std::string_view bytes, const GzipReader::Sink& sink) {
+  if (!problem_.empty()) return false;
+  if (!gzip_) return sink(bytes);
+  bool isStopped = false;
+  const bool isGood = gzip_->feed(bytes, [&](std::string_view piece) {
+    isStopped = !sink(piece);
+    return !isStopped;
+  });
+  if (!isGood && !isStopped)
+    problem_ = gzip_->isAtTheEnd() ? "bytes follow the body's gzip stream" : "the body is no gzip stream";
+  return isGood;
+}
+
+bool AnswerDecoder::isWhole() {
+  if (!problem_.empty()) return false;
+  if (!gzip_ || gzip_->isAtTheEnd()) return true;
+  problem_ = "the body's gzip stream breaks off";
+  return false;
+}
+
+std::optional<std::string> AnswerDecoder::transferProblem(const URLResponse& response) {
+  const std::string list = response.headerList("Transfer-Encoding");
+  if (list.empty() || equalsIgnoringASCIICase(list, "chunked")) return std::nullopt;
+  return "the answer has a transfer coding that was not asked for: " + list;
+}
+
+}  // namespace zun
