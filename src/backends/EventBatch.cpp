@@ -9,9 +9,8 @@ namespace zun {
 
 EventBatch::Room EventBatch::append(Dictionary record, Filtered filtered) {
   const auto bytes = static_cast<uint32_t>(estimatedObjectSize(Value(record)));
-  if (bytes > kMaximumBytes - bytes_) return Room::kBatchFull;
-  if (!memory_->take(bytes)) return Room::kAllFull;
-  bytes_ += bytes;
+  if (bytes > kMaximumBytes - memory_.bytes()) return Room::kBatchFull;
+  if (!memory_.grow(bytes)) return Room::kShareFull;
   records_.push_back(std::move(record));
   if (filtered == Filtered::kNo) unfilteredRecords_ = records_.size();
   return Room::kTaken;
@@ -29,13 +28,11 @@ size_t EventBatch::setInAllRecords(const Value& key, const Value& value) {
     record.set(key, value);
     const size_t grown = bytes + static_cast<uint32_t>(estimatedObjectSize(Value(record)));
     if (grown > kMaximumBytes) break;
-    if (grown > bytes_ && !memory_->take(grown - bytes_)) break;
-    bytes_ = std::max(bytes_, grown);
+    if (grown > memory_.bytes() && !memory_.grow(grown - memory_.bytes())) break;
     bytes = grown;
     ++kept;
   }
-  memory_->giveBack(bytes_ - bytes);
-  bytes_ = bytes;
+  memory_.shrink(memory_.bytes() - bytes);
   const size_t dropped = records_.size() - kept;
   records_.resize(kept);
   unfilteredRecords_ = std::min(unfilteredRecords_, kept);

@@ -16,8 +16,8 @@ namespace zun {
 ///
 /// Storebags bound a batch by a count per method alone. Methods are the client's to
 /// choose and the count is the operator's, so a batch has a bound of its own, and all
-/// batches together have one, that normal use never meets: what does not fit is dropped
-/// until the batch is posted.
+/// batches together have one, of which each client has its share, that normal use never
+/// meets: what does not fit is dropped until the batch is posted.
 /// Threading: one thread at a time (its backend's state queue).
 /// Ownership: shares the budget of all batches, and gives its part back at its end.
 class EventBatch final {
@@ -25,13 +25,11 @@ class EventBatch final {
   /// Estimated bytes of the records of one batch.
   static constexpr size_t kMaximumBytes = size_t{16} << 20;
 
-  enum class Room { kTaken, kBatchFull, kAllFull };
+  enum class Room { kTaken, kBatchFull, kShareFull };
   enum class Filtered : bool { kNo, kYes };
 
-  explicit EventBatch(std::shared_ptr<MemoryBudget> memory) : memory_(std::move(memory)) {}
-  ~EventBatch() { memory_->giveBack(bytes_); }
-  EventBatch(const EventBatch&) = delete;
-  EventBatch& operator=(const EventBatch&) = delete;
+  explicit EventBatch(std::shared_ptr<MemoryBudget> memory, BudgetHolder holder = {})
+      : memory_(std::move(memory), holder, MemoryShare::kUsualStep) {}
 
   /// Adds a record, if there is room. Those not filtered yet come before all others.
   Room append(Dictionary record, Filtered filtered = Filtered::kYes);
@@ -45,7 +43,7 @@ class EventBatch final {
   size_t setInAllRecords(const Value& key, const Value& value);
 
   /// Estimated bytes of the records as they are now.
-  [[nodiscard]] uint32_t estimatedSize() const { return static_cast<uint32_t>(bytes_); }
+  [[nodiscard]] uint32_t estimatedSize() const { return static_cast<uint32_t>(memory_.bytes()); }
 
   /// How many records, the first ones, are not filtered yet.
   [[nodiscard]] size_t unfilteredRecords() const { return unfilteredRecords_; }
@@ -55,11 +53,10 @@ class EventBatch final {
   [[nodiscard]] bool noteOverflow() { return !std::exchange(overflowNoted_, true); }
 
  private:
-  const std::shared_ptr<MemoryBudget> memory_;
+  MemoryShare memory_;  // what the records take
   std::vector<Dictionary> records_;
   std::unordered_map<int64_t, int32_t> methodCounts_;
   size_t unfilteredRecords_ = 0;
-  size_t bytes_ = 0;  // of the records, as taken from the budget
   bool overflowNoted_ = false;
 };
 

@@ -127,10 +127,11 @@ void HTTPSPostBackend::append(Dictionary record, int64_t method, int32_t count) 
     return found;
   });
   if (!isFirstOverflow) return;
-  const bool isBatchFull = room == EventBatch::Room::kBatchFull;
-  log().error("HTTPSPostBackend(batchEvent): {}: {} of {} bytes is full, dropping events until it is flushed",
-              name_, isBatchFull ? "batch" : "memory of all batches",
-              isBatchFull ? EventBatch::kMaximumBytes : ReportingServices::kBatchMemoryBytes);
+  const std::string full = room == EventBatch::Room::kBatchFull
+                               ? fmt::format("batch of {} bytes", EventBatch::kMaximumBytes)
+                               : "its share of the memory of all batches";
+  log().error("HTTPSPostBackend(batchEvent): {}: {} is full, dropping events until it is flushed", name_,
+              full);
 }
 
 bool HTTPSPostBackend::hasBatch() const {
