@@ -54,7 +54,8 @@ NetworkStorebagFetcher::NetworkStorebagFetcher(const PlatformServices& platform,
       identity_(identity),
       options_(options),
       diskCache_(platform, identity),
-      verifier_(platform, diskCache_) {}
+      serials_(platform.defaults),
+      verifier_(platform, diskCache_, serials_) {}
 
 NetworkStorebagFetcher::~NetworkStorebagFetcher() {
   const RecursiveMutexLock lock(lock_);
@@ -158,12 +159,17 @@ std::optional<Dictionary> NetworkStorebagFetcher::fetchStorebagWithName(std::str
   } else if (isExpired) {
     download(name, urlOf(name), lastModified);  // serves later calls
   }
-  const RecursiveMutexLock lock(lock_);
-  diskCache_.getLastLoadedStorebagMetricsWithName(name, &outcome.maxAgeSeconds, &outcome.unchanged, nullptr);
-  if (outcome.unchanged || !envelope) return std::nullopt;
-  auto storebag = verifier_.verifyAndParse(name, *envelope);
-  if (storebag && !isFromDisk) outcome.fileDate = diskCache_.modificationDateOfStorebagFile(name);
-  if (!storebag && isFromDisk) badFiles_.insert_or_assign(std::string(name), outcome.fileDate);
+  std::optional<Dictionary> storebag;
+  {
+    const RecursiveMutexLock lock(lock_);
+    diskCache_.getLastLoadedStorebagMetricsWithName(name, &outcome.maxAgeSeconds, &outcome.unchanged,
+                                                    nullptr);
+    if (outcome.unchanged || !envelope) return std::nullopt;
+    storebag = verifier_.verifyAndParse(name, *envelope);
+    if (storebag && !isFromDisk) outcome.fileDate = diskCache_.modificationDateOfStorebagFile(name);
+    if (!storebag && isFromDisk) badFiles_.insert_or_assign(std::string(name), outcome.fileDate);
+  }
+  serials_.keep(name);
   return storebag;
 }
 
@@ -215,7 +221,11 @@ std::shared_future<NetworkStorebagFetcher::DownloadEnd> NetworkStorebagFetcher::
       [fetcher = weak_from_this(), name = std::string(name), download](
           std::string body, const std::optional<URLResponse>& response, const std::optional<Error>& error) {
         DownloadEnd end{std::move(body), response ? response->statusCode : 0, error};
-        if (const auto self = fetcher.lock()) self->receive(name, *download, end, response);
+        if (const auto self = fetcher.lock()) {
+          self->receive(name, *download, end, response);
+          // After the file: a kill between the two leaves one that is newer than it must be.
+          self->serials_.keep(name);
+        }
         download->end.set_value(std::move(end));
       });
   return download->ended;

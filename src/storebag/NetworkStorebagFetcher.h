@@ -10,6 +10,7 @@
 
 #include "connectivity/ReportingSessionConnectivityHelper.h"
 #include "platform/Mutex.h"
+#include "storebag/AcceptedSerials.h"
 #include "storebag/StorebagDiskCache.h"
 #include "storebag/StorebagFetcher.h"
 #include "storebag/StorebagVerifier.h"
@@ -96,6 +97,7 @@ class NetworkStorebagFetcher final : public StorebagFetcher,
   const DeviceIdentity& identity_;
   const NetworkStorebagOptions options_;
   const StorebagDiskCache diskCache_;
+  AcceptedSerials serials_;
   const StorebagVerifier verifier_;
   RecursiveMutex lock_;
   std::shared_ptr<ReportingSessionConnectivityHelper> fetchClient_ GUARDED_BY(lock_);

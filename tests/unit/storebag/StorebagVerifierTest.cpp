@@ -25,7 +25,8 @@ class StorebagVerifierTest : public StorebagTest {
   }
 
   StorebagDiskCache cache_{platform_.services, identity_};
-  StorebagVerifier verifier_{platform_.services, cache_};
+  AcceptedSerials serials_{platform_.defaults};
+  StorebagVerifier verifier_{platform_.services, cache_, serials_};
 };
 
 TEST_F(StorebagVerifierTest, SignedEnvelopeGivesItsInnerStorebag) {
@@ -106,6 +107,7 @@ TEST_F(StorebagVerifierTest, EmptySignatureCanNotBeVerified) {
 
 TEST_F(StorebagVerifierTest, MissingOrBrokenKeyGivesNothingWithoutALine) {
   platform_.bundle.resources["publicKey.der"] = "no key";
+  platform_.bundle.resources["publicKey-3.der"] = "no key either";
   EXPECT_EQ(verify(sealed(storebag("1.0"))), std::nullopt);
   platform_.bundle.resources["publicKey.der"] = "";
   EXPECT_EQ(verify(sealed(storebag("1.0"))), std::nullopt);
@@ -120,6 +122,41 @@ TEST_F(StorebagVerifierTest, KeyIsReadAtEveryVerification) {
   EXPECT_FALSE(verify(sealed(storebag("1.0"))));
   expectOneError("fetchStorebagWithName: Signature can not be verified, ");
   EXPECT_TRUE(verify(sealed(storebag("1.0"), foreignKey())));
+}
+
+// So that devices take storebags of the new key before the old one is given up.
+TEST_F(StorebagVerifierTest, AnyOfFourKeysVerifies) {
+  for (const char* const file : {"publicKey-2.der", "publicKey-3.der", "publicKey-4.der"}) {
+    platform_.bundle.resources[file] = foreignKey().publicKeyDER();
+    EXPECT_TRUE(verify(sealed(storebag("1.0"), foreignKey()))) << file;
+    EXPECT_TRUE(verify(sealed(storebag("1.0")))) << file;
+    platform_.bundle.resources.erase(file);
+  }
+  expectErrors({});
+  for (const char* const file : {"publicKey-1.der", "publicKey-5.der", "publicKey-2.pem"}) {
+    platform_.bundle.resources[file] = foreignKey().publicKeyDER();
+    EXPECT_FALSE(verify(sealed(storebag("1.0"), foreignKey()))) << file;
+    expectOneError("fetchStorebagWithName: Signature can not be verified, 0x");
+  }
+}
+
+TEST_F(StorebagVerifierTest, WhatNoneOfSeveralKeysVerifiesIsOneLine) {
+  platform_.bundle.resources["publicKey-2.der"] = signingKey().publicKeyDER();
+  EXPECT_FALSE(verify(sealed(storebag("1.0"), foreignKey())));
+  expectOneError("fetchStorebagWithName: Signature can not be verified, 0x");
+}
+
+TEST_F(StorebagVerifierTest, KeyThatIsMissingOrBrokenDoesNotStopTheOthers) {
+  platform_.bundle.resources["publicKey-2.der"] = "";
+  platform_.bundle.resources["publicKey-4.der"] = foreignKey().publicKeyDER();
+  for (const RSAPrivateKey* const key : {&signingKey(), &foreignKey()}) {
+    EXPECT_TRUE(verify(sealed(storebag("1.0"), *key)));
+    expectErrors({"fetchStorebagWithName: publicKey-2.der is missing or no RSA public key"});
+  }
+  platform_.bundle.resources.erase("publicKey-2.der");
+  platform_.bundle.resources.erase("publicKey.der");
+  EXPECT_TRUE(verify(sealed(storebag("1.0"), foreignKey())));
+  expectErrors({"fetchStorebagWithName: publicKey.der is missing or no RSA public key"});
 }
 
 TEST_F(StorebagVerifierTest, WhatIsNoBase64GivesNothingWithoutALine) {
