@@ -61,7 +61,7 @@ Findings scan(std::string_view text) {
 /// Memory that is there or throws: RapidJSON writes on where its own has no more.
 class CheckingAllocator final {
  public:
-  static constexpr bool kNeedFree = true;
+  [[maybe_unused]] static constexpr bool kNeedFree = true;
 
   static void* Malloc(size_t size) { return size == 0 ? nullptr : checked(std::malloc(size)); }
   static void* Realloc(void* block, size_t /*originalSize*/, size_t size) {
