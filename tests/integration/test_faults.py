@@ -136,6 +136,26 @@ class StorebagFaultsTest(ScratchTest):
         self.scratch.server.files["/tessel"] = plistlib.dumps(parts)
         self.fails_and_recovers([], ["fetchStorebagWithName: Signature can not be verified, "])
 
+    def test_storebag_of_another_name_or_an_older_serial_replaces_nothing(self):
+        cached = self.scratch.path("root/home/tester/Library/Caches/zunreportingd/storebags/tessel")
+        self.scratch.publish("tessel", serial=5)
+        self.scratch.start()
+        self.assertEqual(self.send().returncode, 0)
+        self.expect_error("loadStorebagFromDisk: could not load storebag 'tessel' from file ")
+        with open(cached, "rb") as file:
+            good = file.read()
+        for storebag, line in (({"serial": 4}, "storebag 'tessel' has serial 4, but 5 was accepted before"),
+                               ({"serial": 6, "name": "confero"}, "storebag 'tessel' was signed as 'confero'")):
+            self.scratch.daemon.stop()
+            os.utime(cached, (0, 0))  # to be refreshed
+            self.scratch.publish("tessel", **storebag)
+            self.scratch.start()
+            self.assertEqual(self.send().returncode, 0)  # from disk
+            self.scratch.daemon.wait_for_line(line)
+            self.expect_error(line)
+            with open(cached, "rb") as file:
+                self.assertEqual(file.read(), good)
+
     def test_key_file_missing(self):
         self.scratch.publish("tessel")
         os.rename(self.scratch.path("root/usr/share/zunreportingd/publicKey.der"), self.scratch.path("key"))

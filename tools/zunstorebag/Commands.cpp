@@ -6,6 +6,8 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <ctime>
+#include <filesystem>
 
 #include "FileOutput.h"
 #include "StorebagCheck.h"
@@ -55,6 +57,39 @@ bool report(const std::vector<StorebagFinding>& findings, bool isStrict) {
 std::string sealed(std::string_view bag, std::string_view signature, bool isBinary) {
   const Value envelope = Dictionary{{"signature", base64Encode(signature)}, {"bag", base64Encode(bag)}};
   return isBinary ? serializeBinaryPropertyList(envelope) : serializeXMLPropertyList(envelope);
+}
+
+// The name that devices ask for a file by: its own, where it is served as it is written, or
+// its source's.
+std::string nameOfFiles(const SignOptions& options) {
+  const std::string served = std::filesystem::path(options.output).filename();
+  if (isStorebagName(served)) return served;
+  const std::string source = std::filesystem::path(options.source).stem();
+  return isStorebagName(source) ? source : "";
+}
+
+// With which storebag it is and when it was signed, where its author has written nothing else.
+Value withNameAndSerial(const Value& source, const std::string& name) {
+  if (!source.isDictionary()) return source;
+  Dictionary storebag = *source.dictionary();
+  if (!storebag.contains("name") && !name.empty()) storebag.set("name", name);
+  if (!storebag.contains("serial")) storebag.set("serial", static_cast<int64_t>(std::time(nullptr)));
+  return storebag;
+}
+
+std::optional<StorebagFinding> checkName(const Value& storebag, const std::string& nameOfFile) {
+  const Dictionary* const fields = storebag.dictionary();
+  if (fields == nullptr) return std::nullopt;
+  const Value& name = (*fields)["name"];
+  std::string text;
+  if (name.isNone()) {
+    text = "missing, and no file is named after a storebag: devices take it under any name";
+  } else if (!nameOfFile.empty() && name.stringValue() != nameOfFile) {
+    text = fmt::format("must be \"{}\" where devices ask for that, is \"{}\"", nameOfFile, name);
+  } else {
+    return std::nullopt;
+  }
+  return StorebagFinding{StorebagFinding::Severity::kWarning, "name", std::move(text)};
 }
 
 // The inner storebag of a file that holds an envelope or a plain storebag.
@@ -112,12 +147,16 @@ int runSign(const SignOptions& options) {
   const auto source = parseSource(*bytes);
   if (!source) return fail(kExitInvalid, options.source + ": " + source.error());
   if (isEnvelope(*source)) return fail(kExitInvalid, options.source + " is signed already");
-  const auto storebag = replacePlaceholders(*source, options.definitions);
-  if (!storebag) return fail(kExitInvalid, options.source + ": " + storebag.error());
-  if (!report(checkStorebag(*storebag), options.isStrict)) {
-    return fail(kExitInvalid, options.source + " was not signed");
+  const auto complete = replacePlaceholders(*source, options.definitions);
+  if (!complete) return fail(kExitInvalid, options.source + ": " + complete.error());
+  const std::string name = nameOfFiles(options);
+  const Value storebag = options.isPlain ? *complete : withNameAndSerial(*complete, name);
+  std::vector<StorebagFinding> findings = checkStorebag(storebag);
+  if (const auto finding = options.isPlain ? std::nullopt : checkName(storebag, name)) {
+    findings.push_back(*finding);
   }
-  const std::string bag = serializeBinaryPropertyList(*storebag);
+  if (!report(findings, options.isStrict)) return fail(kExitInvalid, options.source + " was not signed");
+  const std::string bag = serializeBinaryPropertyList(storebag);
   const auto signature = key->signSHA1(bag);
   if (!signature) return fail(kExitUsage, "cannot sign with " + options.key);
   const std::string envelope = sealed(bag, *signature, options.isBinary);
@@ -149,8 +188,12 @@ int runVerify(const VerifyOptions& options) {
   if (!storebag)
     return fail(kExitInvalid, options.envelope + ": signed, but no property list: " + storebag.error());
   if (!report(checkStorebag(*storebag), false)) return kExitInvalid;
-  const auto version = (*storebag->dictionary())["version"].string();
-  fmt::print("{}: the signature verifies, version {}\n", options.envelope, version.value_or("(none)"));
+  const auto told = [fields = storebag->dictionary()](std::string_view field) {
+    const Value& value = (*fields)[field];
+    return value.isNone() ? Value::literal("(none)") : value;
+  };
+  fmt::print("{}: the signature verifies, version {}, name {}, serial {}\n", options.envelope,
+             told("version"), told("name"), told("serial"));
   return kExitOK;
 }
 

@@ -28,6 +28,7 @@ struct SignOptions {
   Definitions definitions;
   bool isBinary = false;
   bool isStrict = false;
+  bool isPlain = false;  // adds neither "name" nor "serial"
 };
 
 struct VerifyOptions {

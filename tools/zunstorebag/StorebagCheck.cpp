@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "platform/SystemLog.h"
+#include "storebag/ClientTypes.h"
 #include "storebag/SharedValues.h"
 #include "zunreporting/Keys.h"
 
@@ -73,6 +74,8 @@ constexpr std::array kUploadServerKeys{
 
 constexpr std::array kTopLevelKeys{
     KnownKey{"version", Kind::kString},
+    KnownKey{"name", Kind::kAny},
+    KnownKey{"serial", Kind::kAny},
     KnownKey{"refresh_cycle", Kind::kNumber},
     KnownKey{"release_timeout", Kind::kNumber},
 };
@@ -212,11 +215,21 @@ class Checker final {
     if (storebag["release"].isNone()) warn("release", "no section: release devices get no storebag");
     for (const auto& [key, value] : storebag) checkTopLevelKey(key.stringValue(), value);
     if (!storebag.contains("version")) warn("version", "missing: nobody can tell storebags apart");
+    checkNameAndSerial(storebag["name"], storebag["serial"]);
     const Value& cycle = storebag["refresh_cycle"];
     if (cycle.isNumber() && (cycle.doubleValue() < 0 || cycle.doubleValue() > 86400)) {
       warn("refresh_cycle", "must be 0 to 86400 seconds: more counts as 86400, less as out of date at once");
     }
     checkSharedValues(storebag["shared_values"]);
+  }
+
+  void checkNameAndSerial(const Value& name, const Value& serial) {
+    if (!name.isNone() && !isStorebagName(name.stringValue())) {
+      error("name", fmt::format("no storebag is named \"{}\": every device refuses it", name));
+    }
+    if (!serial.isNone() && (!serial.isInteger() || serial.isAboveInt64())) {
+      error("serial", "must be an integer: every device refuses it");
+    }
   }
 
   void checkTopLevelKey(std::string_view name, const Value& value) {
@@ -400,6 +413,13 @@ class Checker final {
 
 std::vector<StorebagFinding> checkStorebag(const Value& storebag) {
   return Checker().check(storebag);
+}
+
+bool isStorebagName(std::string_view name) {
+  for (int32_t type = 0; type < kClientTypeCount; ++type) {
+    if (storebagNameForClientType(type) == name) return true;
+  }
+  return false;
 }
 
 }  // namespace zun

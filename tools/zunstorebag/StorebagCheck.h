@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "values/Value.h"
@@ -20,5 +21,8 @@ struct StorebagFinding {
 /// to any daemon, a warning is something that it silently reads otherwise than it is
 /// written, or that keeps a client from reporting.
 [[nodiscard]] std::vector<StorebagFinding> checkStorebag(const Value& storebag);
+
+/// True for a name that some client type's storebag has.
+[[nodiscard]] bool isStorebagName(std::string_view name);
 
 }  // namespace zun

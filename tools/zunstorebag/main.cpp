@@ -41,6 +41,9 @@ void addSign(CLI::App& app, zun::SignOptions& options) {
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
   app.add_flag("--binary", options.isBinary, "Write the envelope as a binary property list instead of XML");
   app.add_flag("--strict", options.isStrict, "Take warnings for errors");
+  app.add_flag(
+      "--plain", options.isPlain,
+      "Add neither \"name\" nor \"serial\": devices take it under any name, and older ones after it");
 }
 
 void addVerify(CLI::App& app, zun::VerifyOptions& options) {

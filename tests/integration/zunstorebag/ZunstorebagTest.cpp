@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <fcntl.h>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -76,7 +77,7 @@ class ZunstorebagTest : public ::testing::Test {
   }
 
   Outcome sign(const std::string& source, const std::vector<std::string>& more = {}) {
-    std::vector<std::string> arguments{"sign", source, "--key", file("private.pem")};
+    std::vector<std::string> arguments{"sign", source, "--key", file("private.pem"), "--plain"};
     arguments.insert(arguments.end(), more.begin(), more.end());
     if (std::find(more.begin(), more.end(), "-o") == more.end()) {
       arguments.insert(arguments.end(), {"-o", file("envelope")});
@@ -209,7 +210,8 @@ TEST_F(ZunstorebagTest, SignedStorebagVerifiesAndHoldsTheSource) {
   EXPECT_EQ(signing.errors, "");
   const Outcome verification = verify(file("envelope"));
   EXPECT_EQ(verification.exitCode, 0) << verification.errors;
-  EXPECT_TRUE(contains(verification.output, "the signature verifies, version 2.5")) << verification.output;
+  EXPECT_TRUE(contains(verification.output, "the signature verifies, version 2.5, name (none)"))
+      << verification.output;
 
   const auto envelope = parsePropertyList(contentOf(file("envelope")));
   ASSERT_TRUE(envelope);
@@ -220,6 +222,72 @@ TEST_F(ZunstorebagTest, SignedStorebagVerifiesAndHoldsTheSource) {
   ASSERT_TRUE(inner && source);
   EXPECT_EQ(*inner, *source);
   expectNoStrayFiles();
+}
+
+// The daemon refuses what was signed for another name, or before what it has.
+TEST_F(ZunstorebagTest, SignWritesWhichStorebagItIsAndWhenItWasSigned) {
+  makeKeys();
+  const auto before = static_cast<int64_t>(std::time(nullptr));
+  const std::string source = write("tessel.json", kComplete);
+  for (const auto& [output, name] : {std::pair("confero", "confero"), {"envelope", "tessel"}}) {
+    const Outcome signing =
+        run({"sign", source, "--key", file("private.pem"), "-o", file(output), "--strict"});
+    EXPECT_EQ(signing.exitCode, 0) << signing.errors;
+    const auto shown = parseJSON(run({"show", file(output)}).output);
+    ASSERT_TRUE(shown);
+    EXPECT_EQ((*shown->dictionary())["name"], Value(name));
+    const Value& serial = (*shown->dictionary())["serial"];
+    EXPECT_TRUE(serial.isInteger());
+    EXPECT_GE(serial.intValue(), before);
+    EXPECT_LE(serial.intValue(), static_cast<int64_t>(std::time(nullptr)));
+    const Outcome verification = verify(file(output));
+    EXPECT_TRUE(
+        contains(verification.output,
+                 fmt::format("the signature verifies, version 2.5, name {}, serial {}\n", name, serial)))
+        << verification.output;
+  }
+}
+
+TEST_F(ZunstorebagTest, NameAndSerialOfTheAuthorStay) {
+  makeKeys();
+  const std::string source =
+      write("source.json", R"({"name": "tessel", "serial": 7, "version": "1", "release": {"joulex": {}}})");
+  for (const std::string output : {"tessel", "envelope"}) {
+    EXPECT_EQ(run({"sign", source, "--key", file("private.pem"), "-o", file(output), "--strict"}).exitCode,
+              0);
+    EXPECT_TRUE(contains(verify(file(output)).output, "name tessel, serial 7\n"));
+  }
+  const Outcome outcome = run({"sign", source, "--key", file("private.pem"), "-o", file("confero")});
+  EXPECT_EQ(outcome.exitCode, 0);
+  EXPECT_EQ(outcome.errors, "warning: name: must be \"confero\" where devices ask for that, is \"tessel\"\n");
+}
+
+TEST_F(ZunstorebagTest, SignWarnsOfAStorebagThatHasNoNameAndPlainOnesHaveNeither) {
+  makeKeys();
+  const std::string source = write("source.json", kComplete);
+  const Outcome outcome = run({"sign", source, "--key", file("private.pem"), "-o", file("envelope")});
+  EXPECT_EQ(outcome.exitCode, 0);
+  EXPECT_EQ(outcome.errors,
+            "warning: name: missing, and no file is named after a storebag: devices take it "
+            "under any name\n");
+  EXPECT_TRUE(contains(verify(file("envelope")).output, "name (none), serial 1"));
+  const Outcome plain = sign(source, {"-o", file("confero"), "--strict"});
+  EXPECT_EQ(plain.exitCode, 0) << plain.errors;
+  EXPECT_TRUE(contains(verify(file("confero")).output, "version 2.5, name (none), serial (none)\n"));
+}
+
+TEST_F(ZunstorebagTest, NameOrSerialThatEveryDeviceRefusesIsNotSigned) {
+  makeKeys();
+  for (const auto& [name, serial] : {std::pair("\"conferro\"", "1"),
+                                     {"5", "1"},
+                                     {"\"confero\"", "1.5"},
+                                     {"\"confero\"", "\"1\""},
+                                     {"\"confero\"", "18446744073709551615"}}) {
+    const Outcome outcome = sign(
+        write("source.json", fmt::format(R"({{"name": {}, "serial": {}, "release": {{}}}})", name, serial)));
+    EXPECT_EQ(outcome.exitCode, 1) << name << serial;
+    EXPECT_TRUE(contains(outcome.errors, ": every device refuses it\n")) << outcome.errors;
+  }
 }
 
 TEST_F(ZunstorebagTest, PropertyListsAreSourcesToo) {
