@@ -66,6 +66,9 @@ class FaultsTest(unittest.TestCase):
     def test_an_assignment_and_a_call_are_swapped(self):
         self.assertIn(("calls swapped", inside("  h(a);\n  a = b;")), mutants(inside("  a = b;\n  h(a);")))
 
+    def test_room_made_in_advance_stays(self):
+        self.assert_faults("  a.reserve(b);")
+
     def test_a_constant_is_changed(self):
         self.assert_faults("  return 49;", ("constant", "  return 50;"))
         self.assert_faults("  return true;", ("constant", "  return false;"))

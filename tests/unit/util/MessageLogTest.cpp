@@ -105,6 +105,12 @@ TEST_F(MessageLogTest, FileOfMoreThanOneDayIsDeletedAndANewOneMade) {
                     " (2023-11-13 22:13:19 +0000)");
 }
 
+TEST_F(MessageLogTest, NothingBetweenTheNamesPartsIsALogFilesNameToo) {
+  const std::string file = addFile("zunreportingd__messageLog.diag", 86401);
+  log_.writeToLogFile("m");
+  EXPECT_FALSE(fs::exists(file));
+}
+
 TEST_F(MessageLogTest, FilesOfOthersAreLeftAlone) {
   const std::vector<std::string> names{
       "zunreportingd_1_other.log", "zunreportingd_1_2_messageLog.diag", "zunreportingd_messageLog.diag",
