@@ -2,10 +2,13 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <linux/magic.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -33,13 +36,30 @@ unsigned processUmask() {
   return mask;
 }
 
-/// Where what is written to `path` goes: links are followed, one that leads to nothing too.
-/// None, with errno set, for links without an end.
+/// True for an open file's name, as /proc/self/fd/1: the system alone can follow its link.
+bool isNameOfOpenFile(const std::filesystem::path& path) {
+  struct statfs status {};
+  return ::statfs(path.parent_path().c_str(), &status) == 0 && status.f_type == PROC_SUPER_MAGIC;
+}
+
+/// The descriptor of this process that `path` names.
+std::optional<int> descriptorOf(const std::filesystem::path& path) {
+  std::error_code error;
+  const std::string name = path.filename();
+  int descriptor = -1;
+  const auto [end, failure] = std::from_chars(name.data(), name.data() + name.size(), descriptor);
+  if (failure != std::errc() || end != name.data() + name.size()) return std::nullopt;
+  const bool isOurs = std::filesystem::equivalent(path.parent_path(), "/proc/self/fd", error);
+  return isOurs ? std::optional(descriptor) : std::nullopt;
+}
+
+/// Where what is written to `path` goes: links are followed, one that leads to nothing too,
+/// up to the name of an open file. None, with errno set, for links without an end.
 std::optional<std::string> targetOf(const std::string& path) {
   constexpr int kMaximumLinks = 40;  // the system's own
   std::filesystem::path target = path;
   std::error_code error;
-  for (int links = 0; std::filesystem::is_symlink(target, error); ++links) {
+  for (int links = 0; std::filesystem::is_symlink(target, error) && !isNameOfOpenFile(target); ++links) {
     if (links == kMaximumLinks) {
       errno = ELOOP;
       return std::nullopt;
@@ -55,9 +75,10 @@ bool isNoRegularFile(const std::string& path) {
   return ::stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode);
 }
 
-/// False with errno set.
+/// False with errno set. A descriptor of ours is written to itself: others go on where it ends.
 bool writeInPlace(const std::string& path, std::string_view bytes) {
-  const FileDescriptor file(::open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY));
+  if (const auto descriptor = descriptorOf(path)) return writeAll(*descriptor, bytes);
+  const FileDescriptor file(::open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC | O_NOCTTY));
   return file.isOpen() && writeAll(file.get(), bytes);
 }
 
@@ -89,8 +110,9 @@ std::optional<std::string> writeWholeFile(const std::string& path, std::string_v
   if (overwrite == Overwrite::kRefuse) {
     isDone = writeThroughTemporary(path, bytes, mode, overwrite);
   } else if (const auto target = targetOf(path)) {
-    isDone = isNoRegularFile(*target) ? writeInPlace(*target, bytes)
-                                      : writeThroughTemporary(*target, bytes, mode, overwrite);
+    isDone = isNameOfOpenFile(*target) || isNoRegularFile(*target)
+                 ? writeInPlace(*target, bytes)
+                 : writeThroughTemporary(*target, bytes, mode, overwrite);
   }
   if (isDone) return std::nullopt;
   return fmt::format("cannot write {}: {}", path, std::strerror(errno));

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <fcntl.h>
+#include <cstdlib>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
@@ -85,6 +86,11 @@ class ZunstorebagTest : public ::testing::Test {
     return run(arguments);
   }
 
+  std::string signCommand(const std::string& source, const std::string& output) const {
+    return std::string(ZUNSTOREBAG) + " sign " + source + " --key " + file("private.pem") + " -o " + output;
+  }
+  static int shell(const std::string& command) { return std::system(command.c_str()); }
+
   Outcome verify(const std::string& envelope) {
     return run({"verify", envelope, "--key", file("public.der")});
   }
@@ -134,6 +140,53 @@ TEST_F(ZunstorebagTest, WhatIsNoRegularFileIsWrittenToAndNeverReplaced) {
   EXPECT_EQ(run({"keygen", "--private-key", file("null"), "--public-key", file("null"), "--force"}).exitCode,
             0);
   EXPECT_TRUE(fs::is_character_file(file("null")));
+}
+
+TEST_F(ZunstorebagTest, PipeThatIsNamedByItsDescriptorIsWrittenTo) {
+  makeKeys();
+  const std::string source = write("bag.json", kComplete);
+  for (const std::string path : {"/dev/stdout", "/dev/fd/1", "/proc/self/fd/1"}) {
+    ASSERT_EQ(shell(signCommand(source, path) + " | cat > " + file("received")), 0) << path;
+    EXPECT_EQ(verify(file("received")).exitCode, 0) << path;
+  }
+}
+
+// What the shell has opened, others write to as well: before, behind, and through the same descriptor.
+TEST_F(ZunstorebagTest, FileThatIsNamedByItsDescriptorIsWrittenToWhereItsOthersAre) {
+  makeKeys();
+  const std::string source = write("bag.json", kComplete);
+  const std::pair<std::string, std::string> cases[] = {
+      {"/dev/stdout", ">> "}, {"/dev/stdout", "> "}, {"/dev/fd/7", "7>> "}, {"/proc/self/fd/7", "7> "}};
+  for (const auto& [path, redirection] : cases) {
+    SCOPED_TRACE(path + " " + redirection);
+    const std::string appended = write("appended", "precious ");
+    const bool isKept = redirection.ends_with(">> ");
+    const std::string to = redirection.starts_with('7') ? " >&7" : "";
+    ASSERT_EQ(shell("{ printf 'before '" + to + "; " + signCommand(source, path) + "; printf ' after'" + to +
+                    "; } " + redirection + appended),
+              0);
+    const std::string content = contentOf(appended);
+    const std::string start = isKept ? "precious before " : "before ";
+    const std::string end = " after";
+    ASSERT_TRUE(content.starts_with(start) && content.ends_with(end)) << content.substr(0, 100);
+    write("received", content.substr(start.size(), content.size() - start.size() - end.size()));
+    EXPECT_EQ(verify(file("received")).exitCode, 0);
+  }
+}
+
+TEST_F(ZunstorebagTest, FileThatAnotherProcessHasOpenIsAppendedToAndNotReplaced) {
+  makeKeys();
+  const std::string source = write("bag.json", kComplete);
+  const FileDescriptor opened(::open(write("log", "precious ").c_str(), O_RDONLY));
+  const std::string path = "/proc/" + std::to_string(::getpid()) + "/fd/" + std::to_string(opened.get());
+  ASSERT_EQ(sign(source, {"-o", path}).exitCode, 0);
+  const std::string content = contentOf(file("log"));
+  ASSERT_TRUE(content.starts_with("precious ")) << content.substr(0, 100);
+  struct stat status {};
+  ASSERT_EQ(::fstat(opened.get(), &status), 0);
+  EXPECT_EQ(static_cast<size_t>(status.st_size), content.size());
+  write("received", content.substr(std::string("precious ").size()));
+  EXPECT_EQ(verify(file("received")).exitCode, 0);
 }
 
 TEST_F(ZunstorebagTest, LinksAreFollowedToTheFileThatIsReplaced) {
