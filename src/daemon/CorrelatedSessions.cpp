@@ -203,8 +203,9 @@ void CorrelatedSessions::updateSharedData(const ReportingdSession& session, cons
   const auto known = tokenOf(session);
   if (known == tokens_.end()) return;
   auto& [name, record] = *known;
-  if (!record.sharedData) record.sharedData.emplace();
-  record.sharedData->update(sharedData, name, log_);
+  const bool isFirst = !record.sharedData;
+  if (isFirst) record.sharedData.emplace();
+  if (!record.sharedData->update(sharedData, name, log_) && isFirst) record.sharedData.reset();
 }
 
 void CorrelatedSessions::removeFromSharedData(const ReportingdSession& session, const std::string& key) {

@@ -96,13 +96,13 @@ void Lifetime::waitForTheEnd(Dashboards dashboards) {
   listener_.invalidateConnections();
   QuietPeriod quiet;
   DaemonActivity now = host_.activity();
-  if (dashboards == Dashboards::kHadTheirTime && now.dashboards > 0) tellWhatIsUnfinished();
   while (true) {
     if (dashboards == Dashboards::kHadTheirTime) now.dashboards = 0;
     if (quiet.observe(now)) break;
     std::this_thread::sleep_for(kBetweenLooks);
     now = host_.activity();
   }
+  if (host_.activity().dashboards > 0) tellWhatIsUnfinished();
   hasStopped_ = true;
   host_.quit();
 }

@@ -17,16 +17,17 @@ int64_t bytesOfEntry(std::string_view key, const Value& value) {
 
 }  // namespace
 
-void SharedSessionData::update(const Dictionary& sharedData, const std::string& token, SystemLog& log) {
+bool SharedSessionData::update(const Dictionary& sharedData, const std::string& token, SystemLog& log) {
   const int64_t growth = growthBy(sharedData);
   if (entryBytes_ + growth > kMaximumBytes) {
     log.error(
         "updateSharedDataForSession: shared data for hierarchyToken {} would exceed {} bytes, update dropped",
         token, kMaximumBytes);
-    return;
+    return false;
   }
   values_.addEntries(sharedData);
   entryBytes_ += growth;
+  return true;
 }
 
 int64_t SharedSessionData::growthBy(const Dictionary& update) const {

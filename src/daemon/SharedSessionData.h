@@ -18,8 +18,9 @@ class SharedSessionData final {
   static constexpr int64_t kMaximumBytes = int64_t{1} << 20;
 
   /// Adds all entries; a key already there takes the new value. An update that would
-  /// grow the values past the bound is an error line, which names `token`, and changes nothing.
-  void update(const Dictionary& sharedData, const std::string& token, SystemLog& log);
+  /// grow the values past the bound is an error line, which names `token`, and changes nothing:
+  /// false.
+  [[nodiscard]] bool update(const Dictionary& sharedData, const std::string& token, SystemLog& log);
   void remove(const std::string& key);
 
   [[nodiscard]] const Dictionary& values() const { return values_; }

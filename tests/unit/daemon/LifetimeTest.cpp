@@ -49,6 +49,8 @@ class FakeHost final : public LifetimeHost {
 
   DaemonActivity activity() override {
     const std::lock_guard lock(mutex_);
+    ++looks_;
+    looked_.notify_all();
     return activity_;
   }
   void runAfter(std::chrono::nanoseconds wait, std::function<void()> action) override {
@@ -61,6 +63,11 @@ class FakeHost final : public LifetimeHost {
   void set(const DaemonActivity& activity) {
     const std::lock_guard lock(mutex_);
     activity_ = activity;
+  }
+  /// Waits until what it does has been looked at this often once more.
+  void waitForLooks(int count) {
+    std::unique_lock lock(mutex_);
+    looked_.wait(lock, [&, until = looks_ + count] { return looks_ >= until; });
   }
   /// Time goes on and what is due runs.
   void advance(std::chrono::nanoseconds by) {
@@ -80,6 +87,8 @@ class FakeHost final : public LifetimeHost {
   Trace& trace_;
   std::vector<std::pair<std::chrono::nanoseconds, std::function<void()>>> timers_;
   std::mutex mutex_;
+  std::condition_variable looked_;
+  int looks_ = 0;
   DaemonActivity activity_;
 };
 
@@ -305,6 +314,18 @@ TEST_F(LifetimeTest, AnIdleDaemonWaitsTenSecondsForDashboardsAndNoLonger) {
   host_.advance(1s);
   EXPECT_TRUE(trace_.waitFor("quit"));
   EXPECT_TRUE(lifetime_.hasEndedCleanly());
+  expectError("main: stopped with 0 connections, 0 transfers, 7 dashboards and 0 jobs unfinished");
+}
+
+// The stop goes on to wait for the rest, which is told only where it does not end.
+TEST_F(LifetimeTest, AnIdleDaemonTellsOfItsDashboardsWhenAllElseHasEnded) {
+  work();
+  host_.set({.jobsUnfinished = 5, .transfersInFlight = 3, .dashboards = 7});
+  for (int second = 0; second < 40; ++second) host_.advance(1s);
+  EXPECT_TRUE(trace_.waitFor("invalidate connections"));
+  host_.waitForLooks(4);
+  host_.set({.dashboards = 7});
+  EXPECT_TRUE(trace_.waitFor("quit"));
   expectError("main: stopped with 0 connections, 0 transfers, 7 dashboards and 0 jobs unfinished");
 }
 

@@ -262,6 +262,18 @@ TEST_F(ReportingdAgentTest, SharedDataOfOneTokenIsBounded) {
   agent_->invalidateReportingSession(session);
 }
 
+TEST_F(ReportingdAgentTest, FirstUpdateThatIsTooLargeLeavesNoSharedData) {
+  const auto session = makeSession(1, "family", 0);
+  agent_->updateSharedDataForSession(*session, Dictionary{{"huge", std::string(2 << 20, 'x')}});
+  EXPECT_EQ(agent_->sharedDataForSession(*session), std::nullopt);
+  expectErrors(
+      {"updateSharedDataForSession: shared data for hierarchyToken family would exceed 1048576 bytes, update "
+       "dropped"});
+  agent_->updateSharedDataForSession(*session, Dictionary{{"kept", "value"}});
+  EXPECT_EQ(agent_->sharedDataForSession(*session), (Dictionary{{"kept", "value"}}));
+  agent_->invalidateReportingSession(session);
+}
+
 // Room that was given back can be used again, whether by removal or by a smaller value.
 TEST_F(ReportingdAgentTest, SharedDataTakesNewValuesWhereOldOnesWent) {
   const auto session = makeSession(1, "family", 0);
