@@ -55,7 +55,9 @@ NetworkStorebagFetcher::NetworkStorebagFetcher(const PlatformServices& platform,
       options_(options),
       diskCache_(platform, identity),
       serials_(platform.defaults),
-      verifier_(platform, diskCache_, serials_) {}
+      verifier_(platform, diskCache_, serials_) {
+  diskCache_.removeLeftovers();
+}
 
 NetworkStorebagFetcher::~NetworkStorebagFetcher() {
   const RecursiveMutexLock lock(lock_);
@@ -131,45 +133,48 @@ std::optional<Dictionary> NetworkStorebagFetcher::fetchStorebagWithName(std::str
                                                                         StorebagFetchOutcome& outcome) {
   outcome.maxAgeSeconds = 0;
   outcome.unchanged = false;
-  std::optional<std::string> lastModified;
-  std::optional<std::string> envelope;
-  bool isExpired = false;
-  {
-    const RecursiveMutexLock lock(lock_);
-    envelope = diskCache_.loadStorebagFromDisk(name);
-    outcome.fileDate = diskCache_.modificationDateOfStorebagFile(name);
-    if (envelope) {
-      diskCache_.getLastLoadedStorebagMetricsWithName(name, &outcome.maxAgeSeconds, &outcome.unchanged,
-                                                      &lastModified);
-      const Date now = platform_.clock.now();
-      const Date modified = outcome.fileDate.value_or(now);
-      const double age = std::fabs(now.secondsSince1970 - modified.secondsSince1970);
-      isExpired = age > static_cast<double>(static_cast<int32_t>(outcome.maxAgeSeconds));
-      platform_.log.note(
-          "fetchStorebagWithName: storebag '{}' loaded from disk cache. Disk cache {} refreshed", name,
-          isExpired ? "expired and will be" : "is valid and will not be");
-      // The server would only say of a file that is of no use that nothing has changed.
-      const auto bad = badFiles_.find(name);
-      if (bad != badFiles_.end() && bad->second == outcome.fileDate) lastModified.reset();
-    }
-  }
-  const bool isFromDisk = envelope.has_value();
-  if (!isFromDisk) {
-    envelope = fetchSynchronously(name);
-  } else if (isExpired) {
-    download(name, urlOf(name), lastModified);  // serves later calls
-  }
-  std::optional<Dictionary> storebag;
-  {
-    const RecursiveMutexLock lock(lock_);
-    diskCache_.getLastLoadedStorebagMetricsWithName(name, &outcome.maxAgeSeconds, &outcome.unchanged,
-                                                    nullptr);
-    if (outcome.unchanged || !envelope) return std::nullopt;
-    storebag = verifier_.verifyAndParse(name, *envelope);
-    if (storebag && !isFromDisk) outcome.fileDate = diskCache_.modificationDateOfStorebagFile(name);
-    if (!storebag && isFromDisk) badFiles_.insert_or_assign(std::string(name), outcome.fileDate);
-  }
+  auto cached = cachedEnvelope(name, outcome);
+  const auto envelope = cached ? std::optional(std::move(cached->bytes)) : fetchSynchronously(name);
+  if (cached && cached->isExpired) download(name, urlOf(name), cached->lastModified);  // serves later calls
+  auto storebag = judge(name, envelope, cached.has_value(), outcome);
   serials_.keep(name);
+  // That nothing has changed since a file that is of no use would leave it so, and the next
+  // lookup may be another process's.
+  if (!storebag && cached && cached->isExpired && cached->lastModified) {
+    download(name, urlOf(name), std::nullopt);
+  }
+  return storebag;
+}
+
+std::optional<NetworkStorebagFetcher::CachedEnvelope> NetworkStorebagFetcher::cachedEnvelope(
+    std::string_view name, StorebagFetchOutcome& outcome) {
+  const RecursiveMutexLock lock(lock_);
+  auto bytes = diskCache_.loadStorebagFromDisk(name);
+  outcome.fileDate = diskCache_.modificationDateOfStorebagFile(name);
+  if (!bytes) return std::nullopt;
+  CachedEnvelope cached{std::move(*bytes)};
+  diskCache_.getLastLoadedStorebagMetricsWithName(name, &outcome.maxAgeSeconds, &outcome.unchanged,
+                                                  &cached.lastModified);
+  const Date now = platform_.clock.now();
+  const Date modified = outcome.fileDate.value_or(now);
+  const double age = std::fabs(now.secondsSince1970 - modified.secondsSince1970);
+  cached.isExpired = age > static_cast<double>(static_cast<int32_t>(outcome.maxAgeSeconds));
+  platform_.log.note("fetchStorebagWithName: storebag '{}' loaded from disk cache. Disk cache {} refreshed",
+                     name, cached.isExpired ? "expired and will be" : "is valid and will not be");
+  const auto useless = uselessFiles_.find(name);
+  if (useless != uselessFiles_.end() && useless->second == outcome.fileDate) cached.lastModified.reset();
+  return cached;
+}
+
+std::optional<Dictionary> NetworkStorebagFetcher::judge(std::string_view name,
+                                                        const std::optional<std::string>& envelope,
+                                                        bool isFromDisk, StorebagFetchOutcome& outcome) {
+  const RecursiveMutexLock lock(lock_);
+  diskCache_.getLastLoadedStorebagMetricsWithName(name, &outcome.maxAgeSeconds, &outcome.unchanged, nullptr);
+  if (outcome.unchanged || !envelope) return std::nullopt;
+  auto storebag = verifier_.verifyAndParse(name, *envelope);
+  if (storebag && !isFromDisk) outcome.fileDate = diskCache_.modificationDateOfStorebagFile(name);
+  if (!storebag && isFromDisk) uselessFiles_.insert_or_assign(std::string(name), outcome.fileDate);
   return storebag;
 }
 
@@ -258,8 +263,8 @@ URLRequest NetworkStorebagFetcher::makeRequest(const Download& download) const {
   return request;
 }
 
-// An answer of the server, on the fetch client's queue. The metrics are kept before the
-// body has been verified: what the server said last is what it is asked about next.
+// An answer of the server, on the fetch client's queue. The metrics are kept whether the
+// body verifies or not: what the server said last is what it is asked about next.
 void NetworkStorebagFetcher::receive(const std::string& name, const Download& download,
                                      const DownloadEnd& end, const std::optional<URLResponse>& response) {
   if (end.error || !response || response->statusCode != kStatusOK) {
@@ -269,22 +274,38 @@ void NetworkStorebagFetcher::receive(const std::string& name, const Download& do
         name);
     return;
   }
-  // What waits is done before the lock is taken, and after it, where these are let go of.
+  // What waits is done before the lock is taken, and after it, where these are let go of. The
+  // metrics keep other processes from the settings: they come last and go first.
+  const auto verified = verifyAndStage(name, end.body);
   const auto metrics = diskCache_.stageMetrics(name, *response);
-  std::optional<StorebagDiskCache::StagedEnvelope> staged;
-  if (!end.body.empty()) staged = diskCache_.stageEnvelope(name, end.body);
   const RecursiveMutexLock lock(lock_);
   if (download.cancellation->isCancelled()) return;  // another server's answer is wanted by now
   diskCache_.saveLastLoadedStorebagMetricsWithName(name, metrics);
   if (end.body.empty()) {
     platform_.log.debug("fetchNetworkStorebag: received zero-length storebag for '{}‘, treat as unchanged",
                         name);
-    return;
   }
+  if (!verified) return;
+  const auto former = diskCache_.modificationDateOfStorebagFile(name);
   try {
-    static_cast<void>(verifier_.verifyAndParse(name, end.body, &*staged));
+    if (verifier_.acceptBag(name, verified->bag, &verified->staged)) {
+      uselessFiles_.insert_or_assign(name, former);  // whether it could be replaced or not
+    }
   } catch (const std::exception& failure) {
     platform_.log.error("fetchStorebagWithName: propertyListWithData error {}", failure.what());
+  }
+}
+
+std::optional<NetworkStorebagFetcher::VerifiedEnvelope> NetworkStorebagFetcher::verifyAndStage(
+    std::string_view name, std::string_view envelope) const {
+  if (envelope.empty()) return std::nullopt;
+  try {
+    auto bag = verifier_.verifiedBag(envelope);
+    if (!bag) return std::nullopt;
+    return VerifiedEnvelope{std::move(*bag), diskCache_.stageEnvelope(name, envelope)};
+  } catch (const std::exception& failure) {
+    platform_.log.error("fetchStorebagWithName: propertyListWithData error {}", failure.what());
+    return std::nullopt;
   }
 }
 

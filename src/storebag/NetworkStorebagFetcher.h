@@ -24,7 +24,7 @@ struct NetworkStorebagOptions {
   std::chrono::milliseconds wholeTimeout = std::chrono::seconds(120);
   /// A synchronous fetch waits so much longer than the request's timeout, so that what
   /// the URL session says about it comes first. It does not wait for ever: a request
-  /// without a route, or one that the fetch client drops, never times out.
+  /// without a route never times out.
   std::chrono::seconds grace{5};
 };
 
@@ -72,6 +72,15 @@ class NetworkStorebagFetcher final : public StorebagFetcher,
     std::optional<Error> error;
   };
   struct Download;
+  struct CachedEnvelope {
+    std::string bytes;
+    bool isExpired = false;
+    std::optional<std::string> lastModified = {};  // to ask for changes since
+  };
+  struct VerifiedEnvelope {
+    std::string bag;
+    StorebagDiskCache::StagedEnvelope staged;
+  };
 
   NetworkStorebagFetcher(const PlatformServices& platform, const DeviceIdentity& identity,
                          NetworkStorebagOptions options);
@@ -83,6 +92,11 @@ class NetworkStorebagFetcher final : public StorebagFetcher,
   [[nodiscard]] std::optional<Dictionary> fetchStorebagWithName(std::string_view name,
                                                                 StorebagFetchOutcome& outcome)
       EXCLUDES(lock_);
+  [[nodiscard]] std::optional<CachedEnvelope> cachedEnvelope(std::string_view name,
+                                                             StorebagFetchOutcome& outcome) EXCLUDES(lock_);
+  [[nodiscard]] std::optional<Dictionary> judge(std::string_view name,
+                                                const std::optional<std::string>& envelope, bool isFromDisk,
+                                                StorebagFetchOutcome& outcome) EXCLUDES(lock_);
   /// The server's bytes (verified or not), the fallback's, or none.
   [[nodiscard]] std::optional<std::string> fetchSynchronously(std::string_view name) EXCLUDES(lock_);
   std::shared_future<DownloadEnd> download(std::string_view name, const std::string& url,
@@ -91,6 +105,10 @@ class NetworkStorebagFetcher final : public StorebagFetcher,
   [[nodiscard]] URLRequest makeRequest(const Download& download) const;
   void receive(const std::string& name, const Download& download, const DownloadEnd& end,
                const std::optional<URLResponse>& response) EXCLUDES(lock_);
+  /// None for what does not verify. Waits for the disk.
+  [[nodiscard]] std::optional<VerifiedEnvelope> verifyAndStage(std::string_view name,
+                                                               std::string_view envelope) const
+      EXCLUDES(lock_);
   std::shared_ptr<ReportingSessionConnectivityHelper> fetchClient() EXCLUDES(lock_);
 
   const PlatformServices& platform_;
@@ -103,8 +121,9 @@ class NetworkStorebagFetcher final : public StorebagFetcher,
   std::shared_ptr<ReportingSessionConnectivityHelper> fetchClient_ GUARDED_BY(lock_);
   std::map<std::string, std::weak_ptr<Download>, std::less<>> downloads_
       GUARDED_BY(lock_);  // the last of a name
-  std::map<std::string, std::optional<Date>, std::less<>> badFiles_
-      GUARDED_BY(lock_);  // did not verify, by name
+  /// Dates, by name, of the last file that did not verify or has a successor, which may not
+  /// have been saved: that nothing has changed is no answer for it.
+  std::map<std::string, std::optional<Date>, std::less<>> uselessFiles_ GUARDED_BY(lock_);
   bool isStopping_ GUARDED_BY(lock_) = false;
 };
 

@@ -1,8 +1,12 @@
 #include "storebag/StorebagDiskCache.h"
 
+#include <cmath>
+
 namespace zun {
 
 namespace {
+
+constexpr double kMicrosecond = 1e-6;  // the clock's step
 
 std::string metricKey(std::string_view name, std::string_view field) {
   return fmt::format("CACHED_{}_{}", name, field);
@@ -49,6 +53,15 @@ std::optional<std::string> StorebagDiskCache::loadStorebagFromDisk(std::string_v
   return std::move(*envelope);
 }
 
+void StorebagDiskCache::removeLeftovers() const {
+  const std::string folder = platform_.files.resolve(kFolder);
+  const auto names = platform_.files.listDirectory(folder);
+  if (!names) return;
+  for (const std::string& name : *names) {
+    if (name.starts_with(".zun-")) platform_.files.removeItem(fmt::format("{}/{}", folder, name));
+  }
+}
+
 StorebagDiskCache::StagedEnvelope StorebagDiskCache::stageEnvelope(std::string_view name,
                                                                    std::string_view envelope) const {
   // Synced, as the metrics are: they are not to outlive a power cut without the file.
@@ -69,7 +82,7 @@ bool StorebagDiskCache::saveStorebagToDisk(std::string_view name, const StagedEn
     return false;
   }
   // Not by the file system's clock, which lags: it is compared with dates of this one.
-  platform_.files.setModificationDate(path, platform_.clock.now());
+  dateFile(path, platform_.clock.now());
   return true;
 }
 
@@ -80,9 +93,14 @@ std::optional<Date> StorebagDiskCache::modificationDateOfStorebagFile(std::strin
 }
 
 void StorebagDiskCache::dateStorebagFileLater(std::string_view name) const {
-  constexpr double kMicrosecond = 1e-6;  // the clock's step
-  platform_.files.setModificationDate(fileLocation(name),
-                                      Date{platform_.clock.now().secondsSince1970 + kMicrosecond});
+  dateFile(fileLocation(name), Date{platform_.clock.now().secondsSince1970 + kMicrosecond});
+}
+
+void StorebagDiskCache::dateFile(const std::string& path, Date date) const {
+  platform_.files.setModificationDate(path, date);
+  const auto kept = platform_.files.attributes(path);
+  if (!kept || kept->modificationDate.secondsSince1970 > date.secondsSince1970 - kMicrosecond / 2) return;
+  platform_.files.setModificationDate(path, Date{std::floor(date.secondsSince1970) + 1});
 }
 
 void StorebagDiskCache::getLastLoadedStorebagMetricsWithName(std::string_view name, uint32_t* maxAge,

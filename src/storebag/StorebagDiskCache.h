@@ -17,8 +17,8 @@ namespace zun {
 /// newer download replaces a file, nothing deletes one.
 ///
 /// Threading: any thread; what reads or writes both file and freshness is serialised by
-/// the fetcher's lock, under which nothing here waits but what reads. Ownership: part of a fetcher; the
-/// services outlive it.
+/// the fetcher's lock, under which nothing here waits but what reads. Ownership: part of a
+/// fetcher; the services outlive it.
 class StorebagDiskCache final {
  public:
   static constexpr std::string_view kDaemonFolder = "~/Library/Caches/zunreportingd";
@@ -37,6 +37,9 @@ class StorebagDiskCache final {
   /// The envelope as the server sent it; none without a readable file, after an error
   /// line.
   [[nodiscard]] std::optional<std::string> loadStorebagFromDisk(std::string_view name) const;
+
+  /// Removes what a killed process was writing. At the start: what is being written goes too.
+  void removeLeftovers() const;
 
   using StagedEnvelope = Result<std::unique_ptr<StagedFile>, Error>;
 
@@ -72,6 +75,9 @@ class StorebagDiskCache final {
   void setStorageClassProtectionLevel(const std::string& path) const;
 
  private:
+  /// To the next whole second where the file system keeps no parts of one.
+  void dateFile(const std::string& path, Date date) const;
+
   const PlatformServices& platform_;
   const DeviceIdentity& identity_;
 };

@@ -15,8 +15,12 @@ StorebagVerifier::StorebagVerifier(const PlatformServices& platform, const Store
 std::optional<Dictionary> StorebagVerifier::verifyAndParse(
     std::string_view name, std::string_view envelope, const StorebagDiskCache::StagedEnvelope* staged) const {
   const auto bag = verifiedBag(envelope);
-  if (!bag) return std::nullopt;
-  const auto parsed = parsePropertyList(*bag);
+  return bag ? acceptBag(name, *bag, staged) : std::nullopt;
+}
+
+std::optional<Dictionary> StorebagVerifier::acceptBag(std::string_view name, std::string_view bag,
+                                                      const StorebagDiskCache::StagedEnvelope* staged) const {
+  const auto parsed = parsePropertyList(bag);
   const Dictionary* const storebag = parsed ? parsed->dictionary() : nullptr;
   if (const auto reason = refusal(name, storebag == nullptr ? Dictionary() : *storebag)) {
     platform_.log.error("fetchStorebagWithName: {}", *reason);

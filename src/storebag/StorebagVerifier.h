@@ -33,8 +33,14 @@ class StorebagVerifier final {
       std::string_view name, std::string_view envelope,
       const StorebagDiskCache::StagedEnvelope* staged = nullptr) const;
 
- private:
+  /// The first step of it alone: the signed bytes. Needs no lock.
   [[nodiscard]] std::optional<std::string> verifiedBag(std::string_view envelope) const;
+  /// The rest of it.
+  [[nodiscard]] std::optional<Dictionary> acceptBag(
+      std::string_view name, std::string_view bag,
+      const StorebagDiskCache::StagedEnvelope* staged = nullptr) const;
+
+ private:
   [[nodiscard]] std::vector<RSAPublicKey> signingKeys() const;
   /// Why a signed storebag is not taken under that name; none if it is.
   [[nodiscard]] std::optional<std::string> refusal(std::string_view name, const Dictionary& storebag) const;

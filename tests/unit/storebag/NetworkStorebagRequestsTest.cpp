@@ -74,21 +74,38 @@ TEST_F(NetworkStorebagFetcherTest, NotedOutcomeLeavesTheDateOfTheFileThatItSaw) 
   expectErrors({notLoaded("tessel", "File too large"), notFetched(kTessel)});
 }
 
+// In a process that ends before the next lookup as well: the next one, too, knows nothing of
+// the file yet.
 TEST_F(NetworkStorebagFetcherTest, BadFileHealsAgainstAServerThatSaysThatNothingChanged) {
   putInCache("confero", "", 100);
   putFreshness("confero", 50);
-  server_.handle("/confero", [](const TestRequest& request) {
-    return request.header("If-Modified-Since") ? TestAnswer{.status = 304} : answerWith(storebag("2.0"));
+  const auto gate = std::make_shared<TestGate>();
+  server_.handle("/confero", [gate](const TestRequest& request) {
+    return request.header("If-Modified-Since") ? TestAnswer{.status = 304, .gate = gate}
+                                               : answerWith(storebag("2.0"));
   });
-  for (int lookup = 1; lookup <= 2; ++lookup) {
-    EXPECT_FALSE(fetch().section);
-    waitForEndOfRequests(lookup);
-    expectErrors(
-        {"fetchStorebagWithName: propertyListWithData error empty", kMissingSignature, notFetched(kConfero)});
-  }
+  EXPECT_FALSE(fetch().section);
+  expectErrors(
+      {"fetchStorebagWithName: propertyListWithData error empty", kMissingSignature, notFetched(kConfero)});
+  expectDebugLine(
+      fmt::format("fetchNetworkStorebag: Adding 'Last-Modified: {}' to the header", kLastModified));
+  waitForEndOfRequests(2);
+  fetcher_ = NetworkStorebagFetcher::create(platform_.services, identity_);
   EXPECT_EQ(fetch().version, "2.0");
-  EXPECT_EQ(server_.requests()[0].header("If-Modified-Since"), kLastModified);
-  EXPECT_EQ(server_.requests()[1].header("If-Modified-Since"), std::nullopt);
+  gate->open();
+}
+
+TEST_F(NetworkStorebagFetcherTest, FileThatWasFoundBadIsNotAskedForConditionallyAgain) {
+  putInCache("confero", "", 100);
+  putFreshness("confero", 50);
+  server_.answer("/confero", {.status = 500});
+  for (const int requests : {2, 3, 4}) {
+    EXPECT_FALSE(fetch().section);
+    waitForEndOfRequests(requests);
+  }
+  EXPECT_EQ(countDebugLines("fetchNetworkStorebag: Storebag Server URL: ", ""), 4);
+  EXPECT_EQ(countDebugLines("fetchNetworkStorebag: Adding 'Last-Modified: ", ""), 1);
+  platform_.log.takeErrors();
 }
 
 TEST_F(NetworkStorebagFetcherTest, FileInTheBadOnesPlaceIsAskedForConditionally) {
@@ -97,11 +114,33 @@ TEST_F(NetworkStorebagFetcherTest, FileInTheBadOnesPlaceIsAskedForConditionally)
   putFreshness("confero", 50);
   EXPECT_FALSE(fetch().section);
   platform_.log.takeErrors();
-  waitForEndOfRequests(1);
+  waitForEndOfRequests(2);
   putInCache("confero", sealed(storebag("1.0")), 99);
   EXPECT_EQ(fetch().version, "1.0");
+  waitForEndOfRequests(3);
+  EXPECT_EQ(server_.requests().back().header("If-Modified-Since"), kLastModified);
+}
+
+// Else the server says for ever that nothing has changed since the one that was lost.
+TEST_F(NetworkStorebagFetcherTest, StorebagThatCouldNotBeSavedIsAskedForAgain) {
+  putInCache("confero", sealed(storebag("1.0")), 3601);
+  putFreshness("confero", 50);
+  server_.handle("/confero", [](const TestRequest& request) {
+    TestAnswer answer = answerWith(storebag("2.0"));
+    answer.headers[1].second = "Wed, 15 Nov 2023 10:00:00 GMT";
+    if (request.header("If-Modified-Since") == answer.headers[1].second) answer = {.status = 304};
+    return answer;
+  });
+  platform_.files.pathWithoutRoom = cachePath("confero");
+  EXPECT_EQ(fetch().version, "1.0");
+  waitForEndOfRequests(1);
+  expectErrors({"saveStorebagToDisk: could not save storebag 'confero' to file '" +
+                fileURLOfPath(cachePath("confero")) + "'. Error is 'No space left on device'"});
+  platform_.files.pathWithoutRoom.clear();
+  EXPECT_EQ(fetch().version, "1.0");
   waitForEndOfRequests(2);
-  EXPECT_EQ(server_.requests()[1].header("If-Modified-Since"), kLastModified);
+  EXPECT_EQ(fetch().version, "2.0");
+  EXPECT_EQ(server_.requests()[0].header("If-Modified-Since"), kLastModified);
 }
 
 /// How many descriptors of this process are open on the file.
@@ -138,6 +177,48 @@ TEST_F(NetworkStorebagFetcherTest, LookupsDoNotWaitForAnotherProcessThatHoldsThe
   const StorebagFetchOutcome after = fetch();
   EXPECT_EQ(after.version, "2.0");
   EXPECT_EQ(after.maxAgeSeconds, 77U);
+}
+
+TEST_F(NetworkStorebagFetcherTest, SettingsAreNotLockedWhileAnEnvelopeWaitsForTheDisk) {
+  static_cast<void>(getDefault("made"));
+  const std::string lock =
+      platform_.files.resolve("~/Library/Preferences/com.vantix.zunreporting.plist.lock");
+  std::vector<bool> isFree;
+  platform_.files.beforeDiskIsWaitedFor = [this, &lock, &isFree](const std::string& path) {
+    if (path != cachePath("confero")) return;
+    const int other = ::open(lock.c_str(), O_RDWR | O_CLOEXEC);
+    isFree.push_back(::flock(other, LOCK_EX | LOCK_NB) == 0);
+    ::close(other);
+  };
+  server_.answer("/confero", answerWith(storebag("1.0")));
+  EXPECT_EQ(fetch().version, "1.0");
+  waitForEndOfRequests(1);
+  EXPECT_EQ(isFree, (std::vector<bool>{true, true}));  // the file's sync and the folder's
+  EXPECT_EQ(getDefault("CACHED_confero_max-age"), Value(600));
+  expectErrors({notLoaded("confero")});
+}
+
+TEST_F(NetworkStorebagFetcherTest, WhatDoesNotVerifyIsNeverWritten) {
+  int writes = 0;
+  platform_.files.beforeDiskIsWaitedFor = [this, &writes](const std::string& path) {
+    writes += path.starts_with(cacheFolder()) ? 1 : 0;
+  };
+  TestAnswer answer = answerWith(storebag("1.0"));
+  answer.body = sealed(storebag("1.0"), foreignKey());
+  server_.answer("/tessel", answer);
+  EXPECT_FALSE(fetch(kTessel).section);
+  waitForEndOfRequests(1);
+  EXPECT_EQ(writes, 0);
+  EXPECT_EQ(getDefault("CACHED_tessel_max-age"), Value(600));
+  platform_.log.takeErrors();
+}
+
+TEST_F(NetworkStorebagFetcherTest, WhatAKilledProcessWasWritingIsRemovedAtTheStart) {
+  putInCache("confero", sealed(storebag("1.0")), 10);
+  putInCache(".zun-a1B2c3", "half of a storebag");
+  fetcher_ = NetworkStorebagFetcher::create(platform_.services, identity_);
+  EXPECT_FALSE(std::filesystem::exists(cachePath(".zun-a1B2c3")));
+  EXPECT_TRUE(std::filesystem::exists(cachePath("confero")));
 }
 
 // MARK: - Requests that are given up

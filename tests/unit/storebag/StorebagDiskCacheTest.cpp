@@ -195,6 +195,32 @@ TEST_F(StorebagDiskCacheTest, SavedEnvelopeIsSyncedWithItsFolder) {
   EXPECT_EQ(SyncedItems::take(), (std::vector<std::string>{"folder"}));
 }
 
+// A date cut below the time of a note would hide the file behind it.
+TEST_F(StorebagDiskCacheTest, WhereDatesHaveWholeSecondsTheNextOneIsTaken) {
+  platform_.files.keepsWholeSeconds = true;
+  const double second = platform_.clock.now().secondsSince1970;
+  EXPECT_TRUE(cache_.saveStorebagToDisk("confero", cache_.stageEnvelope("confero", "bytes")));
+  EXPECT_EQ(cache_.modificationDateOfStorebagFile("confero"), (Date{second}));
+  cache_.dateStorebagFileLater("confero");
+  EXPECT_EQ(cache_.modificationDateOfStorebagFile("confero"), (Date{second + 1}));
+
+  platform_.clock.advance(std::chrono::microseconds(123456));
+  EXPECT_TRUE(cache_.saveStorebagToDisk("tessel", cache_.stageEnvelope("tessel", "bytes")));
+  EXPECT_EQ(cache_.modificationDateOfStorebagFile("tessel"), (Date{second + 1}));
+}
+
+// The dates' arithmetic takes no microsecond for less than it is.
+TEST_F(StorebagDiskCacheTest, WhereDatesHaveMicrosecondsEachIsKept) {
+  for (int step = 0; step < 1000; ++step) {
+    platform_.clock.advance(std::chrono::microseconds(1009));
+    const double now = platform_.clock.now().secondsSince1970;
+    putInCache("confero", "bytes");
+    cache_.dateStorebagFileLater("confero");
+    EXPECT_NEAR(cache_.modificationDateOfStorebagFile("confero")->secondsSince1970, now + 1e-6, 4e-7);
+    EXPECT_GT(cache_.modificationDateOfStorebagFile("confero"), (Date{now}));
+  }
+}
+
 TEST_F(StorebagDiskCacheTest, LastModifiedIsStoredAsItCame) {
   saveMetrics({{"last-modified", "any text; as it came"}, {"Cache-Control", "max-age=3"}});
   EXPECT_EQ(getDefault("CACHED_confero_Last-Modified"), Value("any text; as it came"));
