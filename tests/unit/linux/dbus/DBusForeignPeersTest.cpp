@@ -188,12 +188,28 @@ xml = call('Introspect', None, '(s)', interface='org.freedesktop.DBus.Introspect
 echo = Gio.DBusNodeInfo.new_for_xml(xml).lookup_interface('com.vantix.test.Echo')
 assert ''.join(arg.signature for arg in echo.lookup_method('Echo').in_args) == types[1:-1]
 assert call('GetAll', V('(s)', ('x',)), '(a{sv})', interface='org.freedesktop.DBus.Properties')[0] == {}
-assert call('Hello', None, '(s)', '/org/freedesktop/DBus', 'org.freedesktop.DBus')[0] == ':1.1'
-def process(name):
-    return call('GetConnectionUnixProcessID', V('(s)', (name,)), '(u)', '/org/freedesktop/DBus',
-                'org.freedesktop.DBus')[0]
-assert process(':1.1') == os.getpid()
-assert process('org.freedesktop.DBus') == int(sys.argv[2])
+
+# What libraries ask a bus for, answered as one with two names on it would.
+BUS, CLIENT, DAEMON = 'org.freedesktop.DBus', ':1.1', int(sys.argv[2])
+def bus(member, types=None, arguments=(), reply='(u)'):
+    return call(member, types and V(types, arguments), reply, '/org/freedesktop/DBus', BUS).unpack()
+assert bus('Hello', reply='(s)') == (CLIENT,)
+assert bus('RequestName', '(su)', ('a.b', 0)) == (1,)
+assert bus('ReleaseName', '(s)', ('a.b',)) == (1,)
+assert bus('StartServiceByName', '(su)', ('a.b', 0)) == (2,)
+assert bus('NameHasOwner', '(s)', ('a.b',), '(b)') == (True,)
+assert bus('GetNameOwner', '(s)', ('a.b',), '(s)') == ('a.b',)
+assert bus('ListNames', reply='(as)') == ([BUS, CLIENT],)
+assert bus('ListActivatableNames', reply='(as)') == ([],)
+assert bus('ListQueuedOwners', '(s)', ('a.b',), '(as)') == (['a.b'],)
+assert bus('AddMatch', '(s)', ('type=signal',), '()') == ()
+assert bus('RemoveMatch', '(s)', ('type=signal',), '()') == ()
+assert bus('GetId', reply='(s)') == (connection.get_guid(),)
+for name, identifier in ((CLIENT, os.getpid()), (BUS, DAEMON)):
+    assert bus('GetConnectionUnixProcessID', '(s)', (name,)) == (identifier,)
+    assert bus('GetConnectionUnixUser', '(s)', (name,)) == (os.getuid(),)
+    assert bus('GetConnectionCredentials', '(s)', (name,), '(a{sv})') == (
+        {'ProcessID': identifier, 'UnixUserID': os.getuid()},)
 print('all good')
 )PYTHON";
 
