@@ -124,7 +124,7 @@ int main(int argc, char** argv) {
   std::signal(SIGXFSZ, SIG_IGN);
   EventLoop::blockSignals({SIGTERM, SIGINT});
   raiseDescriptorLimit();
-  const auto log = makeSystemLog(options.logTarget, options.logLevel);
+  const auto log = makeSystemLog(options.logTarget, options.logLevel, options.root);
   const auto loop = EventLoop::create();
   if (loop == nullptr) {
     log->error("main: cannot create the event loop");

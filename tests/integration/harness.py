@@ -275,8 +275,8 @@ class Scratch:
     def address(self):
         return "unix:path=" + self.socket
 
-    def start(self, *options, level="debug", environment=None):
-        self.daemon = Daemon(self, options, level, environment or {})
+    def start(self, *options, level="debug", environment=None, journal=None):
+        self.daemon = Daemon(self, options, level, environment or {}, journal)
         return self.daemon
 
     def send(self, events, *options, check=True):
@@ -292,10 +292,46 @@ class Scratch:
         shutil.rmtree(self.folder, ignore_errors=True)
 
 
+class Journal:
+    """Stands in for the journal below a root. It reads while `may_read` is set."""
+
+    PRIORITIES = {b"7": "debug", b"5": "default", b"3": "error"}
+
+    def __init__(self, root):
+        folder = os.path.join(root, "run/systemd/journal")
+        os.makedirs(folder)
+        self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self.socket.bind(os.path.join(folder, "socket"))
+        self.socket.settimeout(0.05)
+        self.may_read = threading.Event()
+        self.may_read.set()
+
+    def lines(self, process):
+        """What `process` writes as lines of a log, until it has ended and all has been read."""
+        with self.socket:
+            while True:
+                self.may_read.wait()
+                has_ended = process.poll() is not None
+                try:
+                    yield self.line(self.socket.recv(1 << 20))
+                except TimeoutError:
+                    if has_ended:
+                        return
+
+    def line(self, entry):
+        fields = {}
+        while entry:
+            name, entry = entry.split(b"\n", 1)
+            size = int.from_bytes(entry[:8], "little")
+            fields[name] = entry[8:8 + size]
+            entry = entry[8 + size + 1:]
+        return f"zunreportingd {self.PRIORITIES[fields[b'PRIORITY']]}: {fields[b'MESSAGE'].decode()}"
+
+
 class Daemon:
     """The daemon as a process. Its log lines are kept."""
 
-    def __init__(self, scratch, options, level, environment):
+    def __init__(self, scratch, options, level, environment, journal):
         self.lines = []
         self.changed = threading.Condition()
         env = {"HOME": scratch.home, "LANG": "de_DE.UTF-8", "PATH": os.environ["PATH"]}
@@ -305,14 +341,15 @@ class Daemon:
         env.update(environment)
         self.process = subprocess.Popen(
             [binary("zunreportingd"), "--root", scratch.root, "--ca-file", scratch.authority.ca,
-             "--log-level", level, "--log-target", "stderr", *options],
+             "--log-level", level, "--log-target", "journal" if journal else "stderr", *options],
             stderr=subprocess.PIPE, text=True, env=env)
+        self.source = journal.lines(self.process) if journal else self.process.stderr
         self.reader = threading.Thread(target=self.read, daemon=True)
         self.reader.start()
         self.wait_for_line("main: Listener resumes with sandbox, start loop.")
 
     def read(self):
-        for line in self.process.stderr:
+        for line in self.source:
             with self.changed:
                 self.lines.append(line.rstrip("\n"))
                 self.changed.notify_all()

@@ -8,7 +8,7 @@ import subprocess
 import threading
 import unittest
 
-from harness import DEADLINE, ScratchTest, binary, raw_connection, run, wait_until
+from harness import DEADLINE, Journal, ScratchTest, binary, raw_connection, run, wait_until
 
 
 class LifetimeTest(ScratchTest):
@@ -70,6 +70,30 @@ class LifetimeTest(ScratchTest):
         self.scratch.server.next_post()
         self.scratch.daemon.process.send_signal(signal.SIGTERM)
         self.assertEqual(self.scratch.daemon.wait(), 1)
+
+    def test_journal_has_the_last_lines_of_a_stop_that_is_over_its_grace(self):
+        self.scratch.publish()
+        self.scratch.server.behaviour["/post"] = "hang"
+        self.scratch.start("--stop-grace", "1", journal=Journal(self.scratch.root))
+        self.report(self.session("--batch"), number=1)
+        self.expect_error("main: stopped with 0 connections, 1 transfers,")
+        self.assertEqual(self.scratch.daemon.stop(), 0)
+
+    def test_journal_that_was_slow_has_the_last_lines_before_a_second_signal(self):
+        self.scratch.publish()
+        self.scratch.server.behaviour["/post"] = "hang"
+        journal = Journal(self.scratch.root)
+        self.scratch.start("--stop-grace", "3600", journal=journal)
+        client = self.session("--batch")
+        journal.may_read.clear()
+        for number in range(40):
+            self.report(client, number=number)
+        self.scratch.daemon.process.send_signal(signal.SIGTERM)
+        self.scratch.server.next_post()
+        self.scratch.daemon.process.send_signal(signal.SIGTERM)
+        journal.may_read.set()
+        self.assertEqual(self.scratch.daemon.wait(), 1)
+        self.assertTrue(self.scratch.daemon.has_line("Flushing messages for session 1"))
 
     def test_only_the_main_thread_gives_way(self):
         self.scratch.publish()

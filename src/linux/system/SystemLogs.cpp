@@ -92,11 +92,12 @@ class BrokenPipeGuard final {
 
 }  // namespace
 
-std::unique_ptr<SystemLog> makeSystemLog(LogTarget target, LogLevel level) {
+std::unique_ptr<SystemLog> makeSystemLog(LogTarget target, LogLevel level, const std::string& root) {
   const bool leadsToJournal =
       target == LogTarget::kJournal ||
       (target == LogTarget::kAuto && isJournalStream(STDERR_FILENO, std::getenv("JOURNAL_STREAM")));
-  if (leadsToJournal) return std::make_unique<JournalLog>(level);
+  if (leadsToJournal)
+    return std::make_unique<JournalLog>(level, root + std::string(JournalWriter::kJournalSocket));
   return std::make_unique<StreamLog>(STDERR_FILENO, level);
 }
 

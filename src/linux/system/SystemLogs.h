@@ -12,8 +12,9 @@
 
 namespace zun {
 
-/// The daemon's log: lines of `level` and above, to `target`.
-[[nodiscard]] std::unique_ptr<SystemLog> makeSystemLog(LogTarget target, LogLevel level);
+/// The daemon's log: lines of `level` and above, to `target`. The journal is that below `root`.
+[[nodiscard]] std::unique_ptr<SystemLog> makeSystemLog(LogTarget target, LogLevel level,
+                                                       const std::string& root);
 
 /// True if `descriptor` is the stream that `journalStream` ("device:inode", as the
 /// service manager gives it in JOURNAL_STREAM; may be null) names.

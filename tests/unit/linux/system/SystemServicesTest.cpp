@@ -344,15 +344,16 @@ TEST(SystemLogTest, TheJournalsStreamIsKnownByDeviceAndInode) {
 
 TEST(SystemLogTest, TheTargetDecidesTheKindOfLog) {
   const Environment noJournal({{"JOURNAL_STREAM", nullptr}});
-  EXPECT_NE(dynamic_cast<StreamLog*>(makeSystemLog(LogTarget::kStderr, LogLevel::kDebug).get()), nullptr);
-  EXPECT_NE(dynamic_cast<JournalLog*>(makeSystemLog(LogTarget::kJournal, LogLevel::kDebug).get()), nullptr);
-  EXPECT_NE(dynamic_cast<StreamLog*>(makeSystemLog(LogTarget::kAuto, LogLevel::kDebug).get()), nullptr);
+  EXPECT_NE(dynamic_cast<StreamLog*>(makeSystemLog(LogTarget::kStderr, LogLevel::kDebug, "").get()), nullptr);
+  EXPECT_NE(dynamic_cast<JournalLog*>(makeSystemLog(LogTarget::kJournal, LogLevel::kDebug, "").get()),
+            nullptr);
+  EXPECT_NE(dynamic_cast<StreamLog*>(makeSystemLog(LogTarget::kAuto, LogLevel::kDebug, "").get()), nullptr);
 
   struct stat status {};
   ASSERT_EQ(::fstat(STDERR_FILENO, &status), 0);
   const std::string name = std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino);
   const Environment journal({{"JOURNAL_STREAM", name.c_str()}});
-  EXPECT_NE(dynamic_cast<JournalLog*>(makeSystemLog(LogTarget::kAuto, LogLevel::kDebug).get()), nullptr);
+  EXPECT_NE(dynamic_cast<JournalLog*>(makeSystemLog(LogTarget::kAuto, LogLevel::kDebug, "").get()), nullptr);
 }
 
 TEST(SystemLogTest, TheJournalsLevelIsKeptAndItsAbsenceIsNoFailure) {
