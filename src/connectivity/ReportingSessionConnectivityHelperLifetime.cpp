@@ -230,7 +230,8 @@ void ReportingSessionConnectivityHelper::startConnectivityHelperReleaseTimerWith
   };
   releaseTimer->set(platform_.timers.startTimer(options, stateQueue_, std::move(fired), std::move(cancelled)),
                     {std::move(callback), std::move(queue)});
-  // One that runs already goes on, but nobody waits for it any more.
+  // One that runs already is not cancelled, and would fire for the new callback: the owners'
+  // count keeps that from happening. Nobody waits for it any more.
   if (const auto replaced = std::exchange(releaseTimer_, releaseTimer)) (void)replaced->clear();
   log_.debug(
       "startConnectivityHelperReleaseTimerWithBlock: "

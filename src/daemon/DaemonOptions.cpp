@@ -58,7 +58,7 @@ std::variant<DaemonOptions, int> parseDaemonOptions(int argc, const char* const*
                      "Exit after so many SECONDS without clients and work (default: never)")
           ->check(CLI::Range(uint32_t{0}, kLargestInterval));
   app.add_option("--stop-grace", stopGrace,
-                 "Seconds that transfers may take to finish on SIGTERM (default: 20)")
+                 "Seconds that transfers and dashboards may take to finish on SIGTERM (default: 20)")
       ->check(CLI::Range(uint32_t{0}, kLargestInterval));
   app.add_option("--max-connections", options.maxConnections, "Connections in all (default: 4096)")
       ->check(CLI::Range(1U, 1'000'000U));

@@ -66,6 +66,18 @@ BOUNDS = {
     "entries that wait for the journal": [("linux/system/JournalWriter.h", "kMaximumWaitingBytes", "MiB")],
     "one power event in the journal": [("linux/system/JournalPowerLog.h", "kMaximumEventBytes", "KiB")],
 }
+# Rows whose figures are no constants of their own, and why.
+WITHOUT_CONSTANT = {
+    "the text of one answer": "the largest of which a reply with its shape has room, in an expression",
+    "answers above 1 MiB that wait to be read": "a user's share is the listener's, in an expression",
+    "the same, in time": "a duration",
+    "open descriptors": "a part of what the system gives",
+    "the period of `reliable`": "durations",
+    "a request without progress; in all": "durations",
+    "a storebag's request in all; a session's wait for it": "durations",
+    "waiting for another process that writes the settings": "a duration",
+    "the name of an uploaded file in the readable copies": "the bound of a line",
+}
 BYTES = {"MiB": 1 << 20, "KiB": 1 << 10}
 
 
@@ -158,6 +170,12 @@ class DocumentationTest(unittest.TestCase):
             figures = re.findall(r"[\d,]*\d(?: [KM]iB)?", cells[1])
             for file, constant, unit in bounds:
                 self.assertIn(figure(ROOT / "src" / file, constant, unit), figures, f"{row}: {constant}")
+
+    def test_every_row_of_the_bounds_is_checked_or_has_a_reason_not_to_be(self):
+        page = text_of(ROOT / "docs/operations.md")
+        table = page[page.index("## Bounds"):].split("\n\n")[2]
+        rows = [line[2:].split(" | ")[0] for line in table.split("\n")[2:] if not line.startswith("| **")]
+        self.assertEqual(sorted(rows), sorted([*BOUNDS, *WITHOUT_CONSTANT]))
 
     def test_every_program_tells_its_version(self):
         (version,) = re.findall(r"^project\(\w+ VERSION ([\d.]+)", text_of(ROOT / "CMakeLists.txt"), re.MULTILINE)

@@ -144,12 +144,6 @@ class LifetimeTest(ScratchTest):
         self.assertIn("startLogging: Daemon starts logging...", lines[0])
         self.assertIn("main: Listener resumes with sandbox, start loop.", lines[-1])
 
-    def test_main_thread_takes_the_utility_class(self):
-        self.scratch.start()
-        main_thread = self.scratch.daemon.process.pid
-        self.assertEqual(os.sched_getscheduler(main_thread), os.SCHED_BATCH)
-        self.assertEqual(os.getpriority(os.PRIO_PROCESS, main_thread), max(5, os.nice(0)))
-
     def test_a_second_daemon_does_not_take_the_socket_of_a_living_one(self):
         self.scratch.start()
         second = run(binary("zunreportingd"), "--root", self.scratch.root, "--log-target", "stderr", check=False,

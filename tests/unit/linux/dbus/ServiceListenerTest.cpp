@@ -142,7 +142,6 @@ TEST_F(ServiceListenerTest, AStoppedListenerHasNoWaitingClient) {
   EXPECT_FALSE(RawClient(path_).isConnected());
 }
 
-// Clients that come when descriptors have run out are turned away, not left to spin on.
 // Threads that have ended and were never joined would keep their stacks.
 TEST_F(ServiceListenerTest, ConnectionsThatHaveEndedLeaveNoStacks) {
   constexpr size_t kConnections = 200;
@@ -186,6 +185,7 @@ TEST_F(ServiceListenerTest, ClientsWaitWhileNotOneDescriptorIsFreeAndTheLogSaysS
   }
 }
 
+// Clients that come when descriptors have run out are turned away, not left to spin on.
 TEST_F(ServiceListenerTest, RunningOutOfDescriptorsRefusesConnections) {
   start();
   RawClient early(path_);
