@@ -192,8 +192,11 @@ void DashboardLink::end() {
 bool DashboardLink::mayOutliveBackend() {
   if (isOutliving_) return true;
   isOutliving_ = true;
-  const bool hasRoom = outliving_.fetch_add(1) < kMaximumOutliving;
-  if (!hasToldOfOverflow_.exchange(!hasRoom) && !hasRoom) {
+  const size_t others = outliving_.fetch_add(1);
+  // Each one that ends makes room for one: that is no end of the overflow.
+  if (others < kMaximumOutliving / 2) hasToldOfOverflow_ = false;
+  const bool hasRoom = others < kMaximumOutliving;
+  if (!hasRoom && !hasToldOfOverflow_.exchange(true)) {
     platform_.log.error(
         "DashboardBackend(cleanup): {} ended backends wait for acknowledgements, further ones do not",
         kMaximumOutliving);

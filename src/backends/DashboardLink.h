@@ -97,7 +97,7 @@ class DashboardLink final : public std::enable_shared_from_this<DashboardLink> {
 
   inline static std::atomic<size_t> outliving_{0};
   inline static std::atomic<size_t> awaited_{0};
-  inline static std::atomic<bool> hasToldOfOverflow_{false};  // until there is room again
+  inline static std::atomic<bool> hasToldOfOverflow_{false};  // until half of them have ended
 
   const PlatformServices& platform_;
   const bool reliableUDP_;

@@ -4,10 +4,12 @@
 #include <utility>
 
 #include "util/MemoryUse.h"
+#include "values/Check.h"
 
 namespace zun {
 
 EventBatch::Room EventBatch::append(Dictionary record, Filtered filtered) {
+  ZUN_CHECK(filtered == Filtered::kYes || unfilteredRecords_ == records_.size());
   const auto bytes = static_cast<uint32_t>(estimatedObjectSize(Value(record)));
   if (bytes > kMaximumBytes - memory_.bytes()) return Room::kBatchFull;
   if (!memory_.grow(bytes)) return Room::kShareFull;

@@ -31,7 +31,8 @@ class EventBatch final {
   explicit EventBatch(std::shared_ptr<MemoryBudget> memory, BudgetHolder holder = {})
       : memory_(std::move(memory), holder, MemoryShare::kUsualStep) {}
 
-  /// Adds a record, if there is room. Those not filtered yet come before all others.
+  /// Adds a record, if there is room. Those not filtered yet come first: once one was
+  /// filtered, all others are.
   Room append(Dictionary record, Filtered filtered = Filtered::kYes);
 
   /// A method is whatever a record has under "_method", as an integer.

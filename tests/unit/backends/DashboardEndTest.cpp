@@ -118,6 +118,30 @@ TEST_F(DashboardChurnTest, SessionsThatComeAndGoDoNotPileUpTheirPackets) {
   ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
 }
 
+// Else each one that ends makes room for one, and the next has a line again.
+TEST_F(DashboardChurnTest, OverflowIsToldOnceUntilHalfOfThemHaveEnded) {
+  ::rlimit before{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+  if (before.rlim_max < 2 * kMaximum) GTEST_SKIP() << "needs " << 2 * kMaximum << " descriptors";
+  const ::rlimit all{before.rlim_max, before.rlim_max};
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &all), 0);
+  for (int i = 0; i < 3; ++i) {  // will end one by one, before all others
+    comeAndGo(1);
+    tick();
+  }
+  comeAndGo(kMaximum - 2);
+  expectErrors(
+      {"DashboardBackend(cleanup): 4096 ended backends wait for acknowledgements, further ones do not"});
+  for (int i = 0; i < 30; ++i) {
+    tick();
+    comeAndGo(2);
+  }
+  expectErrors({});
+  for (int i = 0; i < 30; ++i) tick();
+  expectSocketsClosed();
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+}
+
 TEST_F(DashboardEndTest, EventsAfterTheCleanupAreDropped) {
   const auto backend = make(reliableProfile());
   backend->cleanup();

@@ -63,6 +63,16 @@ TEST_F(EventBatchTest, RecordsBeyondTheBoundAreDroppedAndTheFirstOneIsNoted) {
   EXPECT_EQ(batch.takeRecords().size(), taken + 1);
 }
 
+// The mark is a count of the first records: it would take filtered ones with it.
+TEST_F(EventBatchTest, NoRecordIsUnfilteredBehindAFilteredOne) {
+  EventBatch batch(memory_);
+  batch.append(recordOf(1), EventBatch::Filtered::kNo);
+  batch.append(recordOf(2), EventBatch::Filtered::kNo);
+  batch.append(recordOf(3), EventBatch::Filtered::kYes);
+  EXPECT_EQ(batch.unfilteredRecords(), 2U);
+  EXPECT_DEATH(batch.append(recordOf(4), EventBatch::Filtered::kNo), "");
+}
+
 TEST_F(EventBatchTest, AllBatchesTogetherHaveABoundAndGiveBackWhatTheyTook) {
   const auto fill = [](EventBatch& batch) {
     EventBatch::Room room = EventBatch::Room::kTaken;
