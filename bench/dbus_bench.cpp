@@ -17,6 +17,7 @@
 #include "linux/dbus/DBusMessage.h"
 #include "linux/dbus/DBusServiceListener.h"
 #include "linux/files/FileDescriptor.h"
+#include "linux/system/SystemClock.h"
 
 namespace {
 
@@ -98,6 +99,7 @@ class NoLog final : public SystemLog {
 
 class Answering final : public ExportedObject, public ServiceListenerDelegate {
  public:
+  bool isEntitled(const ServicePeer&) override { return true; }
   bool shouldAcceptNewConnection(const std::shared_ptr<ServiceConnection>& connection) override {
     connection->setExportedInterface(kInterface);
     connection->setExportedObject(std::shared_ptr<ExportedObject>(this, [](ExportedObject*) {}));
@@ -126,7 +128,8 @@ double threadSeconds() {
 void BM_CallOverSocket(benchmark::State& state) {
   NoLog log;
   Answering object;
-  EntitlementStore entitlements("/nonexistent", log);
+  SystemClock clock;
+  EntitlementStore entitlements("/nonexistent", clock, log);
   DBusListenerOptions options;
   const std::string path = "/tmp/zun-bench-" + std::to_string(::getpid());
   options.address = "unix:path=" + path;

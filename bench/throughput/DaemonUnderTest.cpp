@@ -75,7 +75,8 @@ void DaemonUnderTest::prepare(const std::string& postURL, int eventThreshold) co
   write(root_ + "/usr/share/zunreportingd/publicKey.der", key->publicKeyDER());
   write(root_ + "/etc/zunreportingd/entitlements.d/bench.plist",
         serializeBinaryPropertyList(
-            Array{Dictionary{{"entitlements", Dictionary{{"com.vantix.private.zunreportingd", true}}}}}));
+            Array{Dictionary{{"user", static_cast<int64_t>(::getuid())},
+                             {"entitlements", Dictionary{{"com.vantix.private.zunreportingd", true}}}}}));
   chmod((root_ + "/etc/zunreportingd/entitlements.d/bench.plist").c_str(), 0644);
 
   const Dictionary client{{"locale_whitelist", Array{"DE"}},   {"filters", Array{}},

@@ -36,14 +36,19 @@ std::string ReportingdAgent::description() const {
 
 // --- Clients -------------------------------------------------------------------
 
-bool ReportingdAgent::shouldAcceptNewConnection(const std::shared_ptr<ServiceConnection>& connection) {
-  if (!connection->booleanEntitlement(kEntitlement).value_or(false)) {
+bool ReportingdAgent::isEntitled(const ServicePeer& peer) {
+  if (peer.booleanEntitlement(kEntitlement).value_or(false)) return true;
+  if (log_.isEnabled(LogLevel::kDebug)) {
     log_.debug(
         "listener: new Quorx connection {} does not have required zunreporting entitlement. Closing "
         "connection...",
-        connection->description());
-    return false;
+        peer.description());
   }
+  return false;
+}
+
+bool ReportingdAgent::shouldAcceptNewConnection(const std::shared_ptr<ServiceConnection>& connection) {
+  if (!isEntitled(*connection)) return false;
   log_.debug("listener: Accepting new Quorx connection {} as it has proper entitlement, {}({}) connections.",
              connection->description(), sessionCount(), correlatedSessions_.tokenCount());
 

@@ -29,13 +29,14 @@ class ReportingdAgent final : public ReportingdSessionDelegate,
                               public std::enable_shared_from_this<ReportingdAgent> {
  public:
   /// What a client process must be entitled to.
-  static constexpr std::string_view kEntitlement = "com.vantix.private.zunreportingd";
+  static constexpr std::string_view kEntitlement = kClientEntitlement;
 
   /// `services` and `fetcher` outlive the agent.
   static std::shared_ptr<ReportingdAgent> create(const ReportingServices& services, StorebagFetcher& fetcher);
   ~ReportingdAgent() override;
 
   // ServiceListenerDelegate
+  bool isEntitled(const ServicePeer& peer) override;
   bool shouldAcceptNewConnection(const std::shared_ptr<ServiceConnection>& connection) override;
 
   /// A new session, which the session list holds and the process stays alive for.

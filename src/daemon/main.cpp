@@ -1,5 +1,6 @@
 // zunreportingd: parses the command line, builds the object graph and runs it.
 
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <functional>
@@ -32,6 +33,8 @@ namespace {
 using namespace zun;
 
 constexpr int kExitCannotStart = 1;
+// At the start. A name service that is slower is not waited for.
+constexpr std::chrono::seconds kPatienceWithNames{2};
 
 /// Runs `work` to its end on the thread of `pool`.
 void runOn(WorkerPool& pool, const std::function<void()>& work) {
@@ -83,7 +86,9 @@ int runDaemon(const DaemonOptions& options, EventLoop& loop, SystemLog& log) {
   const ReportingServices& services = machine->services();
   const PlatformServices& platform = services.platform;
   const auto fetcher = NetworkStorebagFetcher::create(platform, services.identity);
-  EntitlementStore entitlements(platform.files.resolve("/etc/zunreportingd/entitlements.d"), log);
+  EntitlementStore entitlements(platform.files.resolve("/etc/zunreportingd/entitlements.d"), platform.clock,
+                                log);
+  runOn(maker, [&] { entitlements.load(kPatienceWithNames); });
   auto listener =
       openIntake(StorageContainers(platform), ReportingSessionConnectivityHelper::POSTRequestMode(),
                  [&] { return makeListener(options, platform, entitlements, maker); });

@@ -1,12 +1,14 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <span>
 #include <string>
 #include <string_view>
 
+#include "platform/ClientClaims.h"
 #include "platform/SandboxExtension.h"
 #include "platform/UniqueFunction.h"
 #include "values/Result.h"
@@ -52,6 +54,8 @@ class ServiceReply final {
 
   /// D-Bus error name for a call that nobody will ever answer.
   static constexpr std::string_view kNoReply = "com.vantix.zunreportingd.Error.NoReply";
+  /// ... for what the client may not ask for.
+  static constexpr std::string_view kAccessDenied = "org.freedesktop.DBus.Error.AccessDenied";
 
   ServiceReply() = default;
   explicit ServiceReply(std::unique_ptr<Sink> sink) : sink_(std::move(sink)) {}
@@ -96,18 +100,26 @@ class EncodedCall {
   virtual ~EncodedCall() = default;
 };
 
-/// One client process's connection. Any thread, but for what is set up between
-/// acceptance and `resume`.
-class ServiceConnection {
+/// Who is at the other end of a socket. Any thread.
+class ServicePeer {
  public:
-  virtual ~ServiceConnection() = default;
+  virtual ~ServicePeer() = default;
 
   /// The peer's boolean entitlement `name`; none when it has no such entry.
   [[nodiscard]] virtual std::optional<bool> booleanEntitlement(std::string_view name) const = 0;
+  /// What the peer may say of itself under that entitlement.
+  [[nodiscard]] virtual ClientClaims claims(std::string_view entitlement) const = 0;
+  /// The user id.
+  [[nodiscard]] virtual uint32_t user() const = 0;
 
   /// One line for logs: process id, user, executable.
   [[nodiscard]] virtual std::string description() const = 0;
+};
 
+/// One client process's connection. Any thread, but for what is set up between
+/// acceptance and `resume`.
+class ServiceConnection : public ServicePeer {
+ public:
   /// What the peer has handed over by descriptor and nobody has used yet. May outlive the
   /// connection, and then gives nothing any more.
   [[nodiscard]] virtual std::shared_ptr<SandboxExtensions> sandboxExtensions() const = 0;
@@ -142,6 +154,9 @@ class ServiceListenerDelegate {
  public:
   virtual ~ServiceListenerDelegate() = default;
 
+  /// Asked before anything is made for the peer, and again once it has authenticated: false
+  /// turns it away.
+  virtual bool isEntitled(const ServicePeer& peer) = 0;
   /// True to accept: the delegate has then set the connection up and resumed it.
   virtual bool shouldAcceptNewConnection(const std::shared_ptr<ServiceConnection>& connection) = 0;
 };

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "platform/ServiceConnection.h"
@@ -11,6 +12,9 @@
 #include "values/Value.h"
 
 namespace zun {
+
+/// What a client process must be entitled to.
+inline constexpr std::string_view kClientEntitlement = "com.vantix.private.zunreportingd";
 
 /// What a client may ask of its session.
 ///

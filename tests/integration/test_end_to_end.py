@@ -140,7 +140,7 @@ class EndToEndTest(ScratchTest):
         self.assertEqual((record["userInfoClientName"], record["userInfoServiceName"]), ("report", "examples"))
 
     def test_client_that_is_not_entitled_is_refused_before_its_first_call(self):
-        self.scratch.entitle({"executable": "/usr/bin/true",
+        self.scratch.entitle({"user": os.getuid(), "executable": "/usr/bin/true",
                               "entitlements": {"com.vantix.private.zunreportingd": True}})
         self.scratch.start()
         result = self.scratch.send([self.event(a=1)], check=False)

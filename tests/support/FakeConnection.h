@@ -26,6 +26,8 @@ class FakeConnection final : public ServiceConnection {
     const auto found = entitlements_.find(std::string(name));
     return found == entitlements_.end() ? std::nullopt : std::optional(found->second);
   }
+  ClientClaims claims(std::string_view) const override { return clientClaims; }
+  uint32_t user() const override { return userID; }
   std::string description() const override { return description_; }
   std::shared_ptr<SandboxExtensions> sandboxExtensions() const override { return extensions; }
   void setExportedInterface(const ServiceInterface& interface) override {
@@ -93,6 +95,8 @@ class FakeConnection final : public ServiceConnection {
     if (interrupted_) interrupted_();
   }
 
+  ClientClaims clientClaims;  // under any entitlement
+  uint32_t userID = 1000;
   std::vector<std::string> setUp;  // what was set up, in order
   const ServiceInterface* exportedInterface = nullptr;
   const ServiceInterface* remoteInterface = nullptr;

@@ -38,21 +38,18 @@ struct DBusEncodedCall final : EncodedCall {
 }  // namespace
 
 std::shared_ptr<DBusServiceConnection> DBusServiceConnection::create(
-    FileDescriptor socket, PeerIdentity peer, Dictionary entitlements, std::string serverID,
-    const DBusConnectionOptions& options, std::shared_ptr<MemoryBudget> largeReplies, SystemLog& log) {
+    FileDescriptor socket, KnownPeer peer, std::string serverID, const DBusConnectionOptions& options,
+    std::shared_ptr<MemoryBudget> largeReplies, SystemLog& log) {
   FileDescriptor wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
   if (!wake.isOpen()) return nullptr;
   return std::make_shared<DBusServiceConnection>(std::move(socket), std::move(wake), std::move(peer),
-                                                 std::move(entitlements), std::move(serverID), options,
-                                                 std::move(largeReplies), log);
+                                                 std::move(serverID), options, std::move(largeReplies), log);
 }
 
-DBusServiceConnection::DBusServiceConnection(FileDescriptor socket, FileDescriptor wake, PeerIdentity peer,
-                                             Dictionary entitlements, std::string serverID,
-                                             const DBusConnectionOptions& options,
+DBusServiceConnection::DBusServiceConnection(FileDescriptor socket, FileDescriptor wake, KnownPeer peer,
+                                             std::string serverID, const DBusConnectionOptions& options,
                                              std::shared_ptr<MemoryBudget> largeReplies, SystemLog& log)
     : peer_(std::move(peer)),
-      entitlements_(std::move(entitlements)),
       serverID_(std::move(serverID)),
       options_(options),
       description_(peer_.description()),
@@ -63,16 +60,11 @@ DBusServiceConnection::DBusServiceConnection(FileDescriptor socket, FileDescript
                                            options_.outputLimits, std::move(largeReplies), log_,
                                            description_)),
       input_(options_.messageLimits),
-      fileAccess_(peer_.fileSystemIdentity(), description_, log_),
-      objects_(DBusEnds{serverID_, static_cast<uint32_t>(peer_.process), peer_.user}) {}
+      fileAccess_(peer_.identity().fileSystemIdentity(), description_, log_),
+      objects_(DBusEnds{serverID_, static_cast<uint32_t>(peer_.identity().process), peer_.user()}) {}
 
 DBusServiceConnection::~DBusServiceConnection() {
   output_->close();  // replies that are still to be given outlive this
-}
-
-std::optional<bool> DBusServiceConnection::booleanEntitlement(std::string_view name) const {
-  const Value& value = entitlements_[name];
-  return value.isNone() ? std::nullopt : std::optional(value.boolValue());
 }
 
 void DBusServiceConnection::setExportedInterface(const ServiceInterface& interface) {
@@ -147,7 +139,7 @@ void DBusServiceConnection::run(ServiceListenerDelegate* delegate,
 }
 
 bool DBusServiceConnection::authenticate() {
-  DBusAuthentication authentication(peer_.user, serverID_);
+  DBusAuthentication authentication(peer_.user(), serverID_);
   const auto deadline = SteadyClock::now() + options_.authenticationTimeout;
   while (authentication.state() == DBusAuthentication::State::kOngoing) {
     const auto left = std::chrono::ceil<Milliseconds>(deadline - SteadyClock::now());

@@ -12,7 +12,7 @@
 #include "linux/dbus/DBusObjects.h"
 #include "linux/dbus/DBusOutput.h"
 #include "linux/files/FileDescriptor.h"
-#include "linux/service/PeerIdentity.h"
+#include "linux/service/KnownPeer.h"
 #include "platform/ServiceConnection.h"
 #include "platform/SystemLog.h"
 
@@ -40,25 +40,28 @@ struct DBusConnectionOptions {
 /// Handlers and the exported object are let go when the connection has been invalidated.
 class DBusServiceConnection final : public ServiceConnection {
  public:
-  /// `entitlements`: name to boolean, decided once. `largeReplies`: what the peer's user
-  /// may leave waiting of them. `log` outlives the connection. Null when the system is
-  /// short of descriptors.
-  static std::shared_ptr<DBusServiceConnection> create(FileDescriptor socket, PeerIdentity peer,
-                                                       Dictionary entitlements, std::string serverID,
+  /// `largeReplies`: what the peer's user may leave waiting of them. `log` outlives the connection. Null when
+  /// the system is short of descriptors.
+  static std::shared_ptr<DBusServiceConnection> create(FileDescriptor socket, KnownPeer peer,
+                                                       std::string serverID,
                                                        const DBusConnectionOptions& options,
                                                        std::shared_ptr<MemoryBudget> largeReplies,
                                                        SystemLog& log);
 
-  DBusServiceConnection(FileDescriptor socket, FileDescriptor wake, PeerIdentity peer,
-                        Dictionary entitlements, std::string serverID, const DBusConnectionOptions& options,
-                        std::shared_ptr<MemoryBudget> largeReplies, SystemLog& log);
+  DBusServiceConnection(FileDescriptor socket, FileDescriptor wake, KnownPeer peer, std::string serverID,
+                        const DBusConnectionOptions& options, std::shared_ptr<MemoryBudget> largeReplies,
+                        SystemLog& log);
   ~DBusServiceConnection() override;
 
   /// Serves the client until the connection ends. Asks `delegate` (null: nobody, refused).
   /// `self` is this connection, as the delegate gets it.
   void run(ServiceListenerDelegate* delegate, const std::shared_ptr<ServiceConnection>& self);
 
-  std::optional<bool> booleanEntitlement(std::string_view name) const override;
+  std::optional<bool> booleanEntitlement(std::string_view name) const override {
+    return peer_.booleanEntitlement(name);
+  }
+  ClientClaims claims(std::string_view entitlement) const override { return peer_.claims(entitlement); }
+  uint32_t user() const override { return peer_.user(); }
   std::string description() const override { return description_; }
   std::shared_ptr<SandboxExtensions> sandboxExtensions() const override { return fileAccess_.extensions(); }
   void setExportedInterface(const ServiceInterface& interface) override;
@@ -72,7 +75,12 @@ class DBusServiceConnection final : public ServiceConnection {
                                                                      const Array& arguments) const override;
   std::optional<std::string> callRemote(const EncodedCall& call) override;
 
-  [[nodiscard]] const PeerIdentity& peer() const { return peer_; }
+  /// As it was known when it connected or, once authenticated, was confirmed.
+  [[nodiscard]] const KnownPeer& peer() const { return peer_; }
+  /// Who the peer is by now. The connection's thread only, until it ends.
+  [[nodiscard]] std::optional<PeerIdentity> readPeer() const { return readPeerIdentity(socket_.get()); }
+  /// Before the delegate is asked.
+  void confirmPeer(KnownPeer peer) { peer_ = std::move(peer); }
 
  private:
   enum class Step { kGoOn, kStop };
@@ -93,8 +101,7 @@ class DBusServiceConnection final : public ServiceConnection {
   void sendError(const DBusHeader& call, std::string_view name, std::string_view text);
   void end();
 
-  const PeerIdentity peer_;
-  const Dictionary entitlements_;
+  KnownPeer peer_;
   const std::string serverID_;
   const DBusConnectionOptions options_;
   const std::string description_;

@@ -21,6 +21,19 @@ namespace {
 
 // Before accepting is tried again when the system is short of something.
 constexpr int kPauseMilliseconds = 100;
+// Before the accepting thread looks at anything else.
+constexpr int kAcceptedAtOnce = 256;
+
+std::string reasonAgainstPeer(const PeerIdentity& peer) {
+  return peer.program && peer.program->isDeleted
+             ? "it is not entitled; its program has been replaced or removed"
+             : "it is not entitled";
+}
+
+/// Nobody takes more than half of what is left beside the others, but always finds one.
+bool hasShare(size_t own, size_t others, size_t all) {
+  return own + others < all && (own == 0 || 2 * (own + 1) + others <= all);
+}
 
 std::string makeServerID() {
   sd_id128_t id{};
@@ -47,6 +60,9 @@ constexpr size_t stackBytes(size_t wanted) {
 struct DBusServiceListener::Served {
   DBusServiceListener* listener = nullptr;
   std::shared_ptr<DBusServiceConnection> connection;
+  // Whose place it holds.
+  uid_t user = 0;
+  ProgramKey program;
   pthread_t thread{};
   std::list<std::unique_ptr<Served>>::iterator place;
 };
@@ -72,7 +88,8 @@ DBusServiceListener::DBusServiceListener(DBusListenerOptions options, ListeningS
       log_(log),
       socket_(std::move(socket)),
       wake_(std::move(wake)),
-      spare_(openSpare()) {}
+      spare_(openSpare()),
+      refusals_(log) {}
 
 DBusServiceListener::~DBusServiceListener() {
   stop();
@@ -106,28 +123,43 @@ void DBusServiceListener::wake() {
 void DBusServiceListener::acceptLoop() {
   while (!isPaused_) {
     std::array<pollfd, 2> polled{{{socket_.get(), POLLIN, 0}, {wake_.get(), POLLIN, 0}}};
-    if (::poll(polled.data(), polled.size(), -1) < 0) continue;
+    if (::poll(polled.data(), polled.size(), millisecondsToTell()) < 0) continue;
     if ((polled[1].revents & POLLIN) != 0) {
       uint64_t count = 0;
       [[maybe_unused]] const ssize_t taken = ::read(wake_.get(), &count, sizeof count);
       joinEnded();
     }
-    if (!isPaused_ && polled[0].revents != 0) acceptOne();
+    if (polled[0].revents != 0) acceptWaiting();
   }
 }
 
-void DBusServiceListener::acceptOne() {
-  FileDescriptor client(::accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
-  if (!client.isOpen()) {
-    handleAcceptFailure(errno);
-    return;
+/// Those who connect in a loop must not fill the queue in which everybody waits.
+void DBusServiceListener::acceptWaiting() {
+  for (int count = 0; count < kAcceptedAtOnce && !isPaused_; ++count) {
+    FileDescriptor client(::accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    if (!client.isOpen()) {
+      handleAcceptFailure(errno);
+      return;
+    }
+    isShort_ = false;
+    try {
+      serve(std::move(client));
+    } catch (const std::exception& exception) {
+      refuse(RefusalLog::Cause::kShortage, nullptr, exception.what());
+    }
   }
-  isShort_ = false;
-  try {
-    serve(std::move(client));
-  } catch (const std::exception& exception) {
-    log_.error("listener: a connection is refused: {}", exception.what());
-  }
+}
+
+/// Until refusals that were only counted are to be told; none are: for ever.
+int DBusServiceListener::millisecondsToTell() {
+  const RefusalLog::Time now = options_.now();
+  const auto next = refusals_.tellCounted(now);
+  if (!next) return -1;
+  return static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(*next - now).count());
+}
+
+void DBusServiceListener::refuse(RefusalLog::Cause cause, const PeerIdentity* peer, std::string reason) {
+  refusals_.refused(cause, peer == nullptr ? "" : peer->description(), std::move(reason), options_.now());
 }
 
 void DBusServiceListener::handleAcceptFailure(int error) {
@@ -138,7 +170,7 @@ void DBusServiceListener::handleAcceptFailure(int error) {
     const bool isRefused = FileDescriptor(::accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC)).isOpen();
     spare_ = openSpare();
     if (isRefused) {
-      log_.error("listener: a connection is refused: {}", std::generic_category().message(error));
+      refuse(RefusalLog::Cause::kShortage, nullptr, std::generic_category().message(error));
       return;
     }
   }
@@ -150,37 +182,86 @@ void DBusServiceListener::handleAcceptFailure(int error) {
   if (!spare_.isOpen()) spare_ = openSpare();
 }
 
+bool DBusServiceListener::refuseAgain(int socket) {
+  const auto credentials = readPeerCredentials(socket);
+  const KnownPeer* const known = credentials ? recentRefusals_.find(*credentials, options_.now()) : nullptr;
+  if (known == nullptr || isEntitled(*known)) return false;
+  refuseStranger(*known);
+  return true;
+}
+
+void DBusServiceListener::refuseStranger(const KnownPeer& peer) {
+  refuse(RefusalLog::Cause::kNotEntitled, &peer.identity(), reasonAgainstPeer(peer.identity()));
+}
+
 void DBusServiceListener::serve(FileDescriptor socket) {
-  auto peer = readPeerIdentity(socket.get());
-  if (!peer) {
-    log_.error("listener: a connection is refused: it has no peer credentials");
+  if (refuseAgain(socket.get())) return;
+  auto identity = readPeerIdentity(socket.get());
+  if (!identity) {
+    refuse(RefusalLog::Cause::kShortage, nullptr, "it has no peer credentials");
     return;
   }
-  if (const std::string reason = refusal(*peer); !reason.empty()) {
-    log_.error("listener: a connection of {} is refused: {}", peer->description(), reason);
+  KnownPeer peer(*identity, entitlements_.rightsOfPeer(*identity));
+  if (!isEntitled(peer)) {
+    refuseStranger(peer);
+    recentRefusals_.add(peer, options_.now());
     return;
   }
-  Dictionary entitlements = entitlements_.entitlementsOfPeer(*peer);
-  auto largeReplies = largeRepliesOf(peer->user);
-  auto connection =
-      DBusServiceConnection::create(std::move(socket), std::move(*peer), std::move(entitlements), serverID_,
-                                    options_.connection, largeReplies, log_);
+  if (std::string reason = reasonAgainstPlace(*identity); !reason.empty()) {
+    refuse(RefusalLog::Cause::kNoPlace, &*identity, std::move(reason));
+    return;
+  }
+  auto largeReplies = largeRepliesOf(identity->user);
+  auto connection = DBusServiceConnection::create(std::move(socket), std::move(peer), serverID_,
+                                                  options_.connection, largeReplies, log_);
   if (connection == nullptr) {
-    log_.error("listener: a connection is refused: too many open files");
+    refuse(RefusalLog::Cause::kShortage, nullptr, "too many open files");
     return;
   }
   startThread(std::move(connection), std::move(largeReplies));
 }
 
-std::string DBusServiceListener::refusal(const PeerIdentity& peer) {
-  const MutexLock lock(mutex_);
-  if (running_.size() >= options_.maximumConnections) {
-    return fmt::format("there are {} connections already", running_.size());
+bool DBusServiceListener::isEntitled(const ServicePeer& peer) {
+  return delegate_ != nullptr && delegate_->isEntitled(peer);
+}
+
+/// An authenticated peer's. Programs that are not what they were count as not known: who
+/// connects and then becomes an entitled program does not become entitled.
+bool DBusServiceListener::shouldAcceptNewConnection(const std::shared_ptr<ServiceConnection>& connection) {
+  auto& ours = static_cast<DBusServiceConnection&>(*connection);
+  auto identity = ours.readPeer();
+  if (!identity) return false;
+  const auto& before = ours.peer().identity().program;
+  if (!before || !identity->program || !identity->program->isStill(*before)) identity->program.reset();
+  KnownPeer peer(*identity, entitlements_.rightsOfPeer(*identity));
+  if (!isEntitled(peer)) {
+    refuse(RefusalLog::Cause::kNotEntitled, &ours.peer().identity(), "it is no longer entitled");
+    return false;
   }
+  ours.confirmPeer(std::move(peer));
+  return delegate_->shouldAcceptNewConnection(connection);
+}
+
+DBusServiceListener::ProgramKey DBusServiceListener::programKey(const PeerIdentity& peer) {
+  return peer.program ? ProgramKey(peer.program->device, peer.program->inode) : ProgramKey();
+}
+
+std::string DBusServiceListener::reasonAgainstPlace(const PeerIdentity& peer) {
+  const MutexLock lock(mutex_);
+  const size_t all = running_.size();
   const auto found = users_.find(peer.user);
-  const size_t count = found == users_.end() ? 0 : found->second.connections;
-  if (count < options_.maximumConnectionsPerUser) return {};
-  return fmt::format("the user has {} connections already", count);
+  const size_t ofUser = found == users_.end() ? 0 : found->second.connections;
+  if (!hasShare(ofUser, all - ofUser, options_.maximumConnections)) {
+    return ofUser == 0 ? fmt::format("there are {} connections already", all)
+                       : fmt::format("there are {} connections already, {} of them the user's", all, ofUser);
+  }
+  if (ofUser == 0) return {};
+  const auto program = found->second.programs.find(programKey(peer));
+  const size_t ofProgram = program == found->second.programs.end() ? 0 : program->second;
+  if (hasShare(ofProgram, ofUser - ofProgram, options_.maximumConnectionsPerUser)) return {};
+  return ofProgram == 0 ? fmt::format("the user has {} connections already", ofUser)
+                        : fmt::format("the user has {} connections already, {} of them the program's", ofUser,
+                                      ofProgram);
 }
 
 /// One for all connections of a user.
@@ -199,7 +280,8 @@ void DBusServiceListener::startThread(std::shared_ptr<DBusServiceConnection> con
   Served& served = *node.front();
   served.listener = this;
   served.place = node.begin();
-  const uid_t userID = connection->peer().user;
+  served.user = connection->peer().identity().user;
+  served.program = programKey(connection->peer().identity());
   served.connection = std::move(connection);
   pthread_attr_t attributes;
   ::pthread_attr_init(&attributes);
@@ -208,17 +290,19 @@ void DBusServiceListener::startThread(std::shared_ptr<DBusServiceConnection> con
   {
     // Held until the thread is listed: at its end it takes itself off the list.
     const MutexLock lock(mutex_);
-    User& user = users_[userID];
+    User& user = users_[served.user];
     user.largeReplies = std::move(largeReplies);
+    size_t& ofProgram = user.programs[served.program];
     error = ::pthread_create(&served.thread, &attributes, threadMain, &served);
     if (error == 0) {
       ++user.connections;
+      ++ofProgram;
       running_.splice(running_.end(), node);
     }
   }
   ::pthread_attr_destroy(&attributes);
   if (error != 0) {
-    log_.error("listener: a connection is refused: {}", std::generic_category().message(error));
+    refuse(RefusalLog::Cause::kShortage, nullptr, std::generic_category().message(error));
     return;
   }
   countChanged();
@@ -228,7 +312,7 @@ void* DBusServiceListener::threadMain(void* argument) {
   auto& served = *static_cast<Served*>(argument);
   DBusServiceListener& listener = *served.listener;
   try {
-    served.connection->run(listener.delegate_, served.connection);
+    served.connection->run(&listener, served.connection);
   } catch (const std::exception& exception) {
     listener.log_.error("listener: {}: its connection failed: {}", served.connection->description(),
                         exception.what());
@@ -242,8 +326,9 @@ void DBusServiceListener::connectionEnded(Served& served) {
   {
     const MutexLock lock(mutex_);
     connection = std::move(served.connection);
-    const auto found = users_.find(connection->peer().user);
-    if (found != users_.end() && --found->second.connections == 0) users_.erase(found);
+    User& user = users_[served.user];
+    if (--user.programs[served.program] == 0) user.programs.erase(served.program);
+    if (--user.connections == 0) users_.erase(served.user);
   }
   connection = nullptr;
   {

@@ -1,17 +1,21 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <functional>
 #include <list>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 
 #include "linux/dbus/DBusServiceConnection.h"
 #include "linux/dbus/ListeningSocket.h"
+#include "linux/dbus/RecentRefusals.h"
+#include "linux/dbus/RefusalLog.h"
 #include "linux/files/FileDescriptor.h"
 #include "linux/service/EntitlementStore.h"
 #include "platform/Mutex.h"
@@ -25,12 +29,16 @@ namespace zun {
 struct DBusListenerOptions {
   /// "unix:path=PATH". Not used when the service manager hands a socket over.
   std::string address;
+  // Nobody gets more than half of what is left beside the others, be it a user of all
+  // connections or a program of its user's.
   size_t maximumConnections = 4096;
   size_t maximumConnectionsPerUser = 256;
   /// Of one user's replies that are larger than a client's message may be.
   size_t maximumWaitingReplyBytesPerUser = size_t{64} << 20;
   size_t connectionStackBytes = size_t{256} << 10;
   DBusConnectionOptions connection;
+  /// For refusals alone: when they are told, and how long they are remembered.
+  std::function<RefusalLog::Time()> now = [] { return std::chrono::steady_clock::now().time_since_epoch(); };
   /// Makes the thread that accepts; its quality of service is that of each connection's.
   std::function<std::thread(std::function<void()>)> startThread = [](std::function<void()> work) {
     return std::thread(std::move(work));
@@ -38,14 +46,15 @@ struct DBusListenerOptions {
 };
 
 /// The named service: D-Bus, point to point, on a Unix socket that everybody may
-/// connect to; entitlements decide who is served.
+/// connect to; entitlements decide who is served, before anything is made for a peer and
+/// again once it has authenticated: it may run another program by then.
 ///
 ///   created (listening) ─resume─▶ accepting ─stop─▶ closed ─invalidateConnections─▶ over
 ///                       ◀──pause──
 ///
 /// Threading: as ServiceListener says; one thread accepts, each connection has its own.
 /// Ownership: main's. `entitlements` and `log` outlive it, the delegate its connections.
-class DBusServiceListener final : public ServiceListener {
+class DBusServiceListener final : public ServiceListener, private ServiceListenerDelegate {
  public:
   static Result<std::unique_ptr<DBusServiceListener>, Error> create(DBusListenerOptions options,
                                                                     EntitlementStore& entitlements,
@@ -68,19 +77,31 @@ class DBusServiceListener final : public ServiceListener {
  private:
   /// A connection and its thread.
   struct Served;
+  /// By device and inode; a program that is not known is none.
+  using ProgramKey = std::pair<dev_t, ino_t>;
   struct User {
     size_t connections = 0;
+    std::map<ProgramKey, size_t> programs;  // connections
     std::shared_ptr<MemoryBudget> largeReplies;
   };
 
   DBusServiceListener(DBusListenerOptions options, ListeningSocket socket, FileDescriptor wake,
                       EntitlementStore& entitlements, SystemLog& log);
+  // ServiceListenerDelegate, between a connection and the listener's own one.
+  bool isEntitled(const ServicePeer& peer) override;
+  bool shouldAcceptNewConnection(const std::shared_ptr<ServiceConnection>& connection) override;
   void acceptLoop();
-  void acceptOne();
+  void acceptWaiting();
   void handleAcceptFailure(int error);
   void serve(FileDescriptor socket);
-  /// Why one more connection of this peer is refused; empty if it is not.
-  std::string refusal(const PeerIdentity& peer);
+  /// Refuses a peer that was refused a moment ago.
+  bool refuseAgain(int socket);
+  void refuseStranger(const KnownPeer& peer);
+  [[nodiscard]] int millisecondsToTell();
+  void refuse(RefusalLog::Cause cause, const PeerIdentity* peer, std::string reason);
+  /// Why there is no place for one more connection of this peer; empty if there is one.
+  std::string reasonAgainstPlace(const PeerIdentity& peer);
+  static ProgramKey programKey(const PeerIdentity& peer);
   std::shared_ptr<MemoryBudget> largeRepliesOf(uid_t user);
   void startThread(std::shared_ptr<DBusServiceConnection> connection,
                    std::shared_ptr<MemoryBudget> largeReplies);
@@ -99,6 +120,8 @@ class DBusServiceListener final : public ServiceListener {
   FileDescriptor wake_;
   FileDescriptor spare_;  // given up for a moment to refuse a client when descriptors run out
   bool isShort_ = false;  // the accepting thread's: the system is, and it has been said
+  RefusalLog refusals_;
+  RecentRefusals recentRefusals_;  // the accepting thread's
   std::thread thread_;
   std::atomic<bool> isStopping_{false};
   std::atomic<bool> isPaused_{false};

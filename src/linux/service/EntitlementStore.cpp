@@ -2,20 +2,17 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <grp.h>
-#include <pwd.h>
+#include <fmt/format.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <limits>
+#include <iterator>
 #include <memory>
 #include <system_error>
 
 #include "linux/files/FileDescriptor.h"
 #include "linux/files/FileTrust.h"
-#include "values/PropertyList.h"
-#include "values/Result.h"
 
 namespace zun {
 
@@ -23,7 +20,6 @@ namespace {
 
 constexpr std::string_view kSuffix = ".plist";
 constexpr size_t kMaximumFileBytes = size_t{1} << 20;
-constexpr size_t kNameBufferBytes = size_t{16} << 10;
 
 bool sameTime(const timespec& left, const timespec& right) {
   return left.tv_sec == right.tv_sec && left.tv_nsec == right.tv_nsec;
@@ -33,67 +29,52 @@ std::string systemMessage(int error) {
   return std::generic_category().message(error);
 }
 
+/// The error says something about the file; any other one is the machine's.
+bool isOfTheFile(int error) {
+  return error == ENOENT || error == ENOTDIR || error == ELOOP || error == EACCES || error == EPERM ||
+         error == ENXIO;
+}
+
+/// Why a file cannot be used.
+struct ReadFault {
+  enum class Of { kFile, kMachine } of = Of::kFile;
+  std::string reason;
+
+  static ReadFault ofSystem(int error) {
+    return {isOfTheFile(error) ? Of::kFile : Of::kMachine, systemMessage(error)};
+  }
+};
+
 /// A whole regular file that nobody but root and the daemon's user can write.
-Result<std::string, std::string> readTrustedFile(const std::string& path) {
-  using Read = Result<std::string, std::string>;
+Result<std::string, ReadFault> readTrustedFile(const std::string& path) {
+  using Read = Result<std::string, ReadFault>;
+  const auto refuse = [](const char* reason) { return Read::failure({ReadFault::Of::kFile, reason}); };
   // Not blocking: a pipe in its place must not hold up everybody.
   const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   struct stat status {};
-  if (!file.isOpen() || ::fstat(file.get(), &status) != 0) return Read::failure(systemMessage(errno));
-  if (!S_ISREG(status.st_mode)) return Read::failure("it is no regular file");
-  if (const char* const reason = reasonToDistrust(status)) return Read::failure(reason);
-  if (static_cast<size_t>(status.st_size) > kMaximumFileBytes) return Read::failure("it is too large");
+  if (!file.isOpen() || ::fstat(file.get(), &status) != 0) return Read::failure(ReadFault::ofSystem(errno));
+  if (!S_ISREG(status.st_mode)) return refuse("it is no regular file");
+  if (const char* const reason = reasonToDistrust(status)) return refuse(reason);
+  if (static_cast<size_t>(status.st_size) > kMaximumFileBytes) return refuse("it is too large");
   std::string bytes(kMaximumFileBytes + 1, '\0');
   size_t length = 0;
   while (length < bytes.size()) {
     const ssize_t count = ::read(file.get(), bytes.data() + length, bytes.size() - length);
     if (count < 0 && errno == EINTR) continue;
-    if (count < 0) return Read::failure(systemMessage(errno));
+    if (count < 0) return Read::failure(ReadFault::ofSystem(errno));
     if (count == 0) break;
     length += static_cast<size_t>(count);
   }
-  if (length > kMaximumFileBytes) return Read::failure("it is too large");
+  if (length > kMaximumFileBytes) return refuse("it is too large");
   bytes.resize(length);
   return bytes;
 }
 
-bool isNumber(std::string_view text) {
-  return !text.empty() && text.find_first_not_of("0123456789") == std::string_view::npos;
-}
-
-/// The id that a rule gives as an integer or as digits.
-std::optional<uint32_t> numberOf(const Value& value) {
-  const bool isNumeric = value.isInteger() || (value.isString() && isNumber(value.stringValue()));
-  const int64_t number = value.intValue();
-  if (!isNumeric || number < 0 || number >= std::numeric_limits<uint32_t>::max()) return std::nullopt;
-  return static_cast<uint32_t>(number);
-}
-
-std::optional<uid_t> userOf(const Value& value) {
-  if (const auto number = numberOf(value)) return number;
-  std::string buffer(kNameBufferBytes, '\0');
-  passwd entry{};
-  passwd* found = nullptr;
-  const std::string name(value.stringValue());
-  if (name.empty() || ::getpwnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found) != 0)
-    return {};
-  return found == nullptr ? std::nullopt : std::optional(found->pw_uid);
-}
-
-std::optional<gid_t> groupOf(const Value& value) {
-  if (const auto number = numberOf(value)) return number;
-  std::string buffer(kNameBufferBytes * 4, '\0');
-  group entry{};
-  group* found = nullptr;
-  const std::string name(value.stringValue());
-  if (name.empty() || ::getgrnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found) != 0)
-    return {};
-  return found == nullptr ? std::nullopt : std::optional(found->gr_gid);
-}
-
-bool isInGroup(const PeerIdentity& peer, gid_t group) {
-  const auto& others = peer.supplementaryGroups;
-  return peer.group == group || std::find(others.begin(), others.end(), group) != others.end();
+/// The program that the rule names, and not another one at the same path for its peer.
+bool isProgram(const std::string& executable, const PeerIdentity& peer) {
+  struct stat status {};
+  return peer.program && ::stat(executable.c_str(), &status) == 0 && status.st_dev == peer.program->device &&
+         status.st_ino == peer.program->inode;
 }
 
 }  // namespace
@@ -104,27 +85,67 @@ bool EntitlementStore::Stamp::operator==(const Stamp& other) const {
          sameTime(changed, other.changed);
 }
 
-Dictionary EntitlementStore::entitlementsOfPeer(const PeerIdentity& peer) {
-  auto stamps = stampFolder();
-  Dictionary entitlements;
-  const MutexLock lock(mutex_);
-  if (stamps != stamps_) {
-    reload(stamps);
-    stamps_ = std::move(stamps);
+void EntitlementStore::load(std::chrono::milliseconds patience) {
+  {
+    const MutexLock lock(mutex_);
+    update();
   }
-  for (const Rule& rule : rules_) {
-    if (!matches(rule, peer)) continue;
-    for (const auto& [name, value] : rule.entitlements) {
-      if (!entitlements.contains(name.stringValue())) entitlements.set(name, Value(value.boolValue()));
-    }
-  }
-  return entitlements;
+  names_.wait(patience);
 }
 
-std::vector<EntitlementStore::Stamp> EntitlementStore::stampFolder() const {
-  std::vector<Stamp> stamps;
+PeerRights EntitlementStore::rightsOfPeer(const PeerIdentity& peer) {
+  PeerRights rights;
+  const MutexLock lock(mutex_);
+  update();
+  for (const EntitlementRule& rule : rules_) {
+    if (!matches(rule, peer)) continue;
+    for (const auto& [name, isEntitled] : rule.entitlements) {
+      rights.try_emplace(name, PeerRight{isEntitled, rule.claims});
+    }
+  }
+  return rights;
+}
+
+void EntitlementStore::update() {
+  auto stamps = stampFolder();
+  if (stamps && stamps_ == *stamps) {
+    trouble_.clear();
+    return;
+  }
+  auto rules = stamps ? readFiles(*stamps) : Result<Rules, std::string>::failure(stamps.error());
+  if (!rules) {
+    if (trouble_ != rules.error()) {
+      log_.error("entitlements: the rules stay as they are: {}", rules.error());
+      trouble_ = rules.error();
+    }
+    return;
+  }
+  rules_ = std::move(*rules);
+  stamps_ = std::move(*stamps);
+  trouble_.clear();
+  lookUpNames();
+}
+
+void EntitlementStore::lookUpNames() {
+  const auto lookUp = [this](NameKind kind, const std::optional<AccountName>& account) {
+    if (!account) return;
+    if (const auto* const name = std::get_if<std::string>(&*account)) names_.lookUpAgain(kind, *name);
+  };
+  for (const EntitlementRule& rule : rules_) {
+    lookUp(NameKind::kUser, rule.user);
+    lookUp(NameKind::kGroup, rule.group);
+  }
+}
+
+Result<EntitlementStore::Stamps, std::string> EntitlementStore::stampFolder() const {
+  using Stamped = Result<Stamps, std::string>;
+  const auto fail = [this](int error) {
+    return Stamped::failure(fmt::format("{}: {}", folder_, systemMessage(error)));
+  };
+  Stamps stamps;
   const std::unique_ptr<DIR, int (*)(DIR*)> folder(::opendir(folder_.c_str()), ::closedir);
-  if (folder == nullptr) return stamps;
+  if (folder == nullptr) return errno == ENOENT || errno == ENOTDIR ? Stamped(stamps) : fail(errno);
+  errno = 0;
   while (const dirent* const entry = ::readdir(folder.get())) {
     const std::string_view name = entry->d_name;
     if (!name.ends_with(kSuffix) || name.starts_with('.')) continue;
@@ -141,72 +162,52 @@ std::vector<EntitlementStore::Stamp> EntitlementStore::stampFolder() const {
       stamp.changed = status.st_ctim;
     }
     stamps.push_back(std::move(stamp));
+    errno = 0;
   }
+  if (errno != 0) return fail(errno);
   std::sort(stamps.begin(), stamps.end(),
             [](const Stamp& left, const Stamp& right) { return left.name < right.name; });
   return stamps;
 }
 
-void EntitlementStore::reload(const std::vector<Stamp>& stamps) {
-  rules_.clear();
-  for (const Stamp& stamp : stamps) readFile(folder_ + "/" + stamp.name);
+Result<EntitlementStore::Rules, std::string> EntitlementStore::readFiles(const Stamps& stamps) const {
+  Rules rules;
+  std::vector<std::string> faults;
+  for (const Stamp& stamp : stamps) {
+    const std::string path = folder_ + "/" + stamp.name;
+    const auto bytes = readTrustedFile(path);
+    if (!bytes && bytes.error().of == ReadFault::Of::kMachine) {
+      return Result<Rules, std::string>::failure(fmt::format("{}: {}", path, bytes.error().reason));
+    }
+    auto ofFile =
+        bytes ? parseEntitlementRules(*bytes) : Result<Rules, std::string>::failure(bytes.error().reason);
+    if (!ofFile) {
+      faults.push_back(fmt::format("{} is ignored: {}", path, ofFile.error()));
+      continue;
+    }
+    std::move(ofFile->begin(), ofFile->end(), std::back_inserter(rules));
+  }
+  for (const std::string& fault : faults) log_.error("entitlements: {}", fault);
+  return rules;
 }
 
-void EntitlementStore::readFile(const std::string& path) {
-  const auto bytes = readTrustedFile(path);
-  if (!bytes) {
-    log_.error("entitlements: {} is ignored: {}", path, bytes.error());
-    return;
-  }
-  const auto content = parsePropertyList(*bytes);
-  if (!content) {
-    log_.error("entitlements: {} is ignored: {}", path, content.error());
-    return;
-  }
-  const Array* const rules = (*content).array();
-  if (rules == nullptr) {
-    log_.error("entitlements: {} is ignored: it is no array of rules", path);
-    return;
-  }
-  bool isWellFormed = true;
-  for (const Value& element : *rules) {
-    Rule rule;
-    rule.isWellFormed = element.isDictionary();
-    if (const Dictionary* const dictionary = element.dictionary()) rule = parseRule(*dictionary);
-    isWellFormed = isWellFormed && rule.isWellFormed;
-    if (rule.isWellFormed) rules_.push_back(std::move(rule));
-  }
-  if (!isWellFormed) log_.error("entitlements: {} has rules of the wrong form, which are ignored", path);
+bool EntitlementStore::matches(const EntitlementRule& rule, const PeerIdentity& peer) {
+  return (!rule.user || isUser(*rule.user, peer)) && (!rule.group || isInGroup(*rule.group, peer)) &&
+         (!rule.executable || isProgram(*rule.executable, peer));
 }
 
-/// A condition of the wrong kind must not turn into no condition at all.
-EntitlementStore::Rule EntitlementStore::parseRule(const Dictionary& dictionary) {
-  Rule rule;
-  const Value& executable = dictionary["executable"];
-  const Value& user = dictionary["user"];
-  const Value& group = dictionary["group"];
-  const auto isNameOrNumber = [](const Value& value) {
-    return value.isNone() || value.isInteger() || value.isString();
-  };
-  const Dictionary* const entitlements = dictionary["entitlements"].dictionary();
-  rule.isWellFormed = (executable.isNone() || executable.isString()) && isNameOrNumber(user) &&
-                      isNameOrNumber(group) && entitlements != nullptr;
-  if (!rule.isWellFormed) return rule;
-  if (executable.isString()) rule.executable = executable.stringValue();
-  rule.namesUser = !user.isNone();
-  if (rule.namesUser) rule.user = userOf(user);
-  rule.namesGroup = !group.isNone();
-  if (rule.namesGroup) rule.group = groupOf(group);
-  rule.entitlements = *entitlements;
-  return rule;
+bool EntitlementStore::isUser(const AccountName& user, const PeerIdentity& peer) {
+  const auto* const name = std::get_if<std::string>(&user);
+  const auto number = name == nullptr ? std::get<uint32_t>(user) : names_.numberOf(NameKind::kUser, *name);
+  return number == peer.user;
 }
 
-bool EntitlementStore::matches(const Rule& rule, const PeerIdentity& peer) {
-  const bool isExecutable =
-      !rule.executable || (!peer.executable.empty() && *rule.executable == peer.executable);
-  const bool isUser = !rule.namesUser || (rule.user && *rule.user == peer.user);
-  const bool isGroup = !rule.namesGroup || (rule.group && isInGroup(peer, *rule.group));
-  return isExecutable && isUser && isGroup;
+bool EntitlementStore::isInGroup(const AccountName& group, const PeerIdentity& peer) {
+  const auto* const name = std::get_if<std::string>(&group);
+  const auto number = name == nullptr ? std::get<uint32_t>(group) : names_.numberOf(NameKind::kGroup, *name);
+  const auto& others = peer.supplementaryGroups;
+  return number &&
+         (peer.group == *number || std::find(others.begin(), others.end(), *number) != others.end());
 }
 
 }  // namespace zun

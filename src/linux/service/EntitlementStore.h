@@ -2,51 +2,62 @@
 
 #include <sys/stat.h>
 
+#include <chrono>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "linux/service/EntitlementRules.h"
+#include "linux/service/NameResolver.h"
 #include "linux/service/PeerIdentity.h"
+#include "platform/ClientClaims.h"
+#include "platform/Clock.h"
 #include "platform/Mutex.h"
 #include "platform/SystemLog.h"
-#include "values/Value.h"
+#include "values/Result.h"
 
 namespace zun {
+
+/// What the rules decide for one peer: by name of the entitlement.
+struct PeerRight {
+  bool isEntitled = false;
+  ClientClaims claims;
+};
+using PeerRights = std::map<std::string, PeerRight, std::less<>>;
 
 /// Who is entitled to what: rules in the property lists (*.plist) of one folder, each
 /// an array of dictionaries
 ///
+///   user        name or number          all that are given must hold,
+///   group       name or number          and one of these two must be given
 ///   executable  path of the peer's program
-///   user        name or number          all that are given must hold;
-///   group       name or number          a rule with none of them is for everybody
 ///   entitlements  dictionary of name to boolean
+///   clientTypes, clientNames, hierarchies  what the peer may say of itself (ClientClaims)
 ///
 /// Files in the order of their names, rules in the order of their file: the first rule
-/// for the peer that names an entitlement decides it. Files that others than root and
-/// the daemon's own user could have written are not read.
+/// for the peer that names an entitlement decides it. A file that others than root and
+/// the daemon's own user could have written, or that is wrong in any way, does not count.
 ///
-/// Threading: any thread. Changed files are seen by the next question. Ownership:
-/// main's; `log` outlives it.
+/// Where the machine fails while they are read (it is out of descriptors, say), the rules
+/// stay what they were, and are read again with the next question.
+///
+/// Threading: any thread; no question waits for a name service. Changed files are seen by
+/// the next question. Ownership: main's; `clock` and `log` outlive it.
 class EntitlementStore final {
  public:
   /// `folder`: a real path; there need not be one.
-  EntitlementStore(std::string folder, SystemLog& log) : folder_(std::move(folder)), log_(log) {}
+  EntitlementStore(std::string folder, const Clock& clock, SystemLog& log,
+                   NameLookup lookup = lookUpSystemName)
+      : folder_(std::move(folder)), log_(log), names_(std::move(lookup), clock, log) {}
 
-  /// Name to boolean of every entitlement that a rule decides for `peer`.
-  [[nodiscard]] Dictionary entitlementsOfPeer(const PeerIdentity& peer);
+  /// Reads and judges the files now, and gives the names in them `patience` to be found.
+  void load(std::chrono::milliseconds patience);
+
+  [[nodiscard]] PeerRights rightsOfPeer(const PeerIdentity& peer);
 
  private:
-  struct Rule {
-    std::optional<std::string> executable;
-    // Of named users and groups the number; none where nobody has the name.
-    bool namesUser = false;
-    std::optional<uid_t> user;
-    bool namesGroup = false;
-    std::optional<gid_t> group;
-    bool isWellFormed = true;
-    Dictionary entitlements;
-  };
   /// What tells a file from its changed self.
   struct Stamp {
     std::string name;
@@ -60,18 +71,25 @@ class EntitlementStore final {
 
     bool operator==(const Stamp& other) const;
   };
+  using Stamps = std::vector<Stamp>;
+  using Rules = std::vector<EntitlementRule>;
 
-  [[nodiscard]] std::vector<Stamp> stampFolder() const;
-  void reload(const std::vector<Stamp>& stamps) REQUIRES(mutex_);
-  void readFile(const std::string& path) REQUIRES(mutex_);
-  [[nodiscard]] static Rule parseRule(const Dictionary& rule);
-  [[nodiscard]] static bool matches(const Rule& rule, const PeerIdentity& peer);
+  void update() REQUIRES(mutex_);
+  // The error is the machine's: another time there may be none.
+  [[nodiscard]] Result<Stamps, std::string> stampFolder() const;
+  [[nodiscard]] Result<Rules, std::string> readFiles(const Stamps& stamps) const;
+  void lookUpNames() REQUIRES(mutex_);
+  [[nodiscard]] bool matches(const EntitlementRule& rule, const PeerIdentity& peer);
+  [[nodiscard]] bool isUser(const AccountName& user, const PeerIdentity& peer);
+  [[nodiscard]] bool isInGroup(const AccountName& group, const PeerIdentity& peer);
 
   const std::string folder_;
   SystemLog& log_;
+  NameResolver names_;
   Mutex mutex_;
-  std::vector<Stamp> stamps_ GUARDED_BY(mutex_);
-  std::vector<Rule> rules_ GUARDED_BY(mutex_);
+  std::optional<Stamps> stamps_ GUARDED_BY(mutex_);  // none before they were read
+  Rules rules_ GUARDED_BY(mutex_);
+  std::string trouble_ GUARDED_BY(mutex_);  // why they could not be read the last time
 };
 
 }  // namespace zun

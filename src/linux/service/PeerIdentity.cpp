@@ -1,13 +1,18 @@
 #include "linux/service/PeerIdentity.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <charconv>
 #include <climits>
+#include <string_view>
 
 #include "linux/files/FileDescriptor.h"
 #include "values/UTF8.h"
@@ -32,12 +37,37 @@ bool hasEnded(const FileDescriptor& process) {
   return ::poll(&ended, 1, 0) != 0;
 }
 
-std::string executableOfProcess(pid_t process) {
-  std::array<char, PATH_MAX> path{};
+/// When the process with this number started; 0 if there is none.
+uint64_t startOfProcess(pid_t process) {
+  const FileDescriptor file(::open(fmt::format("/proc/{}/stat", process).c_str(), O_RDONLY | O_CLOEXEC));
+  std::array<char, 1024> text{};
+  const ssize_t length = ::read(file.get(), text.data(), text.size());
+  if (length <= 0) return 0;
+  std::string_view rest(text.data(), static_cast<size_t>(length));
+  // The name of the program, the second field, may hold anything.
+  rest.remove_prefix(std::min(rest.rfind(')') + 1, rest.size()));
+  for (int field = 2; field < 22; ++field) rest.remove_prefix(std::min(rest.find(' ') + 1, rest.size()));
+  uint64_t start = 0;
+  std::from_chars(rest.data(), rest.data() + rest.size(), start);
+  return start;
+}
+
+std::optional<PeerProgram> programOfProcess(pid_t process) {
+  PeerProgram program;
+  program.processStart = startOfProcess(process);
   const std::string link = fmt::format("/proc/{}/exe", process);
+  struct stat status {};
+  std::array<char, PATH_MAX> path{};
   const ssize_t length = ::readlink(link.c_str(), path.data(), path.size());
-  if (length <= 0 || static_cast<size_t>(length) == path.size()) return {};
-  return {path.data(), static_cast<size_t>(length)};
+  // The link leads to the file itself, whatever its path names by now.
+  if (length <= 0 || ::stat(link.c_str(), &status) != 0) return std::nullopt;
+  program.path.assign(path.data(), static_cast<size_t>(length));
+  program.device = status.st_dev;
+  program.inode = status.st_ino;
+  program.isDeleted = status.st_nlink == 0;
+  // Had the process ended, its number might by now be another's.
+  if (program.processStart == 0 || startOfProcess(process) != program.processStart) return std::nullopt;
+  return program;
 }
 
 std::vector<gid_t> supplementaryGroupsOfPeer(int socket) {
@@ -55,11 +85,11 @@ std::vector<gid_t> supplementaryGroupsOfPeer(int socket) {
 }  // namespace
 
 std::string PeerIdentity::description() const {
-  const std::string path = executable.empty() ? "unknown executable" : replacingInvalidUTF8(executable);
+  const std::string path = program ? replacingInvalidUTF8(program->path) : "unknown executable";
   return fmt::format("pid {}, user {}, {}", process, user, path);
 }
 
-std::optional<PeerIdentity> readPeerIdentity(int socket) {
+std::optional<PeerIdentity> readPeerCredentials(int socket) {
   ucred credentials{};
   socklen_t length = sizeof credentials;
   if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0) return std::nullopt;
@@ -67,11 +97,16 @@ std::optional<PeerIdentity> readPeerIdentity(int socket) {
   peer.process = credentials.pid;
   peer.user = credentials.uid;
   peer.group = credentials.gid;
-  peer.supplementaryGroups = supplementaryGroupsOfPeer(socket);
+  return peer;
+}
+
+std::optional<PeerIdentity> readPeerIdentity(int socket) {
+  auto peer = readPeerCredentials(socket);
+  if (!peer) return std::nullopt;
+  peer->supplementaryGroups = supplementaryGroupsOfPeer(socket);
   const FileDescriptor process = peerProcessDescriptor(socket);
-  peer.executable = executableOfProcess(peer.process);
-  // Had the process ended, its number might by now be another's.
-  if (process.isOpen() && hasEnded(process)) peer.executable.clear();
+  peer->program = programOfProcess(peer->process);
+  if (process.isOpen() && hasEnded(process)) peer->program.reset();
   return peer;
 }
 

@@ -20,6 +20,7 @@
 #include "linux/dbus/DBusMessage.h"
 #include "linux/dbus/DBusServiceListener.h"
 #include "linux/files/FileDescriptor.h"
+#include "support/Fakes.h"
 #include "support/RecordingLog.h"
 #include "support/ScratchFolder.h"
 
@@ -160,6 +161,7 @@ class EchoObject final : public ExportedObject {
 /// Exports an EchoObject to everybody, and keeps what is accepted.
 class EchoDelegate final : public ServiceListenerDelegate {
  public:
+  bool isEntitled(const ServicePeer& peer) override { return !entitles || entitles(peer); }
   bool shouldAcceptNewConnection(const std::shared_ptr<ServiceConnection>& connection) override {
     if (!accepts) {
       events->add("refused");
@@ -195,6 +197,7 @@ class EchoDelegate final : public ServiceListenerDelegate {
     connection_ = nullptr;
   }
 
+  std::function<bool(const ServicePeer&)> entitles = nullptr;  // null: everybody
   bool accepts = true;
   bool resumes = true;
   std::shared_ptr<Events> events = std::make_shared<Events>();
@@ -401,7 +404,10 @@ class RawClient final {
 /// the test did not take fails it.
 class DBusServiceTest : public ::testing::Test {
  protected:
-  void SetUp() override { options_.address = "unix:path=" + path_; }
+  void SetUp() override {
+    options_.address = "unix:path=" + path_;
+    options_.now = [this] { return clock_.monotonic(); };
+  }
   void TearDown() override {
     listener_.reset();
     EXPECT_EQ(log_.takeErrors(), std::vector<std::string>());
@@ -456,7 +462,8 @@ class DBusServiceTest : public ::testing::Test {
   ScratchFolder scratch_;
   std::string path_ = scratch_.path("run/service");
   RecordingLog log_;
-  EntitlementStore entitlements_{scratch_.path("entitlements.d"), log_};
+  FakeClock clock_;
+  EntitlementStore entitlements_{scratch_.path("entitlements.d"), clock_, log_};
   EchoDelegate delegate_;
   DBusListenerOptions options_;
   std::unique_ptr<DBusServiceListener> listener_;

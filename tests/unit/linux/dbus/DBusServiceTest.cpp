@@ -164,8 +164,8 @@ TEST_F(DBusRawServiceTest, EntitlementsAreDecidedAtAccept) {
   std::filesystem::create_directories(folder);
   const auto write = [&folder](const std::string& value) {
     const std::string text =
-        "<plist version=\"1.0\"><array><dict><key>entitlements</key><dict><key>e</key><" + value +
-        "/></dict></dict></array></plist>";
+        "<plist version=\"1.0\"><array><dict><key>user</key><integer>" + std::to_string(::getuid()) +
+        "</integer><key>entitlements</key><dict><key>e</key><" + value + "/></dict></dict></array></plist>";
     const FileDescriptor file(::open((folder + "/a.plist").c_str(), O_CREAT | O_WRONLY | O_TRUNC, 0644));
     ASSERT_EQ(::write(file.get(), text.data(), text.size()), static_cast<ssize_t>(text.size()));
   };
@@ -183,22 +183,22 @@ TEST_F(DBusRawServiceTest, EntitlementsAreDecidedAtAccept) {
   EXPECT_EQ(accepted->description(), peerName());
 }
 
-TEST_F(DBusRawServiceTest, ConnectionsOfOneUserAreLimited) {
-  options_.maximumConnectionsPerUser = 2;
+TEST_F(DBusRawServiceTest, AProgramHasHalfOfItsUsersConnections) {
+  options_.maximumConnectionsPerUser = 4;
   start();
   auto first = connect();
   const auto second = connect();
-  RawClient third(path_);
-  EXPECT_TRUE(third.isEnded());
-  expectErrors(
-      {"listener: a connection of " + peerName() + " is refused: the user has 2 connections already"});
+  const std::string refusal = "listener: a connection of " + peerName() +
+                              " is refused: the user has 2 connections already, 2 of them the program's";
+  EXPECT_TRUE(RawClient(path_).isEnded());
+  expectErrors({refusal});
   first->close();
   waitForConnections(1);
   const auto fourth = connect();
   expectStillServed(*fourth);
+  clock_.advance(RefusalLog::kInterval);
   EXPECT_TRUE(RawClient(path_).isEnded());
-  expectErrors(
-      {"listener: a connection of " + peerName() + " is refused: the user has 2 connections already"});
+  expectErrors({refusal});
 }
 
 // What was accepted and not resumed yet has to notice its end as well.
@@ -215,13 +215,25 @@ TEST_F(DBusRawServiceTest, AConnectionEndsBeforeItIsResumed) {
   EXPECT_TRUE(other->isEnded());
 }
 
+TEST_F(DBusRawServiceTest, AUserHasHalfOfAllConnectionsWhateverTheOptionsSay) {
+  options_.maximumConnections = 4;
+  options_.maximumConnectionsPerUser = 1000;
+  start();
+  const auto first = connect();
+  const auto second = connect();
+  EXPECT_TRUE(RawClient(path_).isEnded());
+  expectErrors({"listener: a connection of " + peerName() +
+                " is refused: there are 2 connections already, 2 of them the user's"});
+}
+
 TEST_F(DBusRawServiceTest, ConnectionsInAllAreLimited) {
   options_.maximumConnections = 1;
   start();
   const auto first = connect();
   RawClient second(path_);
   EXPECT_TRUE(second.isEnded());
-  expectErrors({"listener: a connection of " + peerName() + " is refused: there are 1 connections already"});
+  expectErrors({"listener: a connection of " + peerName() +
+                " is refused: there are 1 connections already, 1 of them the user's"});
 }
 
 // --- Calls --------------------------------------------------------------------------

@@ -4,6 +4,7 @@
 #include <sys/wait.h>
 
 #include <algorithm>
+#include <atomic>
 #include <fstream>
 #include <iterator>
 
@@ -22,6 +23,17 @@ class ServiceListenerTest : public DBusServiceTest {
     return created ? "" : created.error().description;
   }
   std::string socketPath() const { return path_; }
+  /// This process and program has the entitlement "e", or has it not.
+  void writeRule(bool isEntitled) {
+    std::filesystem::create_directories(scratch_.path("entitlements.d"));
+    const std::string path = scratch_.path("entitlements.d/a.plist");
+    std::ofstream(path) << "<plist version=\"1.0\"><array><dict><key>user</key><integer>" << ::getuid()
+                        << "</integer><key>executable</key><string>"
+                        << std::filesystem::read_symlink("/proc/self/exe").string()
+                        << "</string><key>entitlements</key><dict><key>e</key><"
+                        << (isEntitled ? "true" : "false") << "/></dict></dict></array></plist>";
+    ASSERT_EQ(::chmod(path.c_str(), 0644), 0);
+  }
 };
 
 TEST_F(ServiceListenerTest, TheSocketsFolderIsMadeAndEverybodyMayConnect) {
@@ -173,7 +185,15 @@ TEST_F(ServiceListenerTest, ClientsWaitWhileNotOneDescriptorIsFreeAndTheLogSaysS
     address.sun_family = AF_UNIX;
     std::memcpy(address.sun_path, path_.data(), path_.size());
     ASSERT_EQ(::connect(late.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    expectErrors({"listener: connections have to wait: Too many open files"});
+    // Once one is free, the folder of the rules may want it just then.
+    const std::string waits = "listener: connections have to wait: Too many open files";
+    const auto isOfTheRules = [](const std::string& line) { return line.starts_with("entitlements: "); };
+    std::vector<std::string> errors;
+    while (errors.empty()) {
+      errors = log_.takeErrors();
+      std::erase_if(errors, isOfTheRules);
+    }
+    EXPECT_EQ(errors, std::vector<std::string>{waits});
     while (early.size() > left) {  // each end has the listener look again
       early.pop_back();
       waitForConnections(early.size());
@@ -182,6 +202,9 @@ TEST_F(ServiceListenerTest, ClientsWaitWhileNotOneDescriptorIsFreeAndTheLogSaysS
     waitForConnections(left + 1);
     ::shutdown(late.get(), SHUT_RDWR);
     waitForConnections(left);
+    errors = log_.takeErrors();
+    std::erase_if(errors, isOfTheRules);
+    EXPECT_EQ(errors, std::vector<std::string>());
   }
 }
 
@@ -190,6 +213,7 @@ TEST_F(ServiceListenerTest, RunningOutOfDescriptorsRefusesConnections) {
   start();
   RawClient early(path_);
   ASSERT_TRUE(early.authenticate());
+  ASSERT_TRUE(delegate_.events->wait("accepted"));  // and asked again who it is, which takes descriptors
   constexpr size_t kClients = 8;
   std::vector<FileDescriptor> clients;
   for (size_t count = 0; count < kClients; ++count) clients.emplace_back(::socket(AF_UNIX, SOCK_STREAM, 0));
@@ -213,8 +237,72 @@ TEST_F(ServiceListenerTest, RunningOutOfDescriptorsRefusesConnections) {
     }
   }
   ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
-  expectErrors(std::vector<std::string>(kClients, "listener: a connection is refused: Too many open files"));
+  clock_.advance(RefusalLog::kInterval);
+  // The first is told at once, with the next the second is over.
   EXPECT_TRUE(RawClient(path_).authenticate());
+  expectErrors({"listener: a connection is refused: Too many open files",
+                "listener: 7 more connections are refused: Too many open files"});
+  EXPECT_TRUE(RawClient(path_).authenticate());
+}
+
+// --- Who is served ------------------------------------------------------------------
+
+// A stranger must cost nothing that the entitled need.
+TEST_F(ServiceListenerTest, WhoIsNotEntitledIsTurnedAwayBeforeAnythingIsMade) {
+  std::atomic<bool> isEntitled{false};
+  delegate_.entitles = [&](const ServicePeer&) { return isEntitled.load(); };
+  options_.maximumConnectionsPerUser = 1;
+  const auto created = DBusServiceListener::create(options_, entitlements_, log_);
+  ASSERT_TRUE(created);
+  listener_ = std::move(const_cast<std::unique_ptr<DBusServiceListener>&>(*created));
+  listener_->setConnectionCountHandler([this](size_t) { delegate_.events->add("counted"); });
+  listener_->setDelegate(&delegate_);
+  listener_->resume();
+  for (int count = 0; count < 5; ++count) EXPECT_TRUE(RawClient(path_).isEnded());
+  EXPECT_EQ(delegate_.events->all(), std::vector<std::string>());
+  EXPECT_EQ(log_.linesOf(LogLevel::kDefault),
+            (std::vector<std::string>{"listener: a connection of " + peerName() +
+                                      " is refused: it is not entitled"}));
+  clock_.advance(RefusalLog::kInterval);
+  isEntitled = true;
+  EXPECT_TRUE(RawClient(path_).authenticate());
+  ASSERT_TRUE(delegate_.events->wait("accepted"));
+  EXPECT_EQ(log_.linesOf(LogLevel::kDefault)[1],
+            "listener: 4 more connections are refused, the last of " + peerName() + ": it is not entitled");
+}
+
+// So that a loop of connects costs little; and only for a moment.
+TEST_F(ServiceListenerTest, ARefusalIsRememberedForATenthOfASecond) {
+  std::atomic<int> asked{0};
+  writeRule(false);
+  delegate_.entitles = [&](const ServicePeer& peer) {
+    ++asked;
+    return peer.booleanEntitlement("e").value_or(false);
+  };
+  start();
+  EXPECT_TRUE(RawClient(path_).isEnded());
+  writeRule(true);
+  clock_.advance(RecentRefusals::kKept - std::chrono::nanoseconds(1));
+  EXPECT_TRUE(RawClient(path_).isEnded());
+  EXPECT_EQ(asked, 2);
+  clock_.advance(std::chrono::nanoseconds(1));
+  EXPECT_TRUE(RawClient(path_).authenticate());
+}
+
+TEST_F(ServiceListenerTest, WhoIsNoLongerEntitledOnceAuthenticatedIsTurnedAway) {
+  writeRule(true);
+  delegate_.entitles = [](const ServicePeer& peer) { return peer.booleanEntitlement("e").value_or(false); };
+  start();
+  RawClient client(path_);
+  waitForConnections(1);
+  writeRule(false);
+  ASSERT_TRUE(client.authenticate());
+  EXPECT_TRUE(client.isEnded());
+  waitForConnections(0);
+  EXPECT_EQ(delegate_.events->all(), std::vector<std::string>());
+  EXPECT_EQ(log_.linesOf(LogLevel::kDefault),
+            (std::vector<std::string>{"listener: a connection of " + peerName() +
+                                      " is refused: it is no longer entitled"}));
 }
 
 }  // namespace
