@@ -228,7 +228,7 @@ void ReportingdSession::receivedUserInfo(const std::optional<Dictionary>& newUse
   updateUserInfoForBackends();
   if (!userChanged) {
     // States stay, but the helper may be another one, where the agent shares no more of them.
-    if (backends_ != nullptr && backends_->isAnyEnabled()) posting_->activateOnce();
+    if (backends_ != nullptr && backends_->isAnyEnabled()) posting_->activate();
     return;
   }
   log().debug("receivedUserInfo: Received new user info for session {}", sessionID());
@@ -306,8 +306,10 @@ void ReportingdSession::dealloc() {
   shutdownSessionAggregation();
   handBackKeepAliveReference();
   releaseUserInfo();
-  if (backends_ == nullptr) return;
-  for (const auto& entry : backends_->entries) entry.backend->cleanup();
+  if (backends_ != nullptr) {
+    for (const auto& entry : backends_->entries) entry.backend->cleanup();
+  }
+  posting_->tellLosses();  // not when its last post has ended, which may take days
 }
 
 Dictionary ReportingdSession::endPayload() const {

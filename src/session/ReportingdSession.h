@@ -123,8 +123,8 @@ class ReportingdSession final : public ClientSessionInterface,
   [[nodiscard]] SystemLog& log() const { return services_.platform.log; }
   [[nodiscard]] std::optional<Dictionary> configuredSessionInfo() const EXCLUDES(mutex_);
   [[nodiscard]] std::shared_ptr<const BackendTable> backendsSnapshot() const EXCLUDES(mutex_);
-  /// A storebag that names no backend leaves an empty table. A start is answered with an
-  /// empty list then, as none says that there is no storebag; for all else it is none.
+  /// A storebag that names no backend leaves an empty table. Both calls that answer names
+  /// answer an empty list then, as none says that there is no storebag; for all else it is none.
   [[nodiscard]] bool hasBackends() const { return backends_ != nullptr && !backends_->entries.empty(); }
 
   // ReportingdSession.cpp

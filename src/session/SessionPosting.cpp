@@ -1,5 +1,7 @@
 #include "session/SessionPosting.h"
 
+#include <utility>
+
 namespace zun {
 
 namespace {
@@ -17,9 +19,15 @@ const char* describe(EventLoss cause) {
 }  // namespace
 
 SessionPosting::~SessionPosting() {
+  tellLosses();
+}
+
+void SessionPosting::tellLosses() {
   for (size_t cause = 0; cause < kEventLossCount; ++cause) {
-    if (lost_[cause] == 0) continue;
-    log_.note("postJSONMessage: session {} has lost {} events: {}", sessionID_.load(), lost_[cause].load(),
+    const size_t lost = lost_[cause];
+    const size_t news = lost - std::exchange(told_[cause], lost);
+    if (news == 0) continue;
+    log_.note("postJSONMessage: session {} has lost {} events: {}", sessionID_.load(), news,
               describe(static_cast<EventLoss>(cause)));
   }
 }
@@ -42,16 +50,8 @@ std::shared_ptr<ReportingSessionConnectivityHelper> SessionPosting::connectivity
 
 void SessionPosting::activate() {
   const MutexLock lock(mutex_);
-  activateHelper();
-}
-
-void SessionPosting::activateOnce() {
-  const MutexLock lock(mutex_);
-  if (helper_ != activated_.lock()) activateHelper();
-}
-
-void SessionPosting::activateHelper() {
   if (helper_ == nullptr) return;
+  if (helper_ == activated_.lock()) return helper_->setReleaseTimeout(releaseTimeout_);
   helper_->activate(releaseTimeout_);
   activated_ = helper_;
 }

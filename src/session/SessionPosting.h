@@ -16,7 +16,8 @@ namespace zun {
 /// What one session posts through, and the count of what never left.
 ///
 /// Threading: any thread. Ownership: held by the session, its backends and their posts
-/// under way. When the last of them has gone, all that was lost is known and told.
+/// under way. The count is told at the session's end; what is lost later, when the last of
+/// them has gone.
 class SessionPosting final : public BackendObserver {
  public:
   static constexpr uint32_t kDefaultReleaseTimeout = 30;  // seconds
@@ -28,26 +29,27 @@ class SessionPosting final : public BackendObserver {
   void setSessionID(uint32_t sessionID) { sessionID_ = sessionID; }
   /// The timeout that the helper is given when it is activated.
   void setReleaseTimeout(uint32_t seconds) EXCLUDES(mutex_);
-  /// Null: nothing can be posted. Another helper than before is told the timeout.
+  /// Null: nothing can be posted. A helper is told the timeout.
   void setConnectivityHelper(std::shared_ptr<ReportingSessionConnectivityHelper> helper) EXCLUDES(mutex_);
   [[nodiscard]] std::shared_ptr<ReportingSessionConnectivityHelper> connectivityHelper() const
       EXCLUDES(mutex_);
 
-  /// Activates the helper, and sets its timeout in any case.
+  /// Activates the helper if this session has not done so before; its timeout is set in
+  /// any case.
   void activate() EXCLUDES(mutex_);
-  /// The same for a helper that this session has not activated before.
-  void activateOnce() EXCLUDES(mutex_);
+
+  /// Tells how many events were lost since the last time. At the session's end.
+  void tellLosses();
 
   // BackendObserver
-  void backendWasEnabled() override { activateOnce(); }
+  void backendWasEnabled() override { activate(); }
   void eventsWereLost(EventLoss cause, size_t count) override;
 
  private:
-  void activateHelper() REQUIRES(mutex_);
-
   SystemLog& log_;
   std::atomic<uint32_t> sessionID_{0};
   std::array<std::atomic<size_t>, kEventLossCount> lost_{};
+  std::array<size_t, kEventLossCount> told_{};
 
   mutable Mutex mutex_;
   std::shared_ptr<ReportingSessionConnectivityHelper> helper_ GUARDED_BY(mutex_);

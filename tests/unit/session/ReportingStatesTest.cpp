@@ -194,6 +194,22 @@ TEST_F(ReportingStatesTest, StateTakenFromTheParentActivatesTheChildsHelper) {
             1);
 }
 
+// Whichever comes first, the queued state that tells of itself or the start that set it.
+TEST_F(ReportingStatesTest, StartActivatesItsHelperOnce) {
+  const auto activations = [this] {
+    return platform_.log.count(LogLevel::kDebug,
+                               "activate: activating connectivity helper for Wirepath with ID <inactive>");
+  };
+  startWith({{"test", Dictionary{}}});
+  EXPECT_EQ(activations(), 1);
+  TestBackend::onStateUpdate = [this] { executor_.runAll(); };
+  session_ = world_.makeSession();
+  agent_.sharesHelpers = false;
+  startWith({{"test", Dictionary{}}});
+  TestBackend::onStateUpdate = nullptr;
+  EXPECT_EQ(activations(), 2);
+}
+
 TEST_F(ReportingStatesTest, ParentWithoutAThresholdClearsTheChilds) {
   makeParent({{"a", Dictionary{}}});
   makeChild({{"a", Dictionary{}}});

@@ -162,6 +162,48 @@ TEST_F(SessionPostingTest, PostsOfBackendsWhoseUserHasGoneAreCountedAndToldOnce)
   expectLost(7, 3, kNoUser);
 }
 
+// Others hold it as well, and its release takes its time.
+TEST_F(SessionPostingTest, SessionWithoutAUserAnyMorePostsThroughTheFormersConnectionWhileThatLives) {
+  world_.agent->storebag = storebag();
+  configureAndStart(sessionInfo(7, {{kZunReportingSessionInfoRequireUserInfo, false}}), userInfo("C", "S"));
+  expectErrors({"setSessionInfo: Configure session: user info provided without requiring it"});
+  ASSERT_TRUE(server_.waitForRequests(1));
+  call("fetchStatesWithUserInfo", {nothing()});
+  call("sendMessageWithDictionary", {message(5, 6)});
+  ASSERT_TRUE(server_.waitForRequests(2));
+}
+
+TEST_F(SessionPostingTest, AnotherUserWithoutANewStartLosesPostsOnceTheFormersConnectionHasGone) {
+  world_.agent->storebag = storebag();
+  configureAndStart(sessionInfo(7), userInfo("C", "S"));
+  ASSERT_TRUE(server_.waitForRequests(1));
+  const std::weak_ptr<ReportingSessionConnectivityHelper> helper = session_->connectivityHelper();
+  call("setSessionInfo", {sessionInfo(7), just(userInfo("Other", "S")), Array(), false});
+  call("sendMessageWithDictionary", {message(5, 6)});
+  ASSERT_TRUE(server_.waitForRequests(2));
+  world_.agent->forgetHelpers();
+  while (!helper.expired()) std::this_thread::yield();  // its URL session ends first
+  call("sendMessageWithDictionary", {message(5, 6)});
+  expectLost(7, 2, kNoUser);
+}
+
+TEST_F(SessionPostingTest, LossesAreToldAtTheEndOfTheSessionThoughAPostIsUnderWay) {
+  Dictionary both = storebag({{"post_url", 5}});
+  both.set("httpPost2", storebag()["httpPost"]);
+  const auto gate = std::make_shared<TestGate>();
+  server_.answer("/events", {.status = 200, .gate = gate});
+  world_.agent->storebag = both;
+  configureAndStart(sessionInfo(7), userInfo("C", "S"));
+  ASSERT_TRUE(server_.waitForRequests(1));
+  session_.reset();
+  const std::string why = "the storebag has no post_url for it";
+  expectDefaultLine("postJSONMessage: session 7 has lost 2 events: " + why);
+  gate->open();
+  expectLost(7, 2, why);
+  EXPECT_EQ(platform_.log.count(LogLevel::kDefault, "postJSONMessage: session 7 has lost 2 events: " + why),
+            1);
+}
+
 TEST_F(SessionPostingTest, EveryEventOfABatchThatIsNotPostedIsCounted) {
   world_.agent->storebag = storebag();
   configureAndStart(batching(7), userInfo("C", "S"));

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -41,11 +42,15 @@ class TestBackend final : public ZunReportingBackend {
 
   using ZunReportingBackend::sendMessage;
 
+  /// Called when `updateState` has queued the new state.
+  inline static std::function<void()> onStateUpdate;
+
   int32_t updateState() override {
     ++stateUpdates;
     trace.emplace_back("updateState");
     const Value& state = profile_["state"];
     setState(state.isNone() ? ZunBackendStateEnabled : state.int32Value());
+    if (onStateUpdate) onStateUpdate();
     return state.isNone() ? ZunBackendStateEnabled : state.int32Value();
   }
   std::optional<std::string> sendMessage(const std::optional<Dictionary>& message, const TimeValue& timestamp,
