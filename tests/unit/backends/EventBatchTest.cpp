@@ -20,7 +20,7 @@ class EventBatchTest : public ::testing::Test {
   /// What batches took is `bytes`, or what they take ahead more.
   void expectTaken(size_t bytes) const {
     EXPECT_LE(memory_->left(), kBudget - bytes);
-    EXPECT_GE(memory_->left(), kBudget - bytes - std::min(bytes, MemoryShare::kUsualStep));
+    EXPECT_GE(memory_->left() + std::min(bytes, MemoryShare::kUsualStep), kBudget - bytes);
   }
 
   const std::shared_ptr<MemoryBudget> memory_ = std::make_shared<MemoryBudget>(kBudget);

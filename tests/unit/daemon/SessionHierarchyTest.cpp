@@ -32,6 +32,17 @@ TEST_F(SessionHierarchyTest, ParentIDStringJoinsAllLevelsFromTheTop) {
   end(a, b, c);
 }
 
+TEST_F(SessionHierarchyTest, NoParentIsLookedForAtTheTopAndWithoutAToken) {
+  Client top = join(1, "family", 0);
+  Client alone = connect();
+  alone->setSessionInfo({{zunreporting::kZunReportingSessionInfoSessionID, 2}}, std::nullopt, {}, false);
+  EXPECT_EQ(agent_->parentSessionIDStringForSession(*top.session), std::nullopt);
+  EXPECT_EQ(agent_->parentSessionIDStringForSession(*alone.session), std::nullopt);
+  for (const std::string& line : platform_.log.linesOf(LogLevel::kDebug))
+    EXPECT_FALSE(line.starts_with("parentSessionIDStringForSession: Checking")) << line;
+  end(top, alone);
+}
+
 TEST_F(SessionHierarchyTest, GapAtTheParentGivesNoneAndOneFurtherUpGivesWhatIsBelowIt) {
   Client a = join(1, "family", 0);
   Client c = join(3, "family", 2);
@@ -447,6 +458,21 @@ TEST_F(SessionHierarchyTest, TokenHasSharedDataFromTheFirstUpdateOnEvenAnEmptyOn
   client->updateSharedDataForKey("absent", Value());
   EXPECT_EQ(agent_->sharedDataForSession(*client.session), Dictionary());
   end(client);
+}
+
+// It stands in the table, and in the line of those that wait to be given up.
+TEST_F(SessionHierarchyTest, NameOfATokenWithoutSessionsCountsTwice) {
+  const auto visit = [this](char name) {
+    Client client = join(1, std::string(600'000, name), 0);
+    end(client);
+  };
+  for (char name = 'A'; name < 'A' + 27; ++name) visit(name);  // 32.4 million bytes
+  expectErrors({"log: lines of more than 16384 bytes are cut, and end with their length"});
+  visit('a');
+  expectErrors(
+      {"updateCorrelatedSessions: hierarchyTokens without sessions keep more than 33554432 bytes, the "
+       "longest "
+       "idle are given up"});
 }
 
 TEST_F(SessionHierarchyTest, OfTheTokensWithoutSessionsTheLongestIdleIsGivenUpFirst) {
