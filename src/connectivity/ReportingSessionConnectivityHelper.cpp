@@ -81,8 +81,8 @@ void ReportingSessionConnectivityHelper::postOnStateQueue(URLRequest request,
   if (!made) return;
   if (!*made) {
     log_.error(
-        "postURLRequestWithCompletionHandler: underlying Wirepath has been invalidated with error {}. "
-        "Ignoring POST request.",
+        "postURLRequestWithCompletionHandler: "
+        "underlying Wirepath has been invalidated with error {}. Ignoring POST request.",
         made->error().description);
     return;
   }
@@ -103,8 +103,8 @@ void ReportingSessionConnectivityHelper::getOnStateQueue(URLRequest request,
   const MadeTask made = privateURLSession()->dataTaskWithRequest(std::move(request));
   if (!made) {
     log_.error(
-        "getURLRequestWithCompletionHandler: underlying Wirepath has been invalidated with error {}. "
-        "Ignoring GET request.",
+        "getURLRequestWithCompletionHandler: "
+        "underlying Wirepath has been invalidated with error {}. Ignoring GET request.",
         made.error().description);
     return;
   }

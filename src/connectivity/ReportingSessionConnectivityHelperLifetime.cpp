@@ -201,8 +201,8 @@ void ReportingSessionConnectivityHelper::decrementOnStateQueue(ReleaseCallback c
     return;
   }
   log_.debug(
-      "ownerDecrementUsageCountWithBlock: Usage count for Wirepath with ID <{}> is equal to 0. Starting "
-      "connectivity helper release timer",
+      "ownerDecrementUsageCountWithBlock: "
+      "Usage count for Wirepath with ID <{}> is equal to 0. Starting connectivity helper release timer",
       helperID());
   startConnectivityHelperReleaseTimerWithBlock(std::move(callback), std::move(queue));
 }
@@ -242,8 +242,8 @@ void ReportingSessionConnectivityHelper::startConnectivityHelperReleaseTimerWith
 void ReportingSessionConnectivityHelper::releaseTimerFired() {
   ZUN_ASSERT_ON_QUEUE(*stateQueue_);
   log_.debug(
-      "startConnectivityHelperReleaseTimerWithBlock: Connectivity helper release timer fired for Wirepath "
-      "with ID <{}>, timeout {}s",
+      "startConnectivityHelperReleaseTimerWithBlock: "
+      "Connectivity helper release timer fired for Wirepath with ID <{}>, timeout {}s",
       helperID(), static_cast<int32_t>(releaseTimeout_));
   const auto releaseTimer = std::exchange(releaseTimer_, nullptr);
   if (!releaseTimer) return;
@@ -254,8 +254,8 @@ void ReportingSessionConnectivityHelper::releaseTimerFired() {
   owner.async([&log = log_, callback = std::move(waiting.callback), usageCount = usageCount_] {
     const int32_t count = usageCount->load();
     log.debug(
-        "startConnectivityHelperReleaseTimerWithBlock: Calling back owner of Connectivity helper with "
-        "_usageCount={}",
+        "startConnectivityHelperReleaseTimerWithBlock: "
+        "Calling back owner of Connectivity helper with _usageCount={}",
         count);
     callback(count);
   });
@@ -272,8 +272,8 @@ void ReportingSessionConnectivityHelper::keepForEver(ReleaseCallback callback,
     owner.async([callback = std::move(callback)] { callback(1); });
   }
   log_.debug(
-      "startConnectivityHelperReleaseTimerWithBlock: release {} Quorx transactions for ever-lasting "
-      "connectivity helper {}",
+      "startConnectivityHelperReleaseTimerWithBlock: "
+      "release {} Quorx transactions for ever-lasting connectivity helper {}",
       static_cast<int32_t>(totalSessionsServedCount()), helperID());
   releaseAllQuorxTransactions();
 }

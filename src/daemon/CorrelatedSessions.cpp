@@ -108,8 +108,8 @@ std::optional<std::string> CorrelatedSessions::parentSessionIDString(ReportingdS
     auto ancestor = getFirstSessionWithHierarchy(level, *list);
     if (ancestor == nullptr) {
       log_.note(
-          "parentSessionIDStringForSession: Found a gap in hierarchy (one of parents missing): incomplete "
-          "parentSessionID is '{}'",
+          "parentSessionIDStringForSession: "
+          "Found a gap in hierarchy (one of parents missing): incomplete parentSessionID is '{}'",
           ancestors.empty() ? "(null)" : joinedFromTheTop(ancestors));
       break;
     }

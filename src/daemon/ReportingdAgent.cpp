@@ -40,8 +40,8 @@ bool ReportingdAgent::isEntitled(const ServicePeer& peer) {
   if (peer.booleanEntitlement(kEntitlement).value_or(false)) return true;
   if (log_.isEnabled(LogLevel::kDebug)) {
     log_.debug(
-        "listener: new Quorx connection {} does not have required zunreporting entitlement. Closing "
-        "connection...",
+        "listener: "
+        "new Quorx connection {} does not have required zunreporting entitlement. Closing connection...",
         peer.description());
   }
   return false;

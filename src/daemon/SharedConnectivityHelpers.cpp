@@ -55,8 +55,8 @@ void SharedConnectivityHelpers::Table::usageCountReached(
   // the last one's answer says that the whole timeout has passed.
   if (found->second.releases != release) return;
   log.debug(
-      "releaseSharedConnectivityHelperForReportingSession: Usage count of shared connectivity helper for "
-      "userInfoKey {} reached zero. Invalidating the helper",
+      "releaseSharedConnectivityHelperForReportingSession: "
+      "Usage count of shared connectivity helper for userInfoKey {} reached zero. Invalidating the helper",
       userInfoKey);
   helpers.erase(found);
   helper->invalidate();
@@ -76,8 +76,8 @@ std::shared_ptr<ReportingSessionConnectivityHelper> SharedConnectivityHelpers::c
   return stateQueue_->sync([&] {
     SystemLog& log = table_->log;
     log.debug(
-        "requestSharedConnectivityHelperForReportingSession: Requesting shared connectivity helper for "
-        "userInfoKey {}",
+        "requestSharedConnectivityHelperForReportingSession: "
+        "Requesting shared connectivity helper for userInfoKey {}",
         userInfoKey);
     const auto found = table_->helpers.find(userInfoKey);
     std::shared_ptr<ReportingSessionConnectivityHelper> helper;
@@ -85,13 +85,13 @@ std::shared_ptr<ReportingSessionConnectivityHelper> SharedConnectivityHelpers::c
       helper = found->second.helper;
       ++found->second.owners;
       log.debug(
-          "requestSharedConnectivityHelperForReportingSession: Found existing shared connectivity helper for "
-          "userInfoKey {}",
+          "requestSharedConnectivityHelperForReportingSession: "
+          "Found existing shared connectivity helper for userInfoKey {}",
           userInfoKey);
     } else {
       log.debug(
-          "requestSharedConnectivityHelperForReportingSession: Creating shared connectivity helper for "
-          "userInfoKey {}",
+          "requestSharedConnectivityHelperForReportingSession: "
+          "Creating shared connectivity helper for userInfoKey {}",
           userInfoKey);
       helper = ReportingSessionConnectivityHelper::create(platform_, delegate_, mode);
       table_->share(userInfoKey, helper);
@@ -110,16 +110,16 @@ void SharedConnectivityHelpers::releaseSharedConnectivityHelper(
   stateQueue_->async([table = table_, queue = stateQueue_, userInfoKey = std::move(userInfoKey),
                       released = std::move(released)] {
     table->log.debug(
-        "releaseSharedConnectivityHelperForReportingSession: Releasing shared connectivity helper for "
-        "userInfoKey {}",
+        "releaseSharedConnectivityHelperForReportingSession: "
+        "Releasing shared connectivity helper for userInfoKey {}",
         userInfoKey);
     const auto found = table->helpers.find(userInfoKey);
     // A helper that was not shared leaves the one of its key alone.
     if (found == table->helpers.end() || found->second.helper != released.lock()) return;
     if (found->second.owners > 0) --found->second.owners;
     table->log.debug(
-        "releaseSharedConnectivityHelperForReportingSession: Decrementing usage count of shared connectivity "
-        "helper for userInfoKey {}",
+        "releaseSharedConnectivityHelperForReportingSession: "
+        "Decrementing usage count of shared connectivity helper for userInfoKey {}",
         userInfoKey);
     auto callback = [weakTable = std::weak_ptr(table), weakHelper = released, userInfoKey,
                      release = ++found->second.releases](int32_t usageCount) {
