@@ -141,20 +141,23 @@ class StorebagFaultsTest(ScratchTest):
         self.scratch.publish("tessel", serial=5)
         self.scratch.start()
         self.assertEqual(self.send().returncode, 0)
-        self.expect_error("loadStorebagFromDisk: could not load storebag 'tessel' from file ")
         with open(cached, "rb") as file:
             good = file.read()
-        for storebag, line in (({"serial": 4}, "storebag 'tessel' has serial 4, but 5 was accepted before"),
-                               ({"serial": 6, "name": "confero"}, "storebag 'tessel' was signed as 'confero'")):
+        self.scratch.publish("confero")
+        others = self.scratch.server.files["/confero"]
+        self.scratch.publish("tessel", serial=4)
+        older = self.scratch.server.files["/tessel"]
+        for envelope, line in ((older, "storebag 'tessel' has serial 4, but 5 was accepted before"),
+                               (others, "storebag 'tessel' was signed as 'confero'")):
             self.scratch.daemon.stop()
             os.utime(cached, (0, 0))  # to be refreshed
-            self.scratch.publish("tessel", **storebag)
+            self.scratch.server.files["/tessel"] = envelope
             self.scratch.start()
             self.assertEqual(self.send().returncode, 0)  # from disk
             self.scratch.daemon.wait_for_line(line)
-            self.expect_error(line)
             with open(cached, "rb") as file:
                 self.assertEqual(file.read(), good)
+        self.expect_error(line)
 
     def test_key_file_missing(self):
         self.scratch.publish("tessel")
