@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/MemoryBudget.h"
 #include "platform/Mutex.h"
 #include "platform/SerialQueue.h"
 #include "platform/UniqueFunction.h"
@@ -18,6 +19,9 @@
 namespace zun {
 
 enum class CellularAccess : bool { kForbidden, kAllowed };
+
+/// Uploads have connections of their own, and may take as long as they keep their pace.
+enum class TransferClass : bool { kOrdinary, kUpload };
 
 /// Ends the requests that carry it: they complete with kCancelled, wherever they stand,
 /// and so do those that are begun later. Any thread.
@@ -42,8 +46,12 @@ struct URLRequest {
   std::shared_ptr<const std::string> body = {};                   // none: no body
   std::chrono::seconds timeout{60};                               // without progress
   /// Progress or not, from when nothing stands in the way (a route, power) to the end.
+  /// None: ten minutes from when the connection stands; for an upload, as long as each
+  /// minute after the first moves 1 KiB a second.
   std::optional<std::chrono::milliseconds> wholeTimeout = {};
   CellularAccess cellularAccess = CellularAccess::kAllowed;
+  TransferClass transferClass = TransferClass::kOrdinary;
+  BudgetHolder holder = {};  // whose share of all transfers it takes
   std::shared_ptr<URLRequestCancellation> cancellation = {};  // none: nobody ends it
 
   /// Replaces the header of that name (letter case ignored) or adds it.

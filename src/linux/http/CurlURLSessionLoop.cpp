@@ -323,6 +323,7 @@ bool CurlURLSessionLoop::waitsInsteadOfFailing(const CurlURLSessionTask& task, C
 
 void CurlURLSessionLoop::release(Transfer& transfer) {
   curl_multi_remove_handle(multi_, transfer.handle());
+  noteSentAgain(transfer.timesSentAgain());
   const Task task = transfer.end();
   const auto found = active_.find(&transfer);
   if (spare_.size() < kSpareTransfers) spare_.push_back(std::move(found->second));
@@ -332,6 +333,14 @@ void CurlURLSessionLoop::release(Transfer& transfer) {
   --host->second.active;
   giveTurn(host->second);
   if (host->second.active == 0 && !host->second.hasTurn && host->second.queue.empty()) hosts_.erase(host);
+}
+
+void CurlURLSessionLoop::noteSentAgain(unsigned times) {
+  sentAgain_ += times;
+  if (times == 0 || Clock::now() < nextSentAgainLine_) return;
+  nextSentAgainLine_ = Clock::now() + std::chrono::minutes(1);
+  log_.note("URLSession: requests whose kept connection closed unanswered are sent once more, {} so far",
+            sentAgain_);
 }
 
 template <typename Condition>
@@ -369,7 +378,7 @@ void CurlURLSessionLoop::endPending(const Error& error, Condition isOver) {
 void CurlURLSessionLoop::expire() {
   const auto now = Clock::now();
   endActive(urlError(URLSessionError::kTimedOut, "the request timed out"),
-            [now](const Transfer& transfer) { return transfer.deadline() <= now; });
+            [now](Transfer& transfer) { return transfer.isOver(now); });
   // Those who wait have long: they need no looking at each time round.
   if (!hasPending() || now < nextExpiry_) return;
   const auto often = std::clamp<std::chrono::milliseconds>(

@@ -80,6 +80,7 @@ class CurlURLSessionLoop final {
   void ended(Transfer& transfer, CURLcode code);
   bool waitsInsteadOfFailing(const CurlURLSessionTask& task, CURLcode code);
   void release(Transfer& transfer);
+  void noteSentAgain(unsigned times);
   void expire();
   /// Ends the tasks under way, or those not yet, for which `isOver` says so.
   template <typename Condition>
@@ -127,6 +128,8 @@ class CurlURLSessionLoop final {
   size_t queued_ = 0;  // in the hosts' queues
   RouteMonitor::Status seenRoute_;
   bool isRouteStale_ = false;  // those who wait were judged by another status
+  uint64_t sentAgain_ = 0;
+  Clock::time_point nextSentAgainLine_;
   Clock::time_point nextExpiry_;
   Clock::time_point nextPowerCheck_;
 

@@ -16,6 +16,9 @@ namespace {
 constexpr int64_t kMaxHeadBytes = 256 << 10;
 constexpr long kMaxRedirects = 10;
 constexpr std::chrono::seconds kDefaultIdleTimeout{60};
+constexpr std::chrono::minutes kDefaultWholeTimeout{10};
+// Usual servers close what has idled for a minute or longer, some after half of one.
+constexpr long kLongestIdleSeconds = 20;
 constexpr int kBackgroundTrafficClass = IPTOS_CLASS_CS1;
 
 bool append(curl_slist*& list, const std::string& line) {
@@ -62,7 +65,6 @@ URLSessionError classOf(CURLcode code) {
     case CURLE_TOO_MANY_REDIRECTS: return URLSessionError::kTooManyRedirects;
     case CURLE_BAD_CONTENT_ENCODING:
     case CURLE_WEIRD_SERVER_REPLY: return URLSessionError::kBadServerResponse;
-    case CURLE_ABORTED_BY_CALLBACK: return URLSessionError::kCancelled;
     default: return URLSessionError::kUnknown;
   }
 }
@@ -105,7 +107,11 @@ std::shared_ptr<CurlURLSessionTask> CurlURLSessionTransfer::end() {
   isHeadComplete_ = isResponseTold_ = isTooLarge_ = false;
   problem_.clear();
   decoder_.reset();
-  seenReceived_ = seenSent_ = 0;
+  seenReceived_ = seenSent_ = movedBytes_ = 0;
+  isConnected_ = isUnanswered_ = isSentAgain_ = false;
+  timesSentAgain_ = 0;
+  wholeDeadline_ = Clock::time_point::max();
+  floor_ = {};
   delivery_ = {};
   return std::move(task_);
 }
@@ -131,6 +137,9 @@ void CurlURLSessionTransfer::setConnectionOptions() {
   if (task_->target().isLoopback) set(CURLOPT_PROXY, "");
   // The idle limit ends a connection that does not come about.
   set(CURLOPT_CONNECTTIMEOUT, static_cast<long>(std::chrono::hours(24 * 7) / std::chrono::seconds(1)));
+  set(CURLOPT_MAXAGE_CONN, kLongestIdleSeconds);
+  set(CURLOPT_PREREQFUNCTION, &requestGoesOut);
+  set(CURLOPT_PREREQDATA, this);
   if (isBackground(task_->configuration())) {
     // The class belongs to the connection, so nobody else may share it.
     set(CURLOPT_SOCKOPTFUNCTION, &socketMade);
@@ -201,6 +210,35 @@ bool CurlURLSessionTransfer::setHeaders() {
   return append(headers_, "Expect:");
 }
 
+int CurlURLSessionTransfer::requestGoesOut(void* self, char*, char*, int, int) noexcept {
+  return static_cast<CurlURLSessionTransfer*>(self)->maySend() ? CURL_PREREQFUNC_OK : CURL_PREREQFUNC_ABORT;
+}
+
+// libcurl sends a request again, in silence and up to five times, when its kept connection
+// closes without a line of an answer. A server may have taken it each time, so: once, and then over
+// a fresh connection, since the other kept ones are likely to have gone as well.
+bool CurlURLSessionTransfer::maySend() {
+  if (!isConnected_) connectionStands();
+  if (isUnanswered_) {
+    if (isSentAgain_) return false;
+    isSentAgain_ = true;
+    ++timesSentAgain_;
+  }
+  isUnanswered_ = true;
+  curl_easy_setopt(handle_, CURLOPT_FRESH_CONNECT, 1L);
+  return true;
+}
+
+void CurlURLSessionTransfer::connectionStands() {
+  isConnected_ = true;
+  const URLRequest& request = task_->request();
+  if (request.transferClass == TransferClass::kUpload) {
+    floor_.begin(Clock::now());
+  } else if (!request.wholeTimeout) {
+    wholeDeadline_ = Clock::now() + kDefaultWholeTimeout;
+  }
+}
+
 size_t CurlURLSessionTransfer::headerCame(char* bytes, size_t size, size_t count, void* self) noexcept {
   try {
     const bool taken =
@@ -236,8 +274,9 @@ bool CurlURLSessionTransfer::takeHeaderLine(std::string_view line) {
 // An answer may have several heads: provisional ones, redirects, the one that counts.
 void CurlURLSessionTransfer::beginHead(std::string_view statusLine) {
   status_ = 0;
-  isHeadComplete_ = false;
+  isHeadComplete_ = isUnanswered_ = isSentAgain_ = false;
   responseHeaders_.clear();
+  if (!isBackground(task_->configuration())) curl_easy_setopt(handle_, CURLOPT_FRESH_CONNECT, 0L);
   const size_t space = statusLine.find(' ');
   if (space != std::string_view::npos)
     std::from_chars(statusLine.data() + space + 1, statusLine.data() + statusLine.size(), status_);
@@ -289,6 +328,8 @@ int CurlURLSessionTransfer::progressed(void* self, curl_off_t, curl_off_t receiv
                                        curl_off_t sent) noexcept {
   auto& transfer = *static_cast<CurlURLSessionTransfer*>(self);
   if (received == transfer.seenReceived_ && sent == transfer.seenSent_) return 0;
+  transfer.movedBytes_ += std::max<int64_t>(received - transfer.seenReceived_, 0) +
+                          std::max<int64_t>(sent - transfer.seenSent_, 0);
   transfer.seenReceived_ = received;
   transfer.seenSent_ = sent;
   transfer.noteProgress();
@@ -318,6 +359,9 @@ URLResponse CurlURLSessionTransfer::makeResponse() const {
 }
 
 CurlDelivery CurlURLSessionTransfer::endWith(CURLcode code) {
+  // libcurl takes an answer for whole that ends within its head.
+  if (code == CURLE_OK && !isHeadComplete_)
+    return endWith(urlError(URLSessionError::kConnectionLost, "the answer breaks off within its head"));
   if (code != CURLE_OK || (decoder_ && !decoder_->isWhole())) return endWith(errorFor(code));
   curl_off_t sent = 0;
   curl_easy_getinfo(handle_, CURLINFO_SIZE_UPLOAD_T, &sent);
@@ -343,6 +387,8 @@ Error CurlURLSessionTransfer::errorFor(CURLcode code) const {
   if (isTooLarge_) return urlError(URLSessionError::kResponseTooLarge, "the answer is too large");
   const std::string& problem = decoder_ ? decoder_->problem() : problem_;
   if (!problem.empty()) return urlError(URLSessionError::kBadServerResponse, problem);
+  if (code == CURLE_ABORTED_BY_CALLBACK)
+    return urlError(URLSessionError::kConnectionLost, "two connections closed without an answer");
   URLSessionError kind = classOf(code);
   if (code == CURLE_UNSUPPORTED_PROTOCOL) {
     // The first URL's scheme was looked at before: this is a redirect, or no HTTP at all.

@@ -16,6 +16,7 @@
 #include "linux/http/AnswerDecoder.h"
 #include "linux/http/CurlURLSession.h"
 #include "linux/http/CurlURLSessionTask.h"
+#include "linux/http/ThroughputFloor.h"
 
 namespace zun {
 
@@ -40,8 +41,13 @@ class CurlURLSessionTransfer final {
   /// Sets the handle up for `task`; false when libcurl has no memory for it.
   [[nodiscard]] bool begin(std::shared_ptr<CurlURLSessionTask> task);
 
-  /// When the task ends unless something moves before.
-  [[nodiscard]] Clock::time_point deadline() const { return std::min(idleDeadline(), task_->deadline()); }
+  /// When to ask whether the task's time is over, unless something moves before.
+  [[nodiscard]] Clock::time_point deadline() const { return std::min(timeLimit(), floor_.deadline()); }
+  [[nodiscard]] bool isOver(Clock::time_point now) {
+    return timeLimit() <= now || floor_.isMissed(now, movedBytes_);
+  }
+  /// How many of its requests went out a second time.
+  [[nodiscard]] unsigned timesSentAgain() const { return timesSentAgain_; }
 
   /// What came since the last call.
   CurlDelivery takeDelivery() { return std::exchange(delivery_, {}); }
@@ -59,12 +65,18 @@ class CurlURLSessionTransfer final {
   static size_t bodyCame(char* bytes, size_t size, size_t count, void* self) noexcept;
   static int progressed(void* self, curl_off_t total, curl_off_t received, curl_off_t toSend,
                         curl_off_t sent) noexcept;
+  static int requestGoesOut(void* self, char* remoteAddress, char* localAddress, int remotePort,
+                            int localPort) noexcept;
   static int socketMade(void* self, curl_socket_t socket, curlsocktype purpose) noexcept;
 
-  [[nodiscard]] Clock::time_point idleDeadline() const { return lastProgress_ + idleTimeout_; }
+  [[nodiscard]] Clock::time_point timeLimit() const {
+    return std::min({lastProgress_ + idleTimeout_, task_->deadline(), wholeDeadline_});
+  }
   void setConnectionOptions();
   void setRequestOptions();
   bool setHeaders();
+  void connectionStands();
+  bool maySend();
   bool takeHeaderLine(std::string_view line);
   void beginHead(std::string_view statusLine);
   bool takeBody(std::string_view bytes);
@@ -84,6 +96,14 @@ class CurlURLSessionTransfer final {
   curl_slist* bodilessHeaders_ = nullptr;  // for a POST that a redirect turns into a GET
   std::chrono::milliseconds idleTimeout_{0};
   Clock::time_point lastProgress_;
+  bool isConnected_ = false;
+  Clock::time_point wholeDeadline_ = Clock::time_point::max();  // set once connected
+  ThroughputFloor floor_;                                       // an upload's, once connected
+  int64_t movedBytes_ = 0;                                      // both ways
+
+  bool isUnanswered_ = false;  // a request has gone out
+  bool isSentAgain_ = false;
+  unsigned timesSentAgain_ = 0;
 
   int32_t status_ = 0;
   List responseHeaders_;
