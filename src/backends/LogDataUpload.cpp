@@ -28,6 +28,7 @@ std::optional<std::string> uploadLogDataArray(const std::optional<std::string>& 
   URLRequest request;
   request.url = *postURL;
   request.method = "POST";
+  request.transferClass = TransferClass::kUpload;
   request.headers.emplace_back("Content-Type", "application/octet-stream");
   request.body = std::make_shared<const std::string>(std::move(*archive));
   PostOutcome outcome = postAndWait(std::move(helper), std::move(request));

@@ -96,6 +96,7 @@ std::optional<URLRequest> UploadBackend::requestForFile(const std::string& uploa
                   percentEncodedForQuery(fileName));
   if (!isHTTPURL(request.url)) return std::nullopt;
   request.method = "POST";
+  request.transferClass = TransferClass::kUpload;
   request.headers.emplace_back("Content-Type", "application/octet-stream");
   request.headers.emplace_back("Content-Encoding", "gzip");
   return request;

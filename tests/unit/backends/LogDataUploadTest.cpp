@@ -1,6 +1,7 @@
 #include "backends/LogDataUpload.h"
 
 #include "HelperTest.h"
+#include "KeepingHelper.h"
 #include "values/KeyedArchiver.h"
 
 namespace zun {
@@ -53,6 +54,15 @@ TEST_F(LogDataUploadTest, ArrayWithoutAnArchiveIsNotSent) {
 TEST_F(LogDataUploadTest, WithoutHelperItFailsInsteadOfWaiting) {
   EXPECT_EQ(uploadLogDataArray(server_.url("/logs"), {"line"}, nullptr, platform_.log), std::nullopt);
   expectFailure("there is no connectivity helper");
+}
+
+// An archive is large and its server slow: events are posted beside it.
+TEST_F(LogDataUploadTest, TakesNoConnectionOfEventPosts) {
+  const auto keeping = std::make_shared<KeepingHelper>();
+  (void)uploadLogDataArray(server_.url("/logs"), {"line"}, keeping, platform_.log);
+  ASSERT_EQ(keeping->requests.size(), 1U);
+  EXPECT_EQ(keeping->requests[0].transferClass, TransferClass::kUpload);
+  expectFailure("the request was dropped");
 }
 
 TEST_F(LogDataUploadTest, RequestThatTheHelperDropsEndsTheWait) {

@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "BackendTest.h"
+#include "KeepingHelper.h"
 #include "connectivity/ReportingSessionConnectivityHelper.h"
 #include "linux/files/FileExtensions.h"
 #include "support/Gzip.h"
@@ -128,6 +129,15 @@ TEST_F(UploadBackendTest, ReportsAsEnabledAndTakesNoPartInEvents) {
 }
 
 // --- The way of a file ---------------------------------------------------------------
+
+TEST_F(UploadBackendTest, TakesNoConnectionOfEventPosts) {
+  const auto keeping = std::make_shared<KeepingHelper>();
+  backend_->setReportingSessionConnectivityDelegate(keeping);
+  EXPECT_FALSE(upload(write("trace.log")));
+  ASSERT_EQ(keeping->requests.size(), 1U);
+  EXPECT_EQ(keeping->requests[0].transferClass, TransferClass::kUpload);
+  expectErrors({"UploadBackend(uploadFileAtPath): post the request was dropped"});
+}
 
 TEST_F(UploadBackendTest, PostsTheWholeFileAsGzip) {
   answer("ok");
