@@ -34,7 +34,8 @@ struct CurlOptions {
   /// What is beyond them waits for its turn.
   size_t maxConnectionsPerHost = 6;
   size_t maxConnections = 64;
-  /// What is beyond them fails with kTooManyTransfers. Tasks that wait count.
+  /// Uploads apart. What is beyond a share of them fails with kTooManyTransfers. Tasks that
+  /// wait count.
   size_t maxTasks = 10'000;
   int64_t maxBodyBytes = 256 << 20;
 

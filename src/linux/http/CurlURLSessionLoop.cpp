@@ -44,7 +44,9 @@ CurlURLSessionLoop::CurlURLSessionLoop(CurlOptions options, SystemLog& log)
       log_(log),
       routes_(options_.routes ? options_.routes : std::make_shared<NetlinkRouteMonitor>(log)),
       power_(options_.power ? options_.power : std::make_shared<SysfsPowerSupply>()),
-      multi_(makeMulti()) {
+      shares_(options_.maxTasks, options_.maxBodyBytes),
+      multi_(makeMulti()),
+      queue_(options_) {
   thread_ = std::thread([this] {
     blockSignals();
     pthread_setname_np(pthread_self(), "zun-transfers");
@@ -65,13 +67,11 @@ void CurlURLSessionLoop::submit(Task task) {
     const MutexLock lock(mutex_);
     if (inbox_.isStopping) {
       refusal = cancelled("the URL-session service has ended");
-    } else if (inbox_.inFlight + inbox_.waiting >= options_.maxTasks ||
-               inbox_.bodyBytes + task->bodyBytes() > options_.maxBodyBytes) {
-      refusal = urlError(URLSessionError::kTooManyTransfers, "too many transfers are under way");
+    } else if (auto reason = shares_.take(*task)) {
+      refusal = urlError(URLSessionError::kTooManyTransfers, std::move(*reason));
     } else {
       wasEmpty = inbox_.tasks.empty();
       ++inbox_.inFlight;
-      inbox_.bodyBytes += task->bodyBytes();
       inbox_.tasks.push_back(task);
     }
     // Under the lock: the multi handle lives as long as the loop is not stopping.
@@ -159,7 +159,7 @@ void CurlURLSessionLoop::admit(Task task, Conditions& conditions) {
   if (!hasPending() && active_.empty()) nextExpiry_ = Clock::now();
   const Obstacle obstacle = obstacleFor(*task, conditions);
   if (obstacle == Obstacle::kNone) {
-    queueForHost(std::move(task));
+    queue(std::move(task));
   } else {
     wait(std::move(task), obstacle);
     changeWaiting(1);
@@ -219,56 +219,18 @@ void CurlURLSessionLoop::reconsiderWaiting() {
       continue;
     }
     changeWaiting(-1);
-    queueForHost(std::move(task));
+    queue(std::move(task));
   }
   waiting_ = std::move(still);
 }
 
-void CurlURLSessionLoop::queueForHost(Task task) {
+void CurlURLSessionLoop::queue(Task task) {
   if (task->request().wholeTimeout) task->wholeDeadline = Clock::now() + *task->request().wholeTimeout;
-  if (task->configuration().discretionary) {
-    discretionary_.push_back(std::move(task));
-    return;
-  }
-  Host& host = hosts_[task->target().host];
-  host.queue.push_back(std::move(task));
-  ++queued_;
-  giveTurn(host);
+  queue_.push(std::move(task));
 }
 
-void CurlURLSessionLoop::giveTurn(Host& host) {
-  if (host.hasTurn || host.queue.empty() || host.active >= options_.maxConnectionsPerHost) return;
-  host.hasTurn = true;
-  turns_.push_back(&host);
-}
-
-// Hosts take turns, one task each, so that a busy one does not shut out the others. What
-// can choose its time goes one at a time, when nobody else wants to.
 void CurlURLSessionLoop::startEligible() {
-  while (!turns_.empty() && active_.size() < options_.maxConnections) {
-    Host& host = *turns_.front();
-    turns_.pop_front();
-    host.hasTurn = false;
-    if (host.queue.empty()) {  // those who stood in it have expired
-      if (host.active == 0)
-        std::erase_if(hosts_, [&host](const auto& entry) { return &entry.second == &host; });
-      continue;
-    }
-    Task task = std::move(host.queue.front());
-    host.queue.pop_front();
-    --queued_;
-    ++host.active;
-    giveTurn(host);
-    start(std::move(task));
-  }
-  while (!discretionary_.empty() && discretionaryActive_ == 0 && turns_.empty() &&
-         active_.size() < options_.maxConnections) {
-    Task task = std::move(discretionary_.front());
-    discretionary_.pop_front();
-    ++hosts_[task->target().host].active;
-    ++discretionaryActive_;
-    start(std::move(task));
-  }
+  while (Task task = queue_.next()) start(std::move(task));
 }
 
 void CurlURLSessionLoop::start(Task task) {
@@ -328,11 +290,7 @@ void CurlURLSessionLoop::release(Transfer& transfer) {
   const auto found = active_.find(&transfer);
   if (spare_.size() < kSpareTransfers) spare_.push_back(std::move(found->second));
   active_.erase(found);
-  if (task->configuration().discretionary) --discretionaryActive_;
-  const auto host = hosts_.find(task->target().host);
-  --host->second.active;
-  giveTurn(host->second);
-  if (host->second.active == 0 && !host->second.hasTurn && host->second.queue.empty()) hosts_.erase(host);
+  queue_.ended(*task);
 }
 
 void CurlURLSessionLoop::noteSentAgain(unsigned times) {
@@ -359,19 +317,17 @@ void CurlURLSessionLoop::endActive(const Error& error, Condition isOver) {
 
 template <typename Condition>
 void CurlURLSessionLoop::endPending(const Error& error, Condition isOver) {
-  std::vector<std::pair<Task, bool>> over;
-  const auto takeIfOver = [&over, &isOver](const Task& task, bool isWaiting) {
-    if (!isOver(*task)) return false;
-    over.emplace_back(task, isWaiting);
+  std::vector<Task> waited;
+  std::erase_if(waiting_, [&](const auto& entry) {
+    if (!isOver(*entry.first)) return false;
+    waited.push_back(entry.first);
     return true;
-  };
-  std::erase_if(waiting_, [&](const auto& entry) { return takeIfOver(entry.first, true); });
-  std::erase_if(discretionary_, [&](const Task& task) { return takeIfOver(task, false); });
-  for (auto& [name, host] : hosts_)
-    queued_ -= std::erase_if(host.queue, [&](const Task& task) { return takeIfOver(task, false); });
-  for (const auto& [task, isWaiting] : over) {
-    task->fail(error);
-    leave(*task, isWaiting);
+  });
+  for (const auto& [tasks, isWaiting] : {std::pair(waited, true), std::pair(queue_.takeOut(isOver), false)}) {
+    for (const Task& task : tasks) {
+      task->fail(error);
+      leave(*task, isWaiting);
+    }
   }
 }
 
@@ -396,10 +352,8 @@ void CurlURLSessionLoop::deliver() {
 }
 
 void CurlURLSessionLoop::poll() {
-  const bool canStart = (!turns_.empty() || (!discretionary_.empty() && discretionaryActive_ == 0)) &&
-                        active_.size() < options_.maxConnections;
   const auto left = std::chrono::ceil<std::chrono::milliseconds>(untilNextDeadline());
-  const int timeout = canStart ? 0 : static_cast<int>(std::clamp(left, {}, kLongestPoll).count());
+  const int timeout = queue_.hasNext() ? 0 : static_cast<int>(std::clamp(left, {}, kLongestPoll).count());
   // Only those who wait want to know of routes; nobody else is woken by them.
   curl_waitfd change{routes_->descriptor(), CURL_WAIT_POLLIN, 0};
   const bool watches = !waiting_.empty() && change.fd >= 0;
@@ -418,7 +372,7 @@ CurlURLSessionLoop::Clock::duration CurlURLSessionLoop::untilNextDeadline() cons
 }
 
 bool CurlURLSessionLoop::hasPending() const {
-  return queued_ > 0 || !waiting_.empty() || !discretionary_.empty();
+  return !queue_.isEmpty() || !waiting_.empty();
 }
 
 void CurlURLSessionLoop::cancelEverything() {
@@ -446,10 +400,10 @@ void CurlURLSessionLoop::changeWaiting(int by) {
 
 void CurlURLSessionLoop::leave(const CurlURLSessionTask& task, bool isWaiting) {
   bool isIdle = false;
+  shares_.giveBack(task);
   {
     const MutexLock lock(mutex_);
     --(isWaiting ? inbox_.waiting : inbox_.inFlight);
-    inbox_.bodyBytes -= task.bodyBytes();
     isIdle = !isWaiting && inbox_.inFlight == 0;
   }
   if (isIdle) sayIdle();

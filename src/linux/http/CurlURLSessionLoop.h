@@ -14,13 +14,15 @@
 
 #include "linux/http/CurlURLSession.h"
 #include "linux/http/CurlURLSessionTransfer.h"
+#include "linux/http/TransferQueue.h"
+#include "linux/http/TransferShares.h"
 #include "platform/Mutex.h"
 
 namespace zun {
 
 /// The transfer thread and everything that it drives.
 ///
-///   submit ──▶ inbox ──▶ waiting (network, power) ──▶ a host's queue ──▶ active ──▶ completed
+///   submit ──▶ inbox ──▶ waiting (network, power) ──▶ queue ──▶ active ──▶ completed
 ///
 /// Threading: public operations on any thread; what is below `run` belongs to the
 /// transfer thread. The inbox is the only thing that they share.
@@ -52,13 +54,6 @@ class CurlURLSessionLoop final {
 
   enum class Obstacle { kNone, kNoRoute, kCellular, kNoPower };
 
-  /// The connections to one host and those who wait for one.
-  struct Host {
-    size_t active = 0;
-    bool hasTurn = false;  // stands in turns_
-    std::deque<Task> queue;
-  };
-
   /// What the world looks like during one pass over those who wait.
   struct Conditions {
     std::optional<RouteMonitor::Status> route;
@@ -71,10 +66,9 @@ class CurlURLSessionLoop final {
   [[nodiscard]] Obstacle obstacleFor(const CurlURLSessionTask& task, Conditions& conditions);
   [[nodiscard]] RouteMonitor::Status routeStatus();
   void wait(Task task, Obstacle obstacle);
-  void queueForHost(Task task);
+  void queue(Task task);
   void reconsiderWaiting();
   void startEligible();
-  void giveTurn(Host& host);
   void start(Task task);
   void collectEnded();
   void ended(Transfer& transfer, CURLcode code);
@@ -101,13 +95,13 @@ class CurlURLSessionLoop final {
   SystemLog& log_;
   const std::shared_ptr<RouteMonitor> routes_;
   const std::shared_ptr<PowerSupply> power_;
+  TransferShares shares_;
   CURLM* const multi_;
 
   struct Inbox {
     std::vector<Task> tasks;
     size_t inFlight = 0;
     size_t waiting = 0;
-    int64_t bodyBytes = 0;
     bool hasCancelled = false;  // some task's request
     bool isStopping = false;
   };
@@ -118,14 +112,10 @@ class CurlURLSessionLoop final {
   UniqueFunction<void()> idleHandler_ GUARDED_BY(handlerMutex_);
 
   // The transfer thread's.
-  std::unordered_map<std::string, Host> hosts_;
-  std::deque<Host*> turns_;  // hosts with someone in the queue and a connection free
-  std::deque<Task> discretionary_;
+  TransferQueue queue_;
   std::deque<std::pair<Task, Obstacle>> waiting_;
   std::unordered_map<Transfer*, std::unique_ptr<Transfer>> active_;
   std::vector<std::unique_ptr<Transfer>> spare_;
-  size_t discretionaryActive_ = 0;
-  size_t queued_ = 0;  // in the hosts' queues
   RouteMonitor::Status seenRoute_;
   bool isRouteStale_ = false;  // those who wait were judged by another status
   uint64_t sentAgain_ = 0;

@@ -38,6 +38,12 @@ bool isToken(const std::string& text) {
   });
 }
 
+TransferLane laneOf(const URLRequest& request) {
+  if (request.transferClass == TransferClass::kUpload) return TransferLane::kUploads;
+  const bool isOwn = request.holder.isDaemon() && request.method == "GET";
+  return isOwn ? TransferLane::kOwn : TransferLane::kPosts;
+}
+
 /// What is wrong with a request whatever the network.
 std::optional<Error> defectOf(const URLRequest& request) {
   if (!isToken(request.method)) return urlError(URLSessionError::kBadRequest, "the method is no token");
@@ -158,7 +164,10 @@ void CurlURLSession::tell(CurlURLSessionTask& task, CurlDelivery delivery) {
 
 CurlURLSessionTask::CurlURLSessionTask(std::shared_ptr<CurlURLSession> session, URLRequest request,
                                        std::optional<Error> defect)
-    : session_(std::move(session)), request_(std::move(request)), defect_(std::move(defect)) {
+    : session_(std::move(session)),
+      request_(std::move(request)),
+      lane_(laneOf(request_)),
+      defect_(std::move(defect)) {
   if (!defect_) defect_ = defectOf(request_);
   if (defect_) return;
   if (auto target = CurlTarget::parse(request_.url)) {

@@ -76,6 +76,14 @@ class CurlURLSession final : public URLSession, public std::enable_shared_from_t
   std::optional<Error> reason_ GUARDED_BY(mutex_);
 };
 
+/// Who a transfer competes with for connections and room, in the order of who goes first.
+enum class TransferLane {
+  kOwn,  // what the daemon itself asks for: storebags
+  kPosts,
+  kUploads,
+};
+inline constexpr size_t kTransferLanes = 3;
+
 /// Where a request goes, as far as the service has to know.
 struct CurlTarget {
   std::string host;  // scheme, name and port: what connections are counted by
@@ -103,6 +111,7 @@ class CurlURLSessionTask final : public URLSessionTask,
   [[nodiscard]] const URLRequest& request() const { return request_; }
   [[nodiscard]] const CurlTarget& target() const { return target_; }
   [[nodiscard]] const URLSessionConfiguration& configuration() const { return session_->configuration(); }
+  [[nodiscard]] TransferLane lane() const { return lane_; }
   [[nodiscard]] int64_t bodyBytes() const {
     return request_.body ? static_cast<int64_t>(request_.body->size()) : 0;
   }
@@ -121,6 +130,7 @@ class CurlURLSessionTask final : public URLSessionTask,
  private:
   const std::shared_ptr<CurlURLSession> session_;
   const URLRequest request_;
+  const TransferLane lane_;
   CurlTarget target_;
   std::optional<Error> defect_;
   std::atomic<bool> isResumed_{false};

@@ -98,6 +98,15 @@ class RecordingDelegate final : public URLSessionDelegate {
       return false;
     });
   }
+  bool waitForEnd(const std::string& description) const {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, HTTPSTestServer::kDeadline, [&] {
+      for (const auto& [name, task] : tasks_) {
+        if (name == description && task.completions > 0) return true;
+      }
+      return false;
+    });
+  }
   bool waitForData(const std::string& description, int calls) const {
     std::unique_lock lock(mutex_);
     return changed_.wait_for(lock, HTTPSTestServer::kDeadline, [&] {

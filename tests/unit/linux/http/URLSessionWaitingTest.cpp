@@ -363,16 +363,16 @@ TEST_F(URLSessionWaitingTest, TasksBeyondTheLimitFailAtOnce) {
   EXPECT_FALSE(get(server_.url("/")).error);
 }
 
-TEST_F(URLSessionWaitingTest, BytesToSendBeyondTheLimitFailAtOnce) {
-  start({.maxBodyBytes = 1000});
+TEST_F(URLSessionWaitingTest, BytesToSendBeyondTheShareFailAtOnceWhileOthersWait) {
+  start({.maxBodyBytes = 4000});
   routes_->become(kNetworkDown);
   server_.answer("/", {});
   begin(post(remote("/"), std::string(900, 'x')), "waits");
-  EXPECT_TRUE(
-      load(post(server_.url("/"), std::string(101, 'x'))).failedWith(URLSessionError::kTooManyTransfers));
-  EXPECT_FALSE(load(post(server_.url("/"), std::string(100, 'x'))).error);
+  EXPECT_TRUE(load(post(remote("/"), std::string(101, 'x'))).failedWith(URLSessionError::kTooManyTransfers));
+  begin(post(remote("/"), std::string(100, 'x')), "waits too");
   routes_->become(kNetworkUp);
   ASSERT_TRUE(delegate_->waitForCompletions(3));
+  EXPECT_FALSE(delegate_->heard("waits too").error);
 }
 
 TEST_F(URLSessionWaitingTest, BackgroundTrafficIsMarkedAndSharesNoConnection) {
