@@ -51,7 +51,7 @@ struct URLRequest {
   std::optional<std::chrono::milliseconds> wholeTimeout = {};
   CellularAccess cellularAccess = CellularAccess::kAllowed;
   TransferClass transferClass = TransferClass::kOrdinary;
-  BudgetHolder holder = {};  // whose share of all transfers it takes
+  BudgetHolder holder = {};                                   // whose share of all transfers it takes
   std::shared_ptr<URLRequestCancellation> cancellation = {};  // none: nobody ends it
 
   /// Replaces the header of that name (letter case ignored) or adds it.
