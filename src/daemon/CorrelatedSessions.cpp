@@ -33,9 +33,27 @@ void CorrelatedSessions::updateCorrelatedSessions(ReportingdSession& session) {
       "updateCorrelatedSessions: Adding session {} to list for hierarchyToken {} with hierarchyLevel {}",
       session.sessionID(), token->first, static_cast<int32_t>(key.first));
   becomeBusy(token->second);
+  note(token->second, session.user());
   token->second.sessions.emplace(key, session.weak_from_this());
   removeSession(session);  // from where it was: its new token has it already, and stays busy
   places_.insert_or_assign(&session, Place{token, key});
+}
+
+// A new one is without sessions for now.
+bool CorrelatedSessions::claim(const std::string& token, uint32_t user) {
+  const auto [claimed, isNew] = tokens_.try_emplace(token);
+  Token& record = claimed->second;
+  if (isNew) {
+    note(record, user);
+    becomeIdle(claimed);
+    return true;
+  }
+  return record.isOfOneUser && record.user == user;
+}
+
+void CorrelatedSessions::note(Token& token, uint32_t user) {
+  if (!token.user) token.user = user;
+  if (token.user != user) token.isOfOneUser = false;
 }
 
 void CorrelatedSessions::updateLevelOfStandaloneSession(ReportingdSession& session) {

@@ -43,6 +43,9 @@ class CorrelatedSessions final {
   /// Enters the session under its token, out of any other's list.
   void updateCorrelatedSessions(ReportingdSession& session);
 
+  /// True if nobody but this user has carried or claimed the token: then it is claimed.
+  bool claim(const std::string& token, uint32_t user);
+
   /// A session that no longer has a token stays where it was, at the level it now has.
   void updateLevelOfStandaloneSession(ReportingdSession& session);
 
@@ -84,6 +87,8 @@ class CorrelatedSessions final {
     };
 
     SessionList sessions;
+    std::optional<uint32_t> user;                 // of the first session
+    bool isOfOneUser = true;                      // and of all others
     std::optional<SharedSessionData> sharedData;  // none before the first update
     std::optional<Idle> idle;                     // none while it has sessions
   };
@@ -95,6 +100,7 @@ class CorrelatedSessions final {
   };
 
   [[nodiscard]] Tokens::iterator tokenOf(const ReportingdSession& session);
+  static void note(Token& token, uint32_t user);
   void becomeIdle(Tokens::iterator token);
   void becomeBusy(Token& token);
   static std::shared_ptr<ReportingdSession> getFirstSessionWithHierarchy(uint32_t level,

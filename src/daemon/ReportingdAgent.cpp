@@ -138,6 +138,11 @@ void ReportingdAgent::updateCorrelatedSessions(ReportingdSession& session) {
   correlatedSessions_.updateCorrelatedSessions(session);
 }
 
+bool ReportingdAgent::claimHierarchy(const std::string& token, uint32_t user) {
+  const RecursiveMutexLock lock(objectLock_);
+  return correlatedSessions_.claim(token, user);
+}
+
 std::optional<std::string> ReportingdAgent::parentSessionIDStringForSession(ReportingdSession& session) {
   const RecursiveMutexLock lock(objectLock_);
   return correlatedSessions_.parentSessionIDString(session);

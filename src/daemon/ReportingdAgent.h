@@ -55,6 +55,7 @@ class ReportingdAgent final : public ReportingdSessionDelegate,
   std::optional<std::string> storebagVersionForSession(const ReportingdSession& session) override;
   std::optional<std::string> parentSessionIDStringForSession(ReportingdSession& session) override;
   void updateCorrelatedSessions(ReportingdSession& session) override;
+  bool claimHierarchy(const std::string& token, uint32_t user) override;
   std::shared_ptr<ReportingdSession> getAncestorWithAggregatorForSession(ReportingdSession& session) override;
   void updateDownstreamSessions(ReportingdSession& session) override;
   std::shared_ptr<ReportingdSession> parentSessionForChild(ReportingdSession& session) override;

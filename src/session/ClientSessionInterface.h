@@ -34,6 +34,12 @@ class ClientSessionInterface {
 
   virtual ~ClientSessionInterface() = default;
 
+  /// Why the client may not say this of itself, for logs and the client; none where it may.
+  /// Asked before each operation that takes one of them; without a new session information
+  /// the one that holds is judged.
+  [[nodiscard]] virtual std::optional<std::string> refusalOfClaims(
+      const std::optional<Dictionary>& newSessionInfo, const std::optional<Dictionary>& newUserInfo) = 0;
+
   /// Says who the client is and for whom it reports. Replaces what was said before.
   virtual void setSessionInfo(const Dictionary& sessionInfo, const std::optional<Dictionary>& userInfo,
                               const Array& frameworksToCheck, bool hasAggregationBlock) = 0;

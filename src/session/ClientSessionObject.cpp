@@ -61,21 +61,35 @@ ClientSessionInterface::StringReply stringReply(ServiceReply reply) {
   return [reply = std::move(reply)](const std::string& text) mutable { reply.send({text}); };
 }
 
+/// False, and answered, where the client may not say that of itself.
+bool mayClaim(ClientSessionInterface& session, const std::optional<Dictionary>& sessionInfo,
+              const std::optional<Dictionary>& userInfo, ServiceReply& reply) {
+  const auto refusal = session.refusalOfClaims(sessionInfo, userInfo);
+  if (refusal) reply.sendError(ServiceReply::kAccessDenied, *refusal);
+  return !refusal;
+}
+
 // The operations, in the interface's order.
 
 void setSessionInfo(ClientSessionInterface& session, const Array& arguments, ServiceReply reply) {
+  const Dictionary sessionInfo = dictionaryArgument(arguments[0]);
+  const auto userInfo = optionalDictionaryArgument(arguments[1]);
+  if (!mayClaim(session, sessionInfo, userInfo, reply)) return;
   const Value& frameworks = arguments[2];
-  session.setSessionInfo(dictionaryArgument(arguments[0]), optionalDictionaryArgument(arguments[1]),
-                         frameworks.isArray() ? *frameworks.array() : Array(), arguments[3].boolValue());
+  session.setSessionInfo(sessionInfo, userInfo, frameworks.isArray() ? *frameworks.array() : Array(),
+                         arguments[3].boolValue());
   reply.send();
 }
 
 void startConfig(ClientSessionInterface& session, const Array&, ServiceReply reply) {
+  if (!mayClaim(session, std::nullopt, std::nullopt, reply)) return;
   session.startConfigWithCompletionHandler(statesReply(std::move(reply)));
 }
 
 void fetchStates(ClientSessionInterface& session, const Array& arguments, ServiceReply reply) {
-  session.fetchStatesWithUserInfo(optionalDictionaryArgument(arguments[0]), statesReply(std::move(reply)));
+  const auto userInfo = optionalDictionaryArgument(arguments[0]);
+  if (!mayClaim(session, std::nullopt, userInfo, reply)) return;
+  session.fetchStatesWithUserInfo(userInfo, statesReply(std::move(reply)));
 }
 
 void fetchDisplayURL(ClientSessionInterface& session, const Array&, ServiceReply reply) {
@@ -118,8 +132,10 @@ void uploadLogData(ClientSessionInterface& session, const Array& arguments, Serv
 }
 
 void sendMessageWithSessionInfo(ClientSessionInterface& session, const Array& arguments, ServiceReply reply) {
-  session.sendMessageWithSessionInfo(dictionaryArgument(arguments[0]),
-                                     optionalDictionaryArgument(arguments[1]), uint16Argument(arguments[2]),
+  const Dictionary sessionInfo = dictionaryArgument(arguments[0]);
+  const auto userInfo = optionalDictionaryArgument(arguments[1]);
+  if (!mayClaim(session, sessionInfo, userInfo, reply)) return;
+  session.sendMessageWithSessionInfo(sessionInfo, userInfo, uint16Argument(arguments[2]),
                                      uint16Argument(arguments[3]), optionalDictionaryArgument(arguments[4]),
                                      stringReply(std::move(reply)));
 }

@@ -50,6 +50,8 @@ class ReportingdSession final : public ClientSessionInterface,
   // Any thread.
   [[nodiscard]] uint32_t sessionID() const { return sessionID_; }
   [[nodiscard]] const std::string& sessionIDString() const { return sessionIDString_; }
+  /// The client's user id.
+  [[nodiscard]] uint32_t user() const { return connection_->user(); }
   [[nodiscard]] Dictionary sessionInfo() const;
   [[nodiscard]] std::optional<Dictionary> userInfo() const;
   [[nodiscard]] uint32_t hierarchyLevel() const;
@@ -74,6 +76,8 @@ class ReportingdSession final : public ClientSessionInterface,
       const Dictionary& storebags) const;
 
   // ClientSessionInterface
+  std::optional<std::string> refusalOfClaims(const std::optional<Dictionary>& newSessionInfo,
+                                             const std::optional<Dictionary>& newUserInfo) override;
   void setSessionInfo(const Dictionary& sessionInfo, const std::optional<Dictionary>& userInfo,
                       const Array& frameworksToCheck, bool hasAggregationBlock) override;
   void startConfigWithCompletionHandler(StatesReply completionHandler) override;
@@ -195,6 +199,7 @@ class ReportingdSession final : public ClientSessionInterface,
   std::optional<std::string> storebagVersion_;
   std::array<char, 41> deviceid_{};  // up to 40 characters and a zero
   bool hasFinishedGracefully_ = false;
+  bool hasToldOfRefusedClaim_ = false;
   std::optional<std::string> digestKey_;
   int32_t digestAlgorithm_ = 0;
 

@@ -31,6 +31,9 @@ class ReportingdSessionDelegate : public QuorxTransactionHolder {
   // Hierarchy: sessions of one token, by level.
   virtual std::optional<std::string> parentSessionIDStringForSession(ReportingdSession& session) = 0;
   virtual void updateCorrelatedSessions(ReportingdSession& session) = 0;
+  /// Before a session joins that is for hierarchies of its own user alone: false where
+  /// sessions of others carry the token, or did. The first to claim a token is its user.
+  [[nodiscard]] virtual bool claimHierarchy(const std::string& token, uint32_t user) = 0;
   /// The topmost session above this one whose client aggregates, or null.
   virtual std::shared_ptr<ReportingdSession> getAncestorWithAggregatorForSession(
       ReportingdSession& session) = 0;

@@ -186,6 +186,22 @@ class WhoTest(ScratchTest):
         self.expect_error("is refused: the user has 2 connections already, 2 of them the program's")
         self.assertEqual(self.scratch.send([{"category": 2, "type": 1}], "--client-type", "7").returncode, 0)
 
+    def test_what_a_client_may_claim_ends_with_its_rule(self):
+        self.scratch.publish()
+        rule = {"user": os.getuid(), "entitlements": ENTITLEMENTS, "clientTypes": [7],
+                "clientNames": ["tester"], "hierarchies": "own"}
+        self.scratch.entitle(rule)
+        self.scratch.start()
+        event = {"category": 2, "type": 1}
+        self.assertEqual(self.scratch.send([event], "--client-type", "7").returncode, 0)
+        for change, reason in (({"clientTypes": [8]}, "the client may not have client type 7"),
+                               ({"clientNames": ["other"]}, "the client may not be named 'tester'")):
+            self.scratch.entitle({**rule, **change})
+            result = self.scratch.send([event], "--client-type", "7", check=False)
+            self.assertEqual(result.returncode, 3)
+            self.assertIn(reason, result.stderr)
+            self.expect_error(f"zunreportingctl: {reason}")
+
 
 if __name__ == "__main__":
     unittest.main()

@@ -23,16 +23,13 @@ namespace {
 constexpr int kPauseMilliseconds = 100;
 // Before the accepting thread looks at anything else.
 constexpr int kAcceptedAtOnce = 256;
+// Before more are accepted, which is quicker than to serve one.
+constexpr size_t kServedAtOnce = 8;
 
 std::string reasonAgainstPeer(const PeerIdentity& peer) {
   return peer.program && peer.program->isDeleted
              ? "it is not entitled; its program has been replaced or removed"
              : "it is not entitled";
-}
-
-/// Nobody takes more than half of what is left beside the others, but always finds one.
-bool hasShare(size_t own, size_t others, size_t all) {
-  return own + others < all && (own == 0 || 2 * (own + 1) + others <= all);
 }
 
 std::string makeServerID() {
@@ -123,17 +120,20 @@ void DBusServiceListener::wake() {
 void DBusServiceListener::acceptLoop() {
   while (!isPaused_) {
     std::array<pollfd, 2> polled{{{socket_.get(), POLLIN, 0}, {wake_.get(), POLLIN, 0}}};
-    if (::poll(polled.data(), polled.size(), millisecondsToTell()) < 0) continue;
+    const int untilTold = millisecondsToTell();
+    if (::poll(polled.data(), polled.size(), waiting_.isEmpty() ? untilTold : 0) < 0) continue;
     if ((polled[1].revents & POLLIN) != 0) {
       uint64_t count = 0;
       [[maybe_unused]] const ssize_t taken = ::read(wake_.get(), &count, sizeof count);
       joinEnded();
     }
     if (polled[0].revents != 0) acceptWaiting();
+    serveWaiting(kServedAtOnce);
   }
+  serveWaiting(WaitingClients::kMaximum);  // and whoever comes now waits
 }
 
-/// Those who connect in a loop must not fill the queue in which everybody waits.
+/// Empties the queue in which everybody waits, before it is full.
 void DBusServiceListener::acceptWaiting() {
   for (int count = 0; count < kAcceptedAtOnce && !isPaused_; ++count) {
     FileDescriptor client(::accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
@@ -142,11 +142,31 @@ void DBusServiceListener::acceptWaiting() {
       return;
     }
     isShort_ = false;
-    try {
-      serve(std::move(client));
-    } catch (const std::exception& exception) {
-      refuse(RefusalLog::Cause::kShortage, nullptr, exception.what());
-    }
+    orRefuse([&] { queue(std::move(client)); });
+  }
+}
+
+void DBusServiceListener::serveWaiting(size_t count) {
+  for (; count > 0 && !waiting_.isEmpty(); --count) {
+    orRefuse([this] { serve(waiting_.takeNext()); });
+  }
+}
+
+template <typename Work>
+void DBusServiceListener::orRefuse(Work&& work) {
+  try {
+    work();
+  } catch (const std::exception& exception) {
+    refuse(RefusalLog::Cause::kShortage, nullptr, exception.what());
+  }
+}
+
+void DBusServiceListener::queue(FileDescriptor client) {
+  const auto peer = readPeerCredentials(client.get());
+  if (!peer) {
+    refuse(RefusalLog::Cause::kShortage, nullptr, "it has no peer credentials");
+  } else if (!refuseAgain(*peer) && !waiting_.add(peer->process, std::move(client))) {
+    refuse(RefusalLog::Cause::kNoPlace, &*peer, "too many of its process wait already");
   }
 }
 
@@ -182,9 +202,8 @@ void DBusServiceListener::handleAcceptFailure(int error) {
   if (!spare_.isOpen()) spare_ = openSpare();
 }
 
-bool DBusServiceListener::refuseAgain(int socket) {
-  const auto credentials = readPeerCredentials(socket);
-  const KnownPeer* const known = credentials ? recentRefusals_.find(*credentials, options_.now()) : nullptr;
+bool DBusServiceListener::refuseAgain(const PeerIdentity& peer) {
+  const KnownPeer* const known = recentRefusals_.find(peer, options_.now());
   if (known == nullptr || isEntitled(*known)) return false;
   refuseStranger(*known);
   return true;
@@ -195,7 +214,6 @@ void DBusServiceListener::refuseStranger(const KnownPeer& peer) {
 }
 
 void DBusServiceListener::serve(FileDescriptor socket) {
-  if (refuseAgain(socket.get())) return;
   auto identity = readPeerIdentity(socket.get());
   if (!identity) {
     refuse(RefusalLog::Cause::kShortage, nullptr, "it has no peer credentials");

@@ -16,6 +16,7 @@
 #include "linux/dbus/ListeningSocket.h"
 #include "linux/dbus/RecentRefusals.h"
 #include "linux/dbus/RefusalLog.h"
+#include "linux/dbus/WaitingClients.h"
 #include "linux/files/FileDescriptor.h"
 #include "linux/service/EntitlementStore.h"
 #include "platform/Mutex.h"
@@ -94,8 +95,12 @@ class DBusServiceListener final : public ServiceListener, private ServiceListene
   void acceptWaiting();
   void handleAcceptFailure(int error);
   void serve(FileDescriptor socket);
+  void queue(FileDescriptor client);
+  void serveWaiting(size_t count);
+  template <typename Work>
+  void orRefuse(Work&& work);
   /// Refuses a peer that was refused a moment ago.
-  bool refuseAgain(int socket);
+  bool refuseAgain(const PeerIdentity& peer);
   void refuseStranger(const KnownPeer& peer);
   [[nodiscard]] int millisecondsToTell();
   void refuse(RefusalLog::Cause cause, const PeerIdentity* peer, std::string reason);
@@ -121,7 +126,9 @@ class DBusServiceListener final : public ServiceListener, private ServiceListene
   FileDescriptor spare_;  // given up for a moment to refuse a client when descriptors run out
   bool isShort_ = false;  // the accepting thread's: the system is, and it has been said
   RefusalLog refusals_;
-  RecentRefusals recentRefusals_;  // the accepting thread's
+  // The accepting thread's.
+  RecentRefusals recentRefusals_;
+  WaitingClients waiting_;
   std::thread thread_;
   std::atomic<bool> isStopping_{false};
   std::atomic<bool> isPaused_{false};

@@ -549,5 +549,32 @@ TEST_F(SessionHierarchyTest, EndMessageCountsTheSessionsThatAreLeftAndTheEndingO
   end(top, other);
 }
 
+// --- Whose hierarchies -----------------------------------------------------------------
+
+TEST_F(SessionHierarchyTest, ATokenIsClaimedByOneUserAlone) {
+  EXPECT_TRUE(agent_->claimHierarchy("T", 1));
+  EXPECT_TRUE(agent_->claimHierarchy("T", 1));
+  EXPECT_FALSE(agent_->claimHierarchy("T", 2));
+  EXPECT_TRUE(agent_->claimHierarchy("U", 2));
+}
+
+// Of those that have gone, what they shared is still there.
+TEST_F(SessionHierarchyTest, WhereSessionsOfAnotherUserAreOrWereNobodyClaims) {
+  auto first = join(1, "T", 0);
+  EXPECT_TRUE(agent_->claimHierarchy("T", first.connection->userID));
+  EXPECT_FALSE(agent_->claimHierarchy("T", first.connection->userID + 1));
+  auto other = connect();
+  other.connection->userID += 1;
+  configure(other, 2, "T", 1);
+  EXPECT_FALSE(agent_->claimHierarchy("T", first.connection->userID));
+  EXPECT_FALSE(agent_->claimHierarchy("T", other.connection->userID));
+  end(other);
+  EXPECT_FALSE(agent_->claimHierarchy("T", first.connection->userID));
+  auto third = join(3, "U", 0);
+  end(third, first);
+  EXPECT_TRUE(agent_->claimHierarchy("U", 1000));
+  EXPECT_FALSE(agent_->claimHierarchy("U", 1001));
+}
+
 }  // namespace
 }  // namespace zun

@@ -28,6 +28,7 @@ class FakeAgent final : public ReportingdSessionDelegate, public std::enable_sha
   // What the test decides, before it starts threads.
   std::optional<Dictionary> storebag;
   std::optional<std::string> version = "41";
+  bool mayJoin = true;        // hierarchies that are for one user
   bool sharesHelpers = true;  // false: a new one with every request
   std::function<void()> onHelperRelease = nullptr;
   std::function<void()> onParentFound = nullptr;
@@ -91,6 +92,10 @@ class FakeAgent final : public ReportingdSessionDelegate, public std::enable_sha
     const RecursiveMutexLock lock(objectLock_);
     std::erase_if(sessions_, [&session](const auto& weak) { return weak.lock().get() == &session; });
     sessions_.push_back(session.weak_from_this());
+  }
+  bool claimHierarchy(const std::string& token, uint32_t user) override {
+    record("claimHierarchy " + token + " " + std::to_string(user));
+    return mayJoin;
   }
   std::optional<std::string> parentSessionIDStringForSession(ReportingdSession& session) override {
     const RecursiveMutexLock lock(objectLock_);
