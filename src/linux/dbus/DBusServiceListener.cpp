@@ -24,7 +24,13 @@ constexpr int kPauseMilliseconds = 100;
 // Before the accepting thread looks at anything else.
 constexpr int kAcceptedAtOnce = 256;
 // Before more are accepted, which is quicker than to serve one.
-constexpr size_t kServedAtOnce = 8;
+constexpr size_t kServedAtOnce = 2;
+
+/// It has sent nothing and sends nothing any more: nobody waits for an answer.
+bool hasLeft(int client) {
+  char byte = 0;
+  return ::recv(client, &byte, 1, MSG_PEEK | MSG_DONTWAIT) == 0;
+}
 
 std::string reasonAgainstPeer(const PeerIdentity& peer) {
   return peer.program && peer.program->isDeleted
@@ -165,6 +171,8 @@ void DBusServiceListener::queue(FileDescriptor client) {
   const auto peer = readPeerCredentials(client.get());
   if (!peer) {
     refuse(RefusalLog::Cause::kShortage, nullptr, "it has no peer credentials");
+  } else if (hasLeft(client.get())) {
+    log_.debug("listener: pid {}, user {} left before it was authenticated", peer->process, peer->user);
   } else if (!refuseAgain(*peer) && !waiting_.add(peer->process, std::move(client))) {
     refuse(RefusalLog::Cause::kNoPlace, &*peer, "too many of its process wait already");
   }

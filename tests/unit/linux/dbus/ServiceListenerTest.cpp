@@ -252,9 +252,9 @@ TEST_F(ServiceListenerTest, WhoIsNotEntitledIsTurnedAwayBeforeAnythingIsMade) {
   std::atomic<bool> isEntitled{false};
   delegate_.entitles = [&](const ServicePeer&) { return isEntitled.load(); };
   options_.maximumConnectionsPerUser = 1;
-  const auto created = DBusServiceListener::create(options_, entitlements_, log_);
+  auto created = DBusServiceListener::create(options_, entitlements_, log_);
   ASSERT_TRUE(created);
-  listener_ = std::move(const_cast<std::unique_ptr<DBusServiceListener>&>(*created));
+  listener_ = std::move(*created);
   listener_->setConnectionCountHandler([this](size_t) { delegate_.events->add("counted"); });
   listener_->setDelegate(&delegate_);
   listener_->resume();
@@ -267,8 +267,37 @@ TEST_F(ServiceListenerTest, WhoIsNotEntitledIsTurnedAwayBeforeAnythingIsMade) {
   isEntitled = true;
   EXPECT_TRUE(RawClient(path_).authenticate());
   ASSERT_TRUE(delegate_.events->wait("accepted"));
+  // Told when the accepting thread looks again.
+  while (log_.linesOf(LogLevel::kDefault).size() < 2) std::this_thread::yield();
   EXPECT_EQ(log_.linesOf(LogLevel::kDefault)[1],
             "listener: 4 more connections are refused, the last of " + peerName() + ": it is not entitled");
+}
+
+// A loop of connects and ends costs nothing but the accepting.
+TEST_F(ServiceListenerTest, WhoHasLeftAgainIsNotAskedForItsName) {
+  std::atomic<int> asked{0};
+  delegate_.entitles = [&](const ServicePeer&) { return ++asked > 0; };
+  start();
+  listener_->pause();
+  for (int count = 0; count < 5; ++count) RawClient(path_).close();
+  RawClient halfClosed(path_);
+  halfClosed.shutdownWriting();
+  listener_->resume();
+  EXPECT_TRUE(halfClosed.isEnded());
+  EXPECT_TRUE(RawClient(path_).authenticate());
+  ASSERT_TRUE(delegate_.events->wait("accepted"));
+  EXPECT_EQ(asked, 2);  // when it connected, and once authenticated
+}
+
+// Sent and gone is not gone: what it sent counts.
+TEST_F(ServiceListenerTest, WhoHasSentBeforeItLeftIsServed) {
+  start();
+  listener_->pause();
+  RawClient client(path_);
+  client.send(std::string("\0AUTH EXTERNAL\r\nDATA\r\nBEGIN\r\n", 29));
+  client.shutdownWriting();
+  listener_->resume();
+  ASSERT_TRUE(delegate_.events->wait("accepted"));
 }
 
 // So that a loop of connects costs little; and only for a moment.
@@ -299,7 +328,7 @@ TEST_F(ServiceListenerTest, WhoIsNoLongerEntitledOnceAuthenticatedIsTurnedAway) 
   ASSERT_TRUE(client.authenticate());
   EXPECT_TRUE(client.isEnded());
   waitForConnections(0);
-  EXPECT_EQ(delegate_.events->all(), std::vector<std::string>());
+  EXPECT_EQ(delegate_.events->all(), std::vector<std::string>());  // not asked to accept it
   EXPECT_EQ(log_.linesOf(LogLevel::kDefault),
             (std::vector<std::string>{"listener: a connection of " + peerName() +
                                       " is refused: it is no longer entitled"}));
