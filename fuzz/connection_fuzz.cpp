@@ -65,6 +65,7 @@ class Answering final : public zun::ExportedObject {
 
 class Accepting final : public zun::ServiceListenerDelegate {
  public:
+  bool isEntitled(const zun::ServicePeer&) override { return true; }
   bool shouldAcceptNewConnection(const std::shared_ptr<zun::ServiceConnection>& connection) override {
     connection->setExportedInterface(zun::clientSessionInterface());
     connection->setExportedObject(std::make_shared<Answering>());
@@ -158,7 +159,7 @@ void serve(std::string_view bytes, size_t pieceBytes, size_t descriptors) {
   zun::DBusConnectionOptions options;
   options.messageLimits.maximumMessageBytes = 4096;
   auto connection = zun::DBusServiceConnection::create(
-      zun::FileDescriptor(ends[0]), peer, {}, "0123456789abcdef0123456789abcdef", options,
+      zun::FileDescriptor(ends[0]), zun::KnownPeer(peer, {}), "0123456789abcdef0123456789abcdef", options,
       std::make_shared<zun::MemoryBudget>(size_t{1} << 20), log);
   check(connection != nullptr, "a connection");
   std::string sent;

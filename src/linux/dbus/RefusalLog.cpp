@@ -24,8 +24,9 @@ void RefusalLog::refused(Cause cause, std::string connection, std::string reason
   const MutexLock lock(mutex_);
   Counted& counted = causes_[static_cast<size_t>(cause)];
   if (counted.untold == 0 && (!counted.told || now - *counted.told >= kInterval)) {
-    const std::string of = connection.empty() ? "" : " of " + connection;
-    tell(log_, cause, fmt::format("a connection{} is refused: {}", of, reason));
+    tell(log_, cause,
+         connection.empty() ? fmt::format("a connection is refused: {}", reason)
+                            : fmt::format("a connection of {} is refused: {}", connection, reason));
     counted.told = now;
     return;
   }
@@ -45,9 +46,9 @@ std::optional<RefusalLog::Time> RefusalLog::tellCounted(Time now) {
       next = std::min(next.value_or(due), due);
       continue;
     }
-    const std::string of = counted.connection.empty() ? "" : ", the last of " + counted.connection;
+    const std::string last = counted.connection.empty() ? "" : ", the last of " + counted.connection;
     tell(log_, static_cast<Cause>(cause),
-         fmt::format("{} more connections are refused{}: {}", counted.untold, of, counted.reason));
+         fmt::format("{} more connections are refused{}: {}", counted.untold, last, counted.reason));
     counted.told = now;
     counted.untold = 0;
   }
