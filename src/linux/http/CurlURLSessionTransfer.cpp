@@ -249,10 +249,14 @@ size_t CurlURLSessionTransfer::headerCame(char* bytes, size_t size, size_t count
   }
 }
 
-bool CurlURLSessionTransfer::takeHeaderLine(std::string_view line) {
+bool CurlURLSessionTransfer::takeHeaderLine(std::string_view whole) {
+  // A stray line break or NUL inside is a blank (RFC 9110, 5.5): no request could carry it on.
+  std::string line(trimmed(whole, "\r\n"));
+  std::replace_if(
+      line.begin(), line.end(), [](char byte) { return byte == '\r' || byte == '\0'; }, ' ');
   noteProgress();
   if (bodyBytes_ > 0) return true;  // a trailer
-  headBytes_ += static_cast<int64_t>(line.size());
+  headBytes_ += static_cast<int64_t>(whole.size());
   if (headBytes_ > kMaxHeadBytes) {
     isTooLarge_ = true;
     return false;
@@ -266,7 +270,8 @@ bool CurlURLSessionTransfer::takeHeaderLine(std::string_view line) {
   } else if (line.front() == ' ' || line.front() == '\t') {
     if (!responseHeaders_.empty()) responseHeaders_.back().second.append(" ").append(trimmed(line));
   } else if (const size_t colon = line.find(':'); colon != std::string_view::npos) {
-    responseHeaders_.emplace_back(trimmed(line.substr(0, colon)), trimmed(line.substr(colon + 1)));
+    const std::string_view text = line;
+    responseHeaders_.emplace_back(trimmed(text.substr(0, colon)), trimmed(text.substr(colon + 1)));
   }
   return true;
 }

@@ -112,7 +112,7 @@ void NameResolver::wait(std::chrono::milliseconds patience) {
 }
 
 /// The thread lives as long as there is something to look up.
-void NameResolver::lookUp(const Key& key, Entry& entry) {
+void NameResolver::lookUp(const Key& key, Entry& entry) REQUIRES(state_->mutex) {
   if (std::exchange(entry.isAwaited, true)) return;
   entry.lookedUp = state_->clock.monotonic();
   state_->queue.push_back(key);

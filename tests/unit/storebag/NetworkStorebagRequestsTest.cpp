@@ -221,6 +221,23 @@ TEST_F(NetworkStorebagFetcherTest, WhatAKilledProcessWasWritingIsRemovedAtTheSta
   EXPECT_TRUE(std::filesystem::exists(cachePath("confero")));
 }
 
+// What a request could not carry would end all refreshes once it had been kept.
+TEST_F(NetworkStorebagFetcherTest, LastModifiedWithAStrayLineBreakDoesNotEndTheRefreshes) {
+  putInCache("confero", sealed(storebag("1.0")), 3601);
+  putFreshness("confero", 3600);
+  TestAnswer answer = answerWith(storebag("2.0"), "max-age=0");
+  answer.headers[1].second = "Tue\rX";
+  server_.answer("/confero", answer);
+  EXPECT_EQ(fetch().version, "1.0");
+  waitForEndOfRequests(1);
+  EXPECT_EQ(getDefault("CACHED_confero_Last-Modified"), Value("Tue X"));
+  platform_.clock.advance(1s);
+  EXPECT_EQ(fetch().version, "2.0");
+  waitForEndOfRequests(2);
+  ASSERT_EQ(server_.requests().size(), 2U);
+  EXPECT_EQ(server_.requests()[1].header("If-Modified-Since"), "Tue X");
+}
+
 // MARK: - Requests that are given up
 
 TEST_F(NetworkStorebagFetcherTest, NewServerIsAskedAtOnceAndTheOldOneNoMore) {
