@@ -1,6 +1,8 @@
 #include "daemon/Lifetime.h"
 
 #include <algorithm>
+#include <memory>
+#include <thread>
 
 namespace zun {
 
@@ -14,16 +16,17 @@ constexpr std::chrono::seconds kDashboardTime{10};
 }  // namespace
 
 Lifetime::Lifetime(const DaemonOptions& options, LifetimeHost& host, ServiceListener& listener,
-                   const Clock& clock, SystemLog& log)
+                   Executor& patient, const Clock& clock, SystemLog& log)
     : options_(options),
       host_(host),
       listener_(listener),
+      patient_(patient),
       clock_(clock),
       log_(log),
       idleExit_(options.idleExit) {}
 
 Lifetime::~Lifetime() {
-  if (stopping_.joinable()) stopping_.join();
+  if (end_.valid()) end_.wait();
 }
 
 // Idle exit
@@ -89,7 +92,12 @@ void Lifetime::stop(Dashboards dashboards) {
   host_.notifyStopping();
   listener_.stop();
   host_.runAfter(options_.stopGrace, [this] { graceOver(); });
-  stopping_ = std::thread([this, dashboards] { waitForTheEnd(dashboards); });
+  auto end = std::make_shared<std::promise<void>>();
+  end_ = end->get_future();
+  patient_.execute([this, dashboards, end = std::move(end)] {
+    waitForTheEnd(dashboards);
+    end->set_value();
+  });
 }
 
 void Lifetime::waitForTheEnd(Dashboards dashboards) {

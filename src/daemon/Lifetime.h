@@ -3,12 +3,13 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
-#include <thread>
+#include <future>
 
 #include "daemon/DaemonOptions.h"
 #include "daemon/IdleExitPolicy.h"
 #include "daemon/QuietPeriod.h"
 #include "platform/Clock.h"
+#include "platform/SerialQueue.h"
 #include "platform/ServiceConnection.h"
 #include "platform/SystemLog.h"
 
@@ -38,12 +39,12 @@ class LifetimeHost {
 ///
 /// An idle daemon gives dashboards their time before it stops, while it still serves.
 ///
-/// Threading: the loop's thread, and one of its own that waits for the connections.
+/// Threading: the loop's thread, and one of `patient`, whose jobs may wait, for the end.
 /// Ownership: main's; everything handed in outlives it.
 class Lifetime final {
  public:
-  Lifetime(const DaemonOptions& options, LifetimeHost& host, ServiceListener& listener, const Clock& clock,
-           SystemLog& log);
+  Lifetime(const DaemonOptions& options, LifetimeHost& host, ServiceListener& listener, Executor& patient,
+           const Clock& clock, SystemLog& log);
   ~Lifetime();
   Lifetime(const Lifetime&) = delete;
   Lifetime& operator=(const Lifetime&) = delete;
@@ -69,13 +70,14 @@ class Lifetime final {
   const DaemonOptions& options_;
   LifetimeHost& host_;
   ServiceListener& listener_;
+  Executor& patient_;
   const Clock& clock_;
   SystemLog& log_;
   IdleExitPolicy idleExit_;
   bool isStopping_ = false;
   bool isWatchingIdleness_ = false;
   std::atomic<bool> hasStopped_{false};
-  std::thread stopping_;
+  std::future<void> end_;  // that has begun
 };
 
 }  // namespace zun

@@ -3,11 +3,13 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <exception>
 #include <functional>
 #include <future>
 #include <memory>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <utility>
 #include <variant>
@@ -36,15 +38,19 @@ constexpr int kExitCannotStart = 1;
 // At the start. A name service that is slower is not waited for.
 constexpr std::chrono::seconds kPatienceWithNames{2};
 
-/// Runs `work` to its end on the thread of `pool`.
+/// Runs `work` to its end on the thread of `pool`, and throws what it throws.
 void runOn(WorkerPool& pool, const std::function<void()>& work) {
   const auto done = std::make_shared<std::promise<void>>();
-  const auto isDone = done->get_future();
+  auto isDone = done->get_future();
   pool.execute([&work, done] {
-    work();
-    done->set_value();
+    try {
+      work();
+      done->set_value();
+    } catch (...) {
+      done->set_exception(std::current_exception());
+    }
   });
-  isDone.wait();
+  isDone.get();
 }
 
 Result<std::unique_ptr<DBusServiceListener>, Error> makeListener(const DaemonOptions& options,
@@ -77,7 +83,8 @@ void connect(Machine& machine, EventLoop& loop, DBusServiceListener& listener, L
 
 int runDaemon(const DaemonOptions& options, EventLoop& loop, SystemLog& log) {
   // Threads take over the class of the one that makes them, and it is for this one alone.
-  WorkerPool maker(1);
+  // At the end it has nothing left to make, and waits for those who are still served.
+  WorkerPool maker(1, "zun-maker");
   setThreadQualityOfServiceUtility();
   log.note("startLogging: Daemon starts logging...");
 
@@ -97,7 +104,7 @@ int runDaemon(const DaemonOptions& options, EventLoop& loop, SystemLog& log) {
     return kExitCannotStart;
   }
   const auto agent = ReportingdAgent::create(services, *fetcher);
-  Lifetime lifetime(options, *machine, **listener, platform.clock, log);
+  Lifetime lifetime(options, *machine, **listener, maker, platform.clock, log);
   connect(*machine, loop, **listener, lifetime);
   machine->onStopping([&fetcher] { fetcher->cancelFetches(); });
   (*listener)->setDelegate(agent.get());
@@ -135,5 +142,10 @@ int main(int argc, char** argv) {
     log->error("main: cannot create the event loop");
     return kExitCannotStart;
   }
-  return runDaemon(options, *loop, *log);
+  try {
+    return runDaemon(options, *loop, *log);
+  } catch (const std::system_error& error) {  // no thread can be made
+    log->error("main: cannot start: {}", error.what());
+    return kExitCannotStart;
+  }
 }

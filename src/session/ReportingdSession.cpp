@@ -177,7 +177,8 @@ void ReportingdSession::startConfigWithCompletionHandler(StatesReply completionH
 }
 
 void ReportingdSession::updateSessionWithDefaultSessionInfo() {
-  if (updateReportingStates()) posting_->activate();
+  posting_->beginStart();
+  posting_->endStart(updateReportingStates());
   delegate_->updateDownstreamSessions(*this);
 }
 
@@ -228,7 +229,7 @@ void ReportingdSession::receivedUserInfo(const std::optional<Dictionary>& newUse
   updateUserInfoForBackends();
   if (!userChanged) {
     // States stay, but the helper may be another one, where the agent shares no more of them.
-    if (backends_ != nullptr && backends_->isAnyEnabled()) posting_->activate();
+    if (backends_ != nullptr && backends_->isAnyEnabled()) posting_->activateOnce();
     return;
   }
   log().debug("receivedUserInfo: Received new user info for session {}", sessionID());

@@ -48,10 +48,28 @@ std::shared_ptr<ReportingSessionConnectivityHelper> SessionPosting::connectivity
   return helper_;
 }
 
-void SessionPosting::activate() {
+void SessionPosting::beginStart() {
   const MutexLock lock(mutex_);
+  isStarting_ = true;
+}
+
+void SessionPosting::endStart(bool isAnyEnabled) {
+  const MutexLock lock(mutex_);
+  isStarting_ = false;
+  if (std::exchange(isDueAtTheEnd_, false) || isAnyEnabled) activate();
+}
+
+void SessionPosting::activateOnce() {
+  const MutexLock lock(mutex_);
+  if (isStarting_) {
+    isDueAtTheEnd_ = true;
+  } else if (helper_ != activated_.lock()) {
+    activate();
+  }
+}
+
+void SessionPosting::activate() {
   if (helper_ == nullptr) return;
-  if (helper_ == activated_.lock()) return helper_->setReleaseTimeout(releaseTimeout_);
   helper_->activate(releaseTimeout_);
   activated_ = helper_;
 }

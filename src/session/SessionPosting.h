@@ -34,18 +34,23 @@ class SessionPosting final : public BackendObserver {
   [[nodiscard]] std::shared_ptr<ReportingSessionConnectivityHelper> connectivityHelper() const
       EXCLUDES(mutex_);
 
-  /// Activates the helper if this session has not done so before; its timeout is set in
-  /// any case.
-  void activate() EXCLUDES(mutex_);
+  /// Between them its backends' states may change, before or after `endStart` hears of it:
+  /// the helper is activated once, at the end, whether or not it has been before.
+  void beginStart() EXCLUDES(mutex_);
+  void endStart(bool isAnyEnabled) EXCLUDES(mutex_);
+  /// Activates a helper that this session has not activated before.
+  void activateOnce() EXCLUDES(mutex_);
 
   /// Tells how many events were lost since the last time. At the session's end.
   void tellLosses();
 
   // BackendObserver
-  void backendWasEnabled() override { activate(); }
+  void backendWasEnabled() override { activateOnce(); }
   void eventsWereLost(EventLoss cause, size_t count) override;
 
  private:
+  void activate() REQUIRES(mutex_);
+
   SystemLog& log_;
   std::atomic<uint32_t> sessionID_{0};
   std::array<std::atomic<size_t>, kEventLossCount> lost_{};
@@ -55,6 +60,8 @@ class SessionPosting final : public BackendObserver {
   std::shared_ptr<ReportingSessionConnectivityHelper> helper_ GUARDED_BY(mutex_);
   uint32_t releaseTimeout_ GUARDED_BY(mutex_) = kDefaultReleaseTimeout;
   std::weak_ptr<ReportingSessionConnectivityHelper> activated_ GUARDED_BY(mutex_);  // the latest
+  bool isStarting_ GUARDED_BY(mutex_) = false;
+  bool isDueAtTheEnd_ GUARDED_BY(mutex_) = false;  // of the start
 };
 
 }  // namespace zun

@@ -100,20 +100,31 @@ DBusServiceListener::~DBusServiceListener() {
 }
 
 void DBusServiceListener::resume() {
-  if (thread_.joinable() || isStopping_) return;
-  isPaused_ = false;
-  thread_ = options_.startThread([this] { acceptLoop(); });
+  if (isStopping_) return;
+  {
+    const MutexLock lock(doorMutex_);
+    isPaused_ = false;
+  }
+  doorMoved_.notify_all();
+  if (!thread_.joinable()) thread_ = options_.startThread([this] { acceptLoop(); });
 }
 
 void DBusServiceListener::pause() {
+  if (!thread_.joinable()) return;
+  const MutexLock lock(doorMutex_);
   isPaused_ = true;
   wake();
-  if (thread_.joinable()) thread_.join();
+  while (!waitsAtTheDoor_) doorMoved_.wait(doorMutex_);
 }
 
 void DBusServiceListener::stop() {
-  isStopping_ = true;
-  pause();
+  {
+    const MutexLock lock(doorMutex_);
+    isStopping_ = true;
+  }
+  doorMoved_.notify_all();
+  wake();
+  if (thread_.joinable()) thread_.join();
   socket_.close();
 }
 
@@ -124,7 +135,8 @@ void DBusServiceListener::wake() {
 }
 
 void DBusServiceListener::acceptLoop() {
-  while (!isPaused_) {
+  while (!isStopping_) {
+    if (isPaused_) waitAtTheDoor();
     std::array<pollfd, 2> polled{{{socket_.get(), POLLIN, 0}, {wake_.get(), POLLIN, 0}}};
     const int untilTold = millisecondsToTell();
     if (::poll(polled.data(), polled.size(), waiting_.isEmpty() ? untilTold : 0) < 0) continue;
@@ -136,12 +148,22 @@ void DBusServiceListener::acceptLoop() {
     if (polled[0].revents != 0) acceptWaiting();
     serveWaiting(kServedAtOnce);
   }
+  serveWaiting(WaitingClients::kMaximum);
+}
+
+// The thread stays: where the machine has no room for another, nobody would be served again.
+void DBusServiceListener::waitAtTheDoor() {
   serveWaiting(WaitingClients::kMaximum);  // and whoever comes now waits
+  const MutexLock lock(doorMutex_);
+  waitsAtTheDoor_ = true;
+  doorMoved_.notify_all();
+  while (isPaused_ && !isStopping_) doorMoved_.wait(doorMutex_);
+  waitsAtTheDoor_ = false;
 }
 
 /// Empties the queue in which everybody waits, before it is full.
 void DBusServiceListener::acceptWaiting() {
-  for (int count = 0; count < kAcceptedAtOnce && !isPaused_; ++count) {
+  for (int count = 0; count < kAcceptedAtOnce && !isPaused_ && !isStopping_; ++count) {
     FileDescriptor client(::accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
     if (!client.isOpen()) {
       handleAcceptFailure(errno);

@@ -92,6 +92,7 @@ class DBusServiceListener final : public ServiceListener, private ServiceListene
   bool isEntitled(const ServicePeer& peer) override;
   bool shouldAcceptNewConnection(const std::shared_ptr<ServiceConnection>& connection) override;
   void acceptLoop();
+  void waitAtTheDoor();
   void acceptWaiting();
   void handleAcceptFailure(int error);
   void serve(FileDescriptor socket);
@@ -132,6 +133,9 @@ class DBusServiceListener final : public ServiceListener, private ServiceListene
   std::thread thread_;
   std::atomic<bool> isStopping_{false};
   std::atomic<bool> isPaused_{false};
+  Mutex doorMutex_;
+  std::condition_variable_any doorMoved_;
+  bool waitsAtTheDoor_ GUARDED_BY(doorMutex_) = false;  // the accepting thread
 
   Mutex countMutex_;
   UniqueFunction<void(size_t)> countHandler_ GUARDED_BY(countMutex_);

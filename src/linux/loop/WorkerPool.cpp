@@ -7,7 +7,7 @@
 
 namespace zun {
 
-WorkerPool::WorkerPool(unsigned threads) {
+WorkerPool::WorkerPool(unsigned threads, const char* name) : name_(name) {
   const unsigned count = std::max(threads, 1U);
   threads_.reserve(count);
   for (unsigned i = 0; i < count; ++i) {
@@ -40,7 +40,7 @@ WorkerPool::Activity WorkerPool::activity() {
 }
 
 void WorkerPool::work() noexcept {
-  pthread_setname_np(pthread_self(), "zun-worker");
+  pthread_setname_np(pthread_self(), name_);
   while (true) {
     UniqueFunction<void()> job;
     {

@@ -19,7 +19,8 @@ namespace zun {
 /// everything that is queued, and what that queues in turn, and joins.
 class WorkerPool final : public Executor {
  public:
-  explicit WorkerPool(unsigned threads);
+  /// `name`: of its threads, as the system shows them; a literal.
+  explicit WorkerPool(unsigned threads, const char* name = "zun-worker");
   ~WorkerPool() override;
   WorkerPool(const WorkerPool&) = delete;
   WorkerPool& operator=(const WorkerPool&) = delete;
@@ -37,6 +38,7 @@ class WorkerPool final : public Executor {
  private:
   void work() noexcept;
 
+  const char* const name_;
   Mutex mutex_;
   std::condition_variable_any workCame_;
   std::deque<UniqueFunction<void()>> jobs_ GUARDED_BY(mutex_);

@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "linux/loop/WorkerPool.h"
 #include "support/Fakes.h"
 #include "support/RecordingLog.h"
 
@@ -158,7 +159,8 @@ class LifetimeTest : public ::testing::Test {
   }();
   FakeHost host_{clock_, trace_};
   FakeListener listener_{trace_};
-  Lifetime lifetime_{options_, host_, listener_, clock_, log_};
+  WorkerPool patient_{1};
+  Lifetime lifetime_{options_, host_, listener_, patient_, clock_, log_};
 };
 
 TEST_F(LifetimeTest, ASignalClosesTheDoorEndsTheConnectionsAndThenTheLoop) {

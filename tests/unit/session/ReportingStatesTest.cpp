@@ -210,6 +210,21 @@ TEST_F(ReportingStatesTest, StartActivatesItsHelperOnce) {
   EXPECT_EQ(activations(), 2);
 }
 
+TEST_F(ReportingStatesTest, EveryStartActivatesAnActiveHelperToo) {
+  const auto activations = [this] {
+    const auto lines = platform_.log.linesOf(LogLevel::kDebug);
+    return std::count_if(lines.begin(), lines.end(), [](const std::string& line) {
+      return line.starts_with("activate: connectivity helper is already active for Wirepath with ID <");
+    });
+  };
+  startWith({{"test", Dictionary{}}});
+  executor_.runAll();
+  EXPECT_EQ(activations(), 0);
+  start();
+  executor_.runAll();
+  EXPECT_EQ(activations(), 1);
+}
+
 TEST_F(ReportingStatesTest, ParentWithoutAThresholdClearsTheChilds) {
   makeParent({{"a", Dictionary{}}});
   makeChild({{"a", Dictionary{}}});

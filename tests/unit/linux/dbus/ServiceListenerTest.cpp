@@ -144,6 +144,22 @@ TEST_F(ServiceListenerTest, WhoComesDuringAPauseWaitsUntilItIsOver) {
   EXPECT_FALSE(listener_->hasWaitingClient());
 }
 
+// Where the machine has no room for another thread nobody would be served after it.
+TEST_F(ServiceListenerTest, APauseNeedsNoNewThread) {
+  int threads = 0;
+  options_.startThread = [&threads](std::function<void()> work) {
+    ++threads;
+    return std::thread(std::move(work));
+  };
+  start();
+  for (int i = 0; i < 3; ++i) {
+    listener_->pause();
+    listener_->resume();
+  }
+  EXPECT_TRUE(RawClient(path_).authenticate());
+  EXPECT_EQ(threads, 1);
+}
+
 TEST_F(ServiceListenerTest, AStoppedListenerHasNoWaitingClient) {
   start();
   listener_->pause();
