@@ -41,7 +41,11 @@ Outcome<std::unique_ptr<Connection>> Connection::open(const std::string& address
   if (result >= 0) result = sd_bus_negotiate_fds(bus, 1);  // for files to upload
   if (result >= 0) result = sd_bus_start(bus);
   if (result < 0) {
-    return failed<Opened>(Failure::kConnection, "cannot connect to " + address + ": " + errorText(result));
+    // The daemon closes a stranger's connection without a word.
+    const bool isClosed = result == -EPIPE || result == -ECONNRESET;
+    return failed<Opened>(Failure::kConnection,
+                          "cannot connect to " + address + ": " + errorText(result) +
+                              (isClosed ? " (is this program entitled to report?)" : ""));
   }
   return {std::move(connection), {}};
 }
