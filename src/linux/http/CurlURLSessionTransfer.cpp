@@ -98,7 +98,10 @@ bool CurlURLSessionTransfer::begin(std::shared_ptr<CurlURLSessionTask> task) {
 }
 
 std::shared_ptr<CurlURLSessionTask> CurlURLSessionTransfer::end() {
-  curl_easy_reset(handle_);
+  // Reset, it would still remember the last header of the answer, which has been freed: the
+  // next answer, beginning with a folded line, would be joined to it.
+  curl_easy_cleanup(std::exchange(handle_, curl_easy_init()));
+  ZUN_CHECK(handle_ != nullptr);
   curl_slist_free_all(std::exchange(headers_, nullptr));
   curl_slist_free_all(std::exchange(bodilessHeaders_, nullptr));
   status_ = 0;

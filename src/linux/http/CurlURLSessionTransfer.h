@@ -87,7 +87,7 @@ class CurlURLSessionTransfer final {
   void noteBytesSent(int64_t sent);
 
   const CurlOptions& options_;
-  CURL* const handle_;
+  CURL* handle_;  // a new one for each transfer
   curl_slist* addresses_ = nullptr;
   std::array<char, CURL_ERROR_SIZE> message_{};
 

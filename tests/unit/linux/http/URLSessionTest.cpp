@@ -182,6 +182,17 @@ TEST_F(URLSessionTest, ProvisionalAnswersAreNotAnnounced) {
   EXPECT_EQ(heard.announced->header("X-Early"), std::nullopt);
 }
 
+// libcurl joins such a line to the header before, which belonged to another answer, and whose
+// memory it has freed.
+TEST_F(URLSessionTest, FoldedLineAtTheStartOfAnAnswerTouchesNoEarlierAnswer) {
+  server_.answer("/first", {.headers = {{"X-Last", std::string(200, 'x')}}});
+  server_.answer("/second", {.raw = "HTTP/1.1 200 OK\r\n folded: x\r\nContent-Length: 2\r\n\r\nok"});
+  for (int round = 0; round < 20; ++round) {
+    EXPECT_FALSE(get(server_.url("/first")).error);
+    EXPECT_TRUE(get(server_.url("/second")).error);
+  }
+}
+
 TEST_F(URLSessionTest, OtherMethodsAreSentAsGiven) {
   server_.answer("/m", {});
   URLRequest put = post(server_.url("/m"), "put it");
