@@ -29,16 +29,14 @@ if os.fork() == 0:
         if begins_first != "yes":
             peer.sendall(b"\\0AUTH EXTERNAL\\r\\n")
         peer.sendall(b"DATA\\r\\nBEGIN\\r\\n" + bytes.fromhex(sys.argv[4]))
-        while True:
+        part = b"DATA"
+        # Behind "OK" and 32 digits stands what was answered to the call.
+        while part and not answer.partition(b"OK ")[2][34:]:
             part = peer.recv(4096)
-            if not part:
-                break
             answer += part
-            if len(answer) > 120:
-                break
     except OSError:
         pass
-    print("served" if len(answer) > 120 else "refused", flush=True)
+    print("served" if answer.partition(b"OK ")[2][34:] else "refused", flush=True)
     os.kill(parent, 9)
     os._exit(0)
 peer.connect(path)

@@ -558,6 +558,18 @@ TEST_F(SessionHierarchyTest, ATokenIsClaimedByOneUserAlone) {
   EXPECT_TRUE(agent_->claimHierarchy("U", 2));
 }
 
+// A claim is to be followed by a session; where none follows, it is kept as what ended ones leave.
+TEST_F(SessionHierarchyTest, ClaimsWithoutSessionsAreBounded) {
+  const std::string longName(1 << 20, 'x');
+  for (int number = 0; number < 20; ++number) {
+    EXPECT_TRUE(agent_->claimHierarchy(longName + std::to_string(number), 1));
+  }
+  expectErrors(
+      {"updateCorrelatedSessions: hierarchyTokens without sessions keep more than 33554432 bytes, "
+       "the longest idle are given up"});
+  EXPECT_TRUE(agent_->claimHierarchy(longName + "0", 2));  // given up
+}
+
 // Of those that have gone, what they shared is still there.
 TEST_F(SessionHierarchyTest, WhereSessionsOfAnotherUserAreOrWereNobodyClaims) {
   auto first = join(1, "T", 0);

@@ -334,6 +334,17 @@ TEST_F(ServiceListenerTest, ARefusalIsRememberedForATenthOfASecond) {
   EXPECT_TRUE(RawClient(path_).authenticate());
 }
 
+TEST_F(ServiceListenerTest, WhatTheRulesSayOnceAuthenticatedCounts) {
+  writeRule(true);
+  start();
+  RawClient client(path_);
+  waitForConnections(1);
+  writeRule(false);
+  ASSERT_TRUE(client.authenticate());
+  ASSERT_TRUE(delegate_.events->wait("accepted"));
+  EXPECT_EQ(delegate_.connection()->booleanEntitlement("e"), false);
+}
+
 TEST_F(ServiceListenerTest, WhoIsNoLongerEntitledOnceAuthenticatedIsTurnedAway) {
   writeRule(true);
   delegate_.entitles = [](const ServicePeer& peer) { return peer.booleanEntitlement("e").value_or(false); };
