@@ -45,6 +45,11 @@ Machine::Machine(const DaemonOptions& options, EventLoop& loop, SystemLog& log)
   services_.emplace(ReportingServices{platform_, *identity_, *messageLog_});
 }
 
+void Machine::letWatch(Watchdog& watchdog) const {
+  watchdog.watch(workers_.heartbeat());
+  watchdog.watch(urlSessions_.heartbeat());
+}
+
 DaemonActivity Machine::activity() {
   const WorkerPool::Activity workers = workers_.activity();
   return {.isTransactionOpen = transactions_.isOpen(),

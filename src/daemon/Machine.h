@@ -15,6 +15,7 @@
 #include "linux/loop/UDPSockets.h"
 #include "linux/loop/WorkerPool.h"
 #include "linux/service/ServiceTransactions.h"
+#include "linux/service/Watchdog.h"
 #include "linux/system/SharedObjectLoader.h"
 #include "linux/system/SystemClock.h"
 #include "linux/system/SystemDeviceProperties.h"
@@ -40,6 +41,8 @@ class Machine final : public LifetimeHost {
   void onTransactionChange(UniqueFunction<void(bool isOpen)> handler) {
     transactionChanged_ = std::move(handler);
   }
+
+  void letWatch(Watchdog& watchdog) const;
 
   /// `handler` is called on the loop's thread when the end has begun.
   void onStopping(UniqueFunction<void()> handler) { stopping_ = std::move(handler); }

@@ -27,6 +27,7 @@
 #include "linux/loop/WorkerPool.h"
 #include "linux/service/EntitlementStore.h"
 #include "linux/service/ServiceManager.h"
+#include "linux/service/Watchdog.h"
 #include "linux/system/SystemLogs.h"
 #include "storebag/NetworkStorebagFetcher.h"
 
@@ -106,6 +107,9 @@ int runDaemon(const DaemonOptions& options, EventLoop& loop, SystemLog& log) {
   const auto agent = ReportingdAgent::create(services, *fetcher);
   Lifetime lifetime(options, *machine, **listener, maker, platform.clock, log);
   connect(*machine, loop, **listener, lifetime);
+  Watchdog watchdog(loop, log);
+  machine->letWatch(watchdog);
+  watchdog.watch((*listener)->heartbeat());
   machine->onStopping([&fetcher] { fetcher->cancelFetches(); });
   (*listener)->setDelegate(agent.get());
   (*listener)->resume();

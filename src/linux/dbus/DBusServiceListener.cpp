@@ -139,7 +139,10 @@ void DBusServiceListener::acceptLoop() {
     if (isPaused_) waitAtTheDoor();
     std::array<pollfd, 2> polled{{{socket_.get(), POLLIN, 0}, {wake_.get(), POLLIN, 0}}};
     const int untilTold = millisecondsToTell();
-    if (::poll(polled.data(), polled.size(), waiting_.isEmpty() ? untilTold : 0) < 0) continue;
+    heartbeat_->rests();
+    const int ready = ::poll(polled.data(), polled.size(), waiting_.isEmpty() ? untilTold : 0);
+    heartbeat_->works();
+    if (ready < 0) continue;
     if ((polled[1].revents & POLLIN) != 0) {
       uint64_t count = 0;
       [[maybe_unused]] const ssize_t taken = ::read(wake_.get(), &count, sizeof count);
@@ -149,6 +152,7 @@ void DBusServiceListener::acceptLoop() {
     serveWaiting(kServedAtOnce);
   }
   serveWaiting(WaitingClients::kMaximum);
+  heartbeat_->rests();
 }
 
 // The thread stays: where the machine has no room for another, nobody would be served again.
@@ -157,6 +161,7 @@ void DBusServiceListener::waitAtTheDoor() {
   const MutexLock lock(doorMutex_);
   waitsAtTheDoor_ = true;
   doorMoved_.notify_all();
+  heartbeat_->rests();
   while (isPaused_ && !isStopping_) doorMoved_.wait(doorMutex_);
   waitsAtTheDoor_ = false;
 }

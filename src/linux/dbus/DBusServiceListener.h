@@ -19,6 +19,7 @@
 #include "linux/dbus/WaitingClients.h"
 #include "linux/files/FileDescriptor.h"
 #include "linux/service/EntitlementStore.h"
+#include "linux/system/Heartbeat.h"
 #include "platform/Mutex.h"
 #include "platform/ServiceConnection.h"
 #include "platform/SystemLog.h"
@@ -74,6 +75,8 @@ class DBusServiceListener final : public ServiceListener, private ServiceListene
   /// Called with the new count whenever it changes, on any thread, one call at a time.
   /// Set before `resume`.
   void setConnectionCountHandler(UniqueFunction<void(size_t)> handler);
+  /// The accepting thread's.
+  [[nodiscard]] std::shared_ptr<const Heartbeat> heartbeat() const { return heartbeat_; }
 
  private:
   /// A connection and its thread.
@@ -131,6 +134,7 @@ class DBusServiceListener final : public ServiceListener, private ServiceListene
   RecentRefusals recentRefusals_;
   WaitingClients waiting_;
   std::thread thread_;
+  const std::shared_ptr<Heartbeat> heartbeat_ = std::make_shared<Heartbeat>("the accepting thread");
   std::atomic<bool> isStopping_{false};
   std::atomic<bool> isPaused_{false};
   Mutex doorMutex_;

@@ -52,4 +52,8 @@ void CurlURLSessionService::setIdleHandler(UniqueFunction<void()> handler) {
   loop_->setIdleHandler(std::move(handler));
 }
 
+std::shared_ptr<const Heartbeat> CurlURLSessionService::heartbeat() const {
+  return loop_->heartbeat();
+}
+
 }  // namespace zun

@@ -10,6 +10,7 @@
 
 #include "linux/http/PowerSupply.h"
 #include "linux/http/RouteMonitor.h"
+#include "linux/system/Heartbeat.h"
 #include "platform/Mutex.h"
 #include "platform/SystemLog.h"
 #include "platform/URLSession.h"
@@ -75,6 +76,8 @@ class CurlURLSessionService final : public URLSessionService {
   /// flight has ended. Replaces the handler set before; once this returns, that one is
   /// not running.
   void setIdleHandler(UniqueFunction<void()> handler);
+  /// The transfer thread's.
+  [[nodiscard]] std::shared_ptr<const Heartbeat> heartbeat() const;
 
  private:
   const std::shared_ptr<CurlURLSessionLoop> loop_;

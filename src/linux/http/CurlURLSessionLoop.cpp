@@ -75,7 +75,10 @@ void CurlURLSessionLoop::submit(Task task) {
       inbox_.tasks.push_back(task);
     }
     // Under the lock: the multi handle lives as long as the loop is not stopping.
-    if (wasEmpty) curl_multi_wakeup(multi_);
+    if (wasEmpty) {
+      heartbeat_->works();
+      curl_multi_wakeup(multi_);
+    }
   }
   if (refusal) task->fail(*refusal);
 }
@@ -127,6 +130,7 @@ void CurlURLSessionLoop::run() {
     poll();
   }
   cancelEverything();
+  heartbeat_->rests();
 }
 
 bool CurlURLSessionLoop::takeInbox() {
@@ -358,7 +362,9 @@ void CurlURLSessionLoop::poll() {
   curl_waitfd change{routes_->descriptor(), CURL_WAIT_POLLIN, 0};
   const bool watches = !waiting_.empty() && change.fd >= 0;
   int ready = 0;
+  heartbeat_->rests();
   curl_multi_poll(multi_, watches ? &change : nullptr, watches ? 1 : 0, timeout, &ready);
+  heartbeat_->works();
   if (watches && change.revents != 0) isRouteStale_ = true;
 }
 

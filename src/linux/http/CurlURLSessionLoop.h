@@ -46,6 +46,7 @@ class CurlURLSessionLoop final {
   [[nodiscard]] size_t transfersInFlight() const;
   [[nodiscard]] bool waitUntilIdle(std::chrono::milliseconds timeout) const;
   void setIdleHandler(UniqueFunction<void()> handler);
+  [[nodiscard]] std::shared_ptr<const Heartbeat> heartbeat() const { return heartbeat_; }
 
  private:
   using Task = std::shared_ptr<CurlURLSessionTask>;
@@ -96,6 +97,7 @@ class CurlURLSessionLoop final {
   const std::shared_ptr<RouteMonitor> routes_;
   const std::shared_ptr<PowerSupply> power_;
   TransferShares shares_;
+  const std::shared_ptr<Heartbeat> heartbeat_ = std::make_shared<Heartbeat>("the transfer thread");
   CURLM* const multi_;
 
   struct Inbox {

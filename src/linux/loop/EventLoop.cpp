@@ -2,6 +2,7 @@
 
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <systemd/sd-daemon.h>
 #include <systemd/sd-event.h>
 #include <unistd.h>
 
@@ -95,6 +96,9 @@ struct EventLoop::Loop {
   std::shared_ptr<ReadSources> readSources;
   Source readiness;
   bool isQuitting = false;
+  Microseconds watchdogInterval = 0;
+  Source watchdog;
+  UniqueFunction<bool(std::chrono::microseconds)> isAlive;
 
   ~Loop() {
     if (readSources != nullptr) readSources->end();
@@ -121,6 +125,8 @@ struct EventLoop::Loop {
   };
   std::unordered_map<Timer*, RunningTimer> timers;
 
+  bool startWatchdog();
+  void giveVitalSign();
   void runPosted();
   void add(const std::shared_ptr<Timer>& timer);
   void fire(Timer& timer);
@@ -199,6 +205,25 @@ class EventLoop::Timer final : public TimerSource, public std::enable_shared_fro
   std::atomic<bool> isFiringQueued_{false};
 };
 
+/// Does nothing unless the service manager asked.
+bool EventLoop::Loop::startWatchdog() {
+  if (sd_watchdog_enabled(0, &watchdogInterval) <= 0) return true;
+  constexpr auto onTime = [](sd_event_source*, uint64_t, void* context) noexcept {
+    static_cast<Loop*>(context)->giveVitalSign();
+    return 0;
+  };
+  sd_event_source* source = nullptr;
+  if (sd_event_add_time(event.get(), &source, CLOCK_MONOTONIC, 0, 1, onTime, this) < 0) return false;
+  watchdog.reset(source);
+  return true;
+}
+
+void EventLoop::Loop::giveVitalSign() {
+  if (!isAlive || isAlive(std::chrono::microseconds(watchdogInterval))) (void)sd_notify(0, "WATCHDOG=1");
+  (void)sd_event_source_set_time_relative(watchdog.get(), watchdogInterval / 2);
+  (void)sd_event_source_set_enabled(watchdog.get(), SD_EVENT_ONESHOT);
+}
+
 void EventLoop::Loop::runPosted() {
   for (const UniqueFunction<void()>& function : inbox->take()) function();
 }
@@ -254,7 +279,7 @@ std::unique_ptr<EventLoop> EventLoop::create() {
   };
   if (!loop->onReadable(loop->wakeUp, wakeUp, onWakeUp)) return nullptr;
   if (!loop->onReadable(loop->readiness, loop->readSources->descriptor(), onReadiness)) return nullptr;
-  (void)sd_event_set_watchdog(event, 1);  // does nothing unless the service manager asked
+  if (!loop->startWatchdog()) return nullptr;
   return std::unique_ptr<EventLoop>(new EventLoop(std::move(loop)));
 }
 
@@ -301,6 +326,10 @@ bool EventLoop::onSignal(int signal, UniqueFunction<void()> handler) {
   entry->source.reset(source);
   loop_->signalHandlers.push_back(std::move(entry));
   return true;
+}
+
+void EventLoop::setVitalSign(UniqueFunction<bool(std::chrono::microseconds)> isAlive) {
+  loop_->isAlive = std::move(isAlive);
 }
 
 std::shared_ptr<TimerSource> EventLoop::startTimer(const TimerOptions& options,

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <initializer_list>
 #include <memory>
 
@@ -45,6 +46,11 @@ class EventLoop final : public TimerService {
   /// Calls `handler` on the loop's thread whenever `signal` has come. One handler for
   /// each signal.
   bool onSignal(int signal, UniqueFunction<void()> handler);
+
+  /// The service manager, where it asks, hears of the loop only as often as `isAlive` says so
+  /// too. It is called on the loop's thread with the longest that may pass between two signs.
+  /// On the thread of `run`.
+  void setVitalSign(UniqueFunction<bool(std::chrono::microseconds longest)> isAlive);
 
   /// Timers go on while the machine sleeps. An interval below a millisecond counts as
   /// one; firings that a busy queue could not take are not made up for.

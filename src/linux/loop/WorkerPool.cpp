@@ -27,6 +27,7 @@ WorkerPool::~WorkerPool() {
 void WorkerPool::execute(UniqueFunction<void()> job) {
   {
     const MutexLock lock(mutex_);
+    if (jobs_.empty()) heartbeat_->works();
     jobs_.push_back(std::move(job));
     if (sleepers_ == 0) return;  // all are awake and look again before they sleep
   }
@@ -51,6 +52,7 @@ void WorkerPool::work() noexcept {
       if (jobs_.empty()) return;
       job = std::move(jobs_.front());
       jobs_.pop_front();
+      jobs_.empty() ? heartbeat_->rests() : heartbeat_->works();
       ++jobsTaken_;
     }
     job();

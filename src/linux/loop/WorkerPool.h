@@ -4,9 +4,11 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <memory>
 #include <thread>
 #include <vector>
 
+#include "linux/system/Heartbeat.h"
 #include "platform/Mutex.h"
 #include "platform/SerialQueue.h"
 
@@ -35,10 +37,14 @@ class WorkerPool final : public Executor {
   };
   [[nodiscard]] Activity activity();
 
+  /// Stands still when jobs wait and no thread takes one.
+  [[nodiscard]] std::shared_ptr<const Heartbeat> heartbeat() const { return heartbeat_; }
+
  private:
   void work() noexcept;
 
   const char* const name_;
+  const std::shared_ptr<Heartbeat> heartbeat_ = std::make_shared<Heartbeat>("the worker pool");
   Mutex mutex_;
   std::condition_variable_any workCame_;
   std::deque<UniqueFunction<void()>> jobs_ GUARDED_BY(mutex_);

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <atomic>
 #include <fstream>
+#include <future>
 #include <iterator>
 
 #include "DBusPeer.h"
@@ -168,6 +169,33 @@ TEST_F(ServiceListenerTest, AStoppedListenerHasNoWaitingClient) {
   EXPECT_FALSE(listener_->hasWaitingClient());
   listener_->resume();
   EXPECT_FALSE(RawClient(path_).isConnected());
+}
+
+TEST_F(ServiceListenerTest, AcceptingThreadThatIsHeldUpStandsStill) {
+  const auto standsStill = [this] {
+    return listener_->heartbeat()->standsStill(Heartbeat::Clock::now() + std::chrono::hours(1),
+                                               std::chrono::minutes(1));
+  };
+  std::promise<void> isHeld;
+  std::promise<void> release;
+  std::atomic<bool> isFirst{true};
+  delegate_.entitles = [&](const ServicePeer&) {
+    if (isFirst.exchange(false)) {
+      isHeld.set_value();
+      release.get_future().wait();
+    }
+    return true;
+  };
+  start();
+  EXPECT_FALSE(standsStill());
+  RawClient client(path_);
+  isHeld.get_future().wait();
+  EXPECT_TRUE(standsStill());
+  release.set_value();
+  EXPECT_TRUE(client.authenticate());
+  while (standsStill()) std::this_thread::yield();
+  listener_->pause();
+  EXPECT_FALSE(standsStill());  // as long as the pause may be
 }
 
 // Threads that have ended and were never joined would keep their stacks.

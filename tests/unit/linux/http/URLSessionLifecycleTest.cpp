@@ -191,6 +191,29 @@ TEST_F(URLSessionLifecycleTest, IdleHandlerHearsTheLastTransferEnd) {
   ASSERT_TRUE(delegate_->waitForCompletions(3));
 }
 
+// Whoever waits for the network is well; whoever does not come back to it is not.
+TEST_F(URLSessionLifecycleTest, TransferThreadThatIsHeldUpStandsStill) {
+  const auto standsStill = [this] {
+    return service_->heartbeat()->standsStill(Heartbeat::Clock::now() + std::chrono::hours(1),
+                                              std::chrono::minutes(1));
+  };
+  std::promise<void> isHeld;
+  std::promise<void> release;
+  service_->setIdleHandler([&, released = release.get_future().share()] {
+    isHeld.set_value();
+    released.wait();
+  });
+  begin(held(), "1");
+  ASSERT_TRUE(server_.waitForRequests(1));
+  while (standsStill()) std::this_thread::yield();
+  gate_->open();
+  isHeld.get_future().wait();
+  EXPECT_TRUE(standsStill());
+  release.set_value();
+  service_->setIdleHandler(nullptr);
+  while (standsStill()) std::this_thread::yield();
+}
+
 TEST_F(URLSessionLifecycleTest, UploadSendsTheFileAsItWasWhenTheTaskWasMade) {
   server_.answer("/up", {.body = "thanks"});
   const std::string path = scratch_.path("container");

@@ -17,6 +17,7 @@
 #include "linux/service/ServiceTransactions.h"
 #include "linux/system/SystemClock.h"
 #include "support/Fakes.h"
+#include "support/NotifySocket.h"
 #include "support/ScratchFolder.h"
 
 namespace zun {
@@ -269,35 +270,6 @@ TEST_F(EventLoopTest, BlockedSignalsStayAway) {
   pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
-/// Stands where the service manager listens.
-class NotifySocket final {
- public:
-  NotifySocket() : socket_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    const std::string path = folder_.path("notify");
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
-    EXPECT_EQ(::bind(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-    ::setenv("NOTIFY_SOCKET", path.c_str(), 1);
-  }
-  ~NotifySocket() {
-    ::unsetenv("NOTIFY_SOCKET");
-    ::close(socket_);
-  }
-  NotifySocket(const NotifySocket&) = delete;
-  NotifySocket& operator=(const NotifySocket&) = delete;
-
-  std::string receive() {
-    char text[256];
-    const ssize_t size = ::recv(socket_, text, sizeof text, 0);
-    return size < 0 ? std::string() : std::string(text, static_cast<size_t>(size));
-  }
-
- private:
-  ScratchFolder folder_;
-  const int socket_;
-};
-
 TEST(EventLoopWatchdogTest, SignsOfLifeGoToAServiceManagerThatAsksForThem) {
   NotifySocket manager;
   ::setenv("WATCHDOG_USEC", "20000", 1);
@@ -306,6 +278,26 @@ TEST(EventLoopWatchdogTest, SignsOfLifeGoToAServiceManagerThatAsksForThem) {
   ASSERT_NE(loop, nullptr);
   std::thread listener([&] {
     for (int i = 0; i < 3; ++i) EXPECT_EQ(manager.receive(), "WATCHDOG=1");
+    loop->quit();
+  });
+  EXPECT_TRUE(loop->run());
+  listener.join();
+}
+
+TEST(EventLoopWatchdogTest, NoSignOfLifeIsGivenWhileTheCheckRefusesIt) {
+  NotifySocket manager;
+  ::setenv("WATCHDOG_USEC", "2000", 1);
+  const auto loop = EventLoop::create();
+  ::unsetenv("WATCHDOG_USEC");
+  ASSERT_NE(loop, nullptr);
+  std::atomic<int> asked{0};
+  loop->setVitalSign([&asked](std::chrono::microseconds longest) {
+    EXPECT_EQ(longest, 2ms);
+    return ++asked > 3;
+  });
+  std::thread listener([&] {
+    EXPECT_EQ(manager.receive(), "WATCHDOG=1");
+    EXPECT_GE(asked, 4);
     loop->quit();
   });
   EXPECT_TRUE(loop->run());
