@@ -1,0 +1,106 @@
+"""The service manager hears that the daemon lives only while its threads move. One that stands still is made
+with a debugger's means."""
+
+import ctypes
+import os
+import pathlib
+import socket
+import subprocess
+import unittest
+
+from harness import ScratchTest, binary
+
+PTRACE_DETACH, PTRACE_SEIZE, PTRACE_INTERRUPT = 17, 0x4206, 0x4207
+WALL = 0x40000000
+EVENT = {"category": 2, "type": 7, "payload": {"a": 1}}
+libc = ctypes.CDLL(None, use_errno=True)
+
+
+def ptrace(request, thread, data=0):
+    libc.ptrace.argtypes = [ctypes.c_long, ctypes.c_long, ctypes.c_void_p, ctypes.c_void_p]
+    if libc.ptrace(request, thread, None, data) != 0:
+        raise OSError(ctypes.get_errno(), os.strerror(ctypes.get_errno()))
+
+
+class WatchdogTest(ScratchTest):
+    def setUp(self):
+        super().setUp()
+        self.manager = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self.manager.settimeout(60)
+        self.manager.bind(self.scratch.path("notify"))
+        self.addCleanup(self.manager.close)
+        self.scratch.publish()
+        self.scratch.start(environment={"NOTIFY_SOCKET": self.scratch.path("notify"),
+                                        "WATCHDOG_USEC": "2000000"})
+
+    def wait_for_sign(self):
+        while self.manager.recv(100) != b"WATCHDOG=1":
+            pass
+
+    def drain(self):
+        self.manager.setblocking(False)
+        try:
+            while True:
+                self.manager.recv(100)
+        except BlockingIOError:
+            pass
+        self.manager.settimeout(60)
+
+    def stop_threads(self, name):
+        tasks = pathlib.Path(f"/proc/{self.scratch.daemon.process.pid}/task")
+        stopped = []
+        for task in tasks.iterdir():
+            if (task / "comm").read_text().strip() != name:
+                continue
+            thread = int(task.name)
+            try:
+                ptrace(PTRACE_SEIZE, thread)
+            except PermissionError:
+                self.skipTest("threads may not be stopped here")
+            ptrace(PTRACE_INTERRUPT, thread)
+            os.waitpid(thread, WALL)
+            stopped.append(thread)
+            self.addCleanup(self.let_go, thread)
+        self.assertTrue(stopped, f"no thread is named {name}")
+        return stopped
+
+    @staticmethod
+    def let_go(thread):
+        try:
+            ptrace(PTRACE_DETACH, thread)
+        except ProcessLookupError:
+            pass  # has been let go of
+
+    def stands_still(self, name, description):
+        self.scratch.send([EVENT])  # with its storebag
+        self.wait_for_sign()
+        threads = self.stop_threads(name)
+        self.expect_error(f"watchdog: {description} stands still")
+        self.report_without_waiting()
+        self.scratch.daemon.wait_for_line(f"watchdog: {description} stands still")
+        self.drain()
+        self.manager.settimeout(3)  # three chances
+        self.assertRaises(TimeoutError, self.manager.recv, 100)
+        for thread in threads:
+            self.let_go(thread)
+        self.manager.settimeout(60)
+        self.wait_for_sign()
+
+    def report_without_waiting(self):
+        client = subprocess.Popen([binary("zunreportingctl"), "--address", self.scratch.address, "send",
+                                   "--client-name", "tester", "--service-name", "bench"],
+                                  stdin=subprocess.PIPE, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        self.addCleanup(client.wait)
+        self.addCleanup(client.kill)
+        client.stdin.write(b'{"category": 2, "type": 7, "payload": {"a": 1}}\n')
+        client.stdin.close()
+
+    def test_transfer_thread_that_stands_still_ends_the_signs_of_life(self):
+        self.stands_still("zun-transfers", "the transfer thread")
+
+    def test_workers_that_stand_still_end_the_signs_of_life(self):
+        self.stands_still("zun-worker", "the worker pool")
+
+
+if __name__ == "__main__":
+    unittest.main()
