@@ -217,6 +217,7 @@ TEST_F(StorebagSerialTest, SerialThatIsKeptIsNotWrittenAgain) {
   setDefault(kSerialKey, Value());
   serials.keep("confero");
   serials.note("confero", 5);
+  serials.keep("confero");
   EXPECT_TRUE(getDefault(kSerialKey).isNone());
 }
 
