@@ -2,7 +2,6 @@
 
 #include <arpa/inet.h>
 #include <netinet/tcp.h>
-#include <openssl/pem.h>
 #include <openssl/ssl.h>
 #include <signal.h>
 #include <strings.h>
@@ -14,24 +13,18 @@
 #include <deque>
 #include <list>
 #include <map>
+#include <set>
 #include <stdexcept>
 #include <thread>
 
 #include "support/TestCertificates.h"
+#include "support/TestServerContext.h"
 
 namespace zun {
 namespace {
 
 constexpr char kTLSHandshake = 0x16;
 constexpr size_t kMaxBodyBytes = 256U << 20;
-
-struct Freeing {
-  void operator()(SSL_CTX* context) const { SSL_CTX_free(context); }
-  void operator()(SSL* ssl) const { SSL_free(ssl); }
-  void operator()(BIO* bio) const { BIO_free(bio); }
-  void operator()(X509* certificate) const { X509_free(certificate); }
-  void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
-};
 
 bool equalIgnoringCase(std::string_view a, std::string_view b) {
   return a.size() == b.size() && ::strncasecmp(a.data(), b.data(), a.size()) == 0;
@@ -52,22 +45,6 @@ const TestCertificates::Identity& identityFor(HTTPSTestServer::Transport transpo
     case HTTPSTestServer::Transport::kWrongHost: return certificates.wrongHost();
     default: return certificates.trusted();
   }
-}
-
-std::unique_ptr<SSL_CTX, Freeing> makeContext(const TestCertificates::Identity& identity) {
-  std::unique_ptr<SSL_CTX, Freeing> context(SSL_CTX_new(TLS_server_method()));
-  const std::unique_ptr<BIO, Freeing> certificateBio(
-      BIO_new_mem_buf(identity.certificate.data(), static_cast<int>(identity.certificate.size())));
-  const std::unique_ptr<BIO, Freeing> keyBio(
-      BIO_new_mem_buf(identity.key.data(), static_cast<int>(identity.key.size())));
-  const std::unique_ptr<X509, Freeing> certificate(
-      PEM_read_bio_X509(certificateBio.get(), nullptr, nullptr, nullptr));
-  const std::unique_ptr<EVP_PKEY, Freeing> key(
-      PEM_read_bio_PrivateKey(keyBio.get(), nullptr, nullptr, nullptr));
-  if (SSL_CTX_use_certificate(context.get(), certificate.get()) != 1 ||
-      SSL_CTX_use_PrivateKey(context.get(), key.get()) != 1)
-    throw std::runtime_error("test server certificate");
-  return context;
 }
 
 // A peer that goes away must cost this thread its connection, not the process its life.
@@ -93,7 +70,7 @@ std::string headOf(const TestAnswer& answer) {
 }  // namespace
 
 struct HTTPSTestServer::State {
-  std::unique_ptr<SSL_CTX, Freeing> context;  // none: plain
+  std::unique_ptr<SSL_CTX, SSLFreeing> context;  // none: plain
   int listener = -1;
   std::thread acceptor;
 
@@ -101,6 +78,7 @@ struct HTTPSTestServer::State {
   mutable std::condition_variable changed;
   bool stopping = false;
   std::map<std::string, std::deque<Handler>> handlers;
+  std::set<std::string> early;  // paths whose bodies nobody waits for
   Handler others;
   std::vector<TestRequest> requests;
   std::list<std::unique_ptr<Connection>> connections;
@@ -129,6 +107,7 @@ class HTTPSTestServer::Connection final {
   void serve();
   bool establish();
   bool readRequest(TestRequest& request);
+  bool isEarly(const TestRequest& request);
   bool readHead(TestRequest& request);
   bool readBody(TestRequest& request);
   bool readChunks(std::string& body);
@@ -145,7 +124,7 @@ class HTTPSTestServer::Connection final {
   State& state_;
   const int socket_;
   const int number_;
-  std::unique_ptr<SSL, Freeing> ssl_;
+  std::unique_ptr<SSL, SSLFreeing> ssl_;
   std::string buffer_;
   std::thread thread_;
 };
@@ -161,6 +140,10 @@ void HTTPSTestServer::Connection::serve() {
       }
       state_.changed.notify_all();
       if (!give(state_.answerFor(request))) break;
+      if (isEarly(request)) {
+        while (fill()) buffer_.clear();
+        break;
+      }
       request = {};
     }
     if (ssl_ != nullptr) SSL_shutdown(ssl_.get());
@@ -259,7 +242,12 @@ bool HTTPSTestServer::Connection::readBody(TestRequest& request) {
 
 bool HTTPSTestServer::Connection::readRequest(TestRequest& request) {
   request.connection = number_;
-  return readHead(request) && readBody(request);
+  return readHead(request) && (isEarly(request) || readBody(request));
+}
+
+bool HTTPSTestServer::Connection::isEarly(const TestRequest& request) {
+  const std::lock_guard lock(state_.mutex);
+  return state_.early.count(request.path) != 0;
 }
 
 bool HTTPSTestServer::Connection::send(std::string_view bytes) {
@@ -417,6 +405,12 @@ void HTTPSTestServer::answerInOrder(const std::string& path, std::vector<TestAns
   }
   const std::lock_guard lock(state_->mutex);
   state_->handlers[path] = std::move(handlers);
+}
+
+void HTTPSTestServer::answerBeforeTheBody(const std::string& path, TestAnswer answer) {
+  this->answer(path, std::move(answer));
+  const std::lock_guard lock(state_->mutex);
+  state_->early.insert(path);
 }
 
 void HTTPSTestServer::handle(const std::string& path, Handler handler) {

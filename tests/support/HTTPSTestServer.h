@@ -94,6 +94,9 @@ class HTTPSTestServer final {
   void answer(const std::string& path, TestAnswer answer);
   /// Answers in this order; the last one goes on for ever.
   void answerInOrder(const std::string& path, std::vector<TestAnswer> answers);
+  /// Answers as soon as the head is there. What follows is read and let go of, unless the
+  /// answer closes.
+  void answerBeforeTheBody(const std::string& path, TestAnswer answer);
   /// `handler` runs on the connection's thread.
   void handle(const std::string& path, Handler handler);
   /// For paths that have nothing of their own.

@@ -107,11 +107,11 @@ std::shared_ptr<CurlURLSessionTask> CurlURLSessionTransfer::end() {
   status_ = 0;
   responseHeaders_.clear();
   headBytes_ = bodyBytes_ = decodedBytes_ = toldBytesSent_ = 0;
-  isHeadComplete_ = isResponseTold_ = isTooLarge_ = false;
+  isHeadComplete_ = isResponseTold_ = isTooLarge_ = hasLostBody_ = false;
   problem_.clear();
   decoder_.reset();
   seenReceived_ = seenSent_ = movedBytes_ = 0;
-  isConnected_ = isUnanswered_ = isSentAgain_ = false;
+  isConnected_ = isUnanswered_ = false;
   timesSentAgain_ = 0;
   wholeDeadline_ = Clock::time_point::max();
   floor_ = {};
@@ -214,22 +214,19 @@ bool CurlURLSessionTransfer::setHeaders() {
 }
 
 int CurlURLSessionTransfer::requestGoesOut(void* self, char*, char*, int, int) noexcept {
-  return static_cast<CurlURLSessionTransfer*>(self)->maySend() ? CURL_PREREQFUNC_OK : CURL_PREREQFUNC_ABORT;
+  static_cast<CurlURLSessionTransfer*>(self)->noteRequest();
+  return CURL_PREREQFUNC_OK;
 }
 
 // libcurl sends a request again, in silence and up to five times, when its kept connection
-// closes without a line of an answer. A server may have taken it each time, so: once, and then over
-// a fresh connection, since the other kept ones are likely to have gone as well.
-bool CurlURLSessionTransfer::maySend() {
+// closes without a line of an answer. A server may have taken it each time, so: once, and
+// over a fresh connection, which is not given a second chance. The other kept ones are
+// likely to have gone as well.
+void CurlURLSessionTransfer::noteRequest() {
   if (!isConnected_) connectionStands();
-  if (isUnanswered_) {
-    if (isSentAgain_) return false;
-    isSentAgain_ = true;
-    ++timesSentAgain_;
-  }
+  if (isUnanswered_) ++timesSentAgain_;
   isUnanswered_ = true;
   curl_easy_setopt(handle_, CURLOPT_FRESH_CONNECT, 1L);
-  return true;
 }
 
 void CurlURLSessionTransfer::connectionStands() {
@@ -282,7 +279,7 @@ bool CurlURLSessionTransfer::takeHeaderLine(std::string_view whole) {
 // An answer may have several heads: provisional ones, redirects, the one that counts.
 void CurlURLSessionTransfer::beginHead(std::string_view statusLine) {
   status_ = 0;
-  isHeadComplete_ = isUnanswered_ = isSentAgain_ = false;
+  isHeadComplete_ = isUnanswered_ = false;
   responseHeaders_.clear();
   if (!isBackground(task_->configuration())) curl_easy_setopt(handle_, CURLOPT_FRESH_CONNECT, 0L);
   const size_t space = statusLine.find(' ');
@@ -293,8 +290,10 @@ void CurlURLSessionTransfer::beginHead(std::string_view statusLine) {
   curl_easy_getinfo(handle_, CURLINFO_SCHEME, &scheme);
   if (scheme != nullptr && equalsIgnoringASCIICase(scheme, "https"))
     curl_easy_setopt(handle_, CURLOPT_REDIR_PROTOCOLS_STR, "https");
-  if (status_ >= 301 && status_ <= 303 && task_->request().method == "POST")
+  if (status_ >= 301 && status_ <= 303 && task_->request().method == "POST") {
+    hasLostBody_ = true;
     curl_easy_setopt(handle_, CURLOPT_HTTPHEADER, bodilessHeaders_);
+  }
 }
 
 size_t CurlURLSessionTransfer::bodyCame(char* bytes, size_t size, size_t count, void* self) noexcept {
@@ -374,6 +373,9 @@ CurlDelivery CurlURLSessionTransfer::endWith(CURLcode code) {
   curl_off_t sent = 0;
   curl_easy_getinfo(handle_, CURLINFO_SIZE_UPLOAD_T, &sent);
   noteBytesSent(sent);
+  const bool isSuccess = status_ >= 200 && status_ < 300;
+  if (isSuccess && !hasLostBody_ && sent < task_->bodyBytes())
+    return endWith(urlError(URLSessionError::kConnectionLost, "the server has not taken the whole body"));
   CurlDelivery last = takeDelivery();
   URLResponse response = makeResponse();
   if (!isResponseTold_) last.response = response;
@@ -395,8 +397,6 @@ Error CurlURLSessionTransfer::errorFor(CURLcode code) const {
   if (isTooLarge_) return urlError(URLSessionError::kResponseTooLarge, "the answer is too large");
   const std::string& problem = decoder_ ? decoder_->problem() : problem_;
   if (!problem.empty()) return urlError(URLSessionError::kBadServerResponse, problem);
-  if (code == CURLE_ABORTED_BY_CALLBACK)
-    return urlError(URLSessionError::kConnectionLost, "two connections closed without an answer");
   URLSessionError kind = classOf(code);
   if (code == CURLE_UNSUPPORTED_PROTOCOL) {
     // The first URL's scheme was looked at before: this is a redirect, or no HTTP at all.

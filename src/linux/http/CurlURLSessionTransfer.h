@@ -76,7 +76,7 @@ class CurlURLSessionTransfer final {
   void setRequestOptions();
   bool setHeaders();
   void connectionStands();
-  bool maySend();
+  void noteRequest();
   bool takeHeaderLine(std::string_view line);
   void beginHead(std::string_view statusLine);
   bool takeBody(std::string_view bytes);
@@ -102,7 +102,6 @@ class CurlURLSessionTransfer final {
   int64_t movedBytes_ = 0;                                      // both ways
 
   bool isUnanswered_ = false;  // a request has gone out
-  bool isSentAgain_ = false;
   unsigned timesSentAgain_ = 0;
 
   int32_t status_ = 0;
@@ -111,6 +110,7 @@ class CurlURLSessionTransfer final {
   bool isHeadComplete_ = false;
   bool isResponseTold_ = false;
   bool isTooLarge_ = false;
+  bool hasLostBody_ = false;  // to a redirect
   std::string problem_;  // the answer's
   bool decodes_ = false;
   std::optional<AnswerDecoder> decoder_;  // once there is a body

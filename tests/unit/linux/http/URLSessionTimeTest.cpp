@@ -64,6 +64,16 @@ TEST_F(URLSessionTimeTest, UploadMayTakeLongerButHasToKeepItsPace) {
   EXPECT_TRUE(delegate_->heard("drip").failedWith(URLSessionError::kTimedOut));
 }
 
+TEST_F(URLSessionTimeTest, ByteNowAndThenIsProgressEnough) {
+  start({});
+  begin(dripping(TransferClass::kOrdinary), "drip");
+  ASSERT_TRUE(delegate_->waitForResponse("drip"));
+  for (int i = 0; i < 5; ++i) {
+    clock_.advance(50s);
+    expectToGoOn("drip");
+  }
+}
+
 TEST_F(URLSessionTimeTest, OwnWholeTimeHoldsInThePlaceOfTheTenMinutes) {
   URLRequest request = dripping(TransferClass::kOrdinary);
   request.wholeTimeout = 20min;

@@ -1,0 +1,89 @@
+// Servers that keep to no agreement. Each costs its own request alone.
+
+#include "unit/linux/http/URLSessionTest.h"
+
+namespace zun {
+namespace {
+
+using Ending = TestAnswer::Ending;
+
+class URLSessionBadServerTest : public URLSessionTest {
+ protected:
+  void TearDown() override {
+    server_.answer("/next", {.body = "served"});
+    EXPECT_EQ(load(post(server_.url("/next"), "body")).data, "served");
+    URLSessionTest::TearDown();
+  }
+  HeardTask postTo(TestAnswer answer, size_t bytes = 4) {
+    server_.answer("/p", std::move(answer));
+    return load(post(server_.url("/p"), std::string(bytes, 'b')));
+  }
+};
+
+TEST_F(URLSessionBadServerTest, AnswerOfHTTP10EndsWithItsConnection) {
+  const HeardTask heard = postTo({.ending = Ending::kClose, .raw = "HTTP/1.0 200 OK\r\n\r\nall of it"});
+  EXPECT_FALSE(heard.error);
+  EXPECT_EQ(heard.data, "all of it");
+  EXPECT_EQ(heard.response->statusCode, 200);
+}
+
+TEST_F(URLSessionBadServerTest, ConnectionOfHTTP10IsNotKept) {
+  for (int i = 0; i < 2; ++i)
+    EXPECT_EQ(
+        postTo({.ending = Ending::kClose, .raw = "HTTP/1.0 200 OK\r\nContent-Length: 2\r\n\r\nok"}).data,
+        "ok");
+  const auto requests = server_.requestsFor("/p");
+  ASSERT_EQ(requests.size(), 2U);
+  EXPECT_NE(requests[0].connection, requests[1].connection);
+}
+
+TEST_F(URLSessionBadServerTest, ServerThatClosesAfterTheHeadersLosesTheConnection) {
+  const HeardTask heard =
+      postTo({.ending = Ending::kClose, .raw = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\n"});
+  EXPECT_TRUE(heard.failedWith(URLSessionError::kConnectionLost));
+  EXPECT_EQ(heard.response->statusCode, 200);
+  EXPECT_EQ(server_.requestsFor("/p").size(), 1U);
+}
+
+TEST_F(URLSessionBadServerTest, ServerThatClosesWithinTheHeadersLosesTheConnection) {
+  for (const char* raw : {"HTTP/1.1 200 OK\r\n", "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\n"}) {
+    const HeardTask heard = postTo({.ending = Ending::kClose, .raw = raw});
+    EXPECT_TRUE(heard.failedWith(URLSessionError::kConnectionLost)) << raw;
+    ASSERT_TRUE(heard.error);
+    EXPECT_EQ(heard.error->description, "the answer breaks off within its head");
+    EXPECT_FALSE(heard.response);
+  }
+}
+
+TEST_F(URLSessionBadServerTest, ChunksThatBreakOffLoseTheConnection) {
+  for (const char* body : {"5\r\nhalf", "5\r\nwhole\r\n"}) {
+    const HeardTask heard =
+        postTo({.body = body, .headers = {{"Transfer-Encoding", "chunked"}}, .ending = Ending::kClose});
+    EXPECT_TRUE(heard.failedWith(URLSessionError::kConnectionLost)) << body;
+  }
+}
+
+// Large enough that it is under way when the answer is there.
+TEST_F(URLSessionBadServerTest, RefusalBeforeTheBodyIsThereIsTheAnswer) {
+  constexpr size_t kBytes = 32 << 20;
+  server_.answerBeforeTheBody("/p", {.status = 413, .body = "no!"});
+  const HeardTask heard = load(post(server_.url("/p"), std::string(kBytes, 'b')));
+  EXPECT_FALSE(heard.error) << heard.error->description;
+  ASSERT_TRUE(heard.response);
+  EXPECT_EQ(heard.response->statusCode, 413);
+  EXPECT_EQ(heard.data, "no!");
+  EXPECT_LT(heard.sent, static_cast<int64_t>(kBytes));
+  EXPECT_EQ(server_.requestsFor("/p").size(), 1U);
+}
+
+// It says that all is well with what it has not seen.
+TEST_F(URLSessionBadServerTest, SuccessBeforeTheBodyIsThereIsNone) {
+  constexpr size_t kBytes = 32 << 20;
+  server_.answerBeforeTheBody("/p", {.body = "ok", .ending = Ending::kClose});
+  const HeardTask heard = load(post(server_.url("/p"), std::string(kBytes, 'b')));
+  EXPECT_TRUE(heard.failedWith(URLSessionError::kConnectionLost));
+  EXPECT_LT(heard.sent, static_cast<int64_t>(kBytes));
+}
+
+}  // namespace
+}  // namespace zun
