@@ -111,7 +111,7 @@ class CurlURLSessionTransfer final {
   bool isResponseTold_ = false;
   bool isTooLarge_ = false;
   bool hasLostBody_ = false;  // to a redirect
-  std::string problem_;  // the answer's
+  std::string problem_;       // the answer's
   bool decodes_ = false;
   std::optional<AnswerDecoder> decoder_;  // once there is a body
   int64_t bodyBytes_ = 0;                 // as they came
