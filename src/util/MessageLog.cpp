@@ -1,6 +1,7 @@
 #include "util/MessageLog.h"
 
 #include <cerrno>
+#include <cmath>
 #include <exception>
 
 namespace zun {
@@ -39,11 +40,10 @@ void MessageLog::writeToLogFile(std::string_view message) {
 
 void MessageLog::append(std::string_view message) {
   const std::string directory = platform_.files.resolve(kDirectory);
+  const std::string entry = fmt::format("({}) {}\n", dateDescription(platform_.clock.now()), message);
   std::optional<Error> failure;
-  auto path = currentFile(directory, failure);
-  if (!path) path = createFile(directory, failure);
+  const auto path = fileFor(directory, entry.size(), failure);
   if (path) {
-    const std::string entry = fmt::format("({}) {}\n", dateDescription(platform_.clock.now()), message);
     failure = platform_.files.appendToFile(*path, entry);
     if (!failure) platform_.log.debug("writeToLogFile: Saved log message to {}", *path);
   }
@@ -52,6 +52,39 @@ void MessageLog::append(std::string_view message) {
                         failure->description);
   }
   lastFailure_ = failure ? failure->code : 0;
+}
+
+/// A file that has room for `bytes` more.
+std::optional<std::string> MessageLog::fileFor(const std::string& directory, uint64_t bytes,
+                                               std::optional<Error>& failure) {
+  const auto path = lookedUpFile(directory, failure);
+  if (!path) return createFile(directory, failure);
+  const auto attributes = platform_.files.attributes(*path, Links::kNotFollowed);
+  if (!attributes || attributes->size + bytes <= kMaximumBytes) return path;
+  platform_.log.error("writeToLogFile: {} has reached {} bytes and is begun anew", *path, kMaximumBytes);
+  found_.reset();
+  failure = platform_.files.removeItem(*path);
+  return failure ? std::nullopt : createFile(directory, failure);
+}
+
+std::optional<std::string> MessageLog::lookedUpFile(const std::string& directory,
+                                                    std::optional<Error>& failure) {
+  const double now = platform_.clock.now().secondsSince1970;
+  const auto folder = platform_.files.attributes(directory);
+  const double folderChanged = folder ? folder->modificationDate.secondsSince1970 : 0;
+  if (found_ && found_->folderChanged == folderChanged && std::abs(now - found_->when) < 1 &&
+      isRegularFile(found_->path)) {
+    return found_->path;
+  }
+  found_.reset();
+  auto path = currentFile(directory, failure);
+  if (path) found_ = Found{*path, folderChanged, now};
+  return path;
+}
+
+bool MessageLog::isRegularFile(const std::string& path) const {
+  const auto attributes = platform_.files.attributes(path, Links::kNotFollowed);
+  return attributes && attributes->isRegularFile;
 }
 
 std::optional<std::string> MessageLog::currentFile(const std::string& directory,

@@ -38,6 +38,11 @@ class MessageLogTest : public PlatformTest {
     return content.str();
   }
 
+  /// Its time, as the kernel's is too coarse for a test.
+  void changeFolder() const {
+    fs::last_write_time(directory_, fs::last_write_time(directory_) + std::chrono::milliseconds(1));
+  }
+
   size_t countFiles() const {
     return static_cast<size_t>(std::distance(fs::directory_iterator(directory_), fs::directory_iterator()));
   }
@@ -67,6 +72,68 @@ TEST_F(MessageLogTest, LaterEntriesAreAppendedToTheSameFile) {
   log_.writeToLogFile("two\nlines");
   EXPECT_EQ(contentOf(newFile_), "(2023-11-14 22:13:20 +0000) one\n(2023-11-14 22:14:21 +0000) two\nlines\n");
   EXPECT_EQ(countFiles(), 1U);
+}
+
+TEST_F(MessageLogTest, FolderIsListedAgainWhenASecondHasPassed) {
+  const std::string first = addFile("zunreportingd_1_messageLog.diag", 600, "");
+  log_.writeToLogFile("one");
+  const auto changed = fs::last_write_time(directory_);
+  const std::string newer = addFile("zunreportingd_2_messageLog.diag", 300, "");
+  fs::last_write_time(directory_, changed);
+  platform_.clock.advance(std::chrono::milliseconds(999));
+  log_.writeToLogFile("two");
+  EXPECT_EQ(contentOf(newer), "");
+  EXPECT_TRUE(contentOf(first).ends_with("one\n(2023-11-14 22:13:20 +0000) two\n"));
+  platform_.clock.advance(std::chrono::milliseconds(1));
+  log_.writeToLogFile("three");
+  EXPECT_TRUE(contentOf(newer).ends_with(" three\n"));
+  EXPECT_FALSE(fs::exists(first));
+}
+
+TEST_F(MessageLogTest, FolderIsListedAgainWhenTheClockWasSetBack) {
+  addFile("zunreportingd_1_messageLog.diag", 600, "");
+  log_.writeToLogFile("one");
+  const auto changed = fs::last_write_time(directory_);
+  const std::string newer = addFile("zunreportingd_2_messageLog.diag", 300, "");
+  fs::last_write_time(directory_, changed);
+  platform_.clock.setTimeOfDay({static_cast<int64_t>(kNow) - 3600, 0});
+  log_.writeToLogFile("two");
+  EXPECT_TRUE(contentOf(newer).ends_with(" two\n"));
+}
+
+TEST_F(MessageLogTest, FolderIsListedAgainWhenItChanged) {
+  addFile("zunreportingd_1_messageLog.diag", 600, "");
+  log_.writeToLogFile("one");
+  const auto changed = fs::last_write_time(directory_);
+  const std::string newer = addFile("zunreportingd_2_messageLog.diag", 300, "");
+  fs::last_write_time(directory_, changed);
+  changeFolder();
+  log_.writeToLogFile("two");
+  EXPECT_TRUE(contentOf(newer).ends_with(" two\n"));
+}
+
+// Clients decide how much is written.
+TEST_F(MessageLogTest, EntryThatWouldTakeTheFileOverItsBoundBeginsItAnew) {
+  const std::string file = addFile("zunreportingd_1_messageLog.diag", 600, "");
+  const std::string entry = "(2023-11-14 22:13:20 +0000) one\n";
+  fs::resize_file(file, MessageLog::kMaximumBytes - entry.size());
+  log_.writeToLogFile("one");
+  EXPECT_EQ(fs::file_size(file), MessageLog::kMaximumBytes);
+  log_.writeToLogFile("");
+  EXPECT_FALSE(fs::exists(file));
+  EXPECT_EQ(contentOf(newFile_), "(2023-11-14 22:13:20 +0000) \n");
+  log_.writeToLogFile("two");
+  EXPECT_EQ(contentOf(newFile_), "(2023-11-14 22:13:20 +0000) \n(2023-11-14 22:13:20 +0000) two\n");
+  EXPECT_EQ(countFiles(), 1U);
+  expectErrors({"writeToLogFile: " + file + " has reached 67108864 bytes and is begun anew"});
+}
+
+TEST_F(MessageLogTest, FileThatIsBegunAnewMayHaveTheSameName) {
+  log_.writeToLogFile("one");
+  fs::resize_file(newFile_, MessageLog::kMaximumBytes);
+  log_.writeToLogFile("two");
+  EXPECT_EQ(contentOf(newFile_), "(2023-11-14 22:13:20 +0000) two\n");
+  expectErrors({"writeToLogFile: " + newFile_ + " has reached 67108864 bytes and is begun anew"});
 }
 
 TEST_F(MessageLogTest, OfTwoFilesTheOlderIsDeletedAndTheNewerGetsTheMessage) {
@@ -155,6 +222,7 @@ TEST_F(MessageLogTest, FileWithoutADateIsKeptAndGivesWayToOneWithADate) {
   log_.writeToLogFile("one");
   EXPECT_EQ(contentOf(undated), "old\n(2023-11-14 22:13:20 +0000) one\n");
   const std::string dated = addFile("zunreportingd_2_messageLog.diag", 86400);
+  changeFolder();
   log_.writeToLogFile("two");
   EXPECT_EQ(contentOf(dated), "old\n(2023-11-14 22:13:20 +0000) two\n");
   EXPECT_FALSE(fs::exists(undated));
@@ -173,7 +241,9 @@ TEST_F(MessageLogTest, FileWithoutADateIsDeletedWhereThereIsOneWithADate) {
 // Somebody cleans the folder up between the look at it and the writing.
 TEST_F(MessageLogTest, FileThatVanishesIsMadeAgainAndTheMessageKept) {
   const std::string file = addFile("zunreportingd_1_messageLog.diag", 60);
-  platform_.files.beforeAttributes = [](const std::string& path) { fs::remove(path); };
+  platform_.files.beforeAttributes = [&file](const std::string& path) {
+    if (path == file) fs::remove(path);
+  };
   log_.writeToLogFile("m");
   EXPECT_EQ(contentOf(file), "(2023-11-14 22:13:20 +0000) m\n");
 }
