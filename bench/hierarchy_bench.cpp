@@ -28,7 +28,7 @@ class WritingConnection final : public ServiceConnection {
   explicit WritingConnection(SystemLog& log) : wake_(::eventfd(0, EFD_NONBLOCK)) {
     [[maybe_unused]] const int made = ::socketpair(AF_UNIX, SOCK_STREAM, 0, sockets_.data());
     output_ = std::make_shared<DBusOutput>(sockets_[0], wake_, DBusLimits{}, DBusOutputLimits{},
-                                           std::make_shared<MemoryBudget>(0), log, "bench");
+                                           std::make_shared<MemoryBudget>(0), BudgetHolder{}, log, "bench");
     reader_ = std::thread([this] {
       std::array<char, 65536> buffer{};
       while (::recv(sockets_[1], buffer.data(), buffer.size(), 0) > 0) {

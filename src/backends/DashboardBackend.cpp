@@ -131,7 +131,9 @@ std::optional<std::string> DashboardBackend::sendMessage(const std::optional<Dic
 }
 
 bool DashboardBackend::uploadLogData(const Array& logData) {
-  auto location = uploadLogDataArray(postURL_, logData, reportingSessionConnectivityDelegate_.lock(), log());
+  auto location =
+      uploadLogDataArray(postURL_, logData, reportingSessionConnectivityDelegate_.lock(),
+                         std::make_unique<MemoryShare>(services_.logDataMemory, services_.holder), log());
   if (!location) return false;
   constexpr uint16_t kMethod = 0;
   constexpr uint16_t kRespCodeUploaded = 2;

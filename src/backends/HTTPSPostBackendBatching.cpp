@@ -92,7 +92,7 @@ std::optional<std::string> HTTPSPostBackend::sendNow(Dictionary record, int32_t 
 std::optional<std::string> HTTPSPostBackend::batchEvent(Dictionary record) {
   const int64_t method = record["_method"].intValue();
   int32_t count = stateQueue_->sync([this, method] {
-    if (!batchedEvents_) batchedEvents_.emplace(services_.batchMemory);
+    if (!batchedEvents_) batchedEvents_.emplace(services_.batchMemory, services_.holder);
     return batchedEvents_->countOfMethod(method);
   });
   std::optional<std::string> flushed;
@@ -113,7 +113,7 @@ std::optional<std::string> HTTPSPostBackend::batchEvent(Dictionary record) {
 void HTTPSPostBackend::append(Dictionary record, int64_t method, int32_t count) {
   bool isFirstOverflow = false;
   const EventBatch::Room room = stateQueue_->sync([&] {
-    if (!batchedEvents_) batchedEvents_.emplace(services_.batchMemory);
+    if (!batchedEvents_) batchedEvents_.emplace(services_.batchMemory, services_.holder);
     // Before the user information there is no client entry and so no filter table.
     const auto filtered =
         filters_.numberOfFilters() > 0 ? EventBatch::Filtered::kYes : EventBatch::Filtered::kNo;

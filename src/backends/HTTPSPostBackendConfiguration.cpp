@@ -165,8 +165,8 @@ void HTTPSPostBackend::adoptClient(const Dictionary& client, const Names& names,
     const auto owned = [](const Text& text) {
       return text ? std::optional<std::string>(*text) : std::nullopt;
     };
-    uuidCustom_ = services_.identity.getPersistentIdentifierForCustomClientIDSuffix(owned(names.client),
-                                                                                    owned(names.service));
+    uuidCustom_ = services_.identity.getPersistentIdentifierForCustomClientIDSuffix(
+        owned(names.client), owned(names.service), services_.program);
   }
   log().note("HTTPSPostBackend(updateBackendState): {}: client found {}:{}, state={}, samplingFactor={:f}",
              name_, orNull(names.client), orNull(names.service), newState, samplingFactor_);

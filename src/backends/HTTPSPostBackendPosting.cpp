@@ -218,6 +218,7 @@ URLRequest HTTPSPostBackend::requestForPost(const std::string& url, std::optiona
   URLRequest request;
   request.url = url;
   request.method = "POST";
+  request.holder = services_.holder;
   request.cellularAccess = shouldUseWiFiOnly_ != 0 ? CellularAccess::kForbidden : CellularAccess::kAllowed;
   const auto add = [&request](const char* name, std::string_view value) {
     request.headers.emplace_back(name, headerText(value));

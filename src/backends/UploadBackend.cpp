@@ -60,7 +60,7 @@ bool UploadBackend::uploadFileAtPath(const std::string& path, const SandboxExten
     log().error("UploadBackend(uploadFileAtPath): Only upload a regular file.");
     return false;
   }
-  auto body = compressedContents(*file, services_.uploadMemory, log());
+  auto body = bodyOfFile(path, *file, extensionToken);
   if (body == nullptr) return false;
   std::optional<URLRequest> request = requestForFile(*url, path);
   if (!request) {
@@ -73,6 +73,18 @@ bool UploadBackend::uploadFileAtPath(const std::string& path, const SandboxExten
     log().note("UploadBackend(uploadFileAtPath): The uploaded file {} stays: {}", path, error->description);
   }
   return true;
+}
+
+std::shared_ptr<const std::string> UploadBackend::bodyOfFile(
+    const std::string& path, const SandboxExtension& file,
+    const SandboxExtensionToken& extensionToken) const {
+  const auto turn = services_.compressions->wait(services_.holder.user, extensionToken.isWanted);
+  if (!turn) {
+    log().note("UploadBackend(uploadFileAtPath): Nobody waits for {} any more", path);
+    return nullptr;
+  }
+  return compressedContents(
+      file, {services_.uploadMemory, services_.holder, extensionToken.isWanted, kMaximumUploadBytes}, log());
 }
 
 std::unique_ptr<SandboxExtension> UploadBackend::regularFileAtPath(
@@ -96,6 +108,7 @@ std::optional<URLRequest> UploadBackend::requestForFile(const std::string& uploa
                   percentEncodedForQuery(fileName));
   if (!isHTTPURL(request.url)) return std::nullopt;
   request.method = "POST";
+  request.holder = services_.holder;
   request.transferClass = TransferClass::kUpload;
   request.headers.emplace_back("Content-Type", "application/octet-stream");
   request.headers.emplace_back("Content-Encoding", "gzip");

@@ -12,7 +12,7 @@ namespace zun {
 /// Uploads whole files that clients hand over, compressed, to a storebag's upload
 /// server. Events mean nothing to it.
 ///
-///   request ─▶ access to the file ─▶ compressed ─▶ posted ─▶ answer says "success": file deleted
+///   request ─▶ access to the file ─▶ its turn ─▶ compressed ─▶ posted ─▶ answer says "success": file deleted
 ///                     └────── not a file, empty, too large ──▶ false
 ///
 /// Threading: as the base; an upload blocks the thread of the client that asked for it.
@@ -37,6 +37,10 @@ class UploadBackend final : public ZunReportingBackend {
   UploadBackend(const ReportingServices& services, std::string name, Dictionary profile,
                 const std::string& productFamily, std::string_view uploadURL);
 
+  /// Null where there is nothing to send, or nobody who waits for that.
+  [[nodiscard]] std::shared_ptr<const std::string> bodyOfFile(
+      const std::string& path, const SandboxExtension& file,
+      const SandboxExtensionToken& extensionToken) const;
   [[nodiscard]] std::unique_ptr<SandboxExtension> regularFileAtPath(
       const std::string& path, const SandboxExtensionToken& extensionToken) const;
   /// None for a URL that no request can be sent to.

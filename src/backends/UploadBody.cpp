@@ -6,17 +6,21 @@
 #include <utility>
 
 #include "util/Compression.h"
+#include "util/ReportingServices.h"
 
 namespace zun {
 
 namespace {
+
+// One that comes alone may upload the largest.
+static_assert(4 * (kMaximumUploadBytes + kUploadWorkingBytes) <= ReportingServices::kUploadMemoryBytes);
 
 constexpr size_t kPieceBytes = size_t{128} << 10;
 static_assert(kPieceBytes + StreamingCompressor::kMemoryBytes <= kUploadWorkingBytes);
 
 /// Bytes and what they take of the budget, let go together.
 struct CountedBytes {
-  explicit CountedBytes(std::shared_ptr<MemoryBudget> memory) : share(std::move(memory)) {}
+  explicit CountedBytes(const UploadTerms& terms) : share(terms.memory, terms.holder) {}
 
   MemoryShare share;
   std::string bytes;
@@ -26,13 +30,12 @@ struct CountedBytes {
 /// goes on writing to has an end, too.
 class FileCompressor final {
  public:
-  FileCompressor(const SandboxExtension& file, std::shared_ptr<MemoryBudget> memory, SystemLog& log,
-                 size_t maximumBytes)
+  FileCompressor(const SandboxExtension& file, const UploadTerms& terms, SystemLog& log)
       : file_(file),
+        terms_(terms),
         log_(log),
-        maximumBytes_(maximumBytes),
-        working_(memory),
-        body_(std::make_shared<CountedBytes>(std::move(memory))) {}
+        working_(terms.memory, terms.holder),
+        body_(std::make_shared<CountedBytes>(terms)) {}
 
   std::shared_ptr<const std::string> run() {
     if (!working_.grow(kUploadWorkingBytes)) return failWithoutMemory();
@@ -47,10 +50,19 @@ class FileCompressor final {
  private:
   bool addFile() {
     const uint64_t size = file_.size();
+    if (size > kMaximumUploadInputBytes) {
+      log_.error("UploadBackend(uploadFileAtPath): The file has more than {} bytes",
+                 kMaximumUploadInputBytes);
+      return false;
+    }
     reserve(size);
     std::string piece(kPieceBytes, '\0');
     uint64_t offset = 0;
     while (offset < size) {
+      if (!terms_.isWanted()) {
+        log_.note("UploadBackend(uploadFileAtPath): Nobody waits for the file any more");
+        return false;
+      }
       const auto wanted = static_cast<size_t>(std::min<uint64_t>(kPieceBytes, size - offset));
       const auto count = file_.read(offset, std::span(piece.data(), wanted));
       if (!count) {
@@ -70,14 +82,14 @@ class FileCompressor final {
   void reserve(uint64_t size) {
     constexpr uint64_t kRoomForFrames = 4096;
     body_->bytes.reserve(static_cast<size_t>(std::min<uint64_t>(
-        maximumBytes_, std::min<uint64_t>(size, maximumBytes_) * 1001 / 1000 + kRoomForFrames)));
+        terms_.maximumBytes, std::min<uint64_t>(size, terms_.maximumBytes) * 1001 / 1000 + kRoomForFrames)));
   }
 
   StreamingCompressor::Sink sink() {
     return [this](std::string_view bytes) {
-      if (bytes.size() > maximumBytes_ - body_->bytes.size()) {
+      if (bytes.size() > terms_.maximumBytes - body_->bytes.size()) {
         log_.error("UploadBackend(uploadFileAtPath): The file takes more than {} bytes when compressed",
-                   maximumBytes_);
+                   terms_.maximumBytes);
         return false;
       }
       if (!body_->share.grow(bytes.size())) {
@@ -95,8 +107,8 @@ class FileCompressor final {
   }
 
   const SandboxExtension& file_;
+  const UploadTerms& terms_;
   SystemLog& log_;
-  const size_t maximumBytes_;
   MemoryShare working_;
   std::unique_ptr<StreamingCompressor> compressor_;
   const std::shared_ptr<CountedBytes> body_;
@@ -104,10 +116,9 @@ class FileCompressor final {
 
 }  // namespace
 
-std::shared_ptr<const std::string> compressedContents(const SandboxExtension& file,
-                                                      std::shared_ptr<MemoryBudget> memory, SystemLog& log,
-                                                      size_t maximumBytes) try {
-  return FileCompressor(file, std::move(memory), log, maximumBytes).run();
+std::shared_ptr<const std::string> compressedContents(const SandboxExtension& file, const UploadTerms& terms,
+                                                      SystemLog& log) try {
+  return FileCompressor(file, terms, log).run();
 } catch (const std::bad_alloc&) {
   log.error("UploadBackend(uploadFileAtPath): Out of memory");
   return nullptr;

@@ -9,7 +9,7 @@ namespace zun {
 namespace {
 
 /// What a record itself costs, roughly.
-constexpr int64_t kBytesPerToken = 256;
+constexpr size_t kBytesPerToken = 256;
 
 /// The ID strings of ancestors, of which the parent comes first.
 std::string joinedFromTheTop(const CorrelatedSessions::Sessions& ancestors) {
@@ -45,7 +45,7 @@ bool CorrelatedSessions::claim(const std::string& token, uint32_t user) {
   Token& record = claimed->second;
   if (isNew) {
     note(record, user);
-    becomeIdle(claimed);
+    becomeIdle(claimed, {user, 1});  // as one more program of that user
     return true;
   }
   return record.isOfOneUser && record.user == user;
@@ -73,35 +73,46 @@ void CorrelatedSessions::removeSession(const ReportingdSession& session) {
   const Place place = known->second;
   places_.erase(known);
   place.token->second.sessions.erase(place.key);
-  if (place.token->second.sessions.empty()) becomeIdle(place.token);
+  if (place.token->second.sessions.empty()) becomeIdle(place.token, session.programHolder());
 }
 
-void CorrelatedSessions::becomeIdle(Tokens::iterator token) {
-  const auto& [name, record] = *token;
-  const int64_t sharedBytes = record.sharedData ? record.sharedData->bytes() : 0;
-  const int64_t bytes = kBytesPerToken + 2 * static_cast<int64_t>(name.size()) + sharedBytes;
-  token->second.idle = {idleOrder_.insert(idleOrder_.end(), name), bytes};
-  idleBytes_ += bytes;
-  const bool isBeyond = idleBytes_ > kMaximumIdleBytes;
-  if (isBeyond && !hasToldOfIdleBound_) {
-    log_.error(
-        "updateCorrelatedSessions: "
-        "hierarchyTokens without sessions keep more than {} bytes, the longest idle are given up",
-        kMaximumIdleBytes);
-  }
-  hasToldOfIdleBound_ = isBeyond;
-  while (idleBytes_ > kMaximumIdleBytes) {
-    const auto longestIdle = tokens_.find(idleOrder_.front());
+void CorrelatedSessions::becomeIdle(Tokens::iterator token, BudgetHolder holder) {
+  auto& [order, hasToldOfBound] = idleTokens_[{holder.user, holder.member}];
+  token->second.idle = {holder, order.insert(order.end(), token->first), 0};
+  const bool wasToldOfBound = std::exchange(hasToldOfBound, false);
+  while (!takeIdleMemory(*token)) {
+    if (!std::exchange(hasToldOfBound, true) && !wasToldOfBound) {
+      log_.error(
+          "updateCorrelatedSessions: "
+          "hierarchyTokens without sessions keep more than a client's share of {} bytes, its longest idle "
+          "are given up",
+          kMaximumIdleBytes);
+    }
+    const auto longestIdle = tokens_.find(order.front());  // at last this one itself
+    const bool isLast = longestIdle == token;
     becomeBusy(longestIdle->second);
     tokens_.erase(longestIdle);
+    if (isLast) break;
   }
   tokenCount_ = tokens_.size();
 }
 
+bool CorrelatedSessions::takeIdleMemory(Tokens::value_type& token) {
+  auto& [name, record] = token;
+  const int64_t sharedBytes = record.sharedData ? record.sharedData->bytes() : 0;
+  const size_t bytes = kBytesPerToken + 2 * name.size() + static_cast<size_t>(sharedBytes);
+  if (!idleMemory_.take(bytes, record.idle->holder)) return false;
+  record.idle->bytes = bytes;
+  return true;
+}
+
 void CorrelatedSessions::becomeBusy(Token& token) {
   if (!token.idle) return;
-  idleBytes_ -= token.idle->bytes;
-  idleOrder_.erase(token.idle->place);
+  const auto [holder, place, bytes] = *token.idle;
+  const auto ofProgram = idleTokens_.find({holder.user, holder.member});
+  ofProgram->second.order.erase(place);
+  if (ofProgram->second.order.empty()) idleTokens_.erase(ofProgram);
+  idleMemory_.giveBack(bytes, holder);
   token.idle.reset();
 }
 

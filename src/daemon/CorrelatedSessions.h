@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "daemon/SharedSessionData.h"
+#include "platform/MemoryBudget.h"
 #include "platform/SystemLog.h"
 
 namespace zun {
@@ -25,8 +26,9 @@ class ReportingdSession;
 ///                                                              └──bound──▶ given up
 ///
 /// A session is in at most one list. A record stays when its last session leaves, so that
-/// a later session of the same token finds what was shared; what all idle ones keep is
-/// bounded, and the one that has been idle longest is given up first. Joining, leaving and
+/// a later session of the same token finds what was shared. What all idle ones keep is
+/// bounded, and each program, whose session was the last, has its share of that: beyond, the
+/// one that has been idle longest of the same program is given up. Joining, leaving and
 /// finding the first session of a level take logarithmic time.
 ///
 /// Threading: under the agent's lock, but for `tokenCount`. Ownership: holds sessions
@@ -36,7 +38,7 @@ class CorrelatedSessions final {
   using Sessions = std::vector<std::shared_ptr<ReportingdSession>>;
 
   /// What all tokens without sessions together may keep.
-  static constexpr int64_t kMaximumIdleBytes = int64_t{32} << 20;
+  static constexpr size_t kMaximumIdleBytes = size_t{32} << 20;
 
   explicit CorrelatedSessions(SystemLog& log);
 
@@ -82,8 +84,9 @@ class CorrelatedSessions final {
   /// What there is of one token.
   struct Token {
     struct Idle {
+      BudgetHolder holder;
       std::list<std::string>::iterator place;
-      int64_t bytes = 0;
+      size_t bytes = 0;
     };
 
     SessionList sessions;
@@ -93,6 +96,11 @@ class CorrelatedSessions final {
     std::optional<Idle> idle;                     // none while it has sessions
   };
   using Tokens = std::map<std::string, Token, std::less<>>;
+  /// Those of one program without sessions.
+  struct IdleTokens {
+    std::list<std::string> order;  // the longest idle first
+    bool hasToldOfBound = false;   // until one becomes idle that there is room for
+  };
   /// Where a session is.
   struct Place {
     Tokens::iterator token;
@@ -101,7 +109,8 @@ class CorrelatedSessions final {
 
   [[nodiscard]] Tokens::iterator tokenOf(const ReportingdSession& session);
   static void note(Token& token, uint32_t user);
-  void becomeIdle(Tokens::iterator token);
+  void becomeIdle(Tokens::iterator token, BudgetHolder holder);
+  bool takeIdleMemory(Tokens::value_type& token);
   void becomeBusy(Token& token);
   static std::shared_ptr<ReportingdSession> getFirstSessionWithHierarchy(uint32_t level,
                                                                          const SessionList& list);
@@ -112,9 +121,8 @@ class CorrelatedSessions final {
   SystemLog& log_;
   Tokens tokens_;
   std::unordered_map<const ReportingdSession*, Place> places_;
-  std::list<std::string> idleOrder_;  // the longest idle first
-  int64_t idleBytes_ = 0;
-  bool hasToldOfIdleBound_ = false;  // until one becomes idle that there is room for
+  std::map<std::pair<uint32_t, uint64_t>, IdleTokens> idleTokens_;  // by user and program
+  MemoryBudget idleMemory_{kMaximumIdleBytes};
   uint64_t joins_ = 0;
   std::atomic<size_t> tokenCount_{0};
 };

@@ -91,6 +91,7 @@ class MemoryShare final {
     taken_ = wanted;
   }
   [[nodiscard]] size_t bytes() const { return bytes_; }
+  [[nodiscard]] BudgetHolder holder() const { return holder_; }
 
  private:
   bool takeMore(size_t missing) {

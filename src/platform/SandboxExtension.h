@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <span>
@@ -55,6 +56,8 @@ class SandboxExtensions {
 struct SandboxExtensionToken {
   std::string bytes;
   std::shared_ptr<SandboxExtensions> extensions;
+  /// Whether anybody still waits for what is done with the file. Called while that goes on.
+  std::function<bool()> isWanted = [] { return true; };
 
   [[nodiscard]] Result<std::unique_ptr<SandboxExtension>, Error> consume(const std::string& path) const {
     return extensions->consume(bytes, path);

@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "platform/ClientClaims.h"
+#include "platform/MemoryBudget.h"
 #include "platform/SandboxExtension.h"
 #include "platform/UniqueFunction.h"
 #include "values/Result.h"
@@ -56,6 +57,9 @@ class ServiceReply final {
   static constexpr std::string_view kNoReply = "com.vantix.zunreportingd.Error.NoReply";
   /// ... for what the client may not ask for.
   static constexpr std::string_view kAccessDenied = "org.freedesktop.DBus.Error.AccessDenied";
+
+  /// ... for what is larger than it may be.
+  static constexpr std::string_view kLimitsExceeded = "org.freedesktop.DBus.Error.LimitsExceeded";
 
   ServiceReply() = default;
   explicit ServiceReply(std::unique_ptr<Sink> sink) : sink_(std::move(sink)) {}
@@ -123,6 +127,15 @@ class ServiceConnection : public ServicePeer {
   /// What the peer has handed over by descriptor and nobody has used yet. May outlive the
   /// connection, and then gives nothing any more.
   [[nodiscard]] virtual std::shared_ptr<SandboxExtensions> sandboxExtensions() const = 0;
+
+  /// Whose is what the connection has the daemon keep: the peer's user, and this connection.
+  [[nodiscard]] virtual BudgetHolder budgetHolder() const = 0;
+  /// The same for what lasts longer than a connection: the user, and the peer's program.
+  [[nodiscard]] virtual BudgetHolder programHolder() const = 0;
+
+  /// False once the peer has gone or the connection has been invalidated: nobody waits for
+  /// what its call under way does. Within a call only.
+  [[nodiscard]] virtual bool isWanted() const = 0;
 
   // Before resume. The interfaces and names they refer to live as long as the program.
   virtual void setExportedInterface(const ServiceInterface& interface) = 0;

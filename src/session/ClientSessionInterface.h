@@ -21,8 +21,17 @@ inline constexpr std::string_view kClientEntitlement = "com.vantix.private.zunre
 /// Threading: one call at a time, on the connection's thread. A completion is called at
 /// most once, at the end of its operation, if it was given; that of a flush may come
 /// later and on any thread, or be let go without a call when its posts were dropped.
+///
+/// What describes the session is bounded. Beyond, an operation gives a refusal, does nothing,
+/// and lets its completion go.
 class ClientSessionInterface {
  public:
+  /// The D-Bus error that an operation is answered with.
+  struct Refusal {
+    std::string_view errorName;
+    std::string text;
+  };
+
   /// Names of the backends that report, in storebag order; none without backends.
   using StatesReply = UniqueFunction<void(const std::optional<std::vector<std::string>>& activeBackends)>;
   using StringReply = UniqueFunction<void(const std::string& text)>;
@@ -41,16 +50,17 @@ class ClientSessionInterface {
       const std::optional<Dictionary>& newSessionInfo, const std::optional<Dictionary>& newUserInfo) = 0;
 
   /// Says who the client is and for whom it reports. Replaces what was said before.
-  virtual void setSessionInfo(const Dictionary& sessionInfo, const std::optional<Dictionary>& userInfo,
-                              const Array& frameworksToCheck, bool hasAggregationBlock) = 0;
+  virtual std::optional<Refusal> setSessionInfo(const Dictionary& sessionInfo,
+                                                const std::optional<Dictionary>& userInfo,
+                                                const Array& frameworksToCheck, bool hasAggregationBlock) = 0;
 
   /// Builds the backends from the client type's storebag and starts to report. Blocks
   /// on the network while no fresh storebag is at hand.
   virtual void startConfigWithCompletionHandler(StatesReply completionHandler) = 0;
 
   /// Replaces the user information.
-  virtual void fetchStatesWithUserInfo(const std::optional<Dictionary>& userInfo,
-                                       StatesReply completionHandler) = 0;
+  virtual std::optional<Refusal> fetchStatesWithUserInfo(const std::optional<Dictionary>& userInfo,
+                                                         StatesReply completionHandler) = 0;
 
   /// Where the client may show its reports, or "URL not available".
   virtual void fetchDisplayURL(StringReply reply) = 0;
@@ -75,10 +85,11 @@ class ClientSessionInterface {
 
   /// Reports one event of a session that is described here and now. The status is
   /// "finished" or why not.
-  virtual void sendMessageWithSessionInfo(const Dictionary& sessionInfo,
-                                          const std::optional<Dictionary>& userInfo, uint16_t category,
-                                          uint16_t type, const std::optional<Dictionary>& payload,
-                                          StringReply reply) = 0;
+  virtual std::optional<Refusal> sendMessageWithSessionInfo(const Dictionary& sessionInfo,
+                                                            const std::optional<Dictionary>& userInfo,
+                                                            uint16_t category, uint16_t type,
+                                                            const std::optional<Dictionary>& payload,
+                                                            StringReply reply) = 0;
 
   /// Merges values into what the sessions of one hierarchy share.
   virtual void updateSharedDataWithDictionary(const Dictionary& sharedData) = 0;
@@ -86,7 +97,7 @@ class ClientSessionInterface {
   virtual void updateSharedDataForKey(const std::string& key, const Value& value) = 0;
 
   /// Key material for backends that sign what they post; `key` is raw bytes.
-  virtual void setDigestKey(const std::string& key, int32_t algorithm) = 0;
+  virtual std::optional<Refusal> setDigestKey(const std::string& key, int32_t algorithm) = 0;
 };
 
 /// The interface that clients call, at its object path.

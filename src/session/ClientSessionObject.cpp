@@ -69,6 +69,21 @@ bool mayClaim(ClientSessionInterface& session, const std::optional<Dictionary>& 
   return !refusal;
 }
 
+using Refusal = std::optional<ClientSessionInterface::Refusal>;
+
+/// The answer of an operation that has none but its being done.
+void answer(ServiceReply reply, const Refusal& refusal) {
+  if (refusal) return reply.sendError(refusal->errorName, refusal->text);
+  reply.send();
+}
+
+/// `operation` is called with a reply that a refusal of it is sent with.
+template <typename OperationWithReply>
+void answerRefusal(ServiceReply reply, OperationWithReply operation) {
+  const auto shared = std::make_shared<ServiceReply>(std::move(reply));
+  if (const Refusal refusal = operation(shared)) shared->sendError(refusal->errorName, refusal->text);
+}
+
 // The operations, in the interface's order.
 
 void setSessionInfo(ClientSessionInterface& session, const Array& arguments, ServiceReply reply) {
@@ -76,9 +91,9 @@ void setSessionInfo(ClientSessionInterface& session, const Array& arguments, Ser
   const auto userInfo = optionalDictionaryArgument(arguments[1]);
   if (!mayClaim(session, sessionInfo, userInfo, reply)) return;
   const Value& frameworks = arguments[2];
-  session.setSessionInfo(sessionInfo, userInfo, frameworks.isArray() ? *frameworks.array() : Array(),
-                         arguments[3].boolValue());
-  reply.send();
+  answer(std::move(reply),
+         session.setSessionInfo(sessionInfo, userInfo, frameworks.isArray() ? *frameworks.array() : Array(),
+                                arguments[3].boolValue()));
 }
 
 void startConfig(ClientSessionInterface& session, const Array&, ServiceReply reply) {
@@ -89,7 +104,12 @@ void startConfig(ClientSessionInterface& session, const Array&, ServiceReply rep
 void fetchStates(ClientSessionInterface& session, const Array& arguments, ServiceReply reply) {
   const auto userInfo = optionalDictionaryArgument(arguments[0]);
   if (!mayClaim(session, std::nullopt, userInfo, reply)) return;
-  session.fetchStatesWithUserInfo(userInfo, statesReply(std::move(reply)));
+  answerRefusal(std::move(reply), [&](const std::shared_ptr<ServiceReply>& shared) {
+    return session.fetchStatesWithUserInfo(
+        userInfo, [shared](const std::optional<std::vector<std::string>>& activeBackends) {
+          shared->send({wireStrings(activeBackends)});
+        });
+  });
 }
 
 void fetchDisplayURL(ClientSessionInterface& session, const Array&, ServiceReply reply) {
@@ -135,9 +155,12 @@ void sendMessageWithSessionInfo(ClientSessionInterface& session, const Array& ar
   const Dictionary sessionInfo = dictionaryArgument(arguments[0]);
   const auto userInfo = optionalDictionaryArgument(arguments[1]);
   if (!mayClaim(session, sessionInfo, userInfo, reply)) return;
-  session.sendMessageWithSessionInfo(sessionInfo, userInfo, uint16Argument(arguments[2]),
-                                     uint16Argument(arguments[3]), optionalDictionaryArgument(arguments[4]),
-                                     stringReply(std::move(reply)));
+  answerRefusal(std::move(reply), [&](const std::shared_ptr<ServiceReply>& shared) {
+    return session.sendMessageWithSessionInfo(
+        sessionInfo, userInfo, uint16Argument(arguments[2]), uint16Argument(arguments[3]),
+        optionalDictionaryArgument(arguments[4]),
+        [shared](const std::string& status) { shared->send({status}); });
+  });
 }
 
 void updateSharedData(ClientSessionInterface& session, const Array& arguments, ServiceReply reply) {
@@ -151,8 +174,8 @@ void updateSharedDataForKey(ClientSessionInterface& session, const Array& argume
 }
 
 void setDigestKey(ClientSessionInterface& session, const Array& arguments, ServiceReply reply) {
-  session.setDigestKey(std::string(arguments[0].dataValue()), arguments[1].int32Value());
-  reply.send();
+  answer(std::move(reply),
+         session.setDigestKey(std::string(arguments[0].dataValue()), arguments[1].int32Value()));
 }
 
 // Their descriptions.

@@ -163,16 +163,18 @@ void ReportingdSession::internalFlushMessagesWithCompletion(FlushReply completio
 
 // One message of a session described with it
 
-void ReportingdSession::sendMessageWithSessionInfo(const Dictionary& sessionInfo,
-                                                   const std::optional<Dictionary>& userInfo,
-                                                   uint16_t category, uint16_t type,
-                                                   const std::optional<Dictionary>& payload,
-                                                   StringReply reply) {
+std::optional<ClientSessionInterface::Refusal> ReportingdSession::sendMessageWithSessionInfo(
+    const Dictionary& sessionInfo, const std::optional<Dictionary>& userInfo, uint16_t category,
+    uint16_t type, const std::optional<Dictionary>& payload, StringReply reply) {
   if (!sessionInfo.contains(kZunReportingSessionInfoClientType) ||
       !sessionInfo.contains(kZunReportingSessionInfoSessionID)) {
     log().error("sendMessageWithSessionInfo: Could not retrieve identifiers from sessionInfo");
     if (reply) reply("Could not retrieve identifiers from sessionInfo");
-    return;
+    return std::nullopt;
+  }
+  if (auto refusal =
+          refusalOf({sessionInfo, userInfo, frameworks_, digestKey_}, "sendMessageWithSessionInfo")) {
+    return refusal;
   }
   adoptSessionInfo(sessionInfo);
   delegate_->updateCorrelatedSessions(*this);
@@ -181,6 +183,7 @@ void ReportingdSession::sendMessageWithSessionInfo(const Dictionary& sessionInfo
   const std::optional<Dictionary> storebag = delegate_->storebagForSession(*this);
   if (storebag) sendOneMessageWithSessionInfo(sessionInfo, userInfo, storebag, category, type, payload);
   if (reply) reply(storebag ? "finished" : "storebag not available");
+  return std::nullopt;
 }
 
 void ReportingdSession::sendOneMessageWithSessionInfo(const std::optional<Dictionary>& sessionInfo,
@@ -244,15 +247,20 @@ void ReportingdSession::updateSharedDataForKey(const std::string& key, const Val
 
 // Digest key
 
-void ReportingdSession::setDigestKey(const std::string& key, int32_t algorithm) {
+std::optional<ClientSessionInterface::Refusal> ReportingdSession::setDigestKey(const std::string& key,
+                                                                               int32_t algorithm) {
+  Description description = currentDescription();
+  description.digestKey = key;
+  if (auto refusal = refusalOf(description, "setDigestKey")) return refusal;
   digestKey_ = key;
-  if (backends_ == nullptr) return;
+  if (backends_ == nullptr) return std::nullopt;
   for (const auto& entry : backends_->entries) {
     if (entry.name != kZunReportingBackendQRS) continue;
     entry.backend->setDigestKey(key);
     // Handed on, not kept: after a change of user the backend signs with the default again.
     entry.backend->setDigestAlgorithm(algorithm);
   }
+  return std::nullopt;
 }
 
 }  // namespace zun

@@ -3,6 +3,7 @@
 #include <cstring>
 #include <utility>
 
+#include "util/MemoryUse.h"
 #include "values/Base64.h"
 #include "zunreporting/Keys.h"
 
@@ -16,6 +17,13 @@ constexpr std::string_view kTimeZoneSuite = "com.vantix.timed";
 
 std::string makeSessionIDString(RandomSource& random) {
   return base64Encode(asText(random.uuidBytes()));
+}
+
+/// `services` for what this connection's client has the daemon keep.
+ReportingServices servicesFor(ReportingServices services, const ServiceConnection& connection) {
+  services.holder = connection.budgetHolder();
+  services.program = connection.programHolder();
+  return services;
 }
 
 /// A missing value equals nothing, not even another missing value.
@@ -54,7 +62,7 @@ ReportingdSession::ReportingdSession(const ReportingServices& services,
                                      std::shared_ptr<ReportingdSessionDelegate> delegate,
                                      std::shared_ptr<ServiceConnection> connection,
                                      BackendFactory backendFactory)
-    : services_(services),
+    : services_(servicesFor(services, *connection)),
       delegate_(std::move(delegate)),
       connection_(std::move(connection)),
       backendFactory_(std::move(backendFactory)),
@@ -109,9 +117,32 @@ std::string ReportingdSession::description() const {
 
 // Configuration
 
-void ReportingdSession::setSessionInfo(const Dictionary& sessionInfo,
-                                       const std::optional<Dictionary>& userInfo,
-                                       const Array& frameworksToCheck, bool hasAggregationBlock) {
+ReportingdSession::Description ReportingdSession::currentDescription() const {
+  return {sessionInfo(), userInfo(), frameworks_, digestKey_};
+}
+
+std::optional<ClientSessionInterface::Refusal> ReportingdSession::refusalOf(
+    const Description& description, std::string_view operation) const {
+  const size_t bytes = allocatedBytes(description.sessionInfo) +
+                       (description.userInfo ? allocatedBytes(*description.userInfo) : 0) +
+                       allocatedBytes(description.frameworks) +
+                       (description.digestKey ? description.digestKey->size() : 0);
+  if (bytes <= kMaximumDescriptionBytes) return std::nullopt;
+  log().error("{}: What describes session {} would take {} bytes, {} are allowed", operation, sessionID(),
+              bytes, kMaximumDescriptionBytes);
+  return Refusal{
+      ServiceReply::kLimitsExceeded,
+      fmt::format("Session and user information, frameworks and digest key may take {} bytes in memory, "
+                  "these would take {}",
+                  kMaximumDescriptionBytes, bytes)};
+}
+
+std::optional<ClientSessionInterface::Refusal> ReportingdSession::setSessionInfo(
+    const Dictionary& sessionInfo, const std::optional<Dictionary>& userInfo, const Array& frameworksToCheck,
+    bool hasAggregationBlock) {
+  if (auto refusal = refusalOf({sessionInfo, userInfo, frameworksToCheck, digestKey_}, "setSessionInfo")) {
+    return refusal;
+  }
   adoptSessionInfo(sessionInfo);
   log().debug("setSessionInfo: Configuring session {}", sessionID());
   if (userInfo && !sessionInfo[kZunReportingSessionInfoRequireUserInfo].boolValue())
@@ -121,6 +152,7 @@ void ReportingdSession::setSessionInfo(const Dictionary& sessionInfo,
   frameworks_ = frameworksToCheck;
   updateUserInfo(userInfo);
   hasAggregator_ = hasAggregationBlock;
+  return std::nullopt;
 }
 
 void ReportingdSession::adoptSessionInfo(const Dictionary& sessionInfo) {
@@ -208,11 +240,15 @@ void ReportingdSession::sendStartMessage() {
 
 // New user information
 
-void ReportingdSession::fetchStatesWithUserInfo(const std::optional<Dictionary>& userInfo,
-                                                StatesReply completionHandler) {
+std::optional<ClientSessionInterface::Refusal> ReportingdSession::fetchStatesWithUserInfo(
+    const std::optional<Dictionary>& userInfo, StatesReply completionHandler) {
+  Description description = currentDescription();
+  description.userInfo = userInfo;
+  if (auto refusal = refusalOf(description, "fetchStatesWithUserInfo")) return refusal;
   log().debug("fetchStatesWithUserInfo: Fetching states for session {}", sessionID());
   receivedUserInfo(userInfo);
   if (completionHandler) completionHandler(fetchReportingStates());
+  return std::nullopt;
 }
 
 void ReportingdSession::receivedUserInfo(const std::optional<Dictionary>& newUserInfo) {

@@ -38,6 +38,10 @@ namespace zun {
 class ReportingdSession final : public ClientSessionInterface,
                                 public std::enable_shared_from_this<ReportingdSession> {
  public:
+  /// What session and user information, frameworks and digest key take together, at most: they
+  /// stay as long as the connection.
+  static constexpr size_t kMaximumDescriptionBytes = size_t{64} << 10;
+
   /// `initWithSessionDelegate:connection:`. `services` outlive the session.
   static std::shared_ptr<ReportingdSession> create(
       const ReportingServices& services, std::shared_ptr<ReportingdSessionDelegate> delegate,
@@ -56,6 +60,8 @@ class ReportingdSession final : public ClientSessionInterface,
   [[nodiscard]] std::optional<Dictionary> userInfo() const;
   [[nodiscard]] uint32_t hierarchyLevel() const;
   [[nodiscard]] std::optional<std::string> hierarchyToken() const;
+  /// For whom is kept what the session leaves behind.
+  [[nodiscard]] BudgetHolder programHolder() const { return services_.program; }
   /// The client wants copies of what its hierarchy reports.
   [[nodiscard]] bool hasAggregator() const { return hasAggregator_; }
   /// One line for logs.
@@ -78,11 +84,12 @@ class ReportingdSession final : public ClientSessionInterface,
   // ClientSessionInterface
   std::optional<std::string> refusalOfClaims(const std::optional<Dictionary>& newSessionInfo,
                                              const std::optional<Dictionary>& newUserInfo) override;
-  void setSessionInfo(const Dictionary& sessionInfo, const std::optional<Dictionary>& userInfo,
-                      const Array& frameworksToCheck, bool hasAggregationBlock) override;
+  std::optional<Refusal> setSessionInfo(const Dictionary& sessionInfo,
+                                        const std::optional<Dictionary>& userInfo,
+                                        const Array& frameworksToCheck, bool hasAggregationBlock) override;
   void startConfigWithCompletionHandler(StatesReply completionHandler) override;
-  void fetchStatesWithUserInfo(const std::optional<Dictionary>& userInfo,
-                               StatesReply completionHandler) override;
+  std::optional<Refusal> fetchStatesWithUserInfo(const std::optional<Dictionary>& userInfo,
+                                                 StatesReply completionHandler) override;
   void fetchDisplayURL(StringReply reply) override;
   void sendMessageWithDictionary(const Dictionary& message, ResponseReply reply) override;
   void flushMessagesWithCompletion(FlushReply completion) override;
@@ -90,12 +97,14 @@ class ReportingdSession final : public ClientSessionInterface,
   void uploadFileAtPath(const std::string& fileURL, const std::string& extensionToken,
                         UploadFileReply completionHandler) override;
   void uploadLogData(const Array& logData, UploadLogReply completionHandler) override;
-  void sendMessageWithSessionInfo(const Dictionary& sessionInfo, const std::optional<Dictionary>& userInfo,
-                                  uint16_t category, uint16_t type, const std::optional<Dictionary>& payload,
-                                  StringReply reply) override;
+  std::optional<Refusal> sendMessageWithSessionInfo(const Dictionary& sessionInfo,
+                                                    const std::optional<Dictionary>& userInfo,
+                                                    uint16_t category, uint16_t type,
+                                                    const std::optional<Dictionary>& payload,
+                                                    StringReply reply) override;
   void updateSharedDataWithDictionary(const Dictionary& sharedData) override;
   void updateSharedDataForKey(const std::string& key, const Value& value) override;
-  void setDigestKey(const std::string& key, int32_t algorithm) override;
+  std::optional<Refusal> setDigestKey(const std::string& key, int32_t algorithm) override;
 
   /// What the session posts through; null without user information. Any thread.
   [[nodiscard]] std::shared_ptr<ReportingSessionConnectivityHelper> connectivityHelper() const {
@@ -132,6 +141,16 @@ class ReportingdSession final : public ClientSessionInterface,
   [[nodiscard]] bool hasBackends() const { return backends_ != nullptr && !backends_->entries.empty(); }
 
   // ReportingdSession.cpp
+  /// What a client may replace, of what describes its session.
+  struct Description {
+    Dictionary sessionInfo;
+    std::optional<Dictionary> userInfo;
+    Array frameworks;
+    std::optional<std::string> digestKey;
+  };
+  [[nodiscard]] Description currentDescription() const;
+  [[nodiscard]] std::optional<Refusal> refusalOf(const Description& description,
+                                                 std::string_view operation) const;
   void fillDeviceIdentifier();
   void adoptSessionInfo(const Dictionary& sessionInfo) EXCLUDES(mutex_);
   void releaseUserInfo();
@@ -175,7 +194,7 @@ class ReportingdSession final : public ClientSessionInterface,
   bool updateReportingStates();
   [[nodiscard]] std::optional<std::vector<std::string>> fetchReportingStates() const;
 
-  const ReportingServices& services_;
+  const ReportingServices services_;
   std::shared_ptr<ReportingdSessionDelegate> delegate_;
   std::shared_ptr<ServiceConnection> connection_;
   const BackendFactory backendFactory_;

@@ -9,10 +9,10 @@ namespace zun {
 
 namespace {
 
-/// Nothing in it ends an entry of the message log, or makes one much longer than the
-/// longest path could.
+/// Nothing in it ends an entry of the message log, or makes one long: an upload that is
+/// refused costs a client nothing.
 std::string oneLine(std::string url) {
-  constexpr size_t kMaximumBytes = size_t{16} << 10;
+  constexpr size_t kMaximumBytes = size_t{1} << 10;
   cutLongText(url, kMaximumBytes);
   std::string out;
   for (const char character : url) {
@@ -37,7 +37,8 @@ void ReportingdSession::uploadFileWithURL(const std::string& fileURL, const std:
   const std::optional<std::string> path = pathOfFileURL(fileURL);
   bool succeeded = false;
   if (path && hasBackends()) {
-    const SandboxExtensionToken token{extensionToken, connection_->sandboxExtensions()};
+    const SandboxExtensionToken token{extensionToken, connection_->sandboxExtensions(),
+                                      [this] { return connection_->isWanted(); }};
     for (const auto& entry : backends_->entries) succeeded |= entry.backend->uploadFileAtPath(*path, token);
   }
   const std::string& pathForLog = path ? *path : fileURL;

@@ -30,6 +30,26 @@ std::string storeNewIdentifier(const PlatformServices& platform, std::string_vie
   return made;
 }
 
+// Keys that tell whose an identifier is begin so, and end with the identifier's own.
+std::string prefixOfUser(BudgetHolder holder) {
+  return fmt::format("holder:{}:", holder.user);
+}
+std::string prefixOfMember(BudgetHolder holder) {
+  return fmt::format("holder:{}:{}:", holder.user, holder.member);
+}
+
+/// Both or neither: an identifier without its holder would count for nobody.
+std::string storeNewIdentifierOf(BudgetHolder holder, const PlatformServices& platform,
+                                 const std::string& key) {
+  if (holder.isDaemon()) return storeNewIdentifier(platform, key);
+  std::string made = uuidString(platform.random.uuidBytes());
+  const std::string holderKey = prefixOfMember(holder) + key;
+  if (const auto staged = platform.defaults.stageObjects(kReportingSuite, {{key, made}, {holderKey, true}})) {
+    staged->publish();
+  }
+  return made;
+}
+
 }  // namespace
 
 DeviceIdentity::DeviceIdentity(const PlatformServices& platform) : platform_(platform) {}
@@ -74,25 +94,36 @@ bool DeviceIdentity::isInternalBuild() const {
 }
 
 std::string DeviceIdentity::getPersistentIdentifierForCustomClientIDSuffix(
-    const std::optional<std::string>& firstPart, const std::optional<std::string>& secondPart) const {
+    const std::optional<std::string>& firstPart, const std::optional<std::string>& secondPart,
+    BudgetHolder holder) const {
   const std::string key =
       fmt::format("{}:{}:{}", "uuid", firstPart.value_or(std::string()), secondPart.value_or(std::string()));
   auto stored = storedIdentifier(platform_, key);
-  const std::string value = stored               ? *std::move(stored)
-                            : mayStoreUnder(key) ? storeNewIdentifier(platform_, key)
-                                                 : uuidString(platform_.random.uuidBytes());
+  const std::string value = stored                       ? *std::move(stored)
+                            : mayStoreUnder(key, holder) ? storeNewIdentifierOf(holder, platform_, key)
+                                                         : uuidString(platform_.random.uuidBytes());
   platform_.log.note("getPersistentIdentifierForCustomClientIDSuffix: The value for {}: {}", key, value);
   return value;
 }
 
-bool DeviceIdentity::mayStoreUnder(std::string_view key) const {
-  const bool hasRoom =
-      key.size() <= kMaximumKeyBytes &&
-      platform_.defaults.countOfKeys(kReportingSuite, kCustomIdentifierPrefix) < kMaximumCustomIdentifiers;
+/// MemoryBudget's rule, of what is stored.
+bool DeviceIdentity::hasShareLeft(BudgetHolder holder) const {
+  const auto count = [this](std::string_view prefix) {
+    return platform_.defaults.countOfKeys(kReportingSuite, prefix);
+  };
+  const size_t stored = count(kCustomIdentifierPrefix);
+  if (stored >= kMaximumCustomIdentifiers || holder.isDaemon()) return stored < kMaximumCustomIdentifiers;
+  const size_t ofUser = count(prefixOfUser(holder));
+  const size_t left = kMaximumCustomIdentifiers - stored + ofUser;
+  return ofUser + 1 + count(prefixOfMember(holder)) + 1 <= left / 2;
+}
+
+bool DeviceIdentity::mayStoreUnder(std::string_view key, BudgetHolder holder) const {
+  const bool hasRoom = key.size() <= kMaximumKeyBytes && hasShareLeft(holder);
   if (!hasRoom && !hasToldOfBound_.exchange(true)) {
     platform_.log.error(
         "getPersistentIdentifierForCustomClientIDSuffix: "
-        "Not storing identifiers beyond {} of them or {} bytes of key",
+        "Not storing identifiers beyond a client's share of {} of them or {} bytes of key",
         kMaximumCustomIdentifiers, kMaximumKeyBytes);
   }
   return hasRoom;

@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "platform/DeviceProperties.h"
+#include "platform/MemoryBudget.h"
 #include "platform/PlatformServices.h"
 #include "values/Value.h"
 
@@ -37,16 +38,18 @@ class DeviceIdentity final {
   [[nodiscard]] bool isInternalBuild() const;
 
   /// How many identifiers are stored for client and service names, and the longest key
-  /// that one is stored under. Clients choose their names, the disk is the device's.
+  /// that one is stored under. Clients choose their names, the disk is the device's. Who has
+  /// them is stored beside them: nobody's share is new after a restart.
   static constexpr size_t kMaximumCustomIdentifiers = 1024;
   static constexpr size_t kMaximumKeyBytes = 512;
 
   /// The identifier stored for a client and service name (either may be missing),
   /// made on first use. Two first calls at once may each store their own; the later
-  /// one stays. Beyond the bounds above a new identifier is given but not stored, and
-  /// the first time is an error line.
+  /// one stays. Beyond the bounds above, and `holder`'s share of them as in MemoryBudget, a
+  /// new identifier is given but not stored, and the first time is an error line.
   [[nodiscard]] std::string getPersistentIdentifierForCustomClientIDSuffix(
-      const std::optional<std::string>& firstPart, const std::optional<std::string>& secondPart) const;
+      const std::optional<std::string>& firstPart, const std::optional<std::string>& secondPart,
+      BudgetHolder holder = {}) const;
 
   /// The device's reporting identifier. With `respectingDNU`, only while the user lets
   /// diagnostic data leave the device is it the stored one; otherwise it is a fresh
@@ -54,7 +57,8 @@ class DeviceIdentity final {
   [[nodiscard]] std::string getPersistentIdentifierForDNU(bool respectingDNU) const;
 
  private:
-  [[nodiscard]] bool mayStoreUnder(std::string_view key) const;
+  [[nodiscard]] bool mayStoreUnder(std::string_view key, BudgetHolder holder) const;
+  [[nodiscard]] bool hasShareLeft(BudgetHolder holder) const;
 
   const PlatformServices& platform_;
   mutable std::once_flag internalBuildOnce_;

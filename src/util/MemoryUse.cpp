@@ -26,6 +26,16 @@ int32_t estimatedObjectSize(const Value& value) {
   return static_cast<int32_t>(estimate(value));
 }
 
+size_t allocatedBytes(const Value& value) {
+  size_t bytes = value.allocationSize();
+  if (const Dictionary* dictionary = value.dictionary()) {
+    for (const auto& [key, element] : *dictionary) bytes += key.allocationSize() + allocatedBytes(element);
+  } else if (const Array* array = value.array()) {
+    for (const Value& element : *array) bytes += allocatedBytes(element);
+  }
+  return bytes;
+}
+
 uint64_t processMemoryInUse() {
   return anonymousMemoryInUse();
 }

@@ -41,6 +41,12 @@ BOUNDS = {
          ("linux/files/FileExtensions.h", "kMaximumUnused", "")],
     "events of one batch": [("backends/EventBatch.h", "kMaximumBytes", "MiB")],
     "events of all batches": [("util/ReportingServices.h", "kBatchMemoryBytes", "MiB")],
+    "the values of all calls under way, without the first 64 KiB of each":
+        [("linux/dbus/DBusServiceConnection.h", "kDecodedBytes", "MiB"),
+         ("linux/dbus/DBusMessage.h", "uncountedDecodedBytes", "KiB")],
+    "session and user information, frameworks and digest key, in memory":
+        [("session/ReportingdSession.h", "kMaximumDescriptionBytes", "KiB")],
+    "answers above 1 MiB that wait to be read": [("linux/dbus/DBusServiceConnection.h", "kWaitingReplyBytes", "MiB")],
     "keys of one post that cannot be carried": [("backends/HTTPSPostBackendPosting.cpp", "kMaximumLines", "")],
     "data shared under one hierarchy token": [("daemon/SharedSessionData.h", "kMaximumBytes", "MiB")],
     "the same, of all tokens without sessions": [("daemon/CorrelatedSessions.h", "kMaximumIdleBytes", "MiB")],
@@ -61,6 +67,9 @@ BOUNDS = {
     "one uploaded file, compressed": [("backends/UploadBody.h", "kMaximumUploadBytes", "MiB")],
     "all uploads under way, compressed, and 0.5 MiB for each that is being read":
         [("util/ReportingServices.h", "kUploadMemoryBytes", "MiB")],
+    "files that are compressed at a time": [("util/ReportingServices.h", "kCompressionsAtOnce", "")],
+    "log data under way": [("util/ReportingServices.h", "kLogDataMemoryBytes", "MiB")],
+    "the readable copies": [("util/MessageLog.h", "kMaximumBytes", "MiB")],
     "a storebag or property list": [("values/PropertyList.h", "maximumBytes", "MiB"),
                                     ("values/PropertyList.h", "maximumDepth", ""),
                                     ("values/PropertyList.h", "maximumExpandedBytes", "MiB")],

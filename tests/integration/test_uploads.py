@@ -65,11 +65,11 @@ class Client:
         token = self.token_for(path) if token is None else token
         return self.call("uploadFileAtPath", self.upload_request(path, token))[0]
 
-    def begin_upload(self, path):
+    def begin_upload(self, path, token=None):
         """Sends the call and waits for nothing."""
-        self.connection.call(None, PATH, SESSION, "uploadFileAtPath",
-                             self.upload_request(path, self.token_for(path)), None, Gio.DBusCallFlags.NONE, TIMEOUT,
-                             None, None, None)
+        token = self.token_for(path) if token is None else token
+        self.connection.call(None, PATH, SESSION, "uploadFileAtPath", self.upload_request(path, token), None,
+                             Gio.DBusCallFlags.NONE, TIMEOUT, None, None, None)
         self.connection.flush_sync(None)
 
     def close(self):

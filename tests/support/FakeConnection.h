@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <map>
 #include <memory>
@@ -30,6 +31,9 @@ class FakeConnection final : public ServiceConnection {
   uint32_t user() const override { return userID; }
   std::string description() const override { return description_; }
   std::shared_ptr<SandboxExtensions> sandboxExtensions() const override { return extensions; }
+  BudgetHolder budgetHolder() const override { return holder; }
+  BudgetHolder programHolder() const override { return program; }
+  bool isWanted() const override { return wanted; }
   void setExportedInterface(const ServiceInterface& interface) override {
     setUp.emplace_back("exported interface");
     exportedInterface = &interface;
@@ -104,6 +108,9 @@ class FakeConnection final : public ServiceConnection {
   const std::shared_ptr<FileExtensions> extensions =
       std::make_shared<FileExtensions>(FileSystemIdentity::ofProcess());
   bool isResumed = false;
+  BudgetHolder holder;
+  BudgetHolder program;
+  std::atomic<bool> wanted{true};
   // Where a test looks in on calls of the peer's object: while one is encoded, and made.
   std::function<void()> onEncode = nullptr;
   std::function<void()> onCall = nullptr;

@@ -153,11 +153,11 @@ Result<DBusHeader, DBusFailure> decodeDBusHeader(std::string_view bytes, const D
 }
 
 Result<Array, DBusFailure> decodeDBusBody(const DBusHeader& header, std::string_view body,
-                                          const DBusLimits& limits) {
+                                          const DBusLimits& limits, MemoryShare* memory) {
   using Decoded = Result<Array, DBusFailure>;
   const auto signature = DBusSignature::parse(header.signature);
   if (!signature) return Decoded::failure(malformed("the body's signature is none"));
-  DBusReader reader(body, header.isSwapped, limits);
+  DBusReader reader(body, header.isSwapped, limits, memory);
   Array values;
   for (size_t at = 0; at < signature->text().size(); at = signature->endOfType(at)) {
     Value value;

@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 
+#include "platform/MemoryBudget.h"
 #include "values/Result.h"
 #include "values/Value.h"
 
@@ -20,6 +21,8 @@ struct DBusLimits {
   size_t maximumDepth = 32;
   /// Memory of all values of one message: small input may mean large values.
   size_t maximumDecodedBytes = size_t{16} << 20;
+  /// Of them, what any message may take, however much others do.
+  size_t uncountedDecodedBytes = size_t{64} << 10;
 };
 
 enum class DBusMessageType : uint8_t { kMethodCall = 1, kMethodReturn = 2, kError = 3, kSignal = 4 };
@@ -77,9 +80,11 @@ struct DBusFrame {
 ///   s o g string, b boolean, d real, v what it holds
 ///   y n q i u x t integer, h the descriptor's index
 ///
-/// Linear in the size of the body, whatever is in it.
+/// Linear in the size of the body, whatever is in it. What its values take, beyond what any
+/// message may, is taken of `memory` (null: of nothing) before it is used.
 [[nodiscard]] Result<Array, DBusFailure> decodeDBusBody(const DBusHeader& header, std::string_view body,
-                                                        const DBusLimits& limits = {});
+                                                        const DBusLimits& limits = {},
+                                                        MemoryShare* memory = nullptr);
 
 /// Appends a message to `out` in this machine's byte order, the `values` as
 /// `header.signature` has them (a value of another kind is turned into what fits best).

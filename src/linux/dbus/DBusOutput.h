@@ -25,7 +25,7 @@ struct DBusOutputLimits {
   /// A reply that does not fit below this, nor its shorter form, ends the connection.
   size_t maximumBytes = size_t{4} << 20;
   /// One reply: its longest text and what is around that. Where it is larger than a
-  /// client's message may be, it is counted against what its user may leave waiting.
+  /// client's message may be, it is counted against its share of what may wait of them.
   size_t maximumReplyBytes = (size_t{32} << 20) + (size_t{64} << 10);
   /// Calls that wait for their replies before no further one is read.
   size_t maximumPendingReplies = 1024;
@@ -43,16 +43,17 @@ struct DBusOutputLimits {
 class DBusOutput final : public std::enable_shared_from_this<DBusOutput> {
  public:
   /// `socket` and `wake` (an event descriptor) stay open until `close`. `log` outlives it.
-  /// `largeReplies` is what the peer's user may leave waiting of them.
+  /// `largeReplies` is what all peers may leave waiting of them, `holder` says whose these are.
   DBusOutput(int socket, int wake, const DBusLimits& messageLimits, const DBusOutputLimits& limits,
-             std::shared_ptr<MemoryBudget> largeReplies, SystemLog& log, std::string peer)
+             std::shared_ptr<MemoryBudget> largeReplies, BudgetHolder holder, SystemLog& log,
+             std::string peer)
       : messageLimits_(messageLimits),
         limits_(limits),
         log_(log),
         peer_(std::move(peer)),
         socket_(socket),
         wake_(wake),
-        largeReply_(std::move(largeReplies)) {}
+        largeReply_(std::move(largeReplies), holder) {}
 
   /// From now on messages of the calling thread wait for `flush`.
   void setConnectionThread() { connectionThread_ = std::this_thread::get_id(); }

@@ -37,8 +37,12 @@ bool DBusReader::fail(DBusFailure::Kind kind, const char* reason) {
 
 bool DBusReader::charge(size_t bytes) {
   chargedBytes_ += bytes;
-  if (chargedBytes_ <= limits_.maximumDecodedBytes) return true;
-  return fail(DBusFailure::Kind::kTooLarge, "its values take too much memory");
+  if (chargedBytes_ > limits_.maximumDecodedBytes) {
+    return fail(DBusFailure::Kind::kTooLarge, "its values take too much memory");
+  }
+  if (memory_ == nullptr || chargedBytes_ <= limits_.uncountedDecodedBytes) return true;
+  if (memory_->grow(std::min(bytes, chargedBytes_ - limits_.uncountedDecodedBytes))) return true;
+  return fail(DBusFailure::Kind::kTooLarge, "its values take more memory than its user's calls leave");
 }
 
 bool DBusReader::align(size_t alignment) {

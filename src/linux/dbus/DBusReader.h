@@ -14,8 +14,9 @@ namespace zun {
 /// that did not, `failure` says why and the reader is of no more use.
 class DBusReader final {
  public:
-  DBusReader(std::string_view bytes, bool isSwapped, const DBusLimits& limits)
-      : bytes_(bytes), end_(bytes.size()), isSwapped_(isSwapped), limits_(limits) {}
+  /// `memory`, if not null: what the values take counts in it.
+  DBusReader(std::string_view bytes, bool isSwapped, const DBusLimits& limits, MemoryShare* memory = nullptr)
+      : bytes_(bytes), end_(bytes.size()), isSwapped_(isSwapped), limits_(limits), memory_(memory) {}
 
   [[nodiscard]] bool atEnd() const { return position_ == end_; }
   [[nodiscard]] const DBusFailure& failure() const { return failure_; }
@@ -54,6 +55,7 @@ class DBusReader final {
   size_t end_;  // of the innermost array being read
   bool isSwapped_;
   const DBusLimits& limits_;
+  MemoryShare* const memory_;
   size_t chargedBytes_ = 0;
   DBusFailure failure_;
 };

@@ -5,9 +5,12 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <exception>
+#include <functional>
 #include <utility>
 
 #include "linux/dbus/DBusAuthentication.h"
@@ -27,6 +30,12 @@ bool sendWhole(int socket, std::string_view bytes) {
          static_cast<ssize_t>(bytes.size());
 }
 
+/// From 1 on: 0 is nobody's.
+uint64_t nextConnectionNumber() {
+  static std::atomic<uint64_t> last{0};
+  return ++last;
+}
+
 /// The body; the header is the connection's that makes the call.
 struct DBusEncodedCall final : EncodedCall {
   DBusEncodedCall(size_t memberToCall, std::string bytes) : member(memberToCall), body(std::move(bytes)) {}
@@ -37,34 +46,47 @@ struct DBusEncodedCall final : EncodedCall {
 
 }  // namespace
 
-std::shared_ptr<DBusServiceConnection> DBusServiceConnection::create(
-    FileDescriptor socket, KnownPeer peer, std::string serverID, const DBusConnectionOptions& options,
-    std::shared_ptr<MemoryBudget> largeReplies, SystemLog& log) {
+std::shared_ptr<DBusServiceConnection> DBusServiceConnection::create(FileDescriptor socket, KnownPeer peer,
+                                                                     std::string serverID,
+                                                                     const DBusConnectionOptions& options,
+                                                                     SystemLog& log) {
   FileDescriptor wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
   if (!wake.isOpen()) return nullptr;
   return std::make_shared<DBusServiceConnection>(std::move(socket), std::move(wake), std::move(peer),
-                                                 std::move(serverID), options, std::move(largeReplies), log);
+                                                 std::move(serverID), options, log);
 }
 
 DBusServiceConnection::DBusServiceConnection(FileDescriptor socket, FileDescriptor wake, KnownPeer peer,
                                              std::string serverID, const DBusConnectionOptions& options,
-                                             std::shared_ptr<MemoryBudget> largeReplies, SystemLog& log)
+                                             SystemLog& log)
     : peer_(std::move(peer)),
       serverID_(std::move(serverID)),
       options_(options),
       description_(peer_.description()),
+      holder_{static_cast<uint32_t>(peer_.user), nextConnectionNumber()},
       log_(log),
       socket_(std::move(socket)),
       wake_(std::move(wake)),
       output_(std::make_shared<DBusOutput>(socket_.get(), wake_.get(), options_.messageLimits,
-                                           options_.outputLimits, std::move(largeReplies), log_,
-                                           description_)),
+                                           options_.outputLimits, options_.budgets.largeReplies, holder_,
+                                           log_, description_)),
       input_(options_.messageLimits),
       fileAccess_(peer_.identity().fileSystemIdentity(), description_, log_),
       objects_(DBusEnds{serverID_, static_cast<uint32_t>(peer_.identity().process), peer_.user()}) {}
 
 DBusServiceConnection::~DBusServiceConnection() {
   output_->close();  // replies that are still to be given outlive this
+}
+
+/// By its path: what another user puts there is another user's.
+BudgetHolder DBusServiceConnection::programHolder() const {
+  const uint64_t program = std::hash<std::string>()(peer_.identity().executable);
+  return {holder_.user, std::max<uint64_t>(program, 1)};
+}
+
+bool DBusServiceConnection::isWanted() const {
+  pollfd polled{socket_.get(), 0, 0};
+  return !isInvalidated_ && ::poll(&polled, 1, 0) >= 0 && (polled.revents & (POLLHUP | POLLERR)) == 0;
 }
 
 void DBusServiceConnection::setExportedInterface(const ServiceInterface& interface) {
@@ -283,7 +305,8 @@ DBusServiceConnection::Step DBusServiceConnection::dispatchCall(DBusIncomingMess
     sendError(header, target.error, target.errorText);
     return Step::kGoOn;
   }
-  const auto arguments = decodeDBusBody(header, message.body, options_.messageLimits);
+  MemoryShare memory(options_.budgets.decoded, holder_, MemoryShare::kUsualStep);  // until the call is done
+  const auto arguments = decodeDBusBody(header, message.body, options_.messageLimits, &memory);
   if (!arguments && arguments.error().kind == DBusFailure::Kind::kMalformed) {
     log_.error("listener: {} sent a malformed message, closing its connection: {}", description_,
                arguments.error().reason);

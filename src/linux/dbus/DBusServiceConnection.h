@@ -18,6 +18,17 @@
 
 namespace zun {
 
+/// What all connections share, each its part.
+struct DBusBudgets {
+  static constexpr size_t kDecodedBytes = size_t{64} << 20;
+  static constexpr size_t kWaitingReplyBytes = size_t{193} << 20;
+
+  /// What the calls under way decode to.
+  std::shared_ptr<MemoryBudget> decoded = std::make_shared<MemoryBudget>(kDecodedBytes);
+  /// Replies larger than a client's message may be that wait to be read.
+  std::shared_ptr<MemoryBudget> largeReplies = std::make_shared<MemoryBudget>(kWaitingReplyBytes);
+};
+
 struct DBusConnectionOptions {
   DBusLimits messageLimits;
   DBusOutputLimits outputLimits;
@@ -26,6 +37,7 @@ struct DBusConnectionOptions {
   /// reading a byte. Its own end of the connection may be among what it sent: then nothing
   /// else would ever tell that it has gone.
   std::chrono::milliseconds unreadTimeout{std::chrono::minutes{10}};
+  DBusBudgets budgets;
 };
 
 /// One client's connection.
@@ -40,17 +52,13 @@ struct DBusConnectionOptions {
 /// Handlers and the exported object are let go when the connection has been invalidated.
 class DBusServiceConnection final : public ServiceConnection {
  public:
-  /// `largeReplies`: what the peer's user may leave waiting of them. `log` outlives the connection. Null when
-  /// the system is short of descriptors.
+  /// `log` outlives the connection. Null when the system is short of descriptors.
   static std::shared_ptr<DBusServiceConnection> create(FileDescriptor socket, KnownPeer peer,
                                                        std::string serverID,
-                                                       const DBusConnectionOptions& options,
-                                                       std::shared_ptr<MemoryBudget> largeReplies,
-                                                       SystemLog& log);
+                                                       const DBusConnectionOptions& options, SystemLog& log);
 
   DBusServiceConnection(FileDescriptor socket, FileDescriptor wake, KnownPeer peer, std::string serverID,
-                        const DBusConnectionOptions& options, std::shared_ptr<MemoryBudget> largeReplies,
-                        SystemLog& log);
+                        const DBusConnectionOptions& options, SystemLog& log);
   ~DBusServiceConnection() override;
 
   /// Serves the client until the connection ends. Asks `delegate` (null: nobody, refused).
@@ -64,6 +72,9 @@ class DBusServiceConnection final : public ServiceConnection {
   uint32_t user() const override { return peer_.user(); }
   std::string description() const override { return description_; }
   std::shared_ptr<SandboxExtensions> sandboxExtensions() const override { return fileAccess_.extensions(); }
+  BudgetHolder budgetHolder() const override { return holder_; }
+  BudgetHolder programHolder() const override;
+  bool isWanted() const override;
   void setExportedInterface(const ServiceInterface& interface) override;
   void setRemoteObjectInterface(const ServiceInterface& interface) override;
   void setExportedObject(std::shared_ptr<ExportedObject> object) override;
@@ -105,6 +116,7 @@ class DBusServiceConnection final : public ServiceConnection {
   const std::string serverID_;
   const DBusConnectionOptions options_;
   const std::string description_;
+  const BudgetHolder holder_;
   SystemLog& log_;
   FileDescriptor socket_;
   FileDescriptor wake_;

@@ -264,14 +264,13 @@ void DBusServiceListener::serve(FileDescriptor socket) {
     refuse(RefusalLog::Cause::kNoPlace, &*identity, std::move(reason));
     return;
   }
-  auto largeReplies = largeRepliesOf(identity->user);
-  auto connection = DBusServiceConnection::create(std::move(socket), std::move(peer), serverID_,
-                                                  options_.connection, largeReplies, log_);
+  auto connection =
+      DBusServiceConnection::create(std::move(socket), std::move(peer), serverID_, options_.connection, log_);
   if (connection == nullptr) {
     refuse(RefusalLog::Cause::kShortage, nullptr, "too many open files");
     return;
   }
-  startThread(std::move(connection), std::move(largeReplies));
+  startThread(std::move(connection));
 }
 
 bool DBusServiceListener::isEntitled(const ServicePeer& peer) {
@@ -317,16 +316,7 @@ std::string DBusServiceListener::reasonAgainstPlace(const PeerIdentity& peer) {
                                       ofProgram);
 }
 
-/// One for all connections of a user.
-std::shared_ptr<MemoryBudget> DBusServiceListener::largeRepliesOf(uid_t user) {
-  const MutexLock lock(mutex_);
-  const auto found = users_.find(user);
-  return found != users_.end() ? found->second.largeReplies
-                               : std::make_shared<MemoryBudget>(options_.maximumWaitingReplyBytesPerUser);
-}
-
-void DBusServiceListener::startThread(std::shared_ptr<DBusServiceConnection> connection,
-                                      std::shared_ptr<MemoryBudget> largeReplies) {
+void DBusServiceListener::startThread(std::shared_ptr<DBusServiceConnection> connection) {
   // Everything that may fail comes before the thread begins.
   std::list<std::unique_ptr<Served>> node;
   node.push_back(std::make_unique<Served>());
@@ -344,7 +334,6 @@ void DBusServiceListener::startThread(std::shared_ptr<DBusServiceConnection> con
     // Held until the thread is listed: at its end it takes itself off the list.
     const MutexLock lock(mutex_);
     User& user = users_[served.user];
-    user.largeReplies = std::move(largeReplies);
     size_t& ofProgram = user.programs[served.program];
     error = ::pthread_create(&served.thread, &attributes, threadMain, &served);
     if (error == 0) {

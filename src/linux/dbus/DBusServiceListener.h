@@ -35,8 +35,6 @@ struct DBusListenerOptions {
   // connections or a program of its user's.
   size_t maximumConnections = 4096;
   size_t maximumConnectionsPerUser = 256;
-  /// Of one user's replies that are larger than a client's message may be.
-  size_t maximumWaitingReplyBytesPerUser = size_t{64} << 20;
   size_t connectionStackBytes = size_t{256} << 10;
   DBusConnectionOptions connection;
   /// For refusals alone: when they are told, and how long they are remembered.
@@ -86,7 +84,6 @@ class DBusServiceListener final : public ServiceListener, private ServiceListene
   struct User {
     size_t connections = 0;
     std::map<ProgramKey, size_t> programs;  // connections
-    std::shared_ptr<MemoryBudget> largeReplies;
   };
 
   DBusServiceListener(DBusListenerOptions options, ListeningSocket socket, FileDescriptor wake,
@@ -111,9 +108,7 @@ class DBusServiceListener final : public ServiceListener, private ServiceListene
   /// Why there is no place for one more connection of this peer; empty if there is one.
   std::string reasonAgainstPlace(const PeerIdentity& peer);
   static ProgramKey programKey(const PeerIdentity& peer);
-  std::shared_ptr<MemoryBudget> largeRepliesOf(uid_t user);
-  void startThread(std::shared_ptr<DBusServiceConnection> connection,
-                   std::shared_ptr<MemoryBudget> largeReplies);
+  void startThread(std::shared_ptr<DBusServiceConnection> connection);
   static void* threadMain(void* served);
   void connectionEnded(Served& served);
   void joinEnded();
@@ -147,7 +142,7 @@ class DBusServiceListener final : public ServiceListener, private ServiceListene
   Mutex mutex_;
   std::list<std::unique_ptr<Served>> running_ GUARDED_BY(mutex_);
   std::list<std::unique_ptr<Served>> ended_ GUARDED_BY(mutex_);
-  std::map<uid_t, User> users_ GUARDED_BY(mutex_);  // those who have connections
+  std::map<uid_t, size_t> connectionsOfUser_ GUARDED_BY(mutex_);  // of those who have any
   std::condition_variable_any allEnded_;
 };
 

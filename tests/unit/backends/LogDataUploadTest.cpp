@@ -10,12 +10,19 @@ namespace {
 /// Uploads through a real helper to a real server, on the test's thread.
 class LogDataUploadTest : public HelperTest {
  protected:
+  static constexpr size_t kBudget = 100'000;
+
+  std::unique_ptr<MemoryShare> share(BudgetHolder holder = {}) {
+    return std::make_unique<MemoryShare>(budget_, holder);
+  }
   std::optional<std::string> upload(const Array& logData = {"line"}) {
-    return uploadLogDataArray(server_.url("/logs"), logData, helper_, platform_.log);
+    return uploadLogDataArray(server_.url("/logs"), logData, helper_, share(), platform_.log);
   }
   void expectFailure(const std::string& why) {
     expectErrors({"DashboardBackend(uploadLogData): Error uploading log data array (" + why + ")"});
   }
+
+  const std::shared_ptr<MemoryBudget> budget_ = std::make_shared<MemoryBudget>(kBudget);
 };
 
 TEST_F(LogDataUploadTest, PostsTheArrayAsAKeyedArchiveAndGivesTheLocation) {
@@ -38,8 +45,39 @@ TEST_F(LogDataUploadTest, EmptyArrayIsUploadedToo) {
   EXPECT_EQ(upload(Array{}), "somewhere");
 }
 
+// Until the server has answered, the client that asked and what it gave are there.
+TEST_F(LogDataUploadTest, ArchiveCountsForAsLongAsItIsUnderWay) {
+  size_t left = 0;
+  server_.handle("/logs", [&](const TestRequest&) {
+    left = budget_->left();
+    return TestAnswer{.body = "somewhere"};
+  });
+  EXPECT_EQ(upload(Array{std::string(10'000, 'x')}), "somewhere");
+  EXPECT_LE(left, kBudget - 10'000);
+  EXPECT_GE(left, kBudget - 11'000);  // nothing of what making it took
+}
+
+TEST_F(LogDataUploadTest, ArrayBeyondWhatOthersLeaveIsNotSent) {
+  ASSERT_TRUE(budget_->take(kBudget - 12'000));
+  EXPECT_EQ(upload(Array{std::string(10'000, 'x')}), std::nullopt);
+  expectFailure("what is under way leaves no memory for it");
+  EXPECT_EQ(budget_->left(), 12'000U);
+  EXPECT_TRUE(server_.requests().empty());
+}
+
+TEST_F(LogDataUploadTest, ArrayIsHeldToTheShareOfItsHolder) {
+  server_.answer("/logs", {.body = "somewhere"});
+  const auto uploadFor = [&](size_t bytes, BudgetHolder holder) {
+    return uploadLogDataArray(server_.url("/logs"), Array{std::string(bytes, 'x')}, helper_, share(holder),
+                              platform_.log);
+  };
+  EXPECT_EQ(uploadFor(30'000, {1000, 1}), std::nullopt);
+  expectFailure("what is under way leaves no memory for it");
+  EXPECT_EQ(uploadFor(10'000, {1000, 1}), "somewhere");
+}
+
 TEST_F(LogDataUploadTest, WithoutPostURLNothingIsSent) {
-  EXPECT_EQ(uploadLogDataArray(std::nullopt, {"line"}, helper_, platform_.log), std::nullopt);
+  EXPECT_EQ(uploadLogDataArray(std::nullopt, {"line"}, helper_, share(), platform_.log), std::nullopt);
   expectErrors({"DashboardBackend(uploadLogData): Post URL for log data array is nil"});
 }
 
@@ -52,7 +90,8 @@ TEST_F(LogDataUploadTest, ArrayWithoutAnArchiveIsNotSent) {
 }
 
 TEST_F(LogDataUploadTest, WithoutHelperItFailsInsteadOfWaiting) {
-  EXPECT_EQ(uploadLogDataArray(server_.url("/logs"), {"line"}, nullptr, platform_.log), std::nullopt);
+  EXPECT_EQ(uploadLogDataArray(server_.url("/logs"), {"line"}, nullptr, share(), platform_.log),
+            std::nullopt);
   expectFailure("there is no connectivity helper");
 }
 
@@ -81,7 +120,8 @@ TEST_F(LogDataUploadTest, FailedPostTellsItsError) {
 }
 
 TEST_F(LogDataUploadTest, URLThatCannotBeAskedFails) {
-  EXPECT_EQ(uploadLogDataArray("ftp://127.0.0.1/logs", {"line"}, helper_, platform_.log), std::nullopt);
+  EXPECT_EQ(uploadLogDataArray("ftp://127.0.0.1/logs", {"line"}, helper_, share(), platform_.log),
+            std::nullopt);
   EXPECT_EQ(platform_.log.takeErrors().size(), 1U);
 }
 

@@ -374,6 +374,31 @@ TEST_F(UploadBackendTest, FileBeyondTheMemoryOfUploadsIsRefused) {
   expectErrors({"UploadBackend(uploadFileAtPath): Uploads under way leave no memory for this file"});
 }
 
+TEST_F(UploadBackendTest, FileThatNobodyWaitsForIsNotSent) {
+  const std::string file = write("file");
+  EXPECT_FALSE(backend_->uploadFileAtPath(file, {issue(file), extensions_, [] { return false; }}));
+  expectDefaultLine("UploadBackend(uploadFileAtPath): Nobody waits for the file any more");
+  EXPECT_TRUE(server_.requests().empty());
+  EXPECT_TRUE(exists(file));
+}
+
+// The server has yet to answer, and no core is busy with that.
+TEST_F(UploadBackendTest, FileIsReadInItsTurnAndSentOutsideOfIt) {
+  server_.handle("/upload", [&](const TestRequest&) {
+    const auto first = services_.compressions->wait(1, [] { return false; });
+    EXPECT_TRUE(first);
+    EXPECT_TRUE(services_.compressions->wait(1, [] { return false; }));
+    return TestAnswer{.body = "ok"};
+  });
+  EXPECT_TRUE(upload(write("file")));
+  const auto first = services_.compressions->wait(1, [] { return true; });
+  const auto second = services_.compressions->wait(1, [] { return true; });
+  int asked = 0;
+  const std::string file = write("another");
+  EXPECT_FALSE(backend_->uploadFileAtPath(file, {issue(file), extensions_, [&] { return ++asked < 2; }}));
+  expectDefaultLine("UploadBackend(uploadFileAtPath): Nobody waits for " + file + " any more");
+}
+
 TEST_F(UploadBackendTest, URLThatNoRequestCanBeSentToIsRefused) {
   const std::string file = write("file");
   for (const char* const url : {"", "ftp://host/", "upload", "https://", "https://ho st/"}) {

@@ -57,7 +57,7 @@ class UploadBodyTest : public PlatformTest {
   }
   std::shared_ptr<const std::string> compress(const SandboxExtension& file,
                                               size_t maximumBytes = kMaximumUploadBytes) {
-    return compressedContents(file, budget_, platform_.log, maximumBytes);
+    return compressedContents(file, {.memory = budget_, .maximumBytes = maximumBytes}, platform_.log);
   }
 
   const std::shared_ptr<MemoryBudget> budget_ = std::make_shared<MemoryBudget>(kBudget);
@@ -128,6 +128,52 @@ TEST_F(UploadBodyTest, FileBeyondWhatOtherUploadsLeaveIsAnErrorLine) {
   EXPECT_EQ(budget_->left(), kUploadWorkingBytes - 1);
 }
 
+// A sparse one takes nothing of a disk, and would keep a core busy for days.
+TEST_F(UploadBodyTest, FileBeyondTheInputBoundIsAnErrorLineAndIsNotRead) {
+  size_t reads = 0;
+  const auto fileOf = [&reads](uint64_t size) {
+    return RestlessFile(size, [&reads](uint64_t, std::span<char>) {
+      ++reads;
+      return Result<size_t, Error>(size_t{0});
+    });
+  };
+  EXPECT_EQ(compress(fileOf(kMaximumUploadInputBytes + 1)), nullptr);
+  expectErrors({"UploadBackend(uploadFileAtPath): The file has more than 17179869184 bytes"});
+  EXPECT_EQ(reads, 0U);
+  EXPECT_EQ(compress(fileOf(kMaximumUploadInputBytes)), nullptr);
+  expectErrors({"UploadBackend(uploadFileAtPath): Input file is empty"});
+  EXPECT_EQ(reads, 1U);
+}
+
+TEST_F(UploadBodyTest, FileThatNobodyWaitsForAnyMoreIsNotReadOn) {
+  size_t reads = 0;
+  const RestlessFile file(10'000'000, [&reads](uint64_t, std::span<char> buffer) {
+    ++reads;
+    std::memset(buffer.data(), 'w', buffer.size());
+    return Result<size_t, Error>(buffer.size());
+  });
+  const auto isWanted = [&reads] { return reads < 3; };
+  EXPECT_EQ(compressedContents(file, {.memory = budget_, .isWanted = isWanted}, platform_.log), nullptr);
+  EXPECT_EQ(reads, 3U);
+  expectDefaultLine("UploadBackend(uploadFileAtPath): Nobody waits for the file any more");
+  EXPECT_EQ(budget_->left(), kBudget);
+}
+
+TEST_F(UploadBodyTest, FileIsHeldToTheShareOfItsHolder) {
+  const BudgetHolder holder{1000, 1};
+  const auto compressFor = [&](size_t length) {
+    return compressedContents(*open(write(noise(length))), {.memory = budget_, .holder = holder},
+                              platform_.log);
+  };
+  const auto body = compressFor(kBudget / 4 - kUploadWorkingBytes - 10'000);
+  EXPECT_NE(body, nullptr);
+  EXPECT_EQ(compressFor(20'000), nullptr);  // what the first keeps counts
+  expectErrors({"UploadBackend(uploadFileAtPath): Uploads under way leave no memory for this file"});
+  const auto ofAnother = compressedContents(*open(write(noise(20'000))),
+                                            {.memory = budget_, .holder = {1001, 1}}, platform_.log);
+  EXPECT_NE(ofAnother, nullptr);
+}
+
 TEST_F(UploadBodyTest, FileThatGrowsIsReadToWhereItsEndWas) {
   const RestlessFile file(300'000, [](uint64_t, std::span<char> buffer) {
     std::memset(buffer.data(), 'g', buffer.size());
@@ -139,7 +185,7 @@ TEST_F(UploadBodyTest, FileThatGrowsIsReadToWhereItsEndWas) {
 }
 
 TEST_F(UploadBodyTest, FileThatShrinksIsReadToWhereItsEndIs) {
-  const RestlessFile file(uint64_t{1} << 62, [](uint64_t offset, std::span<char> buffer) {
+  const RestlessFile file(uint64_t{1} << 33, [](uint64_t offset, std::span<char> buffer) {
     const size_t count = offset >= 10 ? 0 : std::min<size_t>(10 - offset, std::min<size_t>(buffer.size(), 3));
     std::memset(buffer.data(), 's', count);
     return Result<size_t, Error>(count);

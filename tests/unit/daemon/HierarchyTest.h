@@ -40,14 +40,16 @@ class HierarchyTest : public PlatformTest {
   enum class Aggregates : bool { kNo, kYes };
 
   /// A client that is connected, without a word said.
-  Client connect() {
+  Client connect(BudgetHolder program = {}) {
     Client client{std::make_shared<FakeConnection>(std::map<std::string, bool>{}), nullptr};
+    client.connection->program = program;
     client.session = agent_->createReportingSessionWithDelegate(agent_, client.connection);
     return client;
   }
   /// A client that has said who it is.
-  Client join(uint32_t number, const std::string& token, int64_t level, Aggregates how = Aggregates::kNo) {
-    Client client = connect();
+  Client join(uint32_t number, const std::string& token, int64_t level, Aggregates how = Aggregates::kNo,
+              BudgetHolder program = {}) {
+    Client client = connect(program);
     configure(client, number, token, level, how);
     return client;
   }

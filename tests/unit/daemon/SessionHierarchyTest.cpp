@@ -490,12 +490,38 @@ TEST_F(SessionHierarchyTest, OfTheTokensWithoutSessionsTheLongestIdleIsGivenUpFi
   EXPECT_TRUE(visit(0));
   EXPECT_TRUE(visit(kTokens - 1));
   const std::string given =
-      "updateCorrelatedSessions: hierarchyTokens without sessions keep more than 33554432 bytes, the longest "
-      "idle are given up";
+      "updateCorrelatedSessions: hierarchyTokens without sessions keep more than a client's share of "
+      "33554432 "
+      "bytes, its longest idle are given up";
   expectErrors({given});
   EXPECT_FALSE(visit(1));
   EXPECT_FALSE(visit(2));
   expectErrors({given});
+}
+
+// However many tokens it makes, and however often it connects.
+TEST_F(SessionHierarchyTest, IdleTokensGiveWayToThoseOfTheSameProgramAlone) {
+  const auto visit = [this](const std::string& token, BudgetHolder program) {
+    Client client = join(1, token, 0, Aggregates::kNo, program);
+    const bool wasKept = agent_->sharedDataForSession(*client.session).has_value();
+    client->updateSharedDataForKey("text", std::string(900'000, 'x'));
+    end(client);
+    return wasKept;
+  };
+  constexpr BudgetHolder kFlooder{1000, 1};
+  constexpr BudgetHolder kNeighbour{1000, 2};
+  constexpr BudgetHolder kStranger{1001, 1};
+  visit("neighbour's", kNeighbour);
+  visit("stranger's", kStranger);
+  for (int number = 0; number < 50; ++number) visit(std::to_string(number), kFlooder);
+  EXPECT_TRUE(visit("49", kFlooder));
+  EXPECT_FALSE(visit("30", kFlooder));
+  EXPECT_TRUE(visit("neighbour's", kNeighbour));
+  EXPECT_TRUE(visit("stranger's", kStranger));
+  visit("late", {1002, 1});
+  EXPECT_TRUE(visit("late", {1002, 1}));
+  // Once, and once more after there was room for one; others are told nothing.
+  EXPECT_EQ(platform_.log.takeErrors().size(), 2U);
 }
 
 // --- the agent's state -----------------------------------------------------------

@@ -3,6 +3,7 @@
 #include "RecordingReply.h"
 #include "SessionTest.h"
 #include "session/ClientSessionReplyInterface.h"
+#include "util/MemoryUse.h"
 
 namespace zun {
 namespace {
@@ -90,6 +91,69 @@ TEST_F(ClientSessionObjectTest, OperationsWithoutResultGetAnEmptyReply) {
   EXPECT_EQ(session_->userInfo(), userInfo("C", "S"));
   EXPECT_TRUE(session_->hasAggregator());
   EXPECT_EQ(agent_.sharedData().at("token"), (Dictionary{{"b", 2}, {"c", 3}}));
+}
+
+/// An error of so many bytes too many, and its line.
+struct RefusedDescription {
+  RefusedDescription(std::string_view operation, size_t bytes)
+      : text(fmt::format("Session and user information, frameworks and digest key may take 65536 bytes in "
+                         "memory, these would take {}",
+                         bytes)),
+        line(fmt::format("{}: What describes session 7 would take {} bytes, 65536 are allowed", operation,
+                         bytes)) {}
+
+  const std::string text;
+  const std::string line;
+};
+
+TEST_F(ClientSessionObjectTest, DescriptionBeyondItsBoundIsRefusedAndTheFormerOneStays) {
+  const Dictionary info = sessionInfo(7, {{"note", "kept"}});
+  configure(info);
+  call("setDigestKey", {Value::data("key"), 0});
+  const size_t kept = allocatedBytes(info) + allocatedBytes(userInfo("C", "S")) +
+                      allocatedBytes(Array{"framework"}) + std::string_view("key").size();
+  const Value large = std::string(70'000, 'x');
+  const auto grownBy = [](const Value& before, const Value& after) {
+    return allocatedBytes(after) - allocatedBytes(before);
+  };
+  const auto expectRefused = [this](std::string_view operation, const Array& arguments, size_t bytes) {
+    const RefusedDescription expected(operation, bytes);
+    const auto answer = begin(operation, arguments).answer();
+    EXPECT_EQ(answer.error, "org.freedesktop.DBus.Error.LimitsExceeded");
+    EXPECT_EQ(answer.errorText, expected.text);
+    expectErrors({expected.line});
+    EXPECT_EQ(session_->sessionInfo()["note"], Value("kept"));
+    EXPECT_EQ(session_->userInfo(), userInfo("C", "S"));
+    EXPECT_TRUE(session_->hasAggregator());
+  };
+  const Dictionary largeInfo = sessionInfo(8, {{"note", large}});
+  const Dictionary largeUser = {{"note", large}};
+  const Value user = userInfo("C", "S");
+  expectRefused("setSessionInfo", {largeInfo, just(user), Array{"framework"}, false},
+                kept + grownBy(info, largeInfo));
+  expectRefused("setSessionInfo", {info, just(largeUser), Array{"framework"}, false},
+                kept + grownBy(user, largeUser));
+  expectRefused("setSessionInfo", {info, just(user), Array{large}, false},
+                kept + grownBy(Array{"framework"}, Array{large}));
+  expectRefused("fetchStatesWithUserInfo", {just(largeUser)}, kept + grownBy(user, largeUser));
+  expectRefused("sendMessageWithSessionInfo", {largeInfo, just(user), 1, 2, nothing()},
+                kept + grownBy(info, largeInfo));
+  expectRefused("setDigestKey", {Value::data(std::string(70'000, 'k')), 0}, kept - 3 + 70'000);
+}
+
+// Each by itself would do.
+TEST_F(ClientSessionObjectTest, AllOfADescriptionCountsTogether) {
+  const auto quarter = [](char letter) { return Value(std::string(17'000, letter)); };
+  const Dictionary info = sessionInfo(7, {{"note", quarter('a')}});
+  const Dictionary user = {{"note", quarter('b')}};
+  call("setDigestKey", {Value::data(std::string(17'000, 'c')), 0});
+  EXPECT_EQ(call("setSessionInfo", {info, just(user), Array{}, false}), "return ()");
+  EXPECT_TRUE(call("setSessionInfo", {info, just(user), Array{quarter('d')}, false}).starts_with("error "));
+  EXPECT_EQ(call("setSessionInfo", {info, nothing(), Array{quarter('d')}, false}), "return ()");
+  EXPECT_TRUE(call("fetchStatesWithUserInfo", {just(user)}).starts_with("error "));
+  EXPECT_EQ(call("setDigestKey", {Value::data("c"), 0}), "return ()");
+  EXPECT_EQ(call("fetchStatesWithUserInfo", {just(user)}), "return (())");
+  EXPECT_EQ(platform_.log.takeErrors().size(), 2U);
 }
 
 TEST_F(ClientSessionObjectTest, OptionalDictionariesAreArraysOfNoOrOneElement) {

@@ -18,6 +18,7 @@ class RecordingReply final {
     std::optional<Array> values;                  // of a return
     std::string error;                            // name of an error
     std::optional<Array> shorter = std::nullopt;  // of a return that has a shorter form
+    std::string errorText = {};
   };
 
   /// The reply to hand over; once.
@@ -62,7 +63,9 @@ class RecordingReply final {
     void sendReturn(const Array& values, const Array* shorter) override {
       note({values, {}, shorter != nullptr ? std::optional(*shorter) : std::nullopt});
     }
-    void sendError(std::string_view name, std::string_view) override { note({{}, std::string(name)}); }
+    void sendError(std::string_view name, std::string_view text) override {
+      note({{}, std::string(name), {}, std::string(text)});
+    }
 
    private:
     void note(Answer answer) {

@@ -60,6 +60,25 @@ TEST_F(SessionUploadTest, SessionWithoutBackendsRepliesFalse) {
   EXPECT_EQ(world_.messageLogEntries(), Trace{"[uploadFileWithURL] Upload failed for file file:///tmp/file"});
 }
 
+TEST_F(SessionUploadTest, BackendsAreToldWhetherTheConnectionStillWantsTheUpload) {
+  startWithUploaders({{"a", true}});
+  uploadFile("file:///tmp/file");
+  EXPECT_TRUE(backend("a").tokens[0].isWanted());
+  world_.connection->wanted = false;
+  EXPECT_FALSE(backend("a").tokens[0].isWanted());
+}
+
+TEST_F(SessionUploadTest, BackendsAreToldForWhomTheyKeepWhatTheyKeep) {
+  const auto connection = std::make_shared<FakeConnection>(std::map<std::string, bool>{});
+  connection->holder = {1000, 7};
+  connection->program = {1000, 8};
+  session_ = world_.makeSession(connection);
+  startWithUploaders({{"a", true}});
+  EXPECT_EQ(backend("a").services().holder.user, 1000U);
+  EXPECT_EQ(backend("a").services().holder.member, 7U);
+  EXPECT_EQ(backend("a").services().program.member, 8U);
+}
+
 TEST_F(SessionUploadTest, BackendsGetTheTokenWithTheExtensionsOfTheOwnConnection) {
   startWithUploaders({{"a", true}, {"b", true}});
   uploadFile("file:///tmp/file", std::string("to\0ken\0", 7));
@@ -94,7 +113,7 @@ TEST_F(SessionUploadTest, LongURLIsCutInTheMessageLog) {
   const std::string url = "file:///" + std::string(1'000'000, 'a');
   EXPECT_FALSE(uploadFile(url));
   EXPECT_EQ(world_.messageLogEntries(), Trace{"[uploadFileWithURL] Upload failed for file " +
-                                              url.substr(0, 16 << 10) + "... (1000008 bytes)"});
+                                              url.substr(0, 1 << 10) + "... (1000008 bytes)"});
   std::string line = "uploadFileWithURL: File upload failed for " + url.substr(7);
   cutLongText(line, SystemLog::kMaximumLineBytes);
   expectErrors({line, "log: lines of more than 16384 bytes are cut, and end with their length"});

@@ -103,6 +103,7 @@ class TestBackend final : public ZunReportingBackend {
   }
 
   // What the session set.
+  const ReportingServices& services() const { return services_; }
   uint32_t sessionID() const { return sessionID_; }
   int32_t compType() const { return compType_; }
   uint16_t clientVersion() const { return clientVersion_; }

@@ -156,12 +156,33 @@ TEST_F(DeviceIdentityTest, IdentifiersBeyondTheBoundAreHandedOutButNotStored) {
   expectDefaultLine("getPersistentIdentifierForCustomClientIDSuffix: The value for uuid:beyond:s: " + beyond);
   EXPECT_NE(identifier("beyond"), beyond);
   expectErrors(
-      {"getPersistentIdentifierForCustomClientIDSuffix: Not storing identifiers beyond 1024 of them or 512 "
-       "bytes of key"});  // once
+      {"getPersistentIdentifierForCustomClientIDSuffix: Not storing identifiers beyond a client's share of "
+       "1024 of them or 512 bytes of key"});  // once
   EXPECT_EQ(platform_.defaults.countOfKeys(kReportingSuite, "uuid:"),
             DeviceIdentity::kMaximumCustomIdentifiers);
   EXPECT_EQ(identifier("first"), first);
   EXPECT_EQ(identifier("last"), last);
+}
+
+TEST_F(DeviceIdentityTest, IdentifiersAreStoredForAClientWithinItsShareForGood) {
+  const auto isKept = [this](const DeviceIdentity& identity, int name, BudgetHolder holder) {
+    const auto identifier = [&] {
+      return identity.getPersistentIdentifierForCustomClientIDSuffix(std::to_string(name), "s", holder);
+    };
+    return identifier() == identifier();
+  };
+  constexpr BudgetHolder kClient{1000, 1};
+  int kept = 0;
+  while (isKept(identity_, kept, kClient)) ++kept;
+  EXPECT_EQ(kept, 256);
+  DeviceIdentity restarted(platform_.services);
+  EXPECT_FALSE(isKept(restarted, 10'000, kClient));
+  EXPECT_TRUE(isKept(restarted, 0, kClient));
+  EXPECT_TRUE(isKept(restarted, 1, {1001, 1}));  // that are stored, whoever asks
+  EXPECT_TRUE(isKept(restarted, 20'000, {1000, 2}));
+  EXPECT_TRUE(isKept(restarted, 30'000, {1001, 1}));
+  EXPECT_TRUE(isKept(restarted, 40'000, {10, 1}));  // no part of another's number
+  EXPECT_EQ(platform_.log.takeErrors().size(), 2U);
 }
 
 TEST_F(DeviceIdentityTest, IdentifiersOfOverlongNamesAreNotStored) {

@@ -51,6 +51,34 @@ Value roundTrip(std::string_view signature, const Value& value) {
   return values ? (*values)[0] : Value();
 }
 
+// Small bytes, large values: structs of one byte each.
+TEST(DBusMessageMemoryTest, WhatValuesTakeCountsInTheShareUntilItEnds) {
+  WireBytes structs;
+  structs.array(8, [](WireBytes& elements) {
+    for (int i = 0; i < 8; ++i) elements.align(8).u8(1);
+  });
+  const auto budget = std::make_shared<MemoryBudget>(size_t{1} << 20);
+  DBusHeader header;
+  header.signature = "a(y)";
+  const auto takenWith = [&](size_t uncounted) -> std::optional<size_t> {
+    MemoryShare share(budget, {1000, 1});
+    const auto values = decodeDBusBody(header, structs.bytes(), {.uncountedDecodedBytes = uncounted}, &share);
+    if (values) return share.bytes();
+    EXPECT_EQ(values.error().kind, DBusFailure::Kind::kTooLarge);
+    EXPECT_STREQ(values.error().reason, "its values take more memory than its user's calls leave");
+    return std::nullopt;
+  };
+  const size_t all = takenWith(0).value();
+  EXPECT_GE(all, 8 * (96 + 2 * sizeof(Value)));
+  EXPECT_EQ(takenWith(100), all - 100);
+  EXPECT_EQ(takenWith(all), 0U);
+  EXPECT_EQ(budget->left(), size_t{1} << 20);
+  ASSERT_TRUE(budget->take((size_t{1} << 20) - 3 * all));
+  EXPECT_EQ(takenWith(0), std::nullopt);  // all that is left would do, a share of it does not
+  EXPECT_EQ(takenWith(all), 0U);
+  EXPECT_EQ(budget->left(), 3 * all);
+}
+
 class DBusByteOrderTest : public ::testing::TestWithParam<std::endian> {};
 
 TEST_P(DBusByteOrderTest, EveryTypeIsDecoded) {

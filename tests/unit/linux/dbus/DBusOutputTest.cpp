@@ -22,9 +22,9 @@ class DBusOutputTest : public ::testing::Test {
  protected:
   DBusOutputTest() {
     EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, sockets_.data()), 0);
-    output_ = std::make_shared<DBusOutput>(sockets_[0], wake_, DBusLimits{},
-                                           DBusOutputLimits{.highWaterBytes = 64 << 10},
-                                           std::make_shared<MemoryBudget>(0), log_, "the peer");
+    output_ = std::make_shared<DBusOutput>(
+        sockets_[0], wake_, DBusLimits{}, DBusOutputLimits{.highWaterBytes = 64 << 10},
+        std::make_shared<MemoryBudget>(0), BudgetHolder{}, log_, "the peer");
   }
   ~DBusOutputTest() override {
     output_->close();
@@ -118,10 +118,10 @@ class DBusReplyTest : public ::testing::Test {
 
   /// One connection of the user.
   struct Peer {
-    explicit Peer(DBusReplyTest& test) {
+    explicit Peer(DBusReplyTest& test, BudgetHolder holder = {}) {
       EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, sockets.data()), 0);
       output = std::make_shared<DBusOutput>(sockets[0], test.wake_, DBusLimits{}, DBusOutputLimits{},
-                                            test.budget_, test.log_, "the peer");
+                                            test.budget_, holder, test.log_, "the peer");
     }
     ~Peer() {
       output->close();
@@ -254,6 +254,16 @@ TEST_F(DBusReplyTest, LargeRepliesOfAUsersConnectionsAreBoundedTogether) {
   EXPECT_EQ(first.read(), std::vector<int64_t>{kLargeBytes});
   second.reply(kLargeBytes);
   EXPECT_EQ(second.read(), (std::vector<int64_t>{-1, 1 << 19, kLargeBytes}));
+}
+
+TEST_F(DBusReplyTest, LargeReplyIsHeldToTheShareOfItsHolder) {
+  budget_ = std::make_shared<MemoryBudget>(3 * kLargeBytes);
+  Peer client(*this, {1000, 1});
+  client.reply(kLargeBytes);
+  expectLeftOut(kNoRoom);
+  Peer daemon(*this);
+  daemon.reply(kLargeBytes);
+  EXPECT_EQ(daemon.read(), std::vector<int64_t>{kLargeBytes});
 }
 
 TEST_F(DBusReplyTest, LargeReplyIsCountedUntilItHasBeenReadAndNoLonger) {

@@ -203,7 +203,8 @@ TEST_F(DBusServiceEndTest, RepliesThatDoNotFitEndTheConnection) {
 // not longer than they are there.
 TEST_F(DBusServiceEndTest, LongAnswersOfOneUsersConnectionsAreCountedTogether) {
   constexpr uint32_t kLong = 3 << 20;
-  options_.maximumWaitingReplyBytesPerUser = kLong + 1000;
+  // One alone has its quarter, and nothing as long is left for another of the same user.
+  options_.connection.budgets.largeReplies = std::make_shared<MemoryBudget>(4 * (kLong + 1000));
   start();
   const auto reader = connect();
   expectStillServed(*reader);

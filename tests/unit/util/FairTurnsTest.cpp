@@ -1,0 +1,82 @@
+#include "util/FairTurns.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+namespace zun {
+namespace {
+
+constexpr auto kAlways = [] { return true; };
+
+class FairTurnsTest : public ::testing::Test {
+ protected:
+  void TearDown() override {
+    for (auto& thread : threads_) thread.join();
+  }
+
+  /// One more of `user` waits; its turn is over as soon as it is noted.
+  void come(uint32_t user) {
+    const size_t before = turns_.waiting();
+    threads_.emplace_back([this, user] {
+      const auto turn = turns_.wait(user, kAlways);
+      served_.push_back(user);  // one at a time: the next turn begins with this one's end
+    });
+    while (turns_.waiting() == before) std::this_thread::yield();
+  }
+  std::vector<uint32_t> servedInTheEnd() {
+    for (auto& thread : threads_) thread.join();
+    threads_.clear();
+    return served_;
+  }
+
+  FairTurns turns_{1};
+  std::vector<std::thread> threads_;
+  std::vector<uint32_t> served_;
+};
+
+TEST_F(FairTurnsTest, SoManyAtATimeHaveATurn) {
+  FairTurns turns(2);
+  const auto first = turns.wait(1, kAlways);
+  auto second = std::make_unique<FairTurns::Turn>(turns.wait(1, kAlways));
+  EXPECT_TRUE(first);
+  EXPECT_TRUE(*second);
+  EXPECT_FALSE(turns.wait(1, [] { return false; }));
+  EXPECT_EQ(turns.waiting(), 0U);
+  second.reset();
+  EXPECT_TRUE(turns.wait(1, kAlways));
+}
+
+// However many one user has waiting, another comes after one of them.
+TEST_F(FairTurnsTest, UsersTakeTurns) {
+  {
+    const auto turn = turns_.wait(7, kAlways);
+    for (const uint32_t user : {1, 1, 1, 2, 2, 3}) come(user);
+  }
+  EXPECT_EQ(servedInTheEnd(), (std::vector<uint32_t>{1, 2, 3, 1, 2, 1}));
+}
+
+TEST_F(FairTurnsTest, WhoHasATurnAlreadyComesAfterOthers) {
+  {
+    const auto turn = turns_.wait(1, kAlways);
+    for (const uint32_t user : {1, 2}) come(user);
+  }
+  EXPECT_EQ(servedInTheEnd(), (std::vector<uint32_t>{2, 1}));
+}
+
+TEST_F(FairTurnsTest, WhoIsNoLongerWantedLeavesAndTakesNoTurn) {
+  std::atomic<bool> isWanted{true};
+  {
+    const auto turn = turns_.wait(1, kAlways);
+    std::thread waiter([&] { EXPECT_FALSE(turns_.wait(2, [&] { return isWanted.load(); })); });
+    while (turns_.waiting() == 0) std::this_thread::yield();
+    isWanted = false;
+    waiter.join();
+  }
+  EXPECT_TRUE(turns_.wait(3, kAlways));
+}
+
+}  // namespace
+}  // namespace zun
