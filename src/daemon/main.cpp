@@ -19,6 +19,7 @@
 #include "daemon/Intake.h"
 #include "daemon/Lifetime.h"
 #include "daemon/Machine.h"
+#include "daemon/MemoryReturn.h"
 #include "daemon/ReportingdAgent.h"
 #include "linux/dbus/DBusServiceListener.h"
 #include "linux/files/ProcessLimits.h"
@@ -29,6 +30,7 @@
 #include "linux/service/ServiceManager.h"
 #include "linux/service/Watchdog.h"
 #include "linux/system/SystemLogs.h"
+#include "platform/ProcessMemory.h"
 #include "storebag/NetworkStorebagFetcher.h"
 
 namespace {
@@ -72,13 +74,17 @@ Result<std::unique_ptr<DBusServiceListener>, Error> makeListener(const DaemonOpt
   return DBusServiceListener::create(std::move(listenerOptions), entitlements, platform.log);
 }
 
-void connect(Machine& machine, EventLoop& loop, DBusServiceListener& listener, Lifetime& lifetime) {
+void connect(Machine& machine, EventLoop& loop, DBusServiceListener& listener, Lifetime& lifetime,
+             MemoryReturn& memory) {
   for (const int signal : {SIGTERM, SIGINT}) {
     loop.onSignal(signal, [&lifetime] { lifetime.terminationRequested(); });
   }
   machine.onTransactionChange([&lifetime](bool isOpen) { lifetime.transactionChanged(isOpen); });
-  listener.setConnectionCountHandler([&loop, &lifetime](size_t count) {
-    loop.post([&lifetime, count] { lifetime.connectionsChanged(count); });
+  listener.setConnectionCountHandler([&loop, &lifetime, &memory](size_t count) {
+    loop.post([&lifetime, &memory, count] {
+      lifetime.connectionsChanged(count);
+      memory.connectionsChanged(count);
+    });
   });
 }
 
@@ -106,7 +112,9 @@ int runDaemon(const DaemonOptions& options, EventLoop& loop, SystemLog& log) {
   }
   const auto agent = ReportingdAgent::create(services, *fetcher);
   Lifetime lifetime(options, *machine, **listener, maker, platform.clock, log);
-  connect(*machine, loop, **listener, lifetime);
+  MemoryReturn memory([&machine](auto wait, auto action) { machine->runAfter(wait, std::move(action)); },
+                      &returnFreeMemory);
+  connect(*machine, loop, **listener, lifetime, memory);
   Watchdog watchdog(loop, log);
   machine->letWatch(watchdog);
   watchdog.watch((*listener)->heartbeat());
@@ -135,6 +143,7 @@ int main(int argc, char** argv) {
   if (const int* const code = std::get_if<int>(&parsed)) return *code;
   const auto& options = std::get<DaemonOptions>(parsed);
 
+  boundAllocator();
   // A peer that has gone and a full quota are told by the calls that meet them.
   std::signal(SIGPIPE, SIG_IGN);
   std::signal(SIGXFSZ, SIG_IGN);

@@ -12,20 +12,20 @@ using namespace zunreporting;
 
 namespace {
 
-using Refusal = std::optional<std::string>;
+using Reason = std::optional<std::string>;
 
 template <typename Element, typename Claimed>
 bool isAmong(const std::optional<std::vector<Element>>& allowed, const Claimed& claimed) {
   return !allowed || std::find(allowed->begin(), allowed->end(), claimed) != allowed->end();
 }
 
-Refusal refusalOfType(const ClientClaims& claims, const Dictionary& sessionInfo) {
+Reason refusalOfType(const ClientClaims& claims, const Dictionary& sessionInfo) {
   const int64_t type = clientTypeOfSessionInfo(sessionInfo);
   if (isAmong(claims.clientTypes, type)) return std::nullopt;
   return fmt::format("the client may not have client type {}", type);
 }
 
-Refusal refusalOfName(const ClientClaims& claims, const Dictionary& userInfo) {
+Reason refusalOfName(const ClientClaims& claims, const Dictionary& userInfo) {
   const auto name = userInfo[kZunReportingUserInfoClientName].string();
   if (!claims.clientNames || (name && isAmong(claims.clientNames, *name))) return std::nullopt;
   return fmt::format("the client may not be named '{}'", name.value_or(""));
@@ -41,7 +41,7 @@ std::optional<std::string_view> hierarchyTokenOf(const Dictionary& sessionInfo) 
 std::optional<std::string> ReportingdSession::refusalOfClaims(const std::optional<Dictionary>& newSessionInfo,
                                                               const std::optional<Dictionary>& newUserInfo) {
   const ClientClaims claims = connection_->claims(kClientEntitlement);
-  Refusal refusal = refusalOfType(claims, newSessionInfo ? *newSessionInfo : sessionInfo());
+  Reason refusal = refusalOfType(claims, newSessionInfo ? *newSessionInfo : sessionInfo());
   if (!refusal && newUserInfo) refusal = refusalOfName(claims, *newUserInfo);
   if (!refusal && newSessionInfo && claims.onlyOwnHierarchies) {
     const auto token = hierarchyTokenOf(*newSessionInfo);

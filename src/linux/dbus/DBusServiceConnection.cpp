@@ -63,7 +63,7 @@ DBusServiceConnection::DBusServiceConnection(FileDescriptor socket, FileDescript
       serverID_(std::move(serverID)),
       options_(options),
       description_(peer_.description()),
-      holder_{static_cast<uint32_t>(peer_.user), nextConnectionNumber()},
+      holder_{peer_.user(), nextConnectionNumber()},
       log_(log),
       socket_(std::move(socket)),
       wake_(std::move(wake)),
@@ -78,10 +78,10 @@ DBusServiceConnection::~DBusServiceConnection() {
   output_->close();  // replies that are still to be given outlive this
 }
 
-/// By its path: what another user puts there is another user's.
+/// By its path, which an update leaves: the share of its user bounds whoever has many.
 BudgetHolder DBusServiceConnection::programHolder() const {
-  const uint64_t program = std::hash<std::string>()(peer_.identity().executable);
-  return {holder_.user, std::max<uint64_t>(program, 1)};
+  const auto& program = peer_.identity().program;
+  return {holder_.user, program ? std::max<uint64_t>(std::hash<std::string>()(program->path), 1) : 1};
 }
 
 bool DBusServiceConnection::isWanted() const {

@@ -142,7 +142,7 @@ class DBusServiceListener final : public ServiceListener, private ServiceListene
   Mutex mutex_;
   std::list<std::unique_ptr<Served>> running_ GUARDED_BY(mutex_);
   std::list<std::unique_ptr<Served>> ended_ GUARDED_BY(mutex_);
-  std::map<uid_t, size_t> connectionsOfUser_ GUARDED_BY(mutex_);  // of those who have any
+  std::map<uid_t, User> users_ GUARDED_BY(mutex_);  // those who have connections
   std::condition_variable_any allEnded_;
 };
 

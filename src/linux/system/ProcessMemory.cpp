@@ -1,5 +1,7 @@
 #include "platform/ProcessMemory.h"
 
+#include <malloc.h>
+
 #include <array>
 #include <charconv>
 #include <cstdio>
@@ -25,6 +27,21 @@ uint64_t anonymousMemoryInUse() {
     return parsed.ec == std::errc() ? kibibytes * 1024 : 0;
   }
   return 0;
+}
+
+void boundAllocator() {
+  // A heap for each thread is what one burst of many connections leaves behind.
+  constexpr int kMostHeaps = 2;
+  // Fixed: left to itself it follows the largest block that was ever freed.
+  constexpr int kOwnMappingBytes = 1 << 20;
+  ::mallopt(M_ARENA_MAX, kMostHeaps);
+  ::mallopt(M_MMAP_THRESHOLD, kOwnMappingBytes);
+}
+
+void returnFreeMemory() {
+  constexpr uint64_t kLittle = uint64_t{8} << 20;
+  const struct mallinfo2 heaps = ::mallinfo2();
+  if (anonymousMemoryInUse() > heaps.uordblks + heaps.hblkhd + kLittle) ::malloc_trim(0);
 }
 
 }  // namespace zun

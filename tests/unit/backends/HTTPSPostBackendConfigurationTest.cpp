@@ -389,7 +389,9 @@ TEST_F(HTTPSPostBackendConfigurationTest, EventListsOfOtherTypesKeepTheListsTher
 }
 
 TEST_F(HTTPSPostBackendConfigurationTest, CustomClientIdMakesAnIdentifierOfClientAndService) {
+  services_.program = {1000, 3};
   start(with(reportingClient(), "custom_clientId", false));
+  EXPECT_EQ(platform_.defaults.countOfKeys(kReportingSuite, "holder:1000:3:"), 1U);
   EXPECT_TRUE(platform_.defaults.stringForKey(kReportingSuite, "uuid:Camera:RearCamera").has_value());
 }
 

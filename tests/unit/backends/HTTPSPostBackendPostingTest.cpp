@@ -350,6 +350,7 @@ TEST_F(HTTPSPostBackendPostingTest, BatchPostsMapNoEvent) {
 // Two URLs, one order: what was batched before a realtime event is handed over first.
 TEST_F(HTTPSPostBackendPostingTest, ForcedFlushIsPostedBeforeItsRealtimeEvent) {
   const auto keeping = std::make_shared<KeepingHelper>();
+  services_.holder = {1000, 7};
   const auto backend = start(postingClient());
   backend->setReportingSessionConnectivityDelegate(keeping);
   send(*backend, 1);
@@ -358,6 +359,7 @@ TEST_F(HTTPSPostBackendPostingTest, ForcedFlushIsPostedBeforeItsRealtimeEvent) {
   EXPECT_EQ(keeping->requests[0].url, server_.url("/post"));
   EXPECT_EQ(field(eventsOf(inflatedGzip(*keeping->requests[0].body)), 0, "_method"), Value(1));
   EXPECT_EQ(keeping->requests[1].url, server_.url("/now"));
+  for (const URLRequest& request : keeping->requests) EXPECT_EQ(request.holder.member, 7U);  // whose share
   EXPECT_EQ(field(eventsOf(inflatedGzip(*keeping->requests[1].body)), 0, "_method"), Value(2));
 }
 

@@ -96,11 +96,13 @@ TEST_F(LogDataUploadTest, WithoutHelperItFailsInsteadOfWaiting) {
 }
 
 // An archive is large and its server slow: events are posted beside it.
-TEST_F(LogDataUploadTest, TakesNoConnectionOfEventPosts) {
+TEST_F(LogDataUploadTest, TakesNoConnectionOfEventPostsAndTheShareOfItsHolder) {
   const auto keeping = std::make_shared<KeepingHelper>();
-  (void)uploadLogDataArray(server_.url("/logs"), {"line"}, keeping, platform_.log);
+  (void)uploadLogDataArray(server_.url("/logs"), {"line"}, keeping, share({1000, 7}), platform_.log);
   ASSERT_EQ(keeping->requests.size(), 1U);
   EXPECT_EQ(keeping->requests[0].transferClass, TransferClass::kUpload);
+  EXPECT_EQ(keeping->requests[0].holder.user, 1000U);
+  EXPECT_EQ(keeping->requests[0].holder.member, 7U);
   expectFailure("the request was dropped");
 }
 

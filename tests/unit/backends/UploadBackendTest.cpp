@@ -130,12 +130,16 @@ TEST_F(UploadBackendTest, ReportsAsEnabledAndTakesNoPartInEvents) {
 
 // --- The way of a file ---------------------------------------------------------------
 
-TEST_F(UploadBackendTest, TakesNoConnectionOfEventPosts) {
+TEST_F(UploadBackendTest, TakesNoConnectionOfEventPostsAndTheShareOfItsHolder) {
   const auto keeping = std::make_shared<KeepingHelper>();
+  services_.holder = {1000, 7};
+  backend_ = make(Dictionary{{"post_url", server_.url("/upload")}});
   backend_->setReportingSessionConnectivityDelegate(keeping);
   EXPECT_TRUE(upload(write("trace.log")));
   ASSERT_EQ(keeping->requests.size(), 1U);
   EXPECT_EQ(keeping->requests[0].transferClass, TransferClass::kUpload);
+  EXPECT_EQ(keeping->requests[0].holder.user, 1000U);
+  EXPECT_EQ(keeping->requests[0].holder.member, 7U);
   expectErrors({"UploadBackend(uploadFileAtPath): post the request was dropped"});
 }
 

@@ -462,17 +462,17 @@ TEST_F(SessionHierarchyTest, TokenHasSharedDataFromTheFirstUpdateOnEvenAnEmptyOn
 
 // It stands in the table, and in the line of those that wait to be given up.
 TEST_F(SessionHierarchyTest, NameOfATokenWithoutSessionsCountsTwice) {
-  const auto visit = [this](char name) {
-    Client client = join(1, std::string(600'000, name), 0);
+  const auto visit = [this](int number) {
+    Client client = join(1, fmt::format("{:060000}", number), 0);
     end(client);
   };
-  for (char name = 'A'; name < 'A' + 27; ++name) visit(name);  // 32.4 million bytes
+  for (int number = 0; number < 279; ++number) visit(number);  // all but 3,008 bytes
   expectErrors({"log: lines of more than 16384 bytes are cut, and end with their length"});
-  visit('a');
+  visit(279);
   expectErrors(
-      {"updateCorrelatedSessions: hierarchyTokens without sessions keep more than 33554432 bytes, the "
-       "longest "
-       "idle are given up"});
+      {"updateCorrelatedSessions: hierarchyTokens without sessions keep more than a client's share of "
+       "33554432 "
+       "bytes, its longest idle are given up"});
 }
 
 TEST_F(SessionHierarchyTest, OfTheTokensWithoutSessionsTheLongestIdleIsGivenUpFirst) {
