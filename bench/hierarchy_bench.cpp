@@ -73,6 +73,9 @@ class WritingConnection final : public ServiceConnection {
     return failure;
   }
   std::optional<bool> booleanEntitlement(std::string_view) const override { return true; }
+  BudgetHolder budgetHolder() const override { return {}; }
+  BudgetHolder programHolder() const override { return {}; }
+  bool isWanted() const override { return true; }
   ClientClaims claims(std::string_view) const override { return {}; }
   uint32_t user() const override { return 0; }
   std::string description() const override { return "bench"; }

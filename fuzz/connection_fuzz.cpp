@@ -158,9 +158,8 @@ void serve(std::string_view bytes, size_t pieceBytes, size_t descriptors) {
   Accepting delegate;
   zun::DBusConnectionOptions options;
   options.messageLimits.maximumMessageBytes = 4096;
-  auto connection = zun::DBusServiceConnection::create(
-      zun::FileDescriptor(ends[0]), zun::KnownPeer(peer, {}), "0123456789abcdef0123456789abcdef", options,
-      std::make_shared<zun::MemoryBudget>(size_t{1} << 20), log);
+  auto connection = zun::DBusServiceConnection::create(zun::FileDescriptor(ends[0]), zun::KnownPeer(peer, {}),
+                                                       "0123456789abcdef0123456789abcdef", options, log);
   check(connection != nullptr, "a connection");
   std::string sent;
   std::thread reader([&] { sent = readAll(client.get()); });
