@@ -33,7 +33,7 @@ Fault takeAccount(const Dictionary& dictionary, std::string_view key, std::optio
   const int64_t number = value.intValue();
   const bool isNumeric = value.isInteger() || (value.isString() && isNumber(value.stringValue()));
   // The largest one stands for none.
-  if (!isNumeric || value.isAboveInt64() || number < 0 || number >= std::numeric_limits<uint32_t>::max()) {
+  if (!isNumeric || number < 0 || number >= std::numeric_limits<uint32_t>::max()) {
     return fmt::format("'{}' is neither a name nor a number", key);
   }
   account = static_cast<uint32_t>(number);
@@ -44,7 +44,7 @@ Fault takeExecutable(const Dictionary& dictionary, std::optional<std::string>& e
   const Value& value = dictionary["executable"];
   if (value.isNone()) return {};
   const std::string_view path = value.stringValue();
-  if (!value.isString() || !path.starts_with('/') || path.find('\0') != std::string_view::npos) {
+  if (!value.isString() || !path.starts_with('/')) {
     return "'executable' is no absolute path";
   }
   executable = std::string(path);

@@ -161,6 +161,33 @@ TEST_F(ServiceListenerTest, APauseNeedsNoNewThread) {
   EXPECT_EQ(threads, 1);
 }
 
+// What waits inside counts as nothing: neither as a connection nor as one that waits.
+TEST_F(ServiceListenerTest, WhoWasAcceptedBeforeAPauseIsServedBeforeIt) {
+  std::atomic<bool> isHeld{false};
+  std::atomic<bool> isReleased{false};
+  delegate_.entitles = [&](const ServicePeer&) {
+    isHeld = true;
+    while (!isReleased) std::this_thread::yield();
+    return true;
+  };
+  start();
+  listener_->pause();
+  std::vector<std::unique_ptr<RawClient>> clients;
+  for (int count = 0; count < 5; ++count) clients.push_back(std::make_unique<RawClient>(path_));
+  listener_->resume();
+  while (!isHeld) std::this_thread::yield();
+  std::atomic<bool> isPausing{false};
+  std::thread pausing([&] {
+    isPausing = true;
+    listener_->pause();
+  });
+  while (!isPausing) std::this_thread::yield();
+  for (int count = 0; count < 1000; ++count) std::this_thread::yield();
+  isReleased = true;
+  pausing.join();
+  EXPECT_EQ(listener_->connectionCount(), 5u);
+}
+
 TEST_F(ServiceListenerTest, AStoppedListenerHasNoWaitingClient) {
   start();
   listener_->pause();
