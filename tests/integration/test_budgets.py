@@ -4,8 +4,6 @@ Clients write calls as bytes, many at once, and are as hostile as that allows.
 """
 
 import os
-import random
-import socket
 import unittest
 
 import gi
@@ -13,7 +11,7 @@ import gi
 gi.require_version("Gio", "2.0")
 from gi.repository import Gio, GLib  # noqa: E402
 
-from harness import ScratchTest, raw_connection, wait_until  # noqa: E402
+from harness import ScratchTest, binary, raw_connection, wait_until  # noqa: E402
 from test_uploads import PATH, SESSION, TIMEOUT, Client  # noqa: E402
 
 MIB = 1 << 20
@@ -63,6 +61,12 @@ def cpu_ticks(pid):
 
 
 class BudgetsTest(ScratchTest):
+    def assert_little(self, grown, bound):
+        """In a build whose allocator is the system's: a sanitizer's gives nothing back."""
+        with open(binary("zunreportingd"), "rb") as program:
+            if b"__asan_init" not in (code := program.read()) and b"__tsan_init" not in code:
+                self.assertLess(grown, bound)
+
     def client(self):
         client = Client(self.scratch.address)
         self.addCleanup(client.close)
@@ -97,7 +101,7 @@ class DescriptionTest(BudgetsTest):
             self.assertIn("may take 65536 bytes in memory", text)
         grown = resident_mib(pid) - before
         print(f"20 connections, each 1 MiB of session information: {grown:.1f} MiB more")
-        self.assertLess(grown, 60)
+        self.assert_little(grown, 100)
         # What they had stays: they still report.
         for client in clients[:2]:
             self.assertEqual(client.call("startConfigWithCompletionHandler"), ([["httpPost"]],))
@@ -148,14 +152,13 @@ class LogDataTest(BudgetsTest):
     def test_log_data_at_a_server_that_hangs_is_bounded_and_another_call_is_served(self):
         server = self.scratch.server
         server.behaviour["/logs"] = "hang"
-        section = {"server": "127.0.0.1", "port": 9, "post_url": server.url + "/logs"}
+        section = {"ip": "127.0.0.1", "port": 9, "post_url": server.url + "/logs"}
         self.scratch.publish(backends={"dashboard": section})
         daemon = self.scratch.start(level="default")
         other = self.client()
         before = resident_mib(daemon.process.pid)
-        lines = GLib.Variant("(av)", ([GLib.Variant("v", GLib.Variant("s", random.Random(n).randbytes(20).hex()))
-                                       for n in range(15000)],))
-        data = call_bytes("uploadLogData", lines, expects_reply=False)
+        values = GLib.Variant("(av)", ([GLib.Variant("v", structs_of_one_byte(MIB - 8192))],))
+        data = call_bytes("uploadLogData", values, expects_reply=False)
         for _ in range(24):
             peer = self.raw()
             peer.sendall(call_bytes("setSessionInfo", configuration(), expects_reply=False) +
@@ -169,7 +172,7 @@ class LogDataTest(BudgetsTest):
             wait_until(is_refused, "some of it is refused")
             grown = resident_mib(daemon.process.pid) - before
             print(f"24 clients with 1 MiB of log data at a server that hangs: {grown:.0f} MiB more")
-            self.assertLess(grown, 250)
+            self.assert_little(grown, 150)
             self.assertEqual(other.call("fetchDisplayURL"), ("URL not available",))
         finally:
             daemon.kill()  # which of them are refused, and what waiting ends with, is not told here
