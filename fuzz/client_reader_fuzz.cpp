@@ -118,12 +118,14 @@ size_t depthOf(const PropertyValue& value) {
   return deepest;
 }
 
-/// Whatever a message can hold reads as it was written.
+/// What was read can be written, and reads as it was written.
 void write(sd_bus* bus, const PropertyDictionary& dictionary) {
   sd_bus_message* made = nullptr;
   check(sd_bus_message_new_method_call(bus, &made, nullptr, "/a", nullptr, "A") >= 0, "new message");
   const Message message(made);
-  if (appendDictionary(made, dictionary) < 0) return;
+  // A list of texts becomes one of variants: what was deep may be too deep for a message.
+  if (appendDictionary(made, dictionary) < 0)
+    return check(depthOf(dictionary) > 20, "what was read is not written");
   check(sd_bus_message_seal(made, 1, 0) >= 0, "seal");
   const auto again = readWith<PropertyDictionary>(made, &readDictionary);
   check(again.has_value() && again->size() == dictionary.size(), "what was written is not read");
