@@ -337,6 +337,14 @@ TEST_F(URLSessionTest, AnswerThatIsNoHTTPIsABadResponse) {
   EXPECT_TRUE(get(server_.url("/junk")).failedWith(URLSessionError::kBadServerResponse));
 }
 
+// libcurl makes one up.
+TEST_F(URLSessionTest, AnswerWithoutAStatusIsABadResponse) {
+  server_.answer("/none", {.raw = "HTTP/a: 5\r\nContent-Length: 2\r\n\r\nok"});
+  const HeardTask heard = get(server_.url("/none"));
+  EXPECT_TRUE(heard.failedWith(URLSessionError::kBadServerResponse));
+  EXPECT_FALSE(heard.announced);
+}
+
 TEST_F(URLSessionTest, AnswerBeyondTheLimitIsCutOff) {
   server_.answer("/huge", {.fillerBytes = int64_t{100} << 20});
   const HeardTask heard = get(server_.url("/huge"));
