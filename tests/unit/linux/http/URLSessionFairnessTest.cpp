@@ -114,8 +114,8 @@ TEST_F(URLSessionFairnessTest, OneServersRequestsLeaveRoomForAnothers) {
 TEST_F(URLSessionFairnessTest, OneClientsRequestsLeaveRoomForAnothers) {
   startWith({.maxTasks = 32});
   for (int host = 0; host < 8; ++host) hold(to(host, "/held"));
-  expectRefused(to(9, "/"), kClientIsBusy);
-  EXPECT_FALSE(loadNow(by({1000, 2}, to(9, "/"))).error);  // of the same user
+  for (int i = 0; i < 10; ++i) expectRefused(to(9, "/"), kClientIsBusy);  // takes nothing of the server's
+  EXPECT_FALSE(loadNow(by({1000, 2}, to(9, "/"))).error);                 // of the same user
   EXPECT_FALSE(loadNow(by({1001, 1}, to(9, "/"))).error);
 }
 

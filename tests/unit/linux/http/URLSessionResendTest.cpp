@@ -40,6 +40,24 @@ TEST_F(URLSessionResendTest, PostThatAKeptConnectionSwallowsIsSentOnceMoreOnAFre
   EXPECT_TRUE(log_.contains(LogLevel::kDefault, kSentAgain));
 }
 
+TEST_F(URLSessionResendTest, RequestsSentAgainAreCountedInOneLineAMinute) {
+  server_.answer("/warm", {});
+  ClockSkew clock;
+  const auto resend = [this] {
+    server_.answerInOrder("/p", {TestAnswer::ended(Ending::kNoAnswer), {.body = "ok"}});
+    EXPECT_FALSE(get(server_.url("/warm")).error);
+    EXPECT_EQ(load(post(server_.url("/p"), "body")).data, "ok");
+  };
+  for (int i = 0; i < 3; ++i) resend();
+  clock.advance(std::chrono::seconds(61));
+  resend();
+  EXPECT_EQ(
+      log_.linesOf(LogLevel::kDefault),
+      (std::vector<std::string>{
+          kSentAgain,
+          "URLSession: requests whose kept connection closed unanswered are sent once more, 4 so far"}));
+}
+
 TEST_F(URLSessionResendTest, PostIsSentTwiceAtMost) {
   keepConnections(3);
   server_.answer("/p", TestAnswer::ended(Ending::kNoAnswer));
