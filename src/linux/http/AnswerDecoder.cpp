@@ -19,6 +19,16 @@ std::vector<std::string_view> elements(std::string_view list) {
   }
 }
 
+/// A server's text, as an error may tell it.
+std::string shown(std::string_view text) {
+  constexpr size_t kMostBytes = 64;
+  std::string copy(text.substr(0, kMostBytes));
+  for (char& byte : copy) {
+    if (byte < ' ' || byte > '~') byte = '?';
+  }
+  return copy;
+}
+
 }  // namespace
 
 AnswerDecoder::AnswerDecoder(const URLResponse& response, bool decodes) {
@@ -27,11 +37,11 @@ AnswerDecoder::AnswerDecoder(const URLResponse& response, bool decodes) {
   const std::vector<std::string_view> codings = elements(list);
   if (codings.empty()) return;
   if (codings.size() > 1) {
-    problem_ = "the body has several codings: " + list;
+    problem_ = "the body has several codings: " + shown(list);
   } else if (equalsIgnoringASCIICase(codings[0], "gzip") || equalsIgnoringASCIICase(codings[0], "x-gzip")) {
     gzip_.emplace();
   } else if (!equalsIgnoringASCIICase(codings[0], "identity")) {
-    problem_ = "the body has a coding that was not asked for: " + list;
+    problem_ = "the body has a coding that was not asked for: " + shown(list);
   }
 }
 
@@ -58,7 +68,7 @@ bool AnswerDecoder::isWhole() {
 std::optional<std::string> AnswerDecoder::transferProblem(const URLResponse& response) {
   const std::string list = response.headerList("Transfer-Encoding");
   if (list.empty() || equalsIgnoringASCIICase(list, "chunked")) return std::nullopt;
-  return "the answer has a transfer coding that was not asked for: " + list;
+  return "the answer has a transfer coding that was not asked for: " + shown(list);
 }
 
 }  // namespace zun

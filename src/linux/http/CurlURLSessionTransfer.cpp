@@ -282,7 +282,6 @@ void CurlURLSessionTransfer::beginHead(std::string_view statusLine) {
   status_ = 0;
   isHeadComplete_ = isUnanswered_ = false;
   responseHeaders_.clear();
-  if (!isBackground(task_->configuration())) curl_easy_setopt(handle_, CURLOPT_FRESH_CONNECT, 0L);
   const size_t space = statusLine.find(' ');
   if (space != std::string_view::npos)
     std::from_chars(statusLine.data() + space + 1, statusLine.data() + statusLine.size(), status_);

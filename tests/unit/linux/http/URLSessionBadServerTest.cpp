@@ -76,6 +76,12 @@ TEST_F(URLSessionBadServerTest, RefusalBeforeTheBodyIsThereIsTheAnswer) {
   EXPECT_EQ(server_.requestsFor("/p").size(), 1U);
 }
 
+TEST_F(URLSessionBadServerTest, RedirectBeforeTheBodyIsThereNeedsNoBody) {
+  server_.answerBeforeTheBody("/p", TestAnswer::redirect("/to"));
+  server_.answer("/to", {.body = "there"});
+  EXPECT_EQ(load(post(server_.url("/p"), std::string(32 << 20, 'b'))).data, "there");
+}
+
 // It says that all is well with what it has not seen.
 TEST_F(URLSessionBadServerTest, SuccessBeforeTheBodyIsThereIsNone) {
   constexpr size_t kBytes = 32 << 20;

@@ -74,6 +74,20 @@ TEST_F(URLSessionTimeTest, ByteNowAndThenIsProgressEnough) {
   }
 }
 
+TEST_F(URLSessionTimeTest, SixtySecondsWithoutProgressEndARequest) {
+  start({});
+  server_.answer("/hang", TestAnswer::ended(TestAnswer::Ending::kNever));
+  begin(post(server_.url("/hang"), "body"), "hang");
+  ASSERT_TRUE(server_.waitForRequests(1));
+  clock_.advance(55s);
+  EXPECT_FALSE(get(server_.url("/")).error);  // wakes the thread
+  EXPECT_EQ(delegate_->heard("hang").completions, 0);
+  clock_.advance(6s);
+  EXPECT_FALSE(get(server_.url("/")).error);
+  EXPECT_TRUE(delegate_->waitForEnd("hang"));
+  EXPECT_TRUE(delegate_->heard("hang").failedWith(URLSessionError::kTimedOut));
+}
+
 TEST_F(URLSessionTimeTest, OwnWholeTimeHoldsInThePlaceOfTheTenMinutes) {
   URLRequest request = dripping(TransferClass::kOrdinary);
   request.wholeTimeout = 20min;
