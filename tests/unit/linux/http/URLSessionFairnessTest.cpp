@@ -104,6 +104,19 @@ TEST_F(URLSessionFairnessTest, StorebagRequestsStandInNobodysShare) {
   EXPECT_FALSE(loadNow(daemonsOwnGet(0)).error);
 }
 
+TEST_F(URLSessionFairnessTest, ClientsGetIsNoneOfTheDaemonsOwn) {
+  startWith({.maxTasks = 12});
+  hold(to(0, "/held"), 3);
+  expectRefused(by({1000, 1}, daemonsOwnGet(0)), kServerIsBusy);
+}
+
+TEST_F(URLSessionFairnessTest, UploadsTakeNothingOfTheSharesOfPosts) {
+  startWith({.maxTasks = 12});
+  hold(upload(to(0, "/held")), 3);
+  expectRefused(upload(to(0, "/")), kServerIsBusy);
+  EXPECT_FALSE(loadNow(to(0, "/")).error);
+}
+
 TEST_F(URLSessionFairnessTest, OneServersRequestsLeaveRoomForAnothers) {
   startWith({.maxTasks = 32});
   for (uint32_t user = 1; user < 20 && begun_ < 8; ++user) hold(by({user, 1}, to(0, "/held")));

@@ -38,9 +38,11 @@ TEST_F(URLSessionTimeTest, PostEndsTenMinutesAfterItsConnectionStands) {
   ASSERT_TRUE(delegate_->waitForResponse("drip"));
   clock_.advance(9min + 50s);
   expectToGoOn("drip");
+  const int before = delegate_->heard("drip").dataCalls;
   clock_.advance(11s);
   ASSERT_TRUE(delegate_->waitForCompletions(1));
   EXPECT_TRUE(delegate_->heard("drip").failedWith(URLSessionError::kTimedOut));
+  EXPECT_LT(delegate_->heard("drip").dataCalls, before + 1000);  // at once, but for what was under way
 }
 
 TEST_F(URLSessionTimeTest, TimeInAHostsQueueIsNotCounted) {
