@@ -31,15 +31,14 @@ class Stream final {
   }
   [[nodiscard]] int descriptor() const { return writing_.get(); }
   std::string take() {
-    std::string all(size_t{1} << 18, '\0');
-    const ssize_t count = ::recv(reading_.get(), all.data(), all.size(), 0);
-    all.resize(count < 0 ? 0 : static_cast<size_t>(count));
-    return all;
+    const ssize_t count = ::recv(reading_.get(), buffer_.data(), buffer_.size(), 0);
+    return buffer_.substr(0, count < 0 ? 0 : static_cast<size_t>(count));
   }
 
  private:
   zun::FileDescriptor writing_;
   zun::FileDescriptor reading_;
+  std::string buffer_ = std::string(8 * kLongest, '\0');
 };
 
 void writeLine(std::string_view text) {
