@@ -81,7 +81,6 @@ BOUNDS = {
 # Rows whose figures are no constants of their own, and why.
 WITHOUT_CONSTANT = {
     "the text of one answer": "the largest of which a reply with its shape has room, in an expression",
-    "answers above 1 MiB that wait to be read": "a user's share is the listener's, in an expression",
     "the same, in time": "a duration",
     "of these, a user's and a program's part": "a share, in an expression",
     "clients that connect and are not yet accepted": "the system's",
