@@ -79,7 +79,6 @@ class TransfersTest(ScratchTest):
         self.scratch.daemon.wait_for_line("too many transfers to this server are under way")
         self.send(self.client(2, TESSEL), 42)  # with its storebag, of the server that drips
         self.next_number(self.other, 42)
-        stop.set()
         self.scratch.daemon.process.kill()  # thousands of posts are left
         self.scratch.daemon.wait()
 
