@@ -591,8 +591,9 @@ TEST_F(SessionHierarchyTest, ClaimsWithoutSessionsAreBounded) {
     EXPECT_TRUE(agent_->claimHierarchy(longName + std::to_string(number), 1));
   }
   expectErrors(
-      {"updateCorrelatedSessions: hierarchyTokens without sessions keep more than 33554432 bytes, "
-       "the longest idle are given up"});
+      {"updateCorrelatedSessions: hierarchyTokens without sessions keep more than a client's share of "
+       "33554432 "
+       "bytes, its longest idle are given up"});
   EXPECT_TRUE(agent_->claimHierarchy(longName + "0", 2));  // given up
 }
 

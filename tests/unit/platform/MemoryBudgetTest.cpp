@@ -206,6 +206,15 @@ TEST_F(MemoryShareTest, TakesAheadWhatItKeepsUpToAStep) {
   EXPECT_EQ(budget_->left(), kTotal);
 }
 
+TEST_F(MemoryShareTest, WhatItTookAheadGoesBackWithIt) {
+  {
+    MemoryShare share(budget_, kFirst, 4000);
+    EXPECT_TRUE(share.grow(1000));
+    EXPECT_TRUE(share.grow(1000));
+  }
+  EXPECT_EQ(budget_->left(), kTotal);
+}
+
 TEST_F(MemoryShareTest, FindsTheLastOfItsShareWhereAStepIsTooMuch) {
   MemoryShare share(budget_, kFirst, MemoryShare::kUsualStep);
   ASSERT_TRUE(share.grow(kTotal / 4 - 10));
