@@ -67,6 +67,8 @@ BOUNDS = {
     "one uploaded file, compressed": [("backends/UploadBody.h", "kMaximumUploadBytes", "MiB")],
     "all uploads under way, compressed, and 0.5 MiB for each that is being read":
         [("util/ReportingServices.h", "kUploadMemoryBytes", "MiB")],
+    "the same, as it is": [("backends/UploadBody.h", "kMaximumUploadInputBytes", "GiB")],
+    "the URL of an uploaded file in them": [("session/SessionUpload.cpp", "kMaximumBytes", "KiB")],
     "files that are compressed at a time": [("util/ReportingServices.h", "kCompressionsAtOnce", "")],
     "log data under way": [("util/ReportingServices.h", "kLogDataMemoryBytes", "MiB")],
     "the readable copies": [("util/MessageLog.h", "kMaximumBytes", "MiB")],
@@ -94,10 +96,8 @@ WITHOUT_CONSTANT = {
     "a post, once its connection stands; an upload": "durations",
     "a storebag's request in all; a session's wait for it": "durations",
     "waiting for another process that writes the settings": "a duration",
-    "the same, as it is": "in GiB",
-    "the URL of an uploaded file in them": "in an expression",
 }
-BYTES = {"MiB": 1 << 20, "KiB": 1 << 10}
+BYTES = {"GiB": 1 << 30, "MiB": 1 << 20, "KiB": 1 << 10}
 
 
 def figure(path, constant, unit):
@@ -186,7 +186,7 @@ class DocumentationTest(unittest.TestCase):
         rows = page[page.index("## Bounds"):].split("\n")
         for row, bounds in BOUNDS.items():
             (cells,) = [line.split(" | ") for line in rows if line.startswith(f"| {row} |")]
-            figures = re.findall(r"[\d,]*\d(?: [KM]iB)?", cells[1])
+            figures = re.findall(r"[\d,]*\d(?: [KMG]iB)?", cells[1])
             for file, constant, unit in bounds:
                 self.assertIn(figure(ROOT / "src" / file, constant, unit), figures, f"{row}: {constant}")
 
