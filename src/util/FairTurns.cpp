@@ -43,10 +43,11 @@ void FairTurns::end(uint32_t user) {
 }
 
 void FairTurns::callNext() {
-  const auto next = std::min_element(waiters_.begin(), waiters_.end(), [this](const auto& a, const auto& b) {
+  const auto isBefore = [this](const auto& a, const auto& b) REQUIRES(mutex_) {
     if (a.isCalled != b.isCalled) return b.isCalled;
     return users_[a.user].lastBegin < users_[b.user].lastBegin;
-  });
+  };
+  const auto next = std::min_element(waiters_.begin(), waiters_.end(), isBefore);
   if (next == waiters_.end() || next->isCalled) return;
   --free_;
   next->isCalled = true;
