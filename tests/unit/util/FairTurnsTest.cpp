@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <memory>
 #include <thread>
 #include <vector>
 
@@ -47,6 +48,22 @@ TEST_F(FairTurnsTest, SoManyAtATimeHaveATurn) {
   EXPECT_EQ(turns.waiting(), 0U);
   second.reset();
   EXPECT_TRUE(turns.wait(1, kAlways));
+}
+
+// The one that waits may not have woken yet when the second ends.
+TEST_F(FairTurnsTest, TurnsThatEndAtOnceAreBothFreeAgain) {
+  FairTurns turns(2);
+  const auto now = [] { return false; };
+  for (int round = 0; round < 300; ++round) {
+    auto first = std::make_unique<FairTurns::Turn>(turns.wait(1, now));
+    auto second = std::make_unique<FairTurns::Turn>(turns.wait(1, now));
+    ASSERT_TRUE(*first && *second) << round;
+    std::thread waiter([&turns] { EXPECT_TRUE(turns.wait(2, kAlways)); });
+    while (turns.waiting() == 0) std::this_thread::yield();
+    first.reset();
+    second.reset();
+    waiter.join();
+  }
 }
 
 // However many one user has waiting, another comes after one of them.
