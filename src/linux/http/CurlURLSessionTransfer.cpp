@@ -265,8 +265,8 @@ bool CurlURLSessionTransfer::takeHeaderLine(std::string_view whole) {
     beginHead(line);
   } else if (trimmed(line).empty()) {
     isHeadComplete_ = true;
-    problem_ = status_ < 100 ? "the answer has no status"  // libcurl makes one up
-                             : AnswerDecoder::transferProblem(makeResponse()).value_or("");
+    problem_ = status_ < 100 || status_ > 999 ? "the answer has no status"  // libcurl makes one up
+                                              : AnswerDecoder::transferProblem(makeResponse()).value_or("");
     return problem_.empty();
   } else if (line.front() == ' ' || line.front() == '\t') {
     if (!responseHeaders_.empty()) responseHeaders_.back().second.append(" ").append(trimmed(line));
