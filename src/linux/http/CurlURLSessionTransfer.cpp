@@ -261,9 +261,11 @@ bool CurlURLSessionTransfer::takeHeaderLine(std::string_view whole) {
     isTooLarge_ = true;
     return false;
   }
-  if (line.starts_with("HTTP/")) {
+  // For libcurl a line that begins with a carriage return ends the head, whatever follows.
+  const bool isEndOfHead = whole.starts_with('\r') || trimmed(line).empty();
+  if (!isEndOfHead && line.starts_with("HTTP/")) {
     beginHead(line);
-  } else if (trimmed(line).empty()) {
+  } else if (isEndOfHead) {
     isHeadComplete_ = true;
     problem_ = status_ < 100 || status_ > 999 ? "the answer has no status"  // libcurl makes one up
                                               : AnswerDecoder::transferProblem(makeResponse()).value_or("");

@@ -339,7 +339,7 @@ TEST_F(URLSessionTest, AnswerThatIsNoHTTPIsABadResponse) {
 
 // libcurl makes one up.
 TEST_F(URLSessionTest, AnswerWithoutAStatusIsABadResponse) {
-  for (const std::string status : {"HTTP/a: 5", "HTTP/1.1 99 X", "HTTP/1.1 1000 X"}) {
+  for (const std::string status : {"HTTP/a: 5", "HTTP/1.1 99 X", "HTTP/1.1 1000 X", "HTTP/a\r\n\rX: y"}) {
     server_.answer("/none", {.raw = status + "\r\nContent-Length: 2\r\n\r\nok"});
     const HeardTask heard = get(server_.url("/none"));
     EXPECT_TRUE(heard.error) << status;
