@@ -63,6 +63,8 @@ class Observer final : public zun::URLSessionDelegate {
     check(++ends == 1, "a task ends once");
     check(response || error, "an end without a cause");
     if (response) judge(*response);
+    const bool hasStatus = response && response->statusCode >= 100 && response->statusCode < 1000;
+    check(error || hasStatus, "a success has a status of three digits");
     last = response;
     signal();
   }
@@ -77,7 +79,6 @@ class Observer final : public zun::URLSessionDelegate {
 
  private:
   static void judge(const zun::URLResponse& response) {
-    check(response.statusCode >= 100 && response.statusCode < 1000, "a status has three digits");
     for (const auto& [name, value] : response.headers) {
       check((name + value).find_first_of("\r\n") == std::string::npos, "a header is one line");
     }
