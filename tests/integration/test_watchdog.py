@@ -50,8 +50,11 @@ class WatchdogTest(ScratchTest):
         tasks = pathlib.Path(f"/proc/{self.scratch.daemon.process.pid}/task")
         stopped = []
         for task in tasks.iterdir():
-            if (task / "comm").read_text().strip() != name:
-                continue
+            try:
+                if (task / "comm").read_text().strip() != name:
+                    continue
+            except FileNotFoundError:
+                continue  # a connection's, which has ended
             thread = int(task.name)
             try:
                 ptrace(PTRACE_SEIZE, thread)
