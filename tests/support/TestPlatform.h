@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <thread>
+
 #include "linux/files/FileUserDefaults.h"
 #include "linux/http/CurlURLSession.h"
 #include "linux/loop/UDPSockets.h"
@@ -36,8 +38,12 @@ class TestPlatform {
                  sockets, modules,     powerLog} {}
 
   /// Timers own what still has jobs to run, and those may start timers: the timers let go
-  /// of it first and themselves go after the workers.
-  ~TestPlatform() { timers.end(); }
+  /// of it first and themselves go after the workers. What is queued by now may still make
+  /// URL sessions, which go before them.
+  ~TestPlatform() {
+    timers.end();
+    while (!workers.activity().isIdle) std::this_thread::yield();
+  }
   TestPlatform(const TestPlatform&) = delete;
   TestPlatform& operator=(const TestPlatform&) = delete;
 
