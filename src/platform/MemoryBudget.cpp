@@ -4,7 +4,6 @@ namespace zun {
 
 bool MemoryBudget::take(size_t bytes, BudgetHolder holder) {
   if (bytes == 0) return true;  // no entry is made, since none would be given back
-  if (bytes == 0) return true;
   const MutexLock lock(mutex_);
   if (bytes > total_ - parts_ && holder.isDaemon()) return false;
   if (holder.isDaemon()) {

@@ -32,22 +32,29 @@ class InterruptedFetcher final : public StorebagFetcher {
   StorebagFetcher& fetcher_;
 };
 
-using StorebagRefreshTest = NetworkStorebagFetcherTest;
-
-// Whatever dates the file system keeps.
-TEST_F(StorebagRefreshTest, RefreshThatEndsBeforeItsLookupIsNotedServesTheNextRequest) {
-  for (const bool keepsWholeSeconds : {false, true}) {
-    platform_.files.keepsWholeSeconds = keepsWholeSeconds;
+class StorebagRefreshTest : public NetworkStorebagFetcherTest {
+ protected:
+  /// The cached one has just expired; the server has a newer one, once the gate is open.
+  std::shared_ptr<TestGate> expireWithANewerOneBehindAGate() {
     putInCache("confero", sealed(storebag("1.0")), 3601);
     putFreshness("confero", 3600);
     TestAnswer answer = answerWith(storebag("2.0"), "max-age=3600");
     answer.gate = std::make_shared<TestGate>();
     server_.answer("/confero", answer);
+    return answer.gate;
+  }
+};
+
+// Whatever dates the file system keeps.
+TEST_F(StorebagRefreshTest, RefreshThatEndsBeforeItsLookupIsNotedServesTheNextRequest) {
+  for (const bool keepsWholeSeconds : {false, true}) {
+    platform_.files.keepsWholeSeconds = keepsWholeSeconds;
+    const auto gate = expireWithANewerOneBehindAGate();
     const int ended = countEndedRequests();
 
     InterruptedFetcher fetcher(*fetcher_);
-    fetcher.beforeNote = [this, &answer, ended] {
-      answer.gate->open();
+    fetcher.beforeNote = [this, &gate, ended] {
+      gate->open();
       waitForEndOfRequests(ended + 1);
       platform_.clock.advance(700ms);
     };
@@ -62,18 +69,14 @@ TEST_F(StorebagRefreshTest, RefreshThatEndsBeforeItsLookupIsNotedServesTheNextRe
 TEST_F(StorebagRefreshTest, RefreshThatEndsAfterItsLookupIsNotedServesTheNextRequest) {
   for (const bool keepsWholeSeconds : {false, true}) {
     platform_.files.keepsWholeSeconds = keepsWholeSeconds;
-    putInCache("confero", sealed(storebag("1.0")), 3601);
-    putFreshness("confero", 3600);
-    TestAnswer answer = answerWith(storebag("2.0"), "max-age=3600");
-    answer.gate = std::make_shared<TestGate>();
-    server_.answer("/confero", answer);
+    const auto gate = expireWithANewerOneBehindAGate();
     const int ended = countEndedRequests();
 
     StorebagCache cache(*fetcher_, platform_.clock, platform_.log);
     static_cast<void>(cache.storebagForClientType(kConfero));
     EXPECT_EQ(cache.storebagVersionForClientType(kConfero), "1.0");
     platform_.clock.advance(300ms);
-    answer.gate->open();
+    gate->open();
     waitForEndOfRequests(ended + 1);
     static_cast<void>(cache.storebagForClientType(kConfero));
     EXPECT_EQ(cache.storebagVersionForClientType(kConfero), "2.0") << keepsWholeSeconds;

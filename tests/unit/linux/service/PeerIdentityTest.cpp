@@ -67,6 +67,23 @@ TEST(PeerIdentityTest, AProcessCannotChangeWhenItStarted) {
   EXPECT_EQ(after->program->processStart, before->program->processStart);
 }
 
+/// A message of one byte, with room for one descriptor. It refers to itself.
+struct OneDescriptor {
+  OneDescriptor() {
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    message.msg_control = control.data();
+    message.msg_controllen = control.size();
+  }
+  OneDescriptor(const OneDescriptor&) = delete;
+  OneDescriptor& operator=(const OneDescriptor&) = delete;
+
+  alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control{};
+  char byte = 0;
+  iovec part{&byte, 1};
+  msghdr message{};
+};
+
 TEST(PeerIdentityTest, AProcessThatHasEndedHasNoProgram) {
   const SocketPair ends;
   std::array<int, 2> made{-1, -1};
@@ -75,34 +92,20 @@ TEST(PeerIdentityTest, AProcessThatHasEndedHasNoProgram) {
   if (child == 0) {
     // A pair of its own, so that the kernel knows it as the peer, handed over.
     if (::socketpair(AF_UNIX, SOCK_STREAM, 0, made.data()) != 0) ::_exit(1);
-    std::array<char, CMSG_SPACE(sizeof(int))> control{};
-    char byte = 0;
-    iovec part{&byte, 1};
-    msghdr message{};
-    message.msg_iov = &part;
-    message.msg_iovlen = 1;
-    message.msg_control = control.data();
-    message.msg_controllen = control.size();
-    cmsghdr* const header = CMSG_FIRSTHDR(&message);
+    OneDescriptor handedOver;
+    cmsghdr* const header = CMSG_FIRSTHDR(&handedOver.message);
     header->cmsg_level = SOL_SOCKET;
     header->cmsg_type = SCM_RIGHTS;
     header->cmsg_len = CMSG_LEN(sizeof(int));
     *reinterpret_cast<int*>(CMSG_DATA(header)) = made[0];
-    ::_exit(::sendmsg(ends.theirs.get(), &message, 0) == 1 ? 0 : 1);
+    ::_exit(::sendmsg(ends.theirs.get(), &handedOver.message, 0) == 1 ? 0 : 1);
   }
   int status = 0;
   ASSERT_EQ(::waitpid(child, &status, 0), child);
   ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-  std::array<char, CMSG_SPACE(sizeof(int))> control{};
-  char byte = 0;
-  iovec part{&byte, 1};
-  msghdr message{};
-  message.msg_iov = &part;
-  message.msg_iovlen = 1;
-  message.msg_control = control.data();
-  message.msg_controllen = control.size();
-  ASSERT_EQ(::recvmsg(ends.ours.get(), &message, 0), 1);
-  const FileDescriptor socket(*reinterpret_cast<const int*>(CMSG_DATA(CMSG_FIRSTHDR(&message))));
+  OneDescriptor received;
+  ASSERT_EQ(::recvmsg(ends.ours.get(), &received.message, 0), 1);
+  const FileDescriptor socket(*reinterpret_cast<const int*>(CMSG_DATA(CMSG_FIRSTHDR(&received.message))));
   const auto peer = readPeerIdentity(socket.get());
   ASSERT_TRUE(peer);
   EXPECT_EQ(peer->process, child);
