@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "values/TextParts.h"
 #include "values/UTF8.h"
 
 namespace zun {
@@ -29,15 +30,7 @@ StringList stringsOf(const Value& list) {
 }
 
 StringList componentsSeparatedByComma(const Value& text) {
-  StringList components;
-  if (!text.isString()) return components;
-  std::string_view rest = text.stringValue();
-  while (true) {
-    const size_t comma = rest.find(',');
-    components.push_back(rest.substr(0, comma));
-    if (comma == std::string_view::npos) return components;
-    rest.remove_prefix(comma + 1);
-  }
+  return text.isString() ? partsSplitAtCommas(text.stringValue()) : StringList();
 }
 
 bool matchExactStringWithList(const StringList& list, std::optional<std::string_view> wholeString,

@@ -2,6 +2,7 @@
 
 #include <vector>
 
+#include "values/TextParts.h"
 #include "values/UTF8.h"
 
 namespace zun {
@@ -10,13 +11,10 @@ namespace {
 /// The elements of a comma-separated list, without the empty ones.
 std::vector<std::string_view> elements(std::string_view list) {
   std::vector<std::string_view> found;
-  while (true) {
-    const size_t comma = list.find(',');
-    if (const std::string_view element = trimmed(list.substr(0, comma)); !element.empty())
-      found.push_back(element);
-    if (comma == std::string_view::npos) return found;
-    list.remove_prefix(comma + 1);
+  for (const std::string_view part : partsSplitAtCommas(list)) {
+    if (const std::string_view element = trimmed(part); !element.empty()) found.push_back(element);
   }
+  return found;
 }
 
 /// A server's text, as an error may tell it.
