@@ -18,6 +18,7 @@
 #include "FuzzInput.h"
 #include "FuzzWorld.h"
 #include "StrictJSON.h"
+#include "session/ClientSessionObject.h"
 #include "session/ReportingdSession.h"
 #include "support/FakeConnection.h"
 #include "unit/session/FakeAgent.h"

@@ -1,5 +1,6 @@
 #include "daemon/ReportingdAgent.h"
 
+#include "session/ClientSessionObject.h"
 #include "session/ClientSessionReplyInterface.h"
 #include "storebag/ClientTypes.h"
 #include "util/Conversions.h"

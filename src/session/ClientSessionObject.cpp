@@ -1,7 +1,8 @@
+#include "session/ClientSessionObject.h"
+
 #include <array>
 #include <utility>
 
-#include "session/ReportingdSession.h"
 #include "session/WireOptional.h"
 
 namespace zun {

@@ -58,7 +58,7 @@ std::optional<std::string> ReportingdSession::sendMessageWithDictionary(const Di
   const Value& payload = message[kZunReportingMessageParametersPayload];
   const int32_t flag = message[kZunReportingMessageParametersFlag].int32Value();
   const TimeValue timestamp = services_.platform.clock.timeOfDay();
-  if (hasAggregator_ || mayHaveAncestors()) {
+  if (hasAggregator() || mayHaveAncestors()) {
     const Dictionary* const entries = payload.dictionary();
     aggregateMessage(configuredSessionInfo(), secondsOf(timestamp), method, respCode,
                      entries == nullptr ? std::nullopt : std::optional(*entries));
@@ -201,7 +201,7 @@ void ReportingdSession::sendOneMessageWithSessionInfo(const std::optional<Dictio
     log().error("sendOneMessageWithSessionInfo: userInfo must be present and valid!!! Aborting method...");
     return;
   }
-  fillDeviceIdentifier();
+  services_.identity.copyUniqueDeviceID(deviceid_);
   createBackendsWithStorebag(*storebag);
   if (!hasBackends()) {
     log().error("sendOneMessageWithSessionInfo: No backends available to send single message");
@@ -249,7 +249,7 @@ void ReportingdSession::updateSharedDataForKey(const std::string& key, const Val
 
 std::optional<ClientSessionInterface::Refusal> ReportingdSession::setDigestKey(const std::string& key,
                                                                                int32_t algorithm) {
-  Description description = currentDescription();
+  SessionDescription description = currentDescription();
   description.digestKey = key;
   if (auto refusal = refusalOf(description, "setDigestKey")) return refusal;
   digestKey_ = key;

@@ -3,7 +3,6 @@
 #include <cstring>
 #include <utility>
 
-#include "util/MemoryUse.h"
 #include "values/Base64.h"
 #include "zunreporting/Keys.h"
 
@@ -67,17 +66,14 @@ ReportingdSession::ReportingdSession(const ReportingServices& services,
       connection_(std::move(connection)),
       backendFactory_(std::move(backendFactory)),
       sessionIDString_(makeSessionIDString(services.platform.random)),
-      posting_(std::make_shared<SessionPosting>(services.platform.log)) {
+      posting_(std::make_shared<SessionPosting>(services.platform.log)),
+      aggregator_(connection_, services.platform.log) {
   if (log().isEnabled(LogLevel::kDebug)) {
     log().debug("initWithSessionDelegate: ReportingdSession initWithSessionDelegate:{}",
                 delegate_->description());
   }
-  fillDeviceIdentifier();
-  log().debug("initWithSessionDelegate: Initialized session with UUID {}", sessionIDString_);
-}
-
-void ReportingdSession::fillDeviceIdentifier() {
   services_.identity.copyUniqueDeviceID(deviceid_);
+  log().debug("initWithSessionDelegate: Initialized session with UUID {}", sessionIDString_);
 }
 
 // Any thread
@@ -117,24 +113,21 @@ std::string ReportingdSession::description() const {
 
 // Configuration
 
-ReportingdSession::Description ReportingdSession::currentDescription() const {
+SessionDescription ReportingdSession::currentDescription() const {
   return {sessionInfo(), userInfo(), frameworks_, digestKey_};
 }
 
 std::optional<ClientSessionInterface::Refusal> ReportingdSession::refusalOf(
-    const Description& description, std::string_view operation) const {
-  const size_t bytes = allocatedBytes(description.sessionInfo) +
-                       (description.userInfo ? allocatedBytes(*description.userInfo) : 0) +
-                       allocatedBytes(description.frameworks) +
-                       (description.digestKey ? description.digestKey->size() : 0);
-  if (bytes <= kMaximumDescriptionBytes) return std::nullopt;
+    const SessionDescription& description, std::string_view operation) const {
+  const size_t bytes = description.allocatedBytes();
+  if (bytes <= SessionDescription::kMaximumBytes) return std::nullopt;
   log().error("{}: What describes session {} would take {} bytes, {} are allowed", operation, sessionID(),
-              bytes, kMaximumDescriptionBytes);
+              bytes, SessionDescription::kMaximumBytes);
   return Refusal{
       ServiceReply::kLimitsExceeded,
       fmt::format("Session and user information, frameworks and digest key may take {} bytes in memory, "
                   "these would take {}",
-                  kMaximumDescriptionBytes, bytes)};
+                  SessionDescription::kMaximumBytes, bytes)};
 }
 
 std::optional<ClientSessionInterface::Refusal> ReportingdSession::setSessionInfo(
@@ -151,7 +144,7 @@ std::optional<ClientSessionInterface::Refusal> ReportingdSession::setSessionInfo
   delegate_->updateCorrelatedSessions(*this);
   frameworks_ = frameworksToCheck;
   updateUserInfo(userInfo);
-  hasAggregator_ = hasAggregationBlock;
+  aggregator_.setOpen(hasAggregationBlock);
   return std::nullopt;
 }
 
@@ -242,7 +235,7 @@ void ReportingdSession::sendStartMessage() {
 
 std::optional<ClientSessionInterface::Refusal> ReportingdSession::fetchStatesWithUserInfo(
     const std::optional<Dictionary>& userInfo, StatesReply completionHandler) {
-  Description description = currentDescription();
+  SessionDescription description = currentDescription();
   description.userInfo = userInfo;
   if (auto refusal = refusalOf(description, "fetchStatesWithUserInfo")) return refusal;
   log().debug("fetchStatesWithUserInfo: Fetching states for session {}", sessionID());

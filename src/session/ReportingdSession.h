@@ -11,10 +11,11 @@
 
 #include "platform/Mutex.h"
 #include "platform/ServiceConnection.h"
+#include "session/Aggregator.h"
 #include "session/BackendTable.h"
 #include "session/ClientSessionInterface.h"
-#include "session/ClientSessionReplyInterface.h"
 #include "session/ReportingdSessionDelegate.h"
+#include "session/SessionDescription.h"
 #include "session/SessionPosting.h"
 #include "util/ReportingServices.h"
 #include "values/Value.h"
@@ -38,10 +39,6 @@ namespace zun {
 class ReportingdSession final : public ClientSessionInterface,
                                 public std::enable_shared_from_this<ReportingdSession> {
  public:
-  /// What session and user information, frameworks and digest key take together, at most: they
-  /// stay as long as the connection.
-  static constexpr size_t kMaximumDescriptionBytes = size_t{64} << 10;
-
   /// `initWithSessionDelegate:connection:`. `services` outlive the session.
   static std::shared_ptr<ReportingdSession> create(
       const ReportingServices& services, std::shared_ptr<ReportingdSessionDelegate> delegate,
@@ -63,7 +60,7 @@ class ReportingdSession final : public ClientSessionInterface,
   /// For whom is kept what the session leaves behind.
   [[nodiscard]] BudgetHolder programHolder() const { return services_.program; }
   /// The client wants copies of what its hierarchy reports.
-  [[nodiscard]] bool hasAggregator() const { return hasAggregator_; }
+  [[nodiscard]] bool hasAggregator() const { return aggregator_.isOpen(); }
   /// One line for logs.
   [[nodiscard]] std::string description() const;
 
@@ -141,17 +138,9 @@ class ReportingdSession final : public ClientSessionInterface,
   [[nodiscard]] bool hasBackends() const { return backends_ != nullptr && !backends_->entries.empty(); }
 
   // ReportingdSession.cpp
-  /// What a client may replace, of what describes its session.
-  struct Description {
-    Dictionary sessionInfo;
-    std::optional<Dictionary> userInfo;
-    Array frameworks;
-    std::optional<std::string> digestKey;
-  };
-  [[nodiscard]] Description currentDescription() const;
-  [[nodiscard]] std::optional<Refusal> refusalOf(const Description& description,
+  [[nodiscard]] SessionDescription currentDescription() const;
+  [[nodiscard]] std::optional<Refusal> refusalOf(const SessionDescription& description,
                                                  std::string_view operation) const;
-  void fillDeviceIdentifier();
   void adoptSessionInfo(const Dictionary& sessionInfo) EXCLUDES(mutex_);
   void releaseUserInfo();
   void updateUserInfo(const std::optional<Dictionary>& userInfo);
@@ -181,8 +170,6 @@ class ReportingdSession final : public ClientSessionInterface,
   void aggregateMessage(const std::optional<Dictionary>& sessionInfo, double timestamp, uint16_t category,
                         uint16_t type, const std::optional<Dictionary>& payload);
   bool sendToAncestor(const std::function<MessageToClient()>& encode);
-  void sendToAggregator(const MessageToClient& message) EXCLUDES(deliveryMutex_);
-  void deliverToClient(const MessageToClient& message) REQUIRES(deliveryMutex_);
 
   // SessionHealthReport.cpp
   static uint64_t addSessionHealthInfo(const ReportingdSession& session, Dictionary& healthReport);
@@ -200,15 +187,11 @@ class ReportingdSession final : public ClientSessionInterface,
   const BackendFactory backendFactory_;
   const std::string sessionIDString_;
   const std::shared_ptr<SessionPosting> posting_;
+  Aggregator aggregator_;
   std::atomic<uint32_t> sessionID_{0};
-  std::atomic<bool> hasAggregator_{false};
 
   mutable Mutex mutex_;
   Shared shared_ GUARDED_BY(mutex_);
-
-  // Held while the client is called, so that nothing follows the end of aggregation.
-  Mutex deliveryMutex_;
-  std::optional<std::string> deliveryFailure_ GUARDED_BY(deliveryMutex_);  // of the last call
 
   // The client's thread only, and at last the teardown's.
   std::shared_ptr<const BackendTable> backends_;  // as in shared_, without its lock
@@ -224,9 +207,5 @@ class ReportingdSession final : public ClientSessionInterface,
 
   ReportingdSession* nextToTearDown_ = nullptr;
 };
-
-/// The object that turns a connection's calls into the session's operations.
-[[nodiscard]] std::shared_ptr<ExportedObject> makeClientSessionObject(
-    std::shared_ptr<ReportingdSession> session);
 
 }  // namespace zun

@@ -26,10 +26,7 @@ void ReportingdSession::aggregateMessage(const std::optional<Dictionary>& sessio
                                  aggregatedPayload(payload, userInfo()));
   };
   hadAggregatingAncestor_ = mayHaveAncestors() && sendToAncestor(encode);
-  if (hadAggregatingAncestor_ || !hasAggregator_) return;
-  const MessageToClient message = encode();
-  const MutexLock lock(deliveryMutex_);
-  if (hasAggregator_) deliverToClient(message);
+  if (!hadAggregatingAncestor_ && hasAggregator()) aggregator_.send(encode());
 }
 
 /// True when the topmost ancestor that aggregates, rather than the nearest, has got it: of
@@ -47,34 +44,16 @@ bool ReportingdSession::sendToAncestor(const std::function<MessageToClient()>& e
     {
       const RecursiveMutexLock lock(delegate_->objectLock());
       ancestor = delegate_->getAncestorWithAggregatorForSession(*this);
-      if (ancestor && message) ancestor->sendToAggregator(*message);
+      if (ancestor && message) ancestor->aggregator_.send(*message);
     }
     if (ancestor == nullptr || message) return ancestor != nullptr;
     message = encode();
   }
 }
 
-void ReportingdSession::sendToAggregator(const MessageToClient& message) {
-  const MutexLock lock(deliveryMutex_);
-  deliverToClient(message);
-}
-
-void ReportingdSession::deliverToClient(const MessageToClient& message) {
-  std::optional<std::string> failure =
-      message ? connection_->callRemote(**message) : std::optional(message.error());
-  // One line each time that a client is lost, not one for every message that others send.
-  if (failure && failure != deliveryFailure_)
-    log().error("sendMessageWithDictionary: Failed to get remote object proxy: {}", *failure);
-  deliveryFailure_ = std::move(failure);
-}
-
 void ReportingdSession::shutdownSessionAggregation() {
   log().debug("shutdownSessionAggregation: Disable aggregation module for session {}", sessionID());
-  const MutexLock lock(deliveryMutex_);
-  if (!hasAggregator_) return;
-  deliverToClient(encodeMessageToClient(*connection_, std::nullopt, /*timestamp=*/0.0, /*category=*/0,
-                                        /*type=*/0, std::nullopt));
-  hasAggregator_ = false;
+  aggregator_.shutdown();
 }
 
 }  // namespace zun

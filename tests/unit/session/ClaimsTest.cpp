@@ -2,6 +2,7 @@
 
 #include "RecordingReply.h"
 #include "SessionTest.h"
+#include "session/ClientSessionObject.h"
 
 namespace zun {
 namespace {

@@ -4,6 +4,7 @@
 
 #include "RecordingReply.h"
 #include "SessionTest.h"
+#include "session/ClientSessionObject.h"
 #include "support/HTTPSTestServer.h"
 
 namespace zun {
