@@ -186,6 +186,7 @@ TEST_F(ServiceListenerTest, WhoWasAcceptedBeforeAPauseIsServedBeforeIt) {
   isReleased = true;
   pausing.join();
   EXPECT_EQ(listener_->connectionCount(), 5u);
+  listener_.reset();  // its delegate uses what ends here
 }
 
 TEST_F(ServiceListenerTest, AStoppedListenerHasNoWaitingClient) {
@@ -223,6 +224,7 @@ TEST_F(ServiceListenerTest, AcceptingThreadThatIsHeldUpStandsStill) {
   while (standsStill()) std::this_thread::yield();
   listener_->pause();
   EXPECT_FALSE(standsStill());  // as long as the pause may be
+  listener_.reset();            // its delegate uses what ends here
 }
 
 // Threads that have ended and were never joined would keep their stacks.
@@ -342,6 +344,7 @@ TEST_F(ServiceListenerTest, WhoIsNotEntitledIsTurnedAwayBeforeAnythingIsMade) {
   while (log_.linesOf(LogLevel::kDefault).size() < 2) std::this_thread::yield();
   EXPECT_EQ(log_.linesOf(LogLevel::kDefault)[1],
             "listener: 4 more connections are refused, the last of " + peerName() + ": it is not entitled");
+  listener_.reset();  // its delegate uses what ends here
 }
 
 // A loop of connects and ends costs nothing but the accepting.
@@ -358,6 +361,7 @@ TEST_F(ServiceListenerTest, WhoHasLeftAgainIsNotAskedForItsName) {
   EXPECT_TRUE(RawClient(path_).authenticate());
   ASSERT_TRUE(delegate_.events->wait("accepted"));
   EXPECT_EQ(asked, 2);  // when it connected, and once authenticated
+  listener_.reset();    // its delegate uses what ends here
 }
 
 // Sent and gone is not gone: what it sent counts.
@@ -387,6 +391,7 @@ TEST_F(ServiceListenerTest, ARefusalIsRememberedForATenthOfASecond) {
   EXPECT_EQ(asked, 2);
   clock_.advance(std::chrono::nanoseconds(1));
   EXPECT_TRUE(RawClient(path_).authenticate());
+  listener_.reset();  // its delegate uses what ends here
 }
 
 TEST_F(ServiceListenerTest, WhatTheRulesSayOnceAuthenticatedCounts) {
