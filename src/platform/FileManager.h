@@ -62,7 +62,7 @@ class FileManager {
   /// Makes a new file, whole or not at all; what is there already is an error (EEXIST),
   /// be it a link that leads to nothing.
   virtual std::optional<Error> createFile(const std::string& path, std::string_view bytes) = 0;
-  /// Appends, and makes the file where there is none; a link is an error (ELOOP).
+  /// Appends lines, all or none; makes a file that is missing. A link is an error (ELOOP).
   virtual std::optional<Error> appendToFile(const std::string& path, std::string_view bytes) = 0;
   /// Creates the folder and those above it; an existing one is no error.
   virtual std::optional<Error> createDirectories(const std::string& path) = 0;

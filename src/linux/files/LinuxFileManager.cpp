@@ -52,6 +52,11 @@ int writeAndClose(FileDescriptor& file, std::string_view bytes) {
   return failure == 0 ? closeFile(file) : failure;
 }
 
+bool hasUnendedLine(int file, off_t size) {
+  char last = '\n';
+  return size > 0 && ::pread(file, &last, 1, size - 1) == 1 && last != '\n';
+}
+
 /// A path without a NUL: the system would read a shorter one.
 bool isUsable(const std::string& path) {
   return path.find('\0') == std::string::npos;
@@ -239,11 +244,18 @@ std::optional<Error> LinuxFileManager::createFile(const std::string& path, std::
 
 std::optional<Error> LinuxFileManager::appendToFile(const std::string& path, std::string_view bytes) {
   if (!isUsable(path)) return posixError(EINVAL);
-  FileDescriptor file(::open(path.c_str(),
-                             O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY,
-                             kFileMode));
-  if (!file.isOpen()) return posixError(errno);
-  const int failure = writeAndClose(file, bytes);
+  FileDescriptor file(::open(
+      path.c_str(), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, kFileMode));
+  struct stat before {};
+  if (!file.isOpen() || ::fstat(file.get(), &before) != 0) return posixError(errno);
+  if (!S_ISREG(before.st_mode)) return posixError(EINVAL);
+  // Who was killed while it wrote has left the beginning of a line.
+  int failure = hasUnendedLine(file.get(), before.st_size) ? writeAll(file.get(), "\n") : 0;
+  if (failure == 0) failure = writeAll(file.get(), bytes);
+  // What a full disk took of it.
+  if (failure != 0) static_cast<void>(::ftruncate(file.get(), before.st_size));
+  const int closing = closeFile(file);
+  if (failure == 0) failure = closing;
   return failure == 0 ? std::nullopt : std::optional(posixError(failure));
 }
 

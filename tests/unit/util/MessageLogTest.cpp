@@ -74,6 +74,18 @@ TEST_F(MessageLogTest, LaterEntriesAreAppendedToTheSameFile) {
   EXPECT_EQ(countFiles(), 1U);
 }
 
+// A kill can cut an entry of more than a page.
+TEST_F(MessageLogTest, EntryAfterOneThatWasCutOffBeginsALineOfItsOwn) {
+  const std::string file =
+      addFile("zunreportingd_1_messageLog.diag", 10, "(2023-11-14 22:13:10 +0000) cut o");
+  log_.writeToLogFile("whole");
+  log_.writeToLogFile("whole too");
+  EXPECT_EQ(contentOf(file),
+            "(2023-11-14 22:13:10 +0000) cut o\n"
+            "(2023-11-14 22:13:20 +0000) whole\n"
+            "(2023-11-14 22:13:20 +0000) whole too\n");
+}
+
 TEST_F(MessageLogTest, FolderIsListedAgainWhenASecondHasPassed) {
   const std::string first = addFile("zunreportingd_1_messageLog.diag", 600, "");
   log_.writeToLogFile("one");
@@ -114,9 +126,10 @@ TEST_F(MessageLogTest, FolderIsListedAgainWhenItChanged) {
 
 // Clients decide how much is written.
 TEST_F(MessageLogTest, EntryThatWouldTakeTheFileOverItsBoundBeginsItAnew) {
-  const std::string file = addFile("zunreportingd_1_messageLog.diag", 600, "");
   const std::string entry = "(2023-11-14 22:13:20 +0000) one\n";
-  fs::resize_file(file, MessageLog::kMaximumBytes - entry.size());
+  std::string content(MessageLog::kMaximumBytes - entry.size(), '\0');
+  content.back() = '\n';
+  const std::string file = addFile("zunreportingd_1_messageLog.diag", 600, content);
   log_.writeToLogFile("one");
   EXPECT_EQ(fs::file_size(file), MessageLog::kMaximumBytes);
   log_.writeToLogFile("");

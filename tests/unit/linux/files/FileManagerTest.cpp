@@ -83,7 +83,7 @@ TEST_F(FileManagerTest, PipesNeitherBlockNorRead) {
   ASSERT_EQ(::mkfifo(at("pipe").c_str(), 0600), 0);
   EXPECT_EQ(readFailure(at("pipe")), EINVAL);
   EXPECT_EQ(codeOf(files_.createFile(at("pipe"), "x")), EEXIST);
-  EXPECT_EQ(codeOf(files_.appendToFile(at("pipe"), "x")), ENXIO);
+  EXPECT_EQ(codeOf(files_.appendToFile(at("pipe"), "x")), EINVAL);
 }
 
 TEST_F(FileManagerTest, FilesThatTellNoSizeAreReadWithinTheBound) {
@@ -138,10 +138,6 @@ TEST_F(FileManagerTest, AtomicWriteOverAFolderFailsAndLeavesNothingBeside) {
   EXPECT_EQ(codeOf(files_.writeFileAtomically(at("none/f"), "x")), ENOENT);
 }
 
-TEST_F(FileManagerTest, FullDiskFailsAWrite) {
-  EXPECT_EQ(codeOf(files_.appendToFile("/dev/full", "x")), ENOSPC);
-}
-
 // A file-size limit stands for the disk that fills up half way.
 TEST_F(FileManagerTest, AtomicWriteThatBreaksOffLeavesTheOldFile) {
   ASSERT_EQ(files_.writeFileAtomically(at("f"), "old"), std::nullopt);
@@ -161,10 +157,32 @@ TEST_F(FileManagerTest, AtomicWriteThatBreaksOffLeavesTheOldFile) {
 
 TEST_F(FileManagerTest, AppendMakesTheFileThatIsMissing) {
   EXPECT_EQ(codeOf(files_.appendToFile(at("none/f"), "x")), ENOENT);
-  ASSERT_EQ(files_.appendToFile(at("f"), "one,"), std::nullopt);
-  ASSERT_EQ(files_.appendToFile(at("f"), "two"), std::nullopt);
-  EXPECT_EQ(contentOf("f"), "one,two");
+  ASSERT_EQ(files_.appendToFile(at("f"), "one\n"), std::nullopt);
+  ASSERT_EQ(files_.appendToFile(at("f"), "two\n"), std::nullopt);
+  EXPECT_EQ(contentOf("f"), "one\ntwo\n");
   EXPECT_EQ(modeOf("f"), 0600u);
+}
+
+TEST_F(FileManagerTest, AppendThatBreaksOffLeavesTheFileAsItWas) {
+  ASSERT_EQ(files_.appendToFile(at("f"), "old\n"), std::nullopt);
+  const pid_t child = ::fork();
+  if (child == 0) {
+    std::signal(SIGXFSZ, SIG_IGN);
+    const rlimit limit{4096, 4096};
+    ::setrlimit(RLIMIT_FSIZE, &limit);
+    ::_exit(codeOf(files_.appendToFile(at("f"), std::string(10000, 'x'))));
+  }
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_EQ(WEXITSTATUS(status), EFBIG);
+  EXPECT_EQ(contentOf("f"), "old\n");
+}
+
+TEST_F(FileManagerTest, LineWithoutAnEndIsEndedBeforeMoreIsAppended) {
+  ASSERT_EQ(files_.createFile(at("f"), "a\nhal"), std::nullopt);
+  ASSERT_EQ(files_.appendToFile(at("f"), "b\n"), std::nullopt);
+  ASSERT_EQ(files_.appendToFile(at("f"), "c\n"), std::nullopt);
+  EXPECT_EQ(contentOf("f"), "a\nhal\nb\nc\n");
 }
 
 TEST_F(FileManagerTest, OnlyANewFileIsCreated) {
