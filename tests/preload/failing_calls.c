@@ -1,0 +1,205 @@
+// Fails the Nth call of one function of the C library, as often as it is told to.
+//
+// ZUN_FAILING_CALLS names a file of `struct Plan`, which the test maps as well: it plans a failure
+// while the process runs, and sees how often the function was called and failed. A write fails as
+// a full disk makes it: half of the bytes go out, and the next call fails.
+
+#define _GNU_SOURCE
+#include <dirent.h>
+#include <dlfcn.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <netdb.h>
+#include <poll.h>
+#include <pthread.h>
+#include <signal.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/file.h>
+#include <sys/mman.h>
+#include <sys/random.h>
+#include <sys/signalfd.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/timerfd.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+#define KILL (-1)  // in the place of an errno: the process is killed in the middle of the call
+
+struct Plan {
+  char function[32];
+  int failure;      // errno, or KILL
+  int times;        // how many calls fail
+  long long first;  // which is the first, from 1 on
+  long long calls;
+  long long failed;
+};
+
+static struct Plan* plan;
+static __thread int halfWritten = -1;  // the descriptor whose next write fails
+
+__attribute__((constructor)) static void readPlan(void) {
+  const char* const path = getenv("ZUN_FAILING_CALLS");
+  const int file = path == NULL ? -1 : (int)syscall(SYS_openat, AT_FDCWD, path, O_RDWR | O_CLOEXEC);
+  if (file < 0) return;
+  void* const mapped =
+      (void*)syscall(SYS_mmap, NULL, sizeof *plan, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
+  syscall(SYS_close, file);
+  if (mapped != MAP_FAILED) plan = mapped;
+}
+
+static void die(void) {
+  syscall(SYS_kill, getpid(), SIGKILL);
+  for (;;) syscall(SYS_pause);
+}
+
+/// Counts the call; true where it is one of those that fail.
+static int isPlanned(const char* function) {
+  if (plan == NULL || strcmp(plan->function, function) != 0) return 0;
+  const long long number = __atomic_add_fetch(&plan->calls, 1, __ATOMIC_SEQ_CST);
+  const long long first = __atomic_load_n(&plan->first, __ATOMIC_SEQ_CST);
+  if (first == 0 || number < first || number >= first + plan->times) return 0;
+  __atomic_add_fetch(&plan->failed, 1, __ATOMIC_SEQ_CST);
+  return 1;
+}
+
+static int fails(const char* function) {
+  if (!isPlanned(function)) return 0;
+  if (plan->failure == KILL) die();
+  errno = plan->failure;
+  return 1;
+}
+
+#define FIND(function) *(void**)&real = dlsym(RTLD_NEXT, #function)
+
+#define FAILING(type, function, parameters, arguments, failure) \
+  type function parameters {                                    \
+    static __typeof__(&function) real;                          \
+    if (real == NULL) FIND(function);                           \
+    return fails(#function) ? (failure) : real arguments;       \
+  }
+
+// What may be given a mode, or any other third argument.
+#define FAILING_OPEN(function, parameters, last, arguments) \
+  int function parameters {                                 \
+    static __typeof__(&function) real;                      \
+    if (real == NULL) FIND(function);                       \
+    va_list list;                                           \
+    va_start(list, last);                                   \
+    const long more = va_arg(list, long);                   \
+    va_end(list);                                           \
+    return fails(#function) ? -1 : real arguments;          \
+  }
+
+FAILING_OPEN(open, (const char* path, int flags, ...), flags, (path, flags, more))
+FAILING_OPEN(open64, (const char* path, int flags, ...), flags, (path, flags, more))
+FAILING_OPEN(openat, (int folder, const char* path, int flags, ...), flags, (folder, path, flags, more))
+FAILING_OPEN(fcntl, (int file, int command, ...), command, (file, command, more))
+FAILING_OPEN(fcntl64, (int file, int command, ...), command, (file, command, more))
+FAILING(int, mkostemp, (char* path, int flags), (path, flags), -1)
+FAILING(FILE*, fopen, (const char* path, const char* mode), (path, mode), NULL)
+FAILING(FILE*, fopen64, (const char* path, const char* mode), (path, mode), NULL)
+FAILING(DIR*, opendir, (const char* path), (path), NULL)
+FAILING(DIR*, fdopendir, (int folder), (folder), NULL)
+FAILING(struct dirent*, readdir, (DIR * folder), (folder), NULL)
+FAILING(ssize_t, read, (int file, void* bytes, size_t size), (file, bytes, size), -1)
+FAILING(ssize_t, pread, (int file, void* bytes, size_t size, off_t at), (file, bytes, size, at), -1)
+FAILING(ssize_t, pread64, (int file, void* bytes, size_t size, off64_t at), (file, bytes, size, at), -1)
+FAILING(ssize_t, readlink, (const char* path, char* bytes, size_t size), (path, bytes, size), -1)
+FAILING(ssize_t, writev, (int file, const struct iovec* parts, int count), (file, parts, count), -1)
+FAILING(int, fsync, (int file), (file), -1)
+FAILING(int, fdatasync, (int file), (file), -1)
+FAILING(int, ftruncate, (int file, off_t size), (file, size), -1)
+FAILING(int, flock, (int file, int operation), (file, operation), -1)
+FAILING(int, fstat, (int file, struct stat* status), (file, status), -1)
+FAILING(int, fstatat, (int folder, const char* path, struct stat* status, int flags),
+        (folder, path, status, flags), -1)
+FAILING(int, stat, (const char* path, struct stat* status), (path, status), -1)
+FAILING(int, lstat, (const char* path, struct stat* status), (path, status), -1)
+FAILING(int, statx, (int folder, const char* path, int flags, unsigned mask, struct statx* status),
+        (folder, path, flags, mask, status), -1)
+FAILING(int, fchmod, (int file, mode_t mode), (file, mode), -1)
+FAILING(int, chmod, (const char* path, mode_t mode), (path, mode), -1)
+FAILING(int, utimensat, (int folder, const char* path, const struct timespec times[2], int flags),
+        (folder, path, times, flags), -1)
+FAILING(int, rename, (const char* from, const char* to), (from, to), -1)
+FAILING(int, unlink, (const char* path), (path), -1)
+FAILING(int, unlinkat, (int folder, const char* path, int flags), (folder, path, flags), -1)
+FAILING(int, mkdir, (const char* path, mode_t mode), (path, mode), -1)
+FAILING(void*, mmap, (void* at, size_t size, int protection, int flags, int file, off_t offset),
+        (at, size, protection, flags, file, offset), MAP_FAILED)
+FAILING(int, socket, (int family, int type, int protocol), (family, type, protocol), -1)
+FAILING(int, socketpair, (int family, int type, int protocol, int pair[2]), (family, type, protocol, pair),
+        -1)
+FAILING(int, pipe2, (int pair[2], int flags), (pair, flags), -1)
+FAILING(int, dup, (int file), (file), -1)
+FAILING(int, bind, (int file, const struct sockaddr* address, socklen_t size), (file, address, size), -1)
+FAILING(int, listen, (int file, int length), (file, length), -1)
+FAILING(int, connect, (int file, const struct sockaddr* address, socklen_t size), (file, address, size), -1)
+FAILING(int, accept4, (int file, struct sockaddr* address, socklen_t* size, int flags),
+        (file, address, size, flags), -1)
+FAILING(int, getsockopt, (int file, int level, int option, void* value, socklen_t* size),
+        (file, level, option, value, size), -1)
+FAILING(int, setsockopt, (int file, int level, int option, const void* value, socklen_t size),
+        (file, level, option, value, size), -1)
+FAILING(int, getsockname, (int file, struct sockaddr* address, socklen_t* size), (file, address, size), -1)
+FAILING(int, getpeername, (int file, struct sockaddr* address, socklen_t* size), (file, address, size), -1)
+FAILING(ssize_t, send, (int file, const void* bytes, size_t size, int flags), (file, bytes, size, flags), -1)
+FAILING(ssize_t, sendto,
+        (int file, const void* bytes, size_t size, int flags, const struct sockaddr* address,
+         socklen_t length),
+        (file, bytes, size, flags, address, length), -1)
+FAILING(ssize_t, sendmsg, (int file, const struct msghdr* message, int flags), (file, message, flags), -1)
+FAILING(ssize_t, recv, (int file, void* bytes, size_t size, int flags), (file, bytes, size, flags), -1)
+FAILING(ssize_t, recvfrom,
+        (int file, void* bytes, size_t size, int flags, struct sockaddr* address, socklen_t* length),
+        (file, bytes, size, flags, address, length), -1)
+FAILING(ssize_t, recvmsg, (int file, struct msghdr* message, int flags), (file, message, flags), -1)
+FAILING(int, poll, (struct pollfd * polled, nfds_t count, int milliseconds), (polled, count, milliseconds),
+        -1)
+FAILING(int, epoll_create1, (int flags), (flags), -1)
+FAILING(int, epoll_ctl, (int set, int operation, int file, struct epoll_event* event),
+        (set, operation, file, event), -1)
+FAILING(int, eventfd, (unsigned count, int flags), (count, flags), -1)
+FAILING(int, timerfd_create, (int clock, int flags), (clock, flags), -1)
+FAILING(int, timerfd_settime,
+        (int timer, int flags, const struct itimerspec* value, struct itimerspec* former),
+        (timer, flags, value, former), -1)
+FAILING(int, signalfd, (int file, const sigset_t* signals, int flags), (file, signals, flags), -1)
+FAILING(ssize_t, getrandom, (void* bytes, size_t size, unsigned flags), (bytes, size, flags), -1)
+FAILING(int, getaddrinfo,
+        (const char* host, const char* service, const struct addrinfo* hints, struct addrinfo** found),
+        (host, service, hints, found), EAI_SYSTEM)
+FAILING(int, pthread_create,
+        (pthread_t * thread, const pthread_attr_t* attributes, void* (*begin)(void*), void* argument),
+        (thread, attributes, begin, argument), errno)
+
+int close(int file) {
+  const int outcome = (int)syscall(SYS_close, file);
+  return fails("close") ? -1 : outcome;  // it is closed whatever it says
+}
+
+// Standard error is what the test reads.
+ssize_t write(int file, const void* bytes, size_t size) {
+  const int fails = file != STDERR_FILENO && isPlanned("write");
+  if (halfWritten == file && file != STDERR_FILENO) {
+    halfWritten = -1;
+    errno = plan->failure;
+    return -1;
+  }
+  if (!fails) return syscall(SYS_write, file, bytes, size);
+  if (size > 1) syscall(SYS_write, file, bytes, size / 2);
+  if (plan->failure == KILL) die();
+  if (size > 1) {
+    halfWritten = file;
+    return (ssize_t)(size / 2);
+  }
+  errno = plan->failure;
+  return -1;
+}
