@@ -1,7 +1,5 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sched.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -15,7 +13,6 @@
 #include <string>
 #include <thread>
 
-#include "linux/loop/ThreadQuality.h"
 #include "linux/system/SystemClock.h"
 #include "linux/system/SystemLocale.h"
 #include "linux/system/SystemLogs.h"
@@ -361,32 +358,6 @@ TEST(SystemLogTest, TheJournalsLevelIsKeptAndItsAbsenceIsNoFailure) {
   EXPECT_FALSE(log.isEnabled(LogLevel::kDefault));
   EXPECT_TRUE(log.isEnabled(LogLevel::kError));
   log.write(LogLevel::kError, "zunreportingd unit test\nof two lines");
-}
-
-// --- Thread quality ------------------------------------------------------------------
-
-TEST(ThreadQualityTest, UtilityMakesTheCallingThreadGiveWayAndNoOther) {
-  const int before = ::getpriority(PRIO_PROCESS, static_cast<id_t>(::gettid()));
-  std::thread([before] {
-    setThreadQualityOfServiceUtility();
-    EXPECT_EQ(::getpriority(PRIO_PROCESS, static_cast<id_t>(::gettid())), std::max(before, 5));
-    EXPECT_EQ(::sched_getscheduler(0), SCHED_BATCH);
-    std::thread([before] {
-      EXPECT_EQ(::getpriority(PRIO_PROCESS, static_cast<id_t>(::gettid())), std::max(before, 5));
-    }).join();
-  }).join();
-  EXPECT_EQ(::getpriority(PRIO_PROCESS, static_cast<id_t>(::gettid())), before);
-}
-
-TEST(ThreadQualityTest, ThreadThatGivesWayEvenMoreStaysSo) {
-  std::thread([] {
-    const sched_param parameters{};
-    ASSERT_EQ(::setpriority(PRIO_PROCESS, static_cast<id_t>(::gettid()), 19), 0);
-    ASSERT_EQ(::sched_setscheduler(0, SCHED_IDLE, &parameters), 0);
-    setThreadQualityOfServiceUtility();
-    EXPECT_EQ(::getpriority(PRIO_PROCESS, static_cast<id_t>(::gettid())), 19);
-    EXPECT_EQ(::sched_getscheduler(0), SCHED_IDLE);
-  }).join();
 }
 
 }  // namespace
