@@ -45,7 +45,7 @@ BOUNDS = {
         [("linux/dbus/DBusServiceConnection.h", "kDecodedBytes", "MiB"),
          ("linux/dbus/DBusMessage.h", "uncountedDecodedBytes", "KiB")],
     "session and user information, frameworks and digest key, in memory":
-        [("session/ReportingdSession.h", "kMaximumDescriptionBytes", "KiB")],
+        [("session/SessionDescription.h", "kMaximumBytes", "KiB")],
     "answers above 1 MiB that wait to be read": [("linux/dbus/DBusServiceConnection.h", "kWaitingReplyBytes", "MiB")],
     "keys of one post that cannot be carried": [("backends/HTTPSPostBackendPosting.cpp", "kMaximumLines", "")],
     "data shared under one hierarchy token": [("daemon/SharedSessionData.h", "kMaximumBytes", "MiB")],
