@@ -54,9 +54,9 @@ def wait_until(condition, what):
 
 
 class Authority:
-    """A certificate authority and a server certificate for localhost."""
+    """A certificate authority and a server certificate for localhost and an address."""
 
-    def __init__(self, folder, name="ca"):
+    def __init__(self, folder, name="ca", address="127.0.0.1"):
         folder = pathlib.Path(folder)
         self.ca = str(folder / f"{name}.pem")
         self.certificate = str(folder / f"{name}-server.pem")
@@ -64,7 +64,7 @@ class Authority:
         ca_key = str(folder / f"{name}.key")
         request = str(folder / f"{name}-server.csr")
         extensions = folder / f"{name}-server.ext"
-        extensions.write_text("subjectAltName=DNS:localhost,IP:127.0.0.1\n")
+        extensions.write_text(f"subjectAltName=DNS:localhost,IP:{address}\n")
         new_key = ["-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes"]
         run("openssl", "req", "-x509", *new_key, "-keyout", ca_key, "-out", self.ca, "-days", "2",
             "-subj", f"/CN=zunreporting test {name}")
@@ -98,7 +98,7 @@ class HTTPSServer:
     "close" (in the middle of the answer) or a callable taking the request handler.
     """
 
-    def __init__(self, authority):
+    def __init__(self, authority, address="127.0.0.1"):
         self.files = {}
         self.behaviour = {}
         self.posts = queue.Queue()
@@ -158,13 +158,13 @@ class HTTPSServer:
 
         context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
         context.load_cert_chain(authority.certificate, authority.key)
-        self.server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
+        self.server = http.server.ThreadingHTTPServer((address, 0), Handler)
         self.server.daemon_threads = True
         self.server.handle_error = lambda *_: None
         self.server.socket = context.wrap_socket(self.server.socket, server_side=True,
                                                  do_handshake_on_connect=False)
         self.port = self.server.server_address[1]
-        self.url = f"https://localhost:{self.port}"
+        self.url = f"https://{'localhost' if address == '127.0.0.1' else address}:{self.port}"
         self.thread = threading.Thread(target=self.server.serve_forever, daemon=True)
         self.thread.start()
 
@@ -210,14 +210,14 @@ def with_post_url(value, url):
 class Scratch:
     """A root folder with keys, certificates, entitlements and settings for one daemon."""
 
-    def __init__(self):
+    def __init__(self, address="127.0.0.1"):
         self.folder = tempfile.mkdtemp(prefix="zun-integration-")
         self.root = self.path("root")
         self.home = "/home/tester"
         for folder in ("root/etc/zunreportingd/entitlements.d", "root/usr/share/zunreportingd",
                        "root/home/tester/Library/Preferences", "root/tmp", "storebags"):
             os.makedirs(self.path(folder))
-        self.authority = Authority(self.folder)
+        self.authority = Authority(self.folder, address=address)
         self.private_key = self.path("signing.pem")
         run(binary("zunstorebag"), "keygen", "--private-key", self.private_key, "--public-key",
             self.path("root/usr/share/zunreportingd/publicKey.der"))
@@ -227,7 +227,7 @@ class Scratch:
                           "ProductType": "Pallax12,3", "DeviceName": "Test Pallax", "SerialNumber": "C39",
                           "HWModelStr": "N841AP"})
         self.entitle({"user": os.getuid(), "entitlements": {"com.vantix.private.zunreportingd": True}})
-        self.server = HTTPSServer(self.authority)
+        self.server = HTTPSServer(self.authority, address)
         self.set_defaults("com.vantix.zunreporting", {"zunreporting_storebag_url": self.server.url})
         self.daemon = None
 
@@ -451,8 +451,10 @@ class Collector:
 class ScratchTest(unittest.TestCase):
     """A test with a scratch root of its own. An error line that it did not expect fails it."""
 
+    server_address = "127.0.0.1"
+
     def setUp(self):
-        self.scratch = Scratch()
+        self.scratch = Scratch(self.server_address)
         self.addCleanup(self.scratch.close)
         self.expected_errors = []
 

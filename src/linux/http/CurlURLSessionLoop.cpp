@@ -153,7 +153,8 @@ bool CurlURLSessionLoop::takeInbox() {
       return task.request().cancellation != nullptr && task.request().cancellation->isCancelled();
     };
     const Error error = cancelled("the request was cancelled");
-    endActive(error, [&](const Transfer& transfer) { return isCancelled(transfer.task()); });
+    for (Transfer* transfer : activeOnes([&](Transfer& one) { return isCancelled(one.task()); }))
+      end(*transfer, error);
     endPending(error, isCancelled);
   }
   return goesOn;
@@ -166,7 +167,6 @@ void CurlURLSessionLoop::admit(Task task, Conditions& conditions) {
     queue(std::move(task));
   } else {
     wait(std::move(task), obstacle);
-    changeWaiting(1);
   }
 }
 
@@ -204,6 +204,7 @@ void CurlURLSessionLoop::wait(Task task, Obstacle obstacle) {
   }
   task->wholeDeadline = Clock::time_point::max();
   waiting_.emplace_back(std::move(task), obstacle);
+  changeWaiting(1);
 }
 
 void CurlURLSessionLoop::reconsiderWaiting() {
@@ -233,8 +234,18 @@ void CurlURLSessionLoop::queue(Task task) {
   queue_.push(std::move(task));
 }
 
+// The world may have changed while they stood in the queue.
 void CurlURLSessionLoop::startEligible() {
-  while (Task task = queue_.next()) start(std::move(task));
+  Conditions conditions;
+  while (Task task = queue_.next()) {
+    const Obstacle obstacle = obstacleFor(*task, conditions);
+    if (obstacle == Obstacle::kNone) {
+      start(std::move(task));
+    } else {
+      queue_.ended(*task);
+      wait(std::move(task), obstacle);
+    }
+  }
 }
 
 void CurlURLSessionLoop::start(Task task) {
@@ -266,25 +277,23 @@ void CurlURLSessionLoop::collectEnded() {
 }
 
 void CurlURLSessionLoop::ended(Transfer& transfer, CURLcode code) {
+  if (waitsInsteadOfFailing(transfer)) return;
   const Task task = transfer.task().shared_from_this();
-  if (waitsInsteadOfFailing(*task, code)) {
-    release(transfer);
-    wait(task, Obstacle::kNoRoute);
-    changeWaiting(1);
-    return;
-  }
   CurlDelivery last = transfer.endWith(code);
   release(transfer);
   complete(task, std::move(last));
 }
 
-// The network went away between the look at the routes and the attempt: nothing was sent.
-bool CurlURLSessionLoop::waitsInsteadOfFailing(const CurlURLSessionTask& task, CURLcode code) {
-  if (code != CURLE_COULDNT_RESOLVE_HOST && code != CURLE_COULDNT_CONNECT &&
-      code != CURLE_COULDNT_RESOLVE_PROXY)
+// The network went away between the look at the routes and the attempt. A request that went
+// out may have arrived.
+bool CurlURLSessionLoop::waitsInsteadOfFailing(Transfer& transfer) {
+  const Task task = transfer.task().shared_from_this();
+  if (transfer.hasSentRequest() || !task->configuration().waitsForConnectivity || task->target().isLoopback ||
+      routeStatus().hasUsableRoute)
     return false;
-  return task.configuration().waitsForConnectivity && !task.target().isLoopback &&
-         !routeStatus().hasUsableRoute;
+  release(transfer);
+  wait(task, Obstacle::kNoRoute);
+  return true;
 }
 
 void CurlURLSessionLoop::release(Transfer& transfer) {
@@ -306,17 +315,19 @@ void CurlURLSessionLoop::noteSentAgain(unsigned times) {
 }
 
 template <typename Condition>
-void CurlURLSessionLoop::endActive(const Error& error, Condition isOver) {
+std::vector<CurlURLSessionLoop::Transfer*> CurlURLSessionLoop::activeOnes(Condition isOver) const {
   std::vector<Transfer*> over;
   for (const auto& [transfer, owned] : active_) {
     if (isOver(*transfer)) over.push_back(transfer);
   }
-  for (Transfer* transfer : over) {
-    const Task task = transfer->task().shared_from_this();
-    CurlDelivery last = transfer->endWith(error);
-    release(*transfer);
-    complete(task, std::move(last));
-  }
+  return over;
+}
+
+void CurlURLSessionLoop::end(Transfer& transfer, const Error& error) {
+  const Task task = transfer.task().shared_from_this();
+  CurlDelivery last = transfer.endWith(error);
+  release(transfer);
+  complete(task, std::move(last));
 }
 
 template <typename Condition>
@@ -337,8 +348,10 @@ void CurlURLSessionLoop::endPending(const Error& error, Condition isOver) {
 
 void CurlURLSessionLoop::expire() {
   const auto now = Clock::now();
-  endActive(urlError(URLSessionError::kTimedOut, "the request timed out"),
-            [now](Transfer& transfer) { return transfer.isOver(now); });
+  for (Transfer* transfer : activeOnes([now](Transfer& one) { return one.isOver(now); })) {
+    if (!waitsInsteadOfFailing(*transfer))
+      end(*transfer, urlError(URLSessionError::kTimedOut, "the request timed out"));
+  }
   // Those who wait have long: they need no looking at each time round.
   if (!hasPending() || now < nextExpiry_) return;
   const auto often = std::clamp<std::chrono::milliseconds>(
@@ -384,7 +397,7 @@ bool CurlURLSessionLoop::hasPending() const {
 void CurlURLSessionLoop::cancelEverything() {
   const auto always = [](const auto&) { return true; };
   const Error error = cancelled("the URL-session service has ended");
-  endActive(error, always);
+  for (Transfer* transfer : activeOnes(always)) end(*transfer, error);
   endPending(error, always);
 }
 

@@ -73,13 +73,15 @@ class CurlURLSessionLoop final {
   void start(Task task);
   void collectEnded();
   void ended(Transfer& transfer, CURLcode code);
-  bool waitsInsteadOfFailing(const CurlURLSessionTask& task, CURLcode code);
+  bool waitsInsteadOfFailing(Transfer& transfer);
   void release(Transfer& transfer);
   void noteSentAgain(unsigned times);
   void expire();
-  /// Ends the tasks under way, or those not yet, for which `isOver` says so.
+  /// Those under way for which `isOver` says so.
   template <typename Condition>
-  void endActive(const Error& error, Condition isOver);
+  [[nodiscard]] std::vector<Transfer*> activeOnes(Condition isOver) const;
+  void end(Transfer& transfer, const Error& error);
+  /// Ends the tasks that are not yet under way for which `isOver` says so.
   template <typename Condition>
   void endPending(const Error& error, Condition isOver);
   void deliver();

@@ -46,6 +46,8 @@ class CurlURLSessionTransfer final {
   [[nodiscard]] bool isOver(Clock::time_point now) {
     return timeLimit() <= now || floor_.isMissed(now, movedBytes_);
   }
+  /// A request went out, if only in part.
+  [[nodiscard]] bool hasSentRequest() const { return isConnected_; }
   /// How many of its requests went out a second time.
   [[nodiscard]] unsigned timesSentAgain() const { return timesSentAgain_; }
 

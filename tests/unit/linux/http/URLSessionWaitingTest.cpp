@@ -154,13 +154,66 @@ TEST_F(URLSessionWaitingTest, SessionThatDoesNotWaitFailsWithoutARoute) {
 }
 
 TEST_F(URLSessionWaitingTest, NameThatCannotBeResolvedBecauseTheNetworkJustWentWaits) {
-  routes_->becomeInOrder({kNetworkUp, kNetworkDown});
+  routes_->becomeInOrder({kNetworkUp, kNetworkUp, kNetworkDown});
   begin({.url = "https://" + kUnknownHost + "/"});
-  ASSERT_TRUE(routes_->waitUntilAsked(2));
+  ASSERT_TRUE(routes_->waitUntilAsked(3));
   expectWaiting();
   routes_->become(kNetworkUp);
   ASSERT_TRUE(delegate_->waitForCompletions(1));
   EXPECT_TRUE(delegate_->heard("task").failedWith(URLSessionError::kCannotFindHost));
+}
+
+TEST_F(URLSessionWaitingTest, AttemptThatTimesOutBecauseTheNetworkWentWaits) {
+  const SilentListener silent;
+  const std::string port = std::to_string(silent.port());
+  start({.idleTimeout = 50ms, .hostAddresses = {"silent.test:" + port + ":127.0.0.1"}});
+  routes_->becomeInOrder({kNetworkUp, kNetworkUp, kNetworkDown});
+  begin({.url = "https://silent.test:" + port + "/"});
+  ASSERT_TRUE(routes_->waitUntilAsked(3));
+  expectWaiting();
+  routes_->become(kNetworkUp);
+  ASSERT_TRUE(delegate_->waitForCompletions(1));
+  EXPECT_TRUE(delegate_->heard("task").failedWith(URLSessionError::kTimedOut));
+}
+
+// Its server may have taken it.
+TEST_F(URLSessionWaitingTest, RequestThatWentOutFailsThoughTheNetworkWent) {
+  start({.idleTimeout = 50ms});
+  routes_->becomeInOrder({kNetworkUp, kNetworkUp, kNetworkDown});
+  server_.answer("/", TestAnswer::ended(TestAnswer::Ending::kNever));
+  EXPECT_TRUE(load(post(remote("/"), "body")).failedWith(URLSessionError::kTimedOut));
+  EXPECT_EQ(server_.requests().size(), 1U);
+}
+
+TEST_F(URLSessionWaitingTest, RequestThatAKeptConnectionMayHaveDeliveredFailsThoughTheNetworkWent) {
+  server_.answer("/warm", {});
+  EXPECT_FALSE(get(remote("/warm")).error);
+  server_.answer("/", TestAnswer::ended(TestAnswer::Ending::kNever));
+  begin(post(remote("/"), "body"));
+  ASSERT_TRUE(server_.waitForRequests(2));
+  routes_->become(kNetworkDown);
+  server_.stop();  // the connection closes, and a fresh one is refused
+  ASSERT_TRUE(delegate_->waitForCompletions(2));
+  EXPECT_TRUE(delegate_->heard("task").failedWith(URLSessionError::kCannotConnect));
+}
+
+TEST_F(URLSessionWaitingTest, TaskWhoseTurnComesWithoutARouteWaits) {
+  start({.maxConnectionsPerHost = 1});
+  const auto gate = std::make_shared<TestGate>();
+  server_.answer("/held", {.gate = gate});
+  server_.answer("/", {.body = "at last"});
+  begin({.url = remote("/held")}, "held");
+  ASSERT_TRUE(server_.waitForRequests(1));
+  routes_->becomeInOrder({kNetworkUp, kNetworkDown});
+  begin({.url = remote("/")}, "next");
+  ASSERT_TRUE(routes_->waitUntilAsked(3));
+  gate->open();
+  ASSERT_TRUE(delegate_->waitForCompletions(1));
+  ASSERT_TRUE(service_->waitUntilIdle(HTTPSTestServer::kDeadline));
+  EXPECT_EQ(server_.requests().size(), 1U);
+  routes_->become(kNetworkUp);
+  ASSERT_TRUE(delegate_->waitForCompletions(2));
+  EXPECT_EQ(delegate_->heard("next").data, "at last");
 }
 
 TEST_F(URLSessionWaitingTest, WholeTimeEndsATaskThatGoesOnAndOn) {
@@ -175,9 +228,9 @@ TEST_F(URLSessionWaitingTest, WholeTimeCountsFromTheRouteOn) {
   start({.resourceTimeout = 10s});  // those who wait are looked at twice a second
   server_.answer("/", {.body = "ok"});
   server_.answer("/drip", {.ending = TestAnswer::Ending::kDrip, .fillerBytes = 1 << 20});
-  routes_->becomeInOrder({kNetworkUp, kNetworkDown});
+  routes_->becomeInOrder({kNetworkUp, kNetworkUp, kNetworkDown});
   begin({.url = "https://" + kUnknownHost + "/", .wholeTimeout = 1500ms}, "lost the route");
-  ASSERT_TRUE(routes_->waitUntilAsked(2));
+  ASSERT_TRUE(routes_->waitUntilAsked(3));
   expectWaiting();
   begin({.url = remote("/"), .wholeTimeout = 1500ms}, "never had one");
   begin({.url = server_.url("/drip"), .wholeTimeout = 2500ms}, "passes the time");
