@@ -19,7 +19,8 @@ PROGRAMS = {"zunreportingd": ("operations.md", ()),
             "zuncollector": ("zuncollector.md", ())}
 GIVEN_TO_ALL = {"--help", "--version"}
 OTHER_PROGRAMS = {"--output-fields", "--defined-only", "--peer", "--print-reply", "--dest", "--preset", "--build",
-                  "--target", "--check", "--repeat", "--gtest", "--since"}
+                  "--target", "--check", "--repeat", "--gtest", "--since", "--concurrency", "--start",
+                  "--lines"}
 
 
 # Rows of the bounds' table, and the constants that their figures are.
