@@ -6,8 +6,8 @@
 
 #include <algorithm>
 #include <cstring>
+#include <thread>
 
-#include "linux/dbus/DBusMessage.h"
 #include "values/Check.h"
 #include "values/Value.h"
 #include "zunreporting/Keys.h"
@@ -44,6 +44,27 @@ Dictionary samplePayload() {
           {"operator", "Example Mobile"}};
 }
 
+std::string eventCall() {
+  const Dictionary message{{kZunReportingMessageParametersCategory, 3},
+                           {kZunReportingMessageParametersType, 17},
+                           {kZunReportingMessageParametersPayload, samplePayload()}};
+  return callOf("sendMessageWithDictionary", "a{sv}", Array{message});
+}
+
+/// As a session of the hierarchy `token`, or of none.
+std::string infoCall(bool batch, std::string_view token = {}) {
+  Dictionary info{{kZunReportingSessionInfoSessionID, 1},
+                  {kZunReportingSessionInfoClientType, 7},
+                  {kZunReportingSessionInfoClientVersion, 1},
+                  {kZunReportingSessionInfoBatchEvent, batch}};
+  if (!token.empty())
+    info.set(kZunReportingSessionInfoHierarchyToken,
+             Dictionary{{kZunReportingHierarchyTokenTokenID, token}, {kZunReportingHierarchyTokenLevel, 1}});
+  const Dictionary user{{kZunReportingUserInfoClientName, "bench"},
+                        {kZunReportingUserInfoServiceName, "throughput"}};
+  return callOf("setSessionInfo", "a{sv}aa{sv}asb", Array{info, Array{user}, Array{}, false});
+}
+
 }  // namespace
 
 Client::Client(const std::string& socketPath, bool batch) {
@@ -52,25 +73,30 @@ Client::Client(const std::string& socketPath, bool batch) {
   address.sun_family = AF_UNIX;
   ZUN_CHECK(socketPath.size() < sizeof address.sun_path);
   std::memcpy(address.sun_path, socketPath.data(), socketPath.size());
-  ZUN_CHECK(connect(socket_, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0);
+  // The daemon may have bound its socket, and not listen yet.
+  for (int tries = 1; connect(socket_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0; ++tries) {
+    ZUN_CHECK(tries < 1000);
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
   authenticate();
 
-  const Dictionary info{{kZunReportingSessionInfoSessionID, 1},
-                        {kZunReportingSessionInfoClientType, 7},
-                        {kZunReportingSessionInfoClientVersion, 1},
-                        {kZunReportingSessionInfoBatchEvent, batch}};
-  const Dictionary user{{kZunReportingUserInfoClientName, "bench"},
-                        {kZunReportingUserInfoServiceName, "throughput"}};
-  call(callOf("setSessionInfo", "a{sv}aa{sv}asb", Array{info, Array{user}, Array{}, false}));
+  call(infoCall(batch));
   call(callOf("startConfigWithCompletionHandler", "", {}));
-  const Dictionary message{{kZunReportingMessageParametersCategory, 3},
-                           {kZunReportingMessageParametersType, 17},
-                           {kZunReportingMessageParametersPayload, samplePayload()}};
-  event_ = callOf("sendMessageWithDictionary", "a{sv}", Array{message});
+  use(Call::kEvent);
 }
 
 Client::~Client() {
   close(socket_);
+}
+
+void Client::use(Call call) {
+  expected_ = call == Call::kRefused ? DBusMessageType::kError : DBusMessageType::kMethodReturn;
+  switch (call) {
+    case Call::kEvent: messages_ = {eventCall()}; break;
+    case Call::kJoin: messages_ = {infoCall(true, "one"), infoCall(true, "another")}; break;
+    case Call::kFlush: messages_ = {eventCall(), callOf("flushMessagesWithCompletion", "", {})}; break;
+    case Call::kRefused: messages_ = {callOf("noSuchMember", "", {})}; break;
+  }
 }
 
 void Client::send(uint64_t count, Sending sending, std::vector<Clock::duration>& latencies) {
@@ -86,8 +112,9 @@ void Client::send(uint64_t count, Sending sending, std::vector<Clock::duration>&
       block.clear();
       const auto now = Clock::now();
       for (uint64_t i = 0; i < room; ++i) {
-        block += event_;
-        setSerial(block.data() + block.size() - event_.size(), ++serial_);
+        const std::string& message = messages_[sent % messages_.size()];
+        block += message;
+        setSerial(block.data() + block.size() - message.size(), ++serial_);
         sentAt[sent++ % window] = now;
       }
       writeAll(block.data(), block.size());
@@ -143,7 +170,7 @@ uint64_t Client::readReplies() {
       const auto frame = frameDBusMessage(rest);
       ZUN_CHECK(static_cast<bool>(frame));
       if (rest.size() < frame->totalBytes) break;
-      ZUN_CHECK(rest[1] == static_cast<char>(DBusMessageType::kMethodReturn));
+      ZUN_CHECK(rest[1] == static_cast<char>(expected_));
       taken += frame->totalBytes;
       ++replies;
     }

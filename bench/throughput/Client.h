@@ -5,11 +5,19 @@
 #include <string>
 #include <vector>
 
+#include "linux/dbus/DBusMessage.h"
+
 namespace zun::bench {
 
 using Clock = std::chrono::steady_clock;
 
 enum class Sending { kAwaited, kPipelined };
+enum class Call {
+  kEvent,
+  kJoin,     // of one hierarchy and another in turn
+  kFlush,    // of an event each
+  kRefused,  // no such member
+};
 
 /// A client process's side of a session, as fast as the socket takes it: messages are
 /// encoded once and only their serial changes.
@@ -21,13 +29,12 @@ class Client final {
   Client(const Client&) = delete;
   Client& operator=(const Client&) = delete;
 
-  /// Sends `count` events and hears every reply. Adds each call's time to `latencies`.
+  /// What `send` sends from now on; events at first.
+  void use(Call call);
+  /// Sends `count` calls and hears every reply. Adds each call's time to `latencies`.
   void send(uint64_t count, Sending sending, std::vector<Clock::duration>& latencies);
   /// Waits until what is batched has been posted.
   void flush();
-
-  /// Bytes of one event's call.
-  [[nodiscard]] size_t eventBytes() const { return event_.size(); }
 
  private:
   void authenticate();
@@ -40,7 +47,8 @@ class Client final {
 
   int socket_ = -1;
   uint32_t serial_ = 0;
-  std::string event_;
+  std::vector<std::string> messages_;  // sent in turn
+  DBusMessageType expected_ = DBusMessageType::kMethodReturn;
   std::string received_;
 };
 
