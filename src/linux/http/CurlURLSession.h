@@ -30,6 +30,9 @@ struct CurlOptions {
   std::chrono::milliseconds resourceTimeout = std::chrono::hours(7 * 24);
   std::chrono::milliseconds powerCheckInterval = std::chrono::seconds(30);
 
+  /// Kept connections end when nothing has been under way for so long.
+  std::chrono::milliseconds idleConnectionsEnd = std::chrono::seconds(20);
+
   int64_t maxResponseBytes = 16 << 20;
   int64_t maxUploadFileBytes = 256 << 20;
   /// What is beyond them waits for its turn.

@@ -15,12 +15,18 @@ constexpr long kIdleConnections = 32;
 constexpr size_t kSpareTransfers = 16;
 constexpr std::chrono::milliseconds kLongestPoll = std::chrono::hours(1);
 
+/// Null without the memory or the descriptors for it.
 CURLM* makeMulti() {
   // Once for the process; libcurl's own rule.
   static const CURLcode prepared = curl_global_init(CURL_GLOBAL_DEFAULT);
   ZUN_CHECK(prepared == CURLE_OK);
   CURLM* multi = curl_multi_init();
-  ZUN_CHECK(multi != nullptr);
+  // It would be made without descriptors too, and nobody could wake it.
+  if (multi != nullptr && curl_multi_wakeup(multi) != CURLM_OK) {
+    curl_multi_cleanup(multi);
+    multi = nullptr;
+  }
+  if (multi == nullptr) return nullptr;
   curl_multi_setopt(multi, CURLMOPT_PIPELINING, static_cast<long>(CURLPIPE_NOTHING));
   curl_multi_setopt(multi, CURLMOPT_MAXCONNECTS, kIdleConnections);
   return multi;
@@ -47,6 +53,7 @@ CurlURLSessionLoop::CurlURLSessionLoop(CurlOptions options, SystemLog& log)
       shares_(options_.maxTasks, options_.maxBodyBytes),
       multi_(makeMulti()),
       queue_(options_) {
+  ZUN_CHECK(multi_ != nullptr);
   thread_ = std::thread([this] {
     blockSignals();
     pthread_setname_np(pthread_self(), "zun-transfers");
@@ -127,6 +134,7 @@ void CurlURLSessionLoop::run() {
     deliver();
     collectEnded();
     expire();
+    endIdleConnections();
     poll();
   }
   cancelEverything();
@@ -257,6 +265,7 @@ void CurlURLSessionLoop::start(Task task) {
     spare_.pop_back();
   }
   Transfer& started = *transfer;
+  idleConnectionsEnd_.reset();
   active_.emplace(&started, std::move(transfer));
   const bool isReady = started.begin(task);
   if (isReady && curl_multi_add_handle(multi_, started.handle()) == CURLM_OK) return;
@@ -304,6 +313,7 @@ void CurlURLSessionLoop::release(Transfer& transfer) {
   if (spare_.size() < kSpareTransfers) spare_.push_back(std::move(found->second));
   active_.erase(found);
   queue_.ended(*task);
+  if (active_.empty()) idleConnectionsEnd_ = Clock::now() + options_.idleConnectionsEnd;
 }
 
 void CurlURLSessionLoop::noteSentAgain(unsigned times) {
@@ -368,6 +378,25 @@ void CurlURLSessionLoop::deliver() {
   }
 }
 
+// libcurl looks at kept connections only when it wants one: those that servers have closed
+// meanwhile would be held, with all their memory, until then.
+void CurlURLSessionLoop::endIdleConnections() {
+  if (!idleConnectionsEnd_ || Clock::now() < *idleConnectionsEnd_) return;
+  CURLM* fresh = makeMulti();
+  if (fresh == nullptr) {
+    idleConnectionsEnd_ = Clock::now() + options_.idleConnectionsEnd;
+    return;
+  }
+  {
+    const MutexLock lock(mutex_);
+    std::swap(multi_, fresh);
+    // Whoever filled the inbox meanwhile has woken the former one.
+    curl_multi_wakeup(multi_);
+  }
+  idleConnectionsEnd_.reset();
+  curl_multi_cleanup(fresh);
+}
+
 void CurlURLSessionLoop::poll() {
   const auto left = std::chrono::ceil<std::chrono::milliseconds>(untilNextDeadline());
   const int timeout = queue_.hasNext() ? 0 : static_cast<int>(std::clamp(left, {}, kLongestPoll).count());
@@ -387,6 +416,7 @@ CurlURLSessionLoop::Clock::duration CurlURLSessionLoop::untilNextDeadline() cons
   for (const auto& [transfer, owned] : active_) next = std::min(next, transfer->deadline());
   if (hasPending()) next = std::min(next, nextExpiry_);
   if (!waiting_.empty()) next = std::min(next, nextPowerCheck_);
+  if (idleConnectionsEnd_) next = std::min(next, *idleConnectionsEnd_);
   return std::max(next - now, Clock::duration::zero());
 }
 

@@ -85,6 +85,7 @@ class CurlURLSessionLoop final {
   template <typename Condition>
   void endPending(const Error& error, Condition isOver);
   void deliver();
+  void endIdleConnections();
   void poll();
   [[nodiscard]] Clock::duration untilNextDeadline() const;
   void cancelEverything();
@@ -100,7 +101,7 @@ class CurlURLSessionLoop final {
   const std::shared_ptr<PowerSupply> power_;
   TransferShares shares_;
   const std::shared_ptr<Heartbeat> heartbeat_ = std::make_shared<Heartbeat>("the transfer thread");
-  CURLM* const multi_;
+  CURLM* multi_;  // another one, now and then: changed by the transfer thread, under the mutex
 
   struct Inbox {
     std::vector<Task> tasks;
@@ -126,6 +127,7 @@ class CurlURLSessionLoop final {
   Clock::time_point nextSentAgainLine_;
   Clock::time_point nextExpiry_;
   Clock::time_point nextPowerCheck_;
+  std::optional<Clock::time_point> idleConnectionsEnd_;  // none: something is under way, or nothing is kept
 
   std::thread thread_;
 };

@@ -81,6 +81,38 @@ class URLSessionWaitingTest : public URLSessionTest {
   }
 };
 
+// A daemon that rests holds nobody's descriptors and memory, nor its servers'.
+TEST_F(URLSessionWaitingTest, IdleConnectionsEndWhenNothingHasBeenUnderWayForAWhile) {
+  start({.idleConnectionsEnd = 50ms});
+  server_.answer("/", {.body = "ok"});
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(get(server_.url("/")).data, "ok");
+    const auto deadline = std::chrono::steady_clock::now() + HTTPSTestServer::kDeadline;
+    while (trafficClassTowards(server_.port()) >= 0 && std::chrono::steady_clock::now() < deadline)
+      std::this_thread::yield();
+    EXPECT_EQ(trafficClassTowards(server_.port()), -1);
+  }
+  EXPECT_EQ(server_.connectionsAccepted(), 2);
+}
+
+TEST_F(URLSessionWaitingTest, IdleConnectionsStayWhileAnythingIsUnderWay) {
+  start({.idleConnectionsEnd = 50ms});
+  const auto gate = std::make_shared<TestGate>();
+  server_.answer("/held", {.gate = gate});
+  server_.answer("/", {.body = "ok"});
+  begin({.url = server_.url("/held")}, "held");
+  ASSERT_TRUE(server_.waitForRequests(1));
+  EXPECT_EQ(get(server_.url("/")).data, "ok");
+  HTTPSTestServer other;  // passes the time, and wakes the loop
+  other.answer("/drip", {.ending = TestAnswer::Ending::kDrip, .fillerBytes = 1 << 20});
+  EXPECT_TRUE(load({.url = other.url("/drip"), .timeout = 1h, .wholeTimeout = 200ms})
+                  .failedWith(URLSessionError::kTimedOut));
+  EXPECT_EQ(get(server_.url("/")).data, "ok");
+  EXPECT_EQ(server_.connectionsAccepted(), 2);
+  gate->open();
+  ASSERT_TRUE(delegate_->waitForEnd("held"));
+}
+
 TEST_F(URLSessionWaitingTest, RefusedLoopbackPortFailsAtOnceWhateverTheRoutes) {
   const std::string port = std::to_string(refusedPort());
   for (const RouteMonitor::Status status : {kNetworkUp, kNetworkDown, kNetworkCellular}) {
