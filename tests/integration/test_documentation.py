@@ -20,7 +20,7 @@ PROGRAMS = {"zunreportingd": ("operations.md", ()),
 GIVEN_TO_ALL = {"--help", "--version"}
 OTHER_PROGRAMS = {"--output-fields", "--defined-only", "--peer", "--print-reply", "--dest", "--preset", "--build",
                   "--target", "--check", "--repeat", "--gtest", "--since", "--concurrency", "--start",
-                  "--lines"}
+                  "--lines", "--minutes", "--clients", "--seed"}
 
 
 # Rows of the bounds' table, and the constants that their figures are.
