@@ -79,7 +79,10 @@ DBusInput::Received DBusInput::receive(int socket) {
     count = ::recvmsg(socket, &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
   } while (count < 0 && errno == EINTR);
   wasFilled_ = false;
-  if (count < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return Received::kNothingYet;
+  // Short of memory, the kernel has it still.
+  if (count < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == ENOBUFS || errno == ENOMEM)) {
+    return Received::kNothingYet;
+  }
   if (count <= 0) return Received::kEndOfInput;
   end_ += static_cast<size_t>(count);
   wasFilled_ = end_ == capacity_;

@@ -172,9 +172,11 @@ void DBusOutput::write() {
   while (!isClosed_ && queued() > 0) {
     const ssize_t sent = ::send(socket_, buffer_.data() + written_, queued(), MSG_NOSIGNAL | MSG_DONTWAIT);
     if (sent < 0 && errno == EINTR) continue;
-    if (sent < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == ENOBUFS)) break;
+    // Short of memory, the kernel takes it when it is asked again.
+    if (sent < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == ENOBUFS || errno == ENOMEM)) break;
     if (sent < 0) {
       dropAll();
+      ::shutdown(socket_, SHUT_RDWR);  // who waits for an answer is not to wait for ever
       return;
     }
     written_ += static_cast<size_t>(sent);

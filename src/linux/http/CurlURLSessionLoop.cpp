@@ -2,8 +2,12 @@
 
 #include <pthread.h>
 #include <signal.h>
+#include <sys/eventfd.h>
 
 #include <algorithm>
+#include <array>
+#include <cerrno>
+#include <system_error>
 #include <utility>
 
 #include "values/Check.h"
@@ -15,21 +19,22 @@ constexpr long kIdleConnections = 32;
 constexpr size_t kSpareTransfers = 16;
 constexpr std::chrono::milliseconds kLongestPoll = std::chrono::hours(1);
 
-/// Null without the memory or the descriptors for it.
+/// Null without the memory for it.
 CURLM* makeMulti() {
   // Once for the process; libcurl's own rule.
   static const CURLcode prepared = curl_global_init(CURL_GLOBAL_DEFAULT);
   ZUN_CHECK(prepared == CURLE_OK);
   CURLM* multi = curl_multi_init();
-  // It would be made without descriptors too, and nobody could wake it.
-  if (multi != nullptr && curl_multi_wakeup(multi) != CURLM_OK) {
-    curl_multi_cleanup(multi);
-    multi = nullptr;
-  }
   if (multi == nullptr) return nullptr;
   curl_multi_setopt(multi, CURLMOPT_PIPELINING, static_cast<long>(CURLPIPE_NOTHING));
   curl_multi_setopt(multi, CURLMOPT_MAXCONNECTS, kIdleConnections);
   return multi;
+}
+
+FileDescriptor makeWake() {
+  FileDescriptor wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  if (!wake.isOpen()) throw std::system_error(errno, std::generic_category(), "the transfer thread");
+  return wake;
 }
 
 // Signals are the main thread's; a peer that hangs up is an error code here.
@@ -51,6 +56,7 @@ CurlURLSessionLoop::CurlURLSessionLoop(CurlOptions options, SystemLog& log)
       routes_(options_.routes ? options_.routes : std::make_shared<NetlinkRouteMonitor>(log)),
       power_(options_.power ? options_.power : std::make_shared<SysfsPowerSupply>()),
       shares_(options_.maxTasks, options_.maxBodyBytes),
+      wake_(makeWake()),
       multi_(makeMulti()),
       queue_(options_) {
   ZUN_CHECK(multi_ != nullptr);
@@ -81,10 +87,10 @@ void CurlURLSessionLoop::submit(Task task) {
       ++inbox_.inFlight;
       inbox_.tasks.push_back(task);
     }
-    // Under the lock: the multi handle lives as long as the loop is not stopping.
+    // Under the lock: the loop lives as long as it is not stopping.
     if (wasEmpty) {
       heartbeat_->works();
-      curl_multi_wakeup(multi_);
+      wake();
     }
   }
   if (refusal) task->fail(*refusal);
@@ -94,16 +100,24 @@ void CurlURLSessionLoop::endCancelled() {
   const MutexLock lock(mutex_);
   if (inbox_.isStopping) return;
   inbox_.hasCancelled = true;
-  curl_multi_wakeup(multi_);
+  wake();
 }
 
 void CurlURLSessionLoop::stop() {
   {
     const MutexLock lock(mutex_);
     inbox_.isStopping = true;
-    curl_multi_wakeup(multi_);
+    wake();
   }
   thread_.join();
+}
+
+// Not by curl_multi_wakeup: its socket needs memory for each byte, and a call to wake that
+// fails would leave every transfer waiting.
+void CurlURLSessionLoop::wake() {
+  const uint64_t one = 1;
+  // Only a full counter refuses, and then the thread is awake already.
+  [[maybe_unused]] const ssize_t written = ::write(wake_.get(), &one, sizeof one);
 }
 
 size_t CurlURLSessionLoop::transfersInFlight() const {
@@ -387,12 +401,7 @@ void CurlURLSessionLoop::endIdleConnections() {
     idleConnectionsEnd_ = Clock::now() + options_.idleConnectionsEnd;
     return;
   }
-  {
-    const MutexLock lock(mutex_);
-    std::swap(multi_, fresh);
-    // Whoever filled the inbox meanwhile has woken the former one.
-    curl_multi_wakeup(multi_);
-  }
+  std::swap(multi_, fresh);
   idleConnectionsEnd_.reset();
   curl_multi_cleanup(fresh);
 }
@@ -400,14 +409,19 @@ void CurlURLSessionLoop::endIdleConnections() {
 void CurlURLSessionLoop::poll() {
   const auto left = std::chrono::ceil<std::chrono::milliseconds>(untilNextDeadline());
   const int timeout = queue_.hasNext() ? 0 : static_cast<int>(std::clamp(left, {}, kLongestPoll).count());
+  std::array<curl_waitfd, 2> watched{
+      {{wake_.get(), CURL_WAIT_POLLIN, 0}, {routes_->descriptor(), CURL_WAIT_POLLIN, 0}}};
   // Only those who wait want to know of routes; nobody else is woken by them.
-  curl_waitfd change{routes_->descriptor(), CURL_WAIT_POLLIN, 0};
-  const bool watches = !waiting_.empty() && change.fd >= 0;
+  const bool watchesRoutes = !waiting_.empty() && watched[1].fd >= 0;
   int ready = 0;
   heartbeat_->rests();
-  curl_multi_poll(multi_, watches ? &change : nullptr, watches ? 1 : 0, timeout, &ready);
+  curl_multi_poll(multi_, watched.data(), watchesRoutes ? 2 : 1, timeout, &ready);
   heartbeat_->works();
-  if (watches && change.revents != 0) isRouteStale_ = true;
+  uint64_t count = 0;
+  if (watched[0].revents != 0) {
+    [[maybe_unused]] const ssize_t taken = ::read(wake_.get(), &count, sizeof count);
+  }
+  if (watchesRoutes && watched[1].revents != 0) isRouteStale_ = true;
 }
 
 CurlURLSessionLoop::Clock::duration CurlURLSessionLoop::untilNextDeadline() const {

@@ -12,6 +12,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "linux/files/FileDescriptor.h"
 #include "linux/http/CurlURLSession.h"
 #include "linux/http/CurlURLSessionTransfer.h"
 #include "linux/http/TransferQueue.h"
@@ -61,6 +62,7 @@ class CurlURLSessionLoop final {
     std::optional<bool> hasPower;
   };
 
+  void wake();
   void run();
   bool takeInbox();
   void admit(Task task, Conditions& conditions);
@@ -101,7 +103,8 @@ class CurlURLSessionLoop final {
   const std::shared_ptr<PowerSupply> power_;
   TransferShares shares_;
   const std::shared_ptr<Heartbeat> heartbeat_ = std::make_shared<Heartbeat>("the transfer thread");
-  CURLM* multi_;  // another one, now and then: changed by the transfer thread, under the mutex
+  const FileDescriptor wake_;
+  CURLM* multi_;  // another one, now and then; the transfer thread's while that runs
 
   struct Inbox {
     std::vector<Task> tasks;
