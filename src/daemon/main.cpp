@@ -74,10 +74,11 @@ Result<std::unique_ptr<DBusServiceListener>, Error> makeListener(const DaemonOpt
   return DBusServiceListener::create(std::move(listenerOptions), entitlements, platform.log);
 }
 
-void connect(Machine& machine, EventLoop& loop, DBusServiceListener& listener, Lifetime& lifetime,
+/// False where the system has no means left to tell of signals.
+bool connect(Machine& machine, EventLoop& loop, DBusServiceListener& listener, Lifetime& lifetime,
              MemoryReturn& memory) {
   for (const int signal : {SIGTERM, SIGINT}) {
-    loop.onSignal(signal, [&lifetime] { lifetime.terminationRequested(); });
+    if (!loop.onSignal(signal, [&lifetime] { lifetime.terminationRequested(); })) return false;
   }
   machine.onTransactionChange([&lifetime](bool isOpen) { lifetime.transactionChanged(isOpen); });
   listener.setConnectionCountHandler([&loop, &lifetime, &memory](size_t count) {
@@ -86,6 +87,7 @@ void connect(Machine& machine, EventLoop& loop, DBusServiceListener& listener, L
       memory.connectionsChanged(count);
     });
   });
+  return true;
 }
 
 int runDaemon(const DaemonOptions& options, EventLoop& loop, SystemLog& log) {
@@ -114,7 +116,10 @@ int runDaemon(const DaemonOptions& options, EventLoop& loop, SystemLog& log) {
   Lifetime lifetime(options, *machine, **listener, maker, platform.clock, log);
   MemoryReturn memory([&machine](auto wait, auto action) { machine->runAfter(wait, std::move(action)); },
                       &returnFreeMemory);
-  connect(*machine, loop, **listener, lifetime, memory);
+  if (!connect(*machine, loop, **listener, lifetime, memory)) {
+    log.error("main: cannot start: nobody could end it, for signals cannot be received");
+    return kExitCannotStart;
+  }
   Watchdog watchdog(loop, log);
   machine->letWatch(watchdog);
   watchdog.watch((*listener)->heartbeat());

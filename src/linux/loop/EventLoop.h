@@ -45,7 +45,7 @@ class EventLoop final : public TimerService {
 
   /// Calls `handler` on the loop's thread whenever `signal` has come. One handler for
   /// each signal.
-  bool onSignal(int signal, UniqueFunction<void()> handler);
+  [[nodiscard]] bool onSignal(int signal, UniqueFunction<void()> handler);
 
   /// The service manager, where it asks, hears of the loop only as often as `isAlive` says so
   /// too. It is called on the loop's thread with the longest that may pass between two signs.

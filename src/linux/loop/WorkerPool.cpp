@@ -10,12 +10,19 @@ namespace zun {
 WorkerPool::WorkerPool(unsigned threads, const char* name) : name_(name) {
   const unsigned count = std::max(threads, 1U);
   threads_.reserve(count);
-  for (unsigned i = 0; i < count; ++i) {
-    threads_.emplace_back([this] { work(); });
+  try {
+    for (unsigned i = 0; i < count; ++i) threads_.emplace_back([this] { work(); });
+  } catch (...) {
+    end();  // those that the system had room for
+    throw;
   }
 }
 
 WorkerPool::~WorkerPool() {
+  end();
+}
+
+void WorkerPool::end() {
   {
     const MutexLock lock(mutex_);
     isEnding_ = true;

@@ -41,6 +41,7 @@ class WorkerPool final : public Executor {
   [[nodiscard]] std::shared_ptr<const Heartbeat> heartbeat() const { return heartbeat_; }
 
  private:
+  void end();
   void work() noexcept;
 
   const char* const name_;
