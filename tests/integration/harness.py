@@ -346,6 +346,7 @@ class Daemon:
         self.source = journal.lines(self.process) if journal else self.process.stderr
         self.reader = threading.Thread(target=self.read, daemon=True)
         self.reader.start()
+        scratch.daemon = self  # to be looked at and ended, whether it starts or not
         self.wait_for_line("main: Listener resumes with sandbox, start loop.")
 
     def read(self):
