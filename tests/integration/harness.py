@@ -66,11 +66,11 @@ class Authority:
         extensions = folder / f"{name}-server.ext"
         extensions.write_text(f"subjectAltName=DNS:localhost,IP:{address}\n")
         new_key = ["-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes"]
-        run("openssl", "req", "-x509", *new_key, "-keyout", ca_key, "-out", self.ca, "-days", "2",
+        run("openssl", "req", "-x509", *new_key, "-keyout", ca_key, "-out", self.ca, "-days", "4",
             "-subj", f"/CN=zunreporting test {name}")
         run("openssl", "req", *new_key, "-keyout", self.key, "-out", request, "-subj", "/CN=localhost")
         run("openssl", "x509", "-req", "-in", request, "-CA", self.ca, "-CAkey", ca_key, "-CAcreateserial",
-            "-days", "2", "-extfile", str(extensions), "-out", self.certificate)
+            "-days", "4", "-extfile", str(extensions), "-out", self.certificate)
 
 
 class Post:
