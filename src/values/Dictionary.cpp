@@ -188,7 +188,8 @@ void Dictionary::remove(std::string_view key) {
 
 // By value: `other` may be this very dictionary, or live inside it.
 void Dictionary::addEntries(Dictionary other) {
-  if (empty()) {
+  // A block that was reserved for more stays.
+  if (empty() && (storage_ == nullptr || storage_->capacity < other.size())) {
     *this = std::move(other);
     return;
   }

@@ -224,5 +224,17 @@ TEST(DictionaryTest, ARecordOfItsCapacityStaysInItsBlock) {
   for (int i = 0; i < 35; ++i) EXPECT_EQ(record[keyOf(i)].intValue(), i);
 }
 
+TEST(DictionaryTest, EntriesThatAreAddedToAReservedBlockStayInIt) {
+  const Dictionary payload{{"a", 1}, {"b", 2}};
+  Dictionary record = Dictionary::withCapacity(35);
+  const size_t before = record.allocationSize();
+  record.addEntries(payload);
+  EXPECT_EQ(record.allocationSize(), before);
+  EXPECT_EQ(record, payload);
+  Dictionary small = Dictionary::withCapacity(1);
+  small.addEntries(payload);
+  EXPECT_EQ(small.allocationSize(), payload.allocationSize());  // shared: it had to grow anyway
+}
+
 }  // namespace
 }  // namespace zun
