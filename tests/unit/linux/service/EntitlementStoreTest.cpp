@@ -14,6 +14,7 @@
 #include <mutex>
 
 #include "linux/files/FileDescriptor.h"
+#include "linux/service/KnownPeer.h"
 #include "support/Fakes.h"
 #include "support/RecordingLog.h"
 #include "support/ScratchFolder.h"
@@ -408,6 +409,16 @@ TEST_F(EntitlementStoreTest, TheDecidingRuleSaysWhatMayBeClaimed) {
   EXPECT_EQ(wide.clientTypes, std::nullopt);
   EXPECT_EQ(wide.clientNames, std::nullopt);
   EXPECT_FALSE(wide.onlyOwnHierarchies);
+}
+
+TEST(KnownPeerTest, APeerHasTheClaimsOfTheEntitlementThatIsAsked) {
+  ClientClaims claims;
+  claims.clientTypes = std::vector<int64_t>{7};
+  const KnownPeer peer({}, {{"narrow", {true, claims}}});
+  EXPECT_EQ(peer.claims("narrow").clientTypes, std::vector<int64_t>{7});
+  EXPECT_EQ(peer.booleanEntitlement("narrow"), true);
+  EXPECT_EQ(peer.claims("other").clientTypes, std::nullopt);
+  EXPECT_EQ(peer.booleanEntitlement("other"), std::nullopt);
 }
 
 TEST_F(EntitlementStoreTest, ClaimsOfTheWrongFormAreRefused) {
