@@ -158,6 +158,7 @@ void serve(std::string_view bytes, size_t pieceBytes, size_t descriptors) {
   Accepting delegate;
   zun::DBusConnectionOptions options;
   options.messageLimits.maximumMessageBytes = 4096;
+  options.restAfter = std::chrono::milliseconds(-1);
   auto connection = zun::DBusServiceConnection::create(zun::FileDescriptor(ends[0]), zun::KnownPeer(peer, {}),
                                                        "0123456789abcdef0123456789abcdef", options, log);
   check(connection != nullptr, "a connection");

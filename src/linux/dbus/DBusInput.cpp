@@ -65,6 +65,12 @@ void DBusInput::makeRoom() {
   end_ = kept;
 }
 
+void DBusInput::giveBackMemory() {
+  if (begin_ != end_) return;
+  buffer_ = nullptr;
+  capacity_ = 0;
+}
+
 DBusInput::Received DBusInput::receive(int socket) {
   makeRoom();
   alignas(cmsghdr) std::array<char, CMSG_SPACE(kKernelMaximumDescriptors * sizeof(int))> control;

@@ -55,6 +55,9 @@ class DBusInput final {
   /// of no more use.
   std::optional<DBusIncomingMessage> takeMessage();
 
+  /// Nothing will come for a while.
+  void giveBackMemory();
+
   void allowDescriptors() { allowsDescriptors_ = true; }
   /// Closes those that still wait for their message.
   void dropDescriptors() { descriptors_.clear(); }

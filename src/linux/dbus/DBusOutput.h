@@ -55,8 +55,8 @@ class DBusOutput final : public std::enable_shared_from_this<DBusOutput> {
         wake_(wake),
         largeReply_(std::move(largeReplies), holder) {}
 
-  /// From now on messages of the calling thread wait for `flush`.
-  void setConnectionThread() { connectionThread_ = std::this_thread::get_id(); }
+  /// From now on this thread's messages wait for `flush`; none's after no thread.
+  void setConnectionThread(std::thread::id thread) { connectionThread_ = thread; }
 
   /// The reply to a call; it counts as pending until it is given.
   /// `signature` lives as long as the program or the exported interface.

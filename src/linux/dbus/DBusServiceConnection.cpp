@@ -146,18 +146,23 @@ std::optional<std::string> DBusServiceConnection::callRemote(const EncodedCall& 
   return output_->sendCall(header, encoded.body);
 }
 
-void DBusServiceConnection::run(ServiceListenerDelegate* delegate,
-                                const std::shared_ptr<ServiceConnection>& self) {
-  output_->setConnectionThread();
+DBusServiceConnection::Outcome DBusServiceConnection::run(ServiceListenerDelegate* delegate,
+                                                          const std::shared_ptr<ServiceConnection>& self) {
+  output_->setConnectionThread(std::this_thread::get_id());
   try {
-    if (authenticate() && delegate != nullptr && delegate->shouldAcceptNewConnection(self)) {
+    if (!isServed_ && authenticate() && delegate != nullptr && delegate->shouldAcceptNewConnection(self)) {
+      isServed_ = true;
       waitForResume();
-      serve();
+    }
+    if (isServed_ && serve() == Outcome::kRests) {
+      output_->setConnectionThread({});
+      return Outcome::kRests;
     }
   } catch (const std::exception& exception) {
     log_.error("listener: {}: its connection failed: {}", description_, exception.what());
   }
   end();
+  return Outcome::kEnded;
 }
 
 bool DBusServiceConnection::authenticate() {
@@ -194,21 +199,32 @@ void DBusServiceConnection::waitForResume() {
   while (!isResumed_ && !isInvalidated_ && !peerIsGone_) waitForEvents(0, kForEver);
 }
 
-void DBusServiceConnection::serve() {
+DBusServiceConnection::Outcome DBusServiceConnection::serve() {
   while (!isInvalidated_) {
-    if (dispatchBuffered() == Step::kStop) return;
+    if (dispatchBuffered() == Step::kStop) break;
     output_->flush();
-    if (isInvalidated_) return;
+    if (isInvalidated_) break;
     const bool hadLastCall = endOfInput_ && isStarved_;
-    if (hadLastCall && isFinished()) return;
+    if (hadLastCall && isFinished()) break;
     if (hadLastCall || !output_->hasRoom()) {
-      if (waitForReader() == Step::kStop) return;
+      if (waitForReader() == Step::kStop) break;
       continue;
     }
     if (!isStarved_) continue;
-    if (!input_.wasFilled()) waitForEvents(POLLIN, kForEver);
-    if (!receive()) return;
+    if (!input_.wasFilled() && !waitForCalls()) return Outcome::kRests;
+    if (!receive()) break;
   }
+  return Outcome::kEnded;
+}
+
+/// False where the connection is to rest: nobody waits for anything but the client's next
+/// call, and that does not come soon. Whoever queues something meanwhile writes it himself,
+/// and wakes the connection where the socket does not take it.
+bool DBusServiceConnection::waitForCalls() {
+  const bool mayRest = output_->queuedBytes() == 0 && options_.restAfter >= Milliseconds::zero();
+  if (waitForEvents(POLLIN, mayRest ? static_cast<int>(options_.restAfter.count()) : kForEver)) return true;
+  input_.giveBackMemory();
+  return false;
 }
 
 /// Waits until the peer reads what is queued or a reply is given; stops after too long

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <memory>
@@ -37,6 +38,8 @@ struct DBusConnectionOptions {
   /// reading a byte. Its own end of the connection may be among what it sent: then nothing
   /// else would ever tell that it has gone.
   std::chrono::milliseconds unreadTimeout{std::chrono::minutes{10}};
+  /// For how long a client that sends nothing keeps its thread; negative: for ever.
+  std::chrono::milliseconds restAfter{100};
   DBusBudgets budgets;
 };
 
@@ -47,8 +50,9 @@ struct DBusConnectionOptions {
 ///            ▼                   ▼                 │    │ interruption handler, then
 ///          closed              closed              └────┘ the answers still owed
 ///
-/// Threading: `run` is the connection's thread; everything else as ServiceConnection says.
-/// Ownership: the listener holds it until its thread has ended, others as they like.
+/// Threading: whichever thread is within `run` is the connection's thread; everything else as
+/// ServiceConnection says.
+/// Ownership: the listener holds it until it has ended, others as they like.
 /// Handlers and the exported object are let go when the connection has been invalidated.
 class DBusServiceConnection final : public ServiceConnection {
  public:
@@ -61,9 +65,13 @@ class DBusServiceConnection final : public ServiceConnection {
                         const DBusConnectionOptions& options, SystemLog& log);
   ~DBusServiceConnection() override;
 
-  /// Serves the client until the connection ends. Asks `delegate` (null: nobody, refused).
-  /// `self` is this connection, as the delegate gets it.
-  void run(ServiceListenerDelegate* delegate, const std::shared_ptr<ServiceConnection>& self);
+  enum class Outcome { kRests, kEnded };
+
+  /// Serves the client until the connection ends, or rests for want of anything to do: to be
+  /// run again when one of `descriptors` is readable. Asks `delegate` (null: nobody, refused).
+  /// `self` is this connection, as the delegate gets it. Not two at once.
+  Outcome run(ServiceListenerDelegate* delegate, const std::shared_ptr<ServiceConnection>& self);
+  [[nodiscard]] std::array<int, 2> descriptors() const { return {socket_.get(), wake_.get()}; }
 
   std::optional<bool> booleanEntitlement(std::string_view name) const override {
     return peer_.booleanEntitlement(name);
@@ -99,9 +107,10 @@ class DBusServiceConnection final : public ServiceConnection {
 
   bool authenticate();
   void waitForResume();
-  void serve();
+  Outcome serve();
   bool waitForEvents(int events, int milliseconds);
   Step waitForReader();
+  bool waitForCalls();
   void notePeerIsGone();
   bool receive();
   bool isFinished();
@@ -140,6 +149,7 @@ class DBusServiceConnection final : public ServiceConnection {
   bool endOfInput_ = false;     // it sends no more
   bool isStarved_ = false;      // no whole message is left in the buffer
   bool isInterrupted_ = false;  // the interruption handler was called
+  bool isServed_ = false;       // the delegate has accepted it
 };
 
 }  // namespace zun

@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <poll.h>
-#include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <systemd/sd-id128.h>
@@ -49,25 +48,41 @@ FileDescriptor openSpare() {
   return FileDescriptor(::open("/dev/null", O_RDONLY | O_CLOEXEC));
 }
 
-/// Sanitizers' frames and red zones take several times the stack.
-constexpr size_t stackBytes(size_t wanted) {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-  return wanted * 8;
-#else
-  return wanted;
-#endif
-}
-
 }  // namespace
 
-struct DBusServiceListener::Served {
-  DBusServiceListener* listener = nullptr;
-  std::shared_ptr<DBusServiceConnection> connection;
+class DBusServiceListener::Served final : public DescriptorTask {
+ public:
+  Served(DBusServiceListener& listener, std::shared_ptr<DBusServiceConnection> served)
+      : user(served->peer().identity().user),
+        program(programKey(served->peer().identity())),
+        connection(std::move(served)),
+        listener_(listener) {}
+
+  Outcome work() override {
+    if (run() == DBusServiceConnection::Outcome::kRests) return Outcome::kRests;
+    listener_.connectionEnded(*this);
+    return Outcome::kEnded;
+  }
+  std::array<int, 2> descriptors() const override { return connection->descriptors(); }
+
   // Whose place it holds.
-  uid_t user = 0;
-  ProgramKey program;
-  pthread_t thread{};
-  std::list<std::unique_ptr<Served>>::iterator place;
+  const uid_t user;
+  const ProgramKey program;
+  std::shared_ptr<DBusServiceConnection> connection;  // until it has ended; under the listener's lock then
+  std::list<std::shared_ptr<Served>>::iterator place;
+
+ private:
+  DBusServiceConnection::Outcome run() {
+    try {
+      return connection->run(&listener_, connection);
+    } catch (const std::exception& exception) {
+      listener_.log_.error("listener: {}: its connection failed: {}", connection->description(),
+                           exception.what());
+      return DBusServiceConnection::Outcome::kEnded;
+    }
+  }
+
+  DBusServiceListener& listener_;
 };
 
 Result<std::unique_ptr<DBusServiceListener>, Error> DBusServiceListener::create(
@@ -79,12 +94,15 @@ Result<std::unique_ptr<DBusServiceListener>, Error> DBusServiceListener::create(
   if (!wake.isOpen()) {
     return Created::failure(posixError(errno));
   }
-  return std::unique_ptr<DBusServiceListener>(
-      new DBusServiceListener(std::move(options), std::move(*socket), std::move(wake), entitlements, log));
+  auto pool = ElasticPool::create(options.threads, log);
+  if (!pool) return Created::failure(pool.error());
+  return std::unique_ptr<DBusServiceListener>(new DBusServiceListener(
+      std::move(options), std::move(*socket), std::move(wake), std::move(*pool), entitlements, log));
 }
 
 DBusServiceListener::DBusServiceListener(DBusListenerOptions options, ListeningSocket socket,
-                                         FileDescriptor wake, EntitlementStore& entitlements, SystemLog& log)
+                                         FileDescriptor wake, std::unique_ptr<ElasticPool> pool,
+                                         EntitlementStore& entitlements, SystemLog& log)
     : options_(std::move(options)),
       serverID_(makeServerID()),
       entitlements_(entitlements),
@@ -92,7 +110,8 @@ DBusServiceListener::DBusServiceListener(DBusListenerOptions options, ListeningS
       socket_(std::move(socket)),
       wake_(std::move(wake)),
       spare_(openSpare()),
-      refusals_(log) {}
+      refusals_(log),
+      pool_(std::move(pool)) {}
 
 DBusServiceListener::~DBusServiceListener() {
   stop();
@@ -146,7 +165,6 @@ void DBusServiceListener::acceptLoop() {
     if ((polled[1].revents & POLLIN) != 0) {
       uint64_t count = 0;
       [[maybe_unused]] const ssize_t taken = ::read(wake_.get(), &count, sizeof count);
-      joinEnded();
     }
     if (polled[0].revents != 0) acceptWaiting();
     serveWaiting(kServedAtOnce);
@@ -270,7 +288,7 @@ void DBusServiceListener::serve(FileDescriptor socket) {
     refuse(RefusalLog::Cause::kShortage, nullptr, "too many open files");
     return;
   }
-  startThread(std::move(connection));
+  begin(std::move(connection));
 }
 
 bool DBusServiceListener::isEntitled(const ServicePeer& peer) {
@@ -316,51 +334,33 @@ std::string DBusServiceListener::reasonAgainstPlace(const PeerIdentity& peer) {
                                       ofProgram);
 }
 
-void DBusServiceListener::startThread(std::shared_ptr<DBusServiceConnection> connection) {
-  // Everything that may fail comes before the thread begins.
-  std::list<std::unique_ptr<Served>> node;
-  node.push_back(std::make_unique<Served>());
-  Served& served = *node.front();
-  served.listener = this;
-  served.place = node.begin();
-  served.user = connection->peer().identity().user;
-  served.program = programKey(connection->peer().identity());
-  served.connection = std::move(connection);
-  pthread_attr_t attributes;
-  ::pthread_attr_init(&attributes);
-  ::pthread_attr_setstacksize(&attributes, stackBytes(options_.connectionStackBytes));
-  int error = 0;
+void DBusServiceListener::begin(std::shared_ptr<DBusServiceConnection> connection) {
+  const auto served = std::make_shared<Served>(*this, std::move(connection));
   {
-    // Held until the thread is listed: at its end it takes itself off the list.
     const MutexLock lock(mutex_);
-    User& user = users_[served.user];
-    size_t& ofProgram = user.programs[served.program];
-    error = ::pthread_create(&served.thread, &attributes, threadMain, &served);
-    if (error == 0) {
-      ++user.connections;
-      ++ofProgram;
-      running_.splice(running_.end(), node);
-    }
+    User& user = users_[served->user];
+    size_t& ofProgram = user.programs[served->program];
+    served->place = running_.insert(running_.end(), served);
+    ++user.connections;
+    ++ofProgram;
   }
-  ::pthread_attr_destroy(&attributes);
-  if (error != 0) {
+  if (const int error = pool_->add(served); error != 0) {
+    {
+      const MutexLock lock(mutex_);
+      leave(*served);
+    }
     refuse(RefusalLog::Cause::kShortage, nullptr, std::generic_category().message(error));
     return;
   }
   countChanged();
 }
 
-void* DBusServiceListener::threadMain(void* argument) {
-  auto& served = *static_cast<Served*>(argument);
-  DBusServiceListener& listener = *served.listener;
-  try {
-    served.connection->run(&listener, served.connection);
-  } catch (const std::exception& exception) {
-    listener.log_.error("listener: {}: its connection failed: {}", served.connection->description(),
-                        exception.what());
-  }
-  listener.connectionEnded(served);
-  return nullptr;
+void DBusServiceListener::leave(const Served& served) {
+  const auto user = users_.find(served.user);
+  const auto program = user->second.programs.find(served.program);
+  if (--program->second == 0) user->second.programs.erase(program);
+  if (--user->second.connections == 0) users_.erase(user);
+  running_.erase(served.place);
 }
 
 void DBusServiceListener::connectionEnded(Served& served) {
@@ -368,27 +368,18 @@ void DBusServiceListener::connectionEnded(Served& served) {
   {
     const MutexLock lock(mutex_);
     connection = std::move(served.connection);
-    User& user = users_[served.user];
-    if (--user.programs[served.program] == 0) user.programs.erase(served.program);
-    if (--user.connections == 0) users_.erase(served.user);
+    ++ending_;
   }
-  connection = nullptr;
+  connection = nullptr;  // before its place is another's
   {
     const MutexLock lock(mutex_);
-    ended_.splice(ended_.end(), running_, served.place);
-    if (running_.empty()) allEnded_.notify_all();
+    leave(served);
   }
   countChanged();
-  wake();
-}
-
-void DBusServiceListener::joinEnded() {
-  std::list<std::unique_ptr<Served>> ended;
-  {
-    const MutexLock lock(mutex_);
-    ended.swap(ended_);
-  }
-  for (const auto& served : ended) ::pthread_join(served->thread, nullptr);
+  wake();  // it may wait for a descriptor
+  const MutexLock lock(mutex_);
+  --ending_;
+  if (running_.empty() && ending_ == 0) allEnded_.notify_all();
 }
 
 void DBusServiceListener::invalidateConnections() {
@@ -397,9 +388,8 @@ void DBusServiceListener::invalidateConnections() {
     for (const auto& served : running_) {
       if (served->connection != nullptr) served->connection->invalidate();
     }
-    while (!running_.empty()) allEnded_.wait(mutex_);
+    while (!running_.empty() || ending_ > 0) allEnded_.wait(mutex_);
   }
-  joinEnded();
 }
 
 size_t DBusServiceListener::connectionCount() {

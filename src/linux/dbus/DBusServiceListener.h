@@ -18,6 +18,7 @@
 #include "linux/dbus/RefusalLog.h"
 #include "linux/dbus/WaitingClients.h"
 #include "linux/files/FileDescriptor.h"
+#include "linux/loop/ElasticPool.h"
 #include "linux/service/EntitlementStore.h"
 #include "linux/system/Heartbeat.h"
 #include "platform/Mutex.h"
@@ -35,11 +36,11 @@ struct DBusListenerOptions {
   // connections or a program of its user's.
   size_t maximumConnections = 4096;
   size_t maximumConnectionsPerUser = 256;
-  size_t connectionStackBytes = size_t{256} << 10;
+  ElasticPool::Options threads;
   DBusConnectionOptions connection;
   /// For refusals alone: when they are told, and how long they are remembered.
   std::function<RefusalLog::Time()> now = [] { return std::chrono::steady_clock::now().time_since_epoch(); };
-  /// Makes the thread that accepts; its quality of service is that of each connection's.
+  /// Makes the thread that accepts; its quality of service is that of the connections'.
   std::function<std::thread(std::function<void()>)> startThread = [](std::function<void()> work) {
     return std::thread(std::move(work));
   };
@@ -52,7 +53,8 @@ struct DBusListenerOptions {
 ///   created (listening) ─resume─▶ accepting ─stop─▶ closed ─invalidateConnections─▶ over
 ///                       ◀──pause──
 ///
-/// Threading: as ServiceListener says; one thread accepts, each connection has its own.
+/// Threading: as ServiceListener says; one thread accepts, an elastic pool serves whoever
+/// is not idle.
 /// Ownership: main's. `entitlements` and `log` outlive it, the delegate its connections.
 class DBusServiceListener final : public ServiceListener, private ServiceListenerDelegate {
  public:
@@ -67,7 +69,7 @@ class DBusServiceListener final : public ServiceListener, private ServiceListene
   void stop() override;
   void invalidateConnections() override;
 
-  /// Connections whose threads run. Any thread.
+  /// Connections that have not ended. Any thread.
   [[nodiscard]] size_t connectionCount() override;
   [[nodiscard]] bool hasWaitingClient() override;
   /// Called with the new count whenever it changes, on any thread, one call at a time.
@@ -77,8 +79,8 @@ class DBusServiceListener final : public ServiceListener, private ServiceListene
   [[nodiscard]] std::shared_ptr<const Heartbeat> heartbeat() const { return heartbeat_; }
 
  private:
-  /// A connection and its thread.
-  struct Served;
+  /// A connection and the place that it holds.
+  class Served;
   /// By device and inode; a program that is not known is none.
   using ProgramKey = std::pair<dev_t, ino_t>;
   struct User {
@@ -87,7 +89,7 @@ class DBusServiceListener final : public ServiceListener, private ServiceListene
   };
 
   DBusServiceListener(DBusListenerOptions options, ListeningSocket socket, FileDescriptor wake,
-                      EntitlementStore& entitlements, SystemLog& log);
+                      std::unique_ptr<ElasticPool> pool, EntitlementStore& entitlements, SystemLog& log);
   // ServiceListenerDelegate, between a connection and the listener's own one.
   bool isEntitled(const ServicePeer& peer) override;
   bool shouldAcceptNewConnection(const std::shared_ptr<ServiceConnection>& connection) override;
@@ -108,10 +110,9 @@ class DBusServiceListener final : public ServiceListener, private ServiceListene
   /// Why there is no place for one more connection of this peer; empty if there is one.
   std::string reasonAgainstPlace(const PeerIdentity& peer);
   static ProgramKey programKey(const PeerIdentity& peer);
-  void startThread(std::shared_ptr<DBusServiceConnection> connection);
-  static void* threadMain(void* served);
+  void begin(std::shared_ptr<DBusServiceConnection> connection);
   void connectionEnded(Served& served);
-  void joinEnded();
+  void leave(const Served& served) REQUIRES(mutex_);
   void countChanged();
   void wake();
 
@@ -140,10 +141,11 @@ class DBusServiceListener final : public ServiceListener, private ServiceListene
   UniqueFunction<void(size_t)> countHandler_ GUARDED_BY(countMutex_);
 
   Mutex mutex_;
-  std::list<std::unique_ptr<Served>> running_ GUARDED_BY(mutex_);
-  std::list<std::unique_ptr<Served>> ended_ GUARDED_BY(mutex_);
+  std::list<std::shared_ptr<Served>> running_ GUARDED_BY(mutex_);
+  size_t ending_ GUARDED_BY(mutex_) = 0;            // connections, among them some without a place
   std::map<uid_t, User> users_ GUARDED_BY(mutex_);  // those who have connections
   std::condition_variable_any allEnded_;
+  const std::unique_ptr<ElasticPool> pool_;
 };
 
 }  // namespace zun

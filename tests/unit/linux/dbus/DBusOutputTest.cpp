@@ -65,7 +65,7 @@ class DBusOutputTest : public ::testing::Test {
 
 // What waits for the next flush is not what the peer has failed to read.
 TEST_F(DBusOutputTest, CallsOfTheConnectionsThreadAreWrittenBeforeOneIsDropped) {
-  output_->setConnectionThread();
+  output_->setConnectionThread(std::this_thread::get_id());
   for (int count = 0; count < 30; ++count) ASSERT_EQ(call(), std::nullopt) << count;
   output_->flush();
   EXPECT_EQ(output_->queuedBytes(), 0u);
@@ -236,7 +236,7 @@ TEST_F(DBusReplyTest, OneLargeReplyWaitsAndTheNextIsSentWithoutItsText) {
 // A client that sends many calls at once, and reads, must not lose a text for it.
 TEST_F(DBusReplyTest, LargeReplyFindsRoomBehindWhatCallsMayLeaveWaiting) {
   Peer peer(*this);
-  peer.output->setConnectionThread();  // nothing is written before the flush
+  peer.output->setConnectionThread(std::this_thread::get_id());  // nothing is written before the flush
   peer.reply((size_t{1} << 20) - 200);
   ASSERT_TRUE(peer.output->hasRoom());
   peer.reply(kLargeBytes);

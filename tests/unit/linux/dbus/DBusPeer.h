@@ -407,6 +407,7 @@ class DBusServiceTest : public ::testing::Test {
   void SetUp() override {
     options_.address = "unix:path=" + path_;
     options_.now = [this] { return clock_.monotonic(); };
+    options_.connection.restAfter = std::chrono::milliseconds(0);  // whenever it may
   }
   void TearDown() override {
     listener_.reset();

@@ -212,6 +212,51 @@ TEST_F(DBusRawServiceTest, AConnectionEndsBeforeItIsResumed) {
   EXPECT_TRUE(other->isEnded());
 }
 
+/// Of this process.
+size_t threadCount() {
+  const std::filesystem::directory_iterator threads("/proc/self/task");
+  return static_cast<size_t>(std::distance(begin(threads), end(threads)));
+}
+
+TEST_F(DBusRawServiceTest, IdleClientsKeepNoThreadAndAreServedAgain) {
+  start();
+  const size_t before = threadCount();
+  std::vector<std::unique_ptr<RawClient>> clients;
+  for (int count = 0; count < 50; ++count) clients.push_back(connect());
+  waitForConnections(50);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  while (threadCount() > before + options_.threads.maximumWaiting &&
+         std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::yield();
+  }
+  EXPECT_LE(threadCount(), before + options_.threads.maximumWaiting);
+  for (const auto& client : clients) client->send(longTextCall(3));
+  for (const auto& client : clients) EXPECT_TRUE(client->receiveMessage());
+}
+
+// A thread for each call would cost whoever calls one after the other.
+TEST_F(DBusRawServiceTest, AClientKeepsItsThreadForAMoment) {
+  options_.connection.restAfter = std::chrono::hours(1);
+  start();
+  const size_t before = threadCount();
+  std::vector<std::unique_ptr<RawClient>> clients;
+  for (int count = 0; count < 10; ++count) {
+    clients.push_back(connect());
+    clients.back()->send(longTextCall(3));
+    EXPECT_TRUE(clients.back()->receiveMessage());
+  }
+  EXPECT_GE(threadCount(), before + clients.size());
+}
+
+TEST_F(DBusRawServiceTest, IdleClientsThatGoAreLetGo) {
+  start();
+  auto client = connect();
+  ASSERT_TRUE(delegate_.events->wait("accepted"));
+  client->close();
+  EXPECT_TRUE(delegate_.events->wait("invalidated"));
+  waitForConnections(0);
+}
+
 TEST_F(DBusRawServiceTest, AUserHasHalfOfAllConnectionsWhateverTheOptionsSay) {
   options_.maximumConnections = 4;
   options_.maximumConnectionsPerUser = 1000;
