@@ -98,19 +98,22 @@ TEST_F(URLSessionWaitingTest, IdleConnectionsEndWhenNothingHasBeenUnderWayForAWh
 TEST_F(URLSessionWaitingTest, IdleConnectionsStayWhileAnythingIsUnderWay) {
   start({.idleConnectionsEnd = 50ms});
   const auto gate = std::make_shared<TestGate>();
-  server_.answer("/held", {.gate = gate});
+  server_.answer("/held", {.body = "held", .gate = gate});
   server_.answer("/", {.body = "ok"});
-  begin({.url = server_.url("/held")}, "held");
-  ASSERT_TRUE(server_.waitForRequests(1));
   EXPECT_EQ(get(server_.url("/")).data, "ok");
-  HTTPSTestServer other;  // passes the time, and wakes the loop
+  begin({.url = server_.url("/held")}, "held");
+  ASSERT_TRUE(server_.waitForRequests(2));
+  EXPECT_EQ(get(server_.url("/")).data, "ok");
+  const int connections = server_.connectionsAccepted();
+  HTTPSTestServer other;  // passes the time
   other.answer("/drip", {.ending = TestAnswer::Ending::kDrip, .fillerBytes = 1 << 20});
   EXPECT_TRUE(load({.url = other.url("/drip"), .timeout = 1h, .wholeTimeout = 200ms})
                   .failedWith(URLSessionError::kTimedOut));
   EXPECT_EQ(get(server_.url("/")).data, "ok");
-  EXPECT_EQ(server_.connectionsAccepted(), 2);
+  EXPECT_EQ(server_.connectionsAccepted(), connections);
   gate->open();
   ASSERT_TRUE(delegate_->waitForEnd("held"));
+  EXPECT_EQ(delegate_->heard("held").data, "held");
 }
 
 TEST_F(URLSessionWaitingTest, RefusedLoopbackPortFailsAtOnceWhateverTheRoutes) {
