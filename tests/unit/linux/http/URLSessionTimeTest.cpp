@@ -81,6 +81,7 @@ TEST_F(URLSessionTimeTest, SixtySecondsWithoutProgressEndARequest) {
   server_.answer("/hang", TestAnswer::ended(TestAnswer::Ending::kNever));
   begin(post(server_.url("/hang"), "body"), "hang");
   ASSERT_TRUE(server_.waitForRequests(1));
+  EXPECT_FALSE(get(server_.url("/")).error);  // by now the thread has seen that all was sent
   clock_.advance(55s);
   EXPECT_FALSE(get(server_.url("/")).error);  // wakes the thread
   EXPECT_EQ(delegate_->heard("hang").completions, 0);
