@@ -44,7 +44,7 @@ class KillsTest(ScratchTest):
     def envelope(self, version):
         """A storebag of some pages of text."""
         self.scratch.publish(backends={"httpPost": {"clients": [client_entry(override_dnu=None)]}},
-                             version=str(version), text=str(version) * 20_000)
+                             version=str(version), serial=1, text=str(version) * 20_000)
         return self.scratch.server.files["/confero"]
 
     def serve(self, handler):
