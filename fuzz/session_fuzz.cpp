@@ -156,7 +156,7 @@ std::string bodyOf(const zun::URLRequest& request) {
   return body;
 }
 
-void judge(const zun::URLRequest& request) {
+void judge(const zun::URLRequest& request, bool isFiltered) {
   check(zun::equalsIgnoringASCIICase(request.url.substr(0, 8), "https://"), "a post goes to https");
   for (const auto& [name, value] : request.headers) {
     check(std::all_of(value.begin(), value.end(),
@@ -172,6 +172,7 @@ void judge(const zun::URLRequest& request) {
   for (const Value& event : *events) {
     const Dictionary* const record = event.dictionary();
     check(record != nullptr, "a record is an object");
+    if (!isFiltered) continue;
     check(!record->contains(kRemoved), "a filter's key is posted");
     const Value& hashed = (*record)["hashed"];
     check(!hashed.isString() || hashed.stringValue().size() == 64, "a value is posted that is to be hashed");
@@ -207,6 +208,8 @@ class Run final {
     Array arguments;
     for (const zun::ServiceArgument& argument : members[member].in)
       arguments.append(argumentOf(argument.type, input));
+    const auto& in = members[member].in;
+    if (!in.empty() && in[0].name == "sessionInfo") noteSessionInfo(*arguments[0].dictionary());
     ++calls_;
     objects_[command / members.size() % objects_.size()]->handleCall(
         member, arguments, zun::ServiceReply(std::make_unique<CountingSink>(answers_)));
@@ -215,17 +218,24 @@ class Run final {
   /// Lets what waits happen; servers answer so.
   void crank(int32_t status) {
     world_.run();
-    for (const zun::URLRequest& request : world_.urlSessions_.takeRequests()) judge(request);
+    for (const zun::URLRequest& request : world_.urlSessions_.takeRequests()) judge(request, isFiltered_);
     world_.urlSessions_.answerAll(status);
     world_.run();
   }
 
  private:
+  // Filters belong to what is chosen by user information: without it there are none.
+  void noteSessionInfo(const Dictionary& info) {
+    const Value& requiresUserInfo = info[kZunReportingSessionInfoRequireUserInfo];
+    if (!requiresUserInfo.isNone() && !requiresUserInfo.boolValue()) isFiltered_ = false;
+  }
+
   FuzzWorld& world_;
   std::shared_ptr<zun::FakeAgent> agent_ = std::make_shared<zun::FakeAgent>(world_.services_);
   std::vector<std::shared_ptr<zun::ExportedObject>> objects_;
   const std::shared_ptr<int> answers_ = std::make_shared<int>(0);
   int calls_ = 0;
+  bool isFiltered_ = true;
 };
 
 }  // namespace
