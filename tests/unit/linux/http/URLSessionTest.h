@@ -1,10 +1,14 @@
 #pragma once
 
+#include <dirent.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <sys/eventfd.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <condition_variable>
+#include <cstdlib>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -18,6 +22,25 @@
 #include "support/RecordingLog.h"
 
 namespace zun {
+
+/// The traffic class of this process's client sockets to `port`; -1 without one.
+inline int trafficClassTowards(uint16_t port) {
+  int found = -1;
+  DIR* folder = ::opendir("/proc/self/fd");
+  while (const dirent* entry = ::readdir(folder)) {
+    const int descriptor = std::atoi(entry->d_name);
+    sockaddr_in peer{};
+    socklen_t length = sizeof peer;
+    if (::getpeername(descriptor, reinterpret_cast<sockaddr*>(&peer), &length) != 0 ||
+        peer.sin_family != AF_INET || ntohs(peer.sin_port) != port)
+      continue;
+    int value = -1;
+    length = sizeof value;
+    if (::getsockopt(descriptor, IPPROTO_IP, IP_TOS, &value, &length) == 0) found = value;
+  }
+  ::closedir(folder);
+  return found;
+}
 
 /// What one task's delegate heard.
 struct HeardTask {

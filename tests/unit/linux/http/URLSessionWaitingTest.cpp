@@ -1,14 +1,12 @@
 // What tasks wait for, what ends their waiting, and who goes first.
 
 #include <arpa/inet.h>
-#include <dirent.h>
 #include <netinet/in.h>
 #include <netinet/ip.h>
 #include <sys/socket.h>
 
 #include <atomic>
 #include <chrono>
-#include <cstdlib>
 #include <thread>
 
 #include "unit/linux/http/URLSessionTest.h"
@@ -48,25 +46,6 @@ class SilentListener final {
   uint16_t port_ = 0;
 };
 
-/// The traffic class of this process's client sockets to `port`; -1 without one.
-int trafficClassTowards(uint16_t port) {
-  int found = -1;
-  DIR* folder = ::opendir("/proc/self/fd");
-  while (const dirent* entry = ::readdir(folder)) {
-    const int descriptor = std::atoi(entry->d_name);
-    sockaddr_in peer{};
-    socklen_t length = sizeof peer;
-    if (::getpeername(descriptor, reinterpret_cast<sockaddr*>(&peer), &length) != 0 ||
-        peer.sin_family != AF_INET || ntohs(peer.sin_port) != port)
-      continue;
-    int value = -1;
-    length = sizeof value;
-    if (::getsockopt(descriptor, IPPROTO_IP, IP_TOS, &value, &length) == 0) found = value;
-  }
-  ::closedir(folder);
-  return found;
-}
-
 class URLSessionWaitingTest : public URLSessionTest {
  protected:
   /// The server under a name that is not loopback's, as far as the service knows.
@@ -80,42 +59,6 @@ class URLSessionWaitingTest : public URLSessionTest {
     EXPECT_EQ(service_->transfersInFlight(), 0U);
   }
 };
-
-// A daemon that rests holds nobody's descriptors and memory, nor its servers'.
-TEST_F(URLSessionWaitingTest, IdleConnectionsEndWhenNothingHasBeenUnderWayForAWhile) {
-  start({.idleConnectionsEnd = 50ms});
-  server_.answer("/", {.body = "ok"});
-  for (int i = 0; i < 2; ++i) {
-    EXPECT_EQ(get(server_.url("/")).data, "ok");
-    const auto deadline = std::chrono::steady_clock::now() + HTTPSTestServer::kDeadline;
-    while (trafficClassTowards(server_.port()) >= 0 && std::chrono::steady_clock::now() < deadline)
-      std::this_thread::yield();
-    EXPECT_EQ(trafficClassTowards(server_.port()), -1);
-  }
-  EXPECT_EQ(server_.connectionsAccepted(), 2);
-}
-
-TEST_F(URLSessionWaitingTest, IdleConnectionsStayWhileAnythingIsUnderWay) {
-  start({.idleConnectionsEnd = 50ms});
-  const auto gate = std::make_shared<TestGate>();
-  server_.answer("/held", {.body = "held", .gate = gate});
-  server_.answer("/", {.body = "ok"});
-  EXPECT_EQ(get(server_.url("/")).data, "ok");
-  begin({.url = server_.url("/held")}, "held");
-  ASSERT_TRUE(server_.waitForRequests(2));
-  HTTPSTestServer other;  // passes the time
-  other.answer("/drip", {.ending = TestAnswer::Ending::kDrip, .fillerBytes = 1 << 20});
-  begin({.url = other.url("/drip"), .timeout = 1h, .wholeTimeout = 200ms}, "drip");
-  ASSERT_TRUE(delegate_->waitForResponse("drip"));
-  EXPECT_EQ(get(server_.url("/")).data, "ok");
-  const int connections = server_.connectionsAccepted();
-  ASSERT_TRUE(delegate_->waitForEnd("drip"));
-  EXPECT_EQ(get(server_.url("/")).data, "ok");
-  EXPECT_EQ(server_.connectionsAccepted(), connections);
-  gate->open();
-  ASSERT_TRUE(delegate_->waitForEnd("held"));
-  EXPECT_EQ(delegate_->heard("held").data, "held");
-}
 
 TEST_F(URLSessionWaitingTest, RefusedLoopbackPortFailsAtOnceWhateverTheRoutes) {
   const std::string port = std::to_string(refusedPort());
