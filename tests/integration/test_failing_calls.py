@@ -227,7 +227,7 @@ def calls_to_fail():
     number = 1
     while True:
         yield number
-        number += 1 if os.environ.get("ZUN_FAULTS") == "all" else 1 + number // 6
+        number += 1 if os.environ.get("ZUN_FAULTS") == "all" else 1 + number // 3
 
 
 class FailingCallsTest(unittest.TestCase):
