@@ -167,6 +167,15 @@ TEST_F(UserDefaultsTest, WhateverStandsInTheFilesPlaceCountsAsCorrupt) {
   EXPECT_EQ(log_.takeErrors().size(), 1u);
 }
 
+TEST_F(UserDefaultsTest, CorruptFileThatCannotBeKeptAsideIsNotReplaced) {
+  replaceFile("garbage");
+  ASSERT_EQ(files_.createDirectories(pathOf() + ".corrupt"), std::nullopt);
+  defaults_.setObject(kSuite, "a", 1);
+  EXPECT_EQ(log_.takeErrors().back(), "FileUserDefaults: could not keep '" + pathOf() + "' as '" + pathOf() +
+                                          ".corrupt': Is a directory");
+  EXPECT_EQ(*files_.readFile(pathOf(), 100), "garbage");
+}
+
 TEST_F(UserDefaultsTest, SuiteThatBeginsWithADotHasNoHiddenFile) {
   defaults_.setObject(".suite", "a", 1);
   EXPECT_TRUE(exists(pathOf("%2Esuite")));

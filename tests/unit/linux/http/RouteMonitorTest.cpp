@@ -4,11 +4,13 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/if_tun.h>
+#include <linux/rtnetlink.h>
 #include <net/if.h>
 #include <net/route.h>
 #include <poll.h>
 #include <sched.h>
 #include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 
 #include <array>
@@ -67,6 +69,28 @@ class PrivateNetwork final {
     std::strncpy(device.data(), name, device.size() - 1);
     route.rt_dev = device.data();
     return ::ioctl(control_.get(), SIOCADDRT, &route) == 0;
+  }
+  /// One default route that is shared by two devices.
+  bool addSharedDefaultRoute(const char* first, const char* second) {
+    struct {
+      nlmsghdr head{sizeof(*this), RTM_NEWROUTE, NLM_F_REQUEST | NLM_F_CREATE | NLM_F_ACK, 0, 0};
+      rtmsg route{AF_INET, 0, 0, 0, RT_TABLE_MAIN, RTPROT_STATIC, RT_SCOPE_LINK, RTN_UNICAST, 0};
+      rtattr attribute{sizeof(rtattr) + 2 * sizeof(rtnexthop), RTA_MULTIPATH};
+      std::array<rtnexthop, 2> hops{};
+    } request;
+    for (const char* name : {first, second}) {
+      rtnexthop& hop = request.hops[name == first ? 0 : 1];
+      hop.rtnh_len = sizeof hop;
+      hop.rtnh_ifindex = static_cast<int>(::if_nametoindex(name));
+    }
+    const FileDescriptor netlink(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
+    struct {
+      nlmsghdr head;
+      nlmsgerr outcome;
+    } answer{};
+    return ::send(netlink.get(), &request, sizeof request, 0) == sizeof request &&
+           ::recv(netlink.get(), &answer, sizeof answer, 0) >= static_cast<ssize_t>(sizeof answer) &&
+           answer.outcome.error == 0;
   }
 
  private:
@@ -167,6 +191,35 @@ TEST_F(RouteMonitorTest, DefaultRouteOverAWWANDeviceIsCellularUntilABetterOneCom
     ASSERT_TRUE(network.addDefaultRoute("wlan0", 11));
     EXPECT_FALSE(monitor.status().isOverCellular);
   });
+}
+
+TEST_F(RouteMonitorTest, SharedDefaultRouteIsItsFirstDevices) {
+  describeDevice("wwan0", "INTERFACE=wwan0\nDEVTYPE=wwan\n");
+  onPrivateNetwork([&](PrivateNetwork& network) {
+    NetlinkRouteMonitor monitor(log_, scratch_.path());
+    const FileDescriptor cellular = network.makeDevice("wwan0");
+    const FileDescriptor wired = network.makeDevice("tun0");
+    if (!cellular.isOpen()) GTEST_SKIP() << "needs /dev/net/tun";
+    ASSERT_TRUE(network.setAddress("wwan0", "10.9.9.1") && network.setUp("wwan0", true));
+    ASSERT_TRUE(network.setAddress("tun0", "10.9.8.1") && network.setUp("tun0", true));
+    EXPECT_FALSE(monitor.status().isOverCellular);
+    ASSERT_TRUE(network.addSharedDefaultRoute("wwan0", "tun0"));
+    EXPECT_TRUE(monitor.status().isOverCellular);
+  });
+}
+
+TEST_F(RouteMonitorTest, WithoutNetlinkTheNetworkCountsAsUp) {
+  onPrivateNetwork([&](PrivateNetwork&) {
+    rlimit before{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+    const rlimit none{0, before.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+    NetlinkRouteMonitor monitor(log_, scratch_.path());
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+    EXPECT_TRUE(monitor.status().hasUsableRoute);
+  });
+  EXPECT_TRUE(log_.contains(
+      LogLevel::kDefault, "NetlinkRouteMonitor: no netlink (Too many open files), the network counts as up"));
 }
 
 TEST_F(RouteMonitorTest, LinkLocalAddressesAreNoNetwork) {

@@ -4,12 +4,16 @@
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
 #include <filesystem>
 #include <functional>
+#include <numeric>
+#include <thread>
+#include <vector>
 
 #include "linux/files/FileDescriptor.h"
 #include "support/ScratchFolder.h"
@@ -43,6 +47,21 @@ TEST(PeerIdentityTest, AProcessIsKnownWithItsUserAndProgram) {
   EXPECT_FALSE(peer->program->isDeleted);
   EXPECT_EQ(peer->program->path, std::filesystem::read_symlink("/proc/self/exe").string());
   EXPECT_TRUE(readPeerIdentity(sockets.ours.get())->program->isStill(*peer->program));
+}
+
+// Users of large sites are in more groups than the first look has room for.
+TEST(PeerIdentityTest, AllOfManySupplementaryGroupsAreKnown) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root can join groups";
+  std::vector<gid_t> groups(100);
+  std::iota(groups.begin(), groups.end(), 5000);
+  std::thread([&groups] {
+    // The groups of this thread alone, unlike setgroups() of the C library.
+    ASSERT_EQ(::syscall(SYS_setgroups, groups.size(), groups.data()), 0);
+    const SocketPair sockets;
+    const auto peer = readPeerIdentity(sockets.ours.get());
+    ASSERT_TRUE(peer);
+    EXPECT_EQ(peer->supplementaryGroups, groups);
+  }).join();
 }
 
 TEST(PeerIdentityTest, AnotherProcessFileOrDeviceIsAnotherProgram) {
