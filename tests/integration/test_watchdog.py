@@ -8,7 +8,7 @@ import socket
 import subprocess
 import unittest
 
-from harness import ScratchTest, binary
+from harness import ScratchTest, binary, wait_until
 
 PTRACE_DETACH, PTRACE_SEIZE, PTRACE_INTERRUPT = 17, 0x4206, 0x4207
 WALL = 0x40000000
@@ -56,6 +56,8 @@ class WatchdogTest(ScratchTest):
             except FileNotFoundError:
                 continue  # a connection's, which has ended
             thread = int(task.name)
+            # One that is at work may hold what others need: the allocator, the log.
+            wait_until(lambda: (task / "stat").read_text().rsplit(")", 1)[1].split()[0] == "S", f"{name} at rest")
             try:
                 ptrace(PTRACE_SEIZE, thread)
             except PermissionError:
