@@ -25,6 +25,7 @@ NAMES = ("confero", "tessel", "flumina", "telvane", "sonoriva", "hintwell", "quo
 # Of a daemon that has never had a client: its libraries' tables, certificates, storebags, two heaps' leftovers.
 MEMORY_MARGIN = 16  # MiB
 DESCRIPTOR_MARGIN = 1  # a timer, made when it is first wanted
+THREAD_MARGIN = 1  # one that waits for clients' calls, from the first client on
 DESCRIPTORS = 8192
 
 
@@ -86,7 +87,8 @@ class State:
 
     def is_back(self, start):
         return (self.memory <= start.memory + MEMORY_MARGIN and
-                self.descriptors <= start.descriptors + DESCRIPTOR_MARGIN and self.threads <= start.threads)
+                self.descriptors <= start.descriptors + DESCRIPTOR_MARGIN and
+                self.threads <= start.threads + THREAD_MARGIN)
 
     def __str__(self):
         return f"{self.memory:6.1f} MiB {self.descriptors:5} descriptors {self.threads:4} threads"

@@ -48,7 +48,9 @@ ServiceReply DBusOutput::makeReply(const DBusHeader& call, std::string_view sign
 
 void DBusOutput::replyGiven() {
   --pendingReplies_;
-  if (!isConnectionThread()) wake();
+  const std::thread::id thread = connectionThread_;
+  // A resting connection waits for no reply.
+  if (thread != std::thread::id() && thread != std::this_thread::get_id()) wake();
 }
 
 template <typename Append>

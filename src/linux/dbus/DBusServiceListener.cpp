@@ -18,7 +18,7 @@ namespace zun {
 
 namespace {
 
-// Before accepting is tried again when the system is short of something.
+// Before accepting, or making a thread, is tried again when the system is short of something.
 constexpr int kPauseMilliseconds = 100;
 // Before the accepting thread looks at anything else.
 constexpr int kAcceptedAtOnce = 256;
@@ -42,6 +42,12 @@ std::string makeServerID() {
   if (::sd_id128_randomize(&id) < 0) return std::string(32, '0');
   std::array<char, SD_ID128_STRING_MAX> text{};
   return ::sd_id128_to_string(id, text.data());
+}
+
+void signal(int wake) {
+  const uint64_t one = 1;
+  // Only a full counter refuses, and then the thread is awake already.
+  [[maybe_unused]] const ssize_t written = ::write(wake, &one, sizeof one);
 }
 
 FileDescriptor openSpare() {
@@ -94,6 +100,7 @@ Result<std::unique_ptr<DBusServiceListener>, Error> DBusServiceListener::create(
   if (!wake.isOpen()) {
     return Created::failure(posixError(errno));
   }
+  options.threads.onShortage = [descriptor = wake.get()] { signal(descriptor); };
   auto pool = ElasticPool::create(options.threads, log);
   if (!pool) return Created::failure(pool.error());
   return std::unique_ptr<DBusServiceListener>(new DBusServiceListener(
@@ -148,18 +155,16 @@ void DBusServiceListener::stop() {
 }
 
 void DBusServiceListener::wake() {
-  const uint64_t one = 1;
-  // Only a full counter refuses, and then the thread is awake already.
-  [[maybe_unused]] const ssize_t written = ::write(wake_.get(), &one, sizeof one);
+  signal(wake_.get());
 }
 
 void DBusServiceListener::acceptLoop() {
   while (!isStopping_) {
     if (isPaused_) waitAtTheDoor();
     std::array<pollfd, 2> polled{{{socket_.get(), POLLIN, 0}, {wake_.get(), POLLIN, 0}}};
-    const int untilTold = millisecondsToTell();
+    const int untilLook = millisecondsToLook();
     heartbeat_->rests();
-    const int ready = ::poll(polled.data(), polled.size(), waiting_.isEmpty() ? untilTold : 0);
+    const int ready = ::poll(polled.data(), polled.size(), waiting_.isEmpty() ? untilLook : 0);
     heartbeat_->works();
     if (ready < 0) continue;
     if ((polled[1].revents & POLLIN) != 0) {
@@ -223,10 +228,12 @@ void DBusServiceListener::queue(FileDescriptor client) {
   }
 }
 
-/// Until refusals that were only counted are to be told; none are: for ever.
-int DBusServiceListener::millisecondsToTell() {
+/// Until refusals that were only counted are to be told, or a thread that could not be made
+/// is to be tried again; for ever where there is nothing of that.
+int DBusServiceListener::millisecondsToLook() {
   const RefusalLog::Time now = options_.now();
   const auto next = refusals_.tellCounted(now);
+  if (!pool_->relieve()) return kPauseMilliseconds;
   if (!next) return -1;
   return static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(*next - now).count());
 }

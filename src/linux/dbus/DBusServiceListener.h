@@ -105,7 +105,7 @@ class DBusServiceListener final : public ServiceListener, private ServiceListene
   /// Refuses a peer that was refused a moment ago.
   bool refuseAgain(const PeerIdentity& peer);
   void refuseStranger(const KnownPeer& peer);
-  [[nodiscard]] int millisecondsToTell();
+  [[nodiscard]] int millisecondsToLook();
   void refuse(RefusalLog::Cause cause, const PeerIdentity* peer, std::string reason);
   /// Why there is no place for one more connection of this peer; empty if there is one.
   std::string reasonAgainstPlace(const PeerIdentity& peer);

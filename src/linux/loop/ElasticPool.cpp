@@ -79,6 +79,11 @@ int ElasticPool::add(std::shared_ptr<DescriptorTask> task) {
   return 0;
 }
 
+bool ElasticPool::relieve() {
+  const MutexLock lock(mutex_);
+  return !isShort_ || waiting_ > 0 || entries_.empty() || startThread() == 0;
+}
+
 size_t ElasticPool::threadCount() {
   const MutexLock lock(mutex_);
   return threads_.size();
@@ -137,9 +142,11 @@ ElasticPool::Entry* ElasticPool::next() {
     if (entry == nullptr) continue;
     if (--waiting_ > 0) return entry;
     const int error = startThread();
-    if (error != 0 && !std::exchange(isShort_, true)) {
+    if (error == 0) return entry;
+    if (!std::exchange(isShort_, true)) {
       log_.error("threads: some clients have to wait for others: {}", std::generic_category().message(error));
     }
+    options_.onShortage();
     return entry;
   }
 }

@@ -7,6 +7,7 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <list>
 #include <map>
 #include <memory>
@@ -50,6 +51,8 @@ class ElasticPool final {
     /// That wait beside each other, at most, and for how long before all but one go.
     size_t maximumWaiting = 4;
     std::chrono::milliseconds spareTime = std::chrono::seconds(10);
+    /// Called when nobody waits and no thread can be made, on any thread; `relieve` is wanted.
+    std::function<void()> onShortage = [] {};
   };
 
   static Result<std::unique_ptr<ElasticPool>, Error> create(const Options& options, SystemLog& log);
@@ -59,6 +62,10 @@ class ElasticPool final {
 
   /// Has a thread work on it now. The system's error where there can be none: it is not kept then.
   [[nodiscard]] int add(std::shared_ptr<DescriptorTask> task) EXCLUDES(mutex_);
+
+  /// Makes the thread that could not be made before, if it is needed still. False where that
+  /// fails again.
+  bool relieve() EXCLUDES(mutex_);
 
   [[nodiscard]] size_t threadCount() EXCLUDES(mutex_);
 

@@ -102,9 +102,9 @@ TEST_F(MachineTest, ItsActivityIsThatOfItsWorkers) {
   std::promise<void> running;
   std::promise<void> mayEnd;
   const uint64_t before = machine.activity().jobsTaken;
-  machine.services().platform.executor.execute([&] {
+  machine.services().platform.executor.execute([&running, end = mayEnd.get_future()] {
     running.set_value();
-    mayEnd.get_future().wait();
+    end.wait();
   });
   running.get_future().wait();
   EXPECT_GE(machine.activity().jobsUnfinished, 1u);  // the other worker may be on its way to sleep

@@ -304,6 +304,8 @@ class RawClient final {
     isConnected_ = ::connect(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
   }
 
+  explicit RawClient(FileDescriptor socket) : socket_(std::move(socket)), isConnected_(true) {}
+
   bool isConnected() const { return isConnected_; }
   int descriptor() const { return socket_.get(); }
   void send(std::string_view bytes) {

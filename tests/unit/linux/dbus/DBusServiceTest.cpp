@@ -1,5 +1,8 @@
 #include <fcntl.h>
+#include <sys/resource.h>
 
+#include <filesystem>
+#include <fstream>
 #include <thread>
 
 #include "DBusRawService.h"
@@ -247,6 +250,43 @@ TEST_F(DBusRawServiceTest, AClientKeepsItsThreadForAMoment) {
   }
   EXPECT_GE(threadCount(), before + clients.size());
 }
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+/// Of the process, in bytes.
+rlim_t addressSpace() {
+  rlim_t pages = 0;
+  std::ifstream("/proc/self/statm") >> pages;
+  return pages * static_cast<rlim_t>(::getpagesize());
+}
+
+// Nobody else may come who would have one made.
+TEST_F(DBusRawServiceTest, AnIdleClientIsServedAsSoonAsThereCanBeAThreadForIt) {
+  options_.threads.stackBytes = size_t{256} << 20;
+  options_.threads.maximumWaiting = 1;
+  const size_t before = threadCount();
+  start();
+  auto blocking = connect();
+  ASSERT_TRUE(delegate_.events->wait("accepted"));
+  const auto object = delegate_.object();
+  auto idle = connect();
+  ASSERT_TRUE(delegate_.events->wait("accepted", 2));
+  while (threadCount() > before + 2) std::this_thread::yield();  // one accepts, one waits
+  rlimit unlimited{};
+  ASSERT_EQ(::getrlimit(RLIMIT_AS, &unlimited), 0);
+  const rlimit full{addressSpace() + (rlim_t{64} << 20), unlimited.rlim_max};
+  ASSERT_EQ(::setrlimit(RLIMIT_AS, &full), 0);
+  blocking->send(simpleCall("Block"));
+  ASSERT_TRUE(delegate_.events->wait("blocked"));
+  idle->send(describeCall(1));
+  ASSERT_EQ(::setrlimit(RLIMIT_AS, &unlimited), 0);
+  EXPECT_TRUE(idle->receiveMessage());
+  object->unblock();
+  EXPECT_EQ(blocking->receiveMessage()->errorName, "com.vantix.zunreportingd.Error.NoReply");
+  const auto errors = log_.takeErrors();
+  for (const std::string& line : errors)
+    EXPECT_TRUE(line.starts_with("threads: some clients have to wait")) << line;
+}
+#endif
 
 TEST_F(DBusRawServiceTest, IdleClientsThatGoAreLetGo) {
   start();

@@ -236,8 +236,10 @@ rlim_t addressSpace() {
 }
 
 // Better late than with nobody who serves at all.
-TEST_F(ElasticPoolTest, WhereNoFurtherThreadCanBeMadeTasksWaitAndTheLogSaysSoOnce) {
+TEST_F(ElasticPoolTest, WhereNoFurtherThreadCanBeMadeTasksWaitUntilOneCanAndTheLogSaysSoOnce) {
+  std::atomic<int> shortages{0};
   options_.stackBytes = size_t{256} << 20;
+  options_.onShortage = [&shortages] { ++shortages; };
   make();
   std::promise<void> isRested;
   const auto task = add([&](Task& self) {
@@ -247,6 +249,7 @@ TEST_F(ElasticPoolTest, WhereNoFurtherThreadCanBeMadeTasksWaitAndTheLogSaysSoOnc
   });
   isRested.get_future().wait();
   waitUntil([&] { return pool_->threadCount() == 2; });
+  EXPECT_TRUE(pool_->relieve());
   std::promise<void> release;
   rlimit before{};
   ASSERT_EQ(::getrlimit(RLIMIT_AS, &before), 0);
@@ -265,10 +268,22 @@ TEST_F(ElasticPoolTest, WhereNoFurtherThreadCanBeMadeTasksWaitAndTheLogSaysSoOnc
     return Outcome::kEnded;
   });
   isServed.get_future().wait();
-  task->call();
-  release.set_value();
-  waitUntil([&] { return task.use_count() == 1; });
+  std::promise<void> isWaited;
+  std::promise<void> isReleased;
+  const auto another = add([&](Task&) {
+    isWaited.set_value();
+    isReleased.get_future().wait();
+    return Outcome::kEnded;
+  });
+  isWaited.get_future().wait();
+  EXPECT_EQ(shortages, 2);  // each time: somebody may have waited in between
+  EXPECT_FALSE(pool_->relieve());
   ASSERT_EQ(::setrlimit(RLIMIT_AS, &before), 0);
+  EXPECT_TRUE(pool_->relieve());
+  task->call();  // served though both others are still busy
+  waitUntil([&] { return task.use_count() == 1; });
+  isReleased.set_value();
+  release.set_value();
   EXPECT_EQ(log_.takeErrors(),
             std::vector<std::string>{"threads: some clients have to wait for others: Resource temporarily "
                                      "unavailable"});
