@@ -110,7 +110,7 @@ std::shared_ptr<CurlURLSessionTask> CurlURLSessionTransfer::end() {
   isHeadComplete_ = isResponseTold_ = isTooLarge_ = hasLostBody_ = false;
   problem_.clear();
   decoder_.reset();
-  seenReceived_ = seenSent_ = movedBytes_ = 0;
+  seenReceived_ = seenSent_ = movedBytes_ = rawBytes_ = 0;
   isConnected_ = isUnanswered_ = false;
   timesSentAgain_ = 0;
   wholeDeadline_ = Clock::time_point::max();
@@ -178,6 +178,9 @@ void CurlURLSessionTransfer::setRequestOptions() {
   set(CURLOPT_XFERINFOFUNCTION, &progressed);
   set(CURLOPT_XFERINFODATA, this);
   set(CURLOPT_NOPROGRESS, 0L);
+  set(CURLOPT_DEBUGFUNCTION, &noteTraffic);
+  set(CURLOPT_DEBUGDATA, this);
+  set(CURLOPT_VERBOSE, 1L);
 }
 
 // The request's own headers in their order, after the coding that is decoded here: libcurl
@@ -255,12 +258,12 @@ bool CurlURLSessionTransfer::takeHeaderLine(std::string_view whole) {
   std::replace_if(
       line.begin(), line.end(), [](char byte) { return byte == '\r' || byte == '\0'; }, ' ');
   noteProgress();
-  if (bodyBytes_ > 0) return true;  // a trailer
   headBytes_ += static_cast<int64_t>(whole.size());
   if (headBytes_ > kMaxHeadBytes) {
     isTooLarge_ = true;
     return false;
   }
+  if (bodyBytes_ > 0) return true;  // a trailer
   // For libcurl a line that begins with a carriage return ends the head, whatever follows.
   const bool isEndOfHead = whole.starts_with('\r') || trimmed(line).empty();
   if (!isEndOfHead && line.starts_with("HTTP/")) {
@@ -333,9 +336,20 @@ bool CurlURLSessionTransfer::takeDecoded(std::string_view bytes) {
   return true;
 }
 
+// A redirect's body and what chunks say of themselves are seen nowhere else.
+int CurlURLSessionTransfer::noteTraffic(CURL*, curl_infotype type, char*, size_t size, void* self) noexcept {
+  if (type == CURLINFO_DATA_IN)
+    static_cast<CurlURLSessionTransfer*>(self)->rawBytes_ += static_cast<int64_t>(size);
+  return 0;
+}
+
 int CurlURLSessionTransfer::progressed(void* self, curl_off_t, curl_off_t received, curl_off_t,
                                        curl_off_t sent) noexcept {
   auto& transfer = *static_cast<CurlURLSessionTransfer*>(self);
+  if (transfer.rawBytes_ > 2 * transfer.options_.maxResponseBytes) {
+    transfer.isTooLarge_ = true;
+    return 1;
+  }
   if (received == transfer.seenReceived_ && sent == transfer.seenSent_) return 0;
   transfer.movedBytes_ += std::max<int64_t>(received - transfer.seenReceived_, 0) +
                           std::max<int64_t>(sent - transfer.seenSent_, 0);

@@ -65,6 +65,7 @@ class CurlURLSessionTransfer final {
 
   static size_t headerCame(char* bytes, size_t size, size_t count, void* self) noexcept;
   static size_t bodyCame(char* bytes, size_t size, size_t count, void* self) noexcept;
+  static int noteTraffic(CURL* handle, curl_infotype type, char* bytes, size_t size, void* self) noexcept;
   static int progressed(void* self, curl_off_t total, curl_off_t received, curl_off_t toSend,
                         curl_off_t sent) noexcept;
   static int requestGoesOut(void* self, char* remoteAddress, char* localAddress, int remotePort,
@@ -117,6 +118,7 @@ class CurlURLSessionTransfer final {
   bool decodes_ = false;
   std::optional<AnswerDecoder> decoder_;  // once there is a body
   int64_t bodyBytes_ = 0;                 // as they came
+  int64_t rawBytes_ = 0;                  // of all bodies, redirects' included, in their chunks
   int64_t decodedBytes_ = 0;
   int64_t toldBytesSent_ = 0;
   curl_off_t seenReceived_ = 0;

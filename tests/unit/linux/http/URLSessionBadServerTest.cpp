@@ -14,6 +14,17 @@ class URLSessionBadServerTest : public URLSessionTest {
     EXPECT_EQ(load(post(server_.url("/next"), "body")).data, "served");
     URLSessionTest::TearDown();
   }
+  void expectTooLarge(TestAnswer answer) {
+    const HeardTask heard = postTo(std::move(answer));
+    EXPECT_TRUE(heard.failedWith(URLSessionError::kResponseTooLarge));
+    ASSERT_TRUE(heard.error);
+    EXPECT_EQ(heard.error->description, "the answer is too large");
+  }
+  static std::string times(size_t count, const std::string& text) {
+    std::string all;
+    for (size_t i = 0; i < count; ++i) all += text;
+    return all;
+  }
   HeardTask postTo(TestAnswer answer, size_t bytes = 4) {
     server_.answer("/p", std::move(answer));
     return load(post(server_.url("/p"), std::string(bytes, 'b')));
@@ -89,6 +100,45 @@ TEST_F(URLSessionBadServerTest, SuccessBeforeTheBodyIsThereIsNone) {
   const HeardTask heard = load(post(server_.url("/p"), std::string(kBytes, 'b')));
   EXPECT_TRUE(heard.failedWith(URLSessionError::kConnectionLost));
   EXPECT_LT(heard.sent, static_cast<int64_t>(kBytes));
+}
+
+// libcurl keeps every one of them.
+TEST_F(URLSessionBadServerTest, TrailersCountAsHeaders) {
+  const TestHeaders chunked{{"Transfer-Encoding", "chunked"}};
+  const auto withTrailers = [](size_t count) {
+    return "1\r\nx\r\n0\r\n" + times(count, "A: " + std::string(1019, 'b') + "\r\n") + "\r\n";
+  };
+  EXPECT_EQ(postTo({.body = withTrailers(250), .headers = chunked}).data, "x");
+  expectTooLarge({.body = withTrailers(256), .headers = chunked});
+}
+
+// What no body function hears of is bounded as well.
+TEST_F(URLSessionBadServerTest, BodyOfARedirectIsBounded) {
+  start({.maxResponseBytes = 100'000});
+  server_.answer("/to", {.body = "there"});
+  TestAnswer redirect = TestAnswer::redirect("/to");
+  redirect.fillerBytes = 190'000;
+  EXPECT_EQ(postTo(redirect).data, "there");
+  redirect.fillerBytes = 10'000'000;
+  expectTooLarge(redirect);
+
+  redirect = TestAnswer::redirect("/to");
+  redirect.headers.emplace_back("Transfer-Encoding", "chunked");
+  redirect.body = times(100, "186a0\r\n" + std::string(100'000, 'x') + "\r\n") + "0\r\n\r\n";
+  expectTooLarge(redirect);
+}
+
+TEST_F(URLSessionBadServerTest, ChunkExtensionsAreBounded) {
+  start({.maxResponseBytes = 100'000});
+  const TestHeaders chunked{{"Transfer-Encoding", "chunked"}};
+  const std::string chunk = "1;" + std::string(10'000, 'x') + "\r\nx\r\n";
+  EXPECT_EQ(postTo({.body = times(10, chunk) + "0\r\n\r\n", .headers = chunked}).data, "xxxxxxxxxx");
+  expectTooLarge({.body = times(1000, chunk) + "0\r\n\r\n", .headers = chunked});
+}
+
+TEST_F(URLSessionBadServerTest, AnswersOfEarlierTransfersAreNotCounted) {
+  start({.maxResponseBytes = 100'000});
+  for (int i = 0; i < 5; ++i) EXPECT_FALSE(postTo({.fillerBytes = 100'000}).error) << i;
 }
 
 }  // namespace
