@@ -27,14 +27,21 @@ class StagedDefaults {
 };
 
 /// Persistent settings: one dictionary per suite (domain), kept on disk. Every call
-/// sees what is on disk now. A suite that cannot be read is an error line and counts
-/// as empty; a value that cannot be written is an error line and lost. Any thread.
+/// sees what is on disk now. A suite that cannot be read is an error line; a value that cannot be written is
+/// an error line and lost. Any thread.
 class UserDefaults {
  public:
   virtual ~UserDefaults() = default;
 
-  /// The value under `key`, or none.
-  [[nodiscard]] virtual Value objectForKey(std::string_view suite, std::string_view key) const = 0;
+  /// The value under `key`, or none; nothing where the machine, and not the file, is why the
+  /// suite cannot be read just now. A file that is no suite counts as an empty one.
+  [[nodiscard]] virtual std::optional<Value> objectIfReadable(std::string_view suite,
+                                                              std::string_view key) const = 0;
+
+  /// The same, where a suite that cannot be read counts as empty too.
+  [[nodiscard]] Value objectForKey(std::string_view suite, std::string_view key) const {
+    return objectIfReadable(suite, key).value_or(Value());
+  }
 
   /// How many keys begin with `prefix`.
   [[nodiscard]] virtual size_t countOfKeys(std::string_view suite, std::string_view prefix) const = 0;

@@ -14,14 +14,15 @@ std::string keyOf(std::string_view name) {
 
 }  // namespace
 
-std::optional<int64_t> AcceptedSerials::of(std::string_view name) const {
+AcceptedSerials::Serial AcceptedSerials::of(std::string_view name) const {
   const MutexLock lock(mutex_);
   return highest(name);
 }
 
-std::optional<int64_t> AcceptedSerials::highest(std::string_view name) const {
-  const Value stored = defaults_.objectForKey(kReportingSuite, keyOf(name));
-  const auto kept = stored.isInteger() ? std::optional(stored.intValue()) : std::nullopt;
+AcceptedSerials::Serial AcceptedSerials::highest(std::string_view name) const {
+  const auto stored = defaults_.objectIfReadable(kReportingSuite, keyOf(name));
+  if (!stored) return Serial::failure(Unknown::kUnreadable);
+  const auto kept = stored->isInteger() ? std::optional(stored->intValue()) : std::nullopt;
   const auto noted = noted_.find(name);
   return noted == noted_.end() ? kept : std::max(kept, std::optional(noted->second));
 }
@@ -29,7 +30,8 @@ std::optional<int64_t> AcceptedSerials::highest(std::string_view name) const {
 void AcceptedSerials::note(std::string_view name, int64_t serial) {
   const MutexLock lock(mutex_);
   if (const auto known = highest(name); known && *known >= serial) return;
-  noted_.insert_or_assign(std::string(name), serial);
+  int64_t& noted = noted_.try_emplace(std::string(name), serial).first->second;
+  noted = std::max(noted, serial);
   toBeKept_.insert(std::string(name));
 }
 
@@ -39,7 +41,16 @@ void AcceptedSerials::keep(std::string_view name) {
     if (toBeKept_.erase(std::string(name)) == 0) return;
   }
   const MutexLock turn(keeping_);
-  if (const auto serial = of(name)) defaults_.setObject(kReportingSuite, keyOf(name), *serial);
+  if (write(name)) return;
+  const MutexLock lock(mutex_);
+  toBeKept_.insert(std::string(name));
+}
+
+bool AcceptedSerials::write(std::string_view name) {
+  const Serial serial = of(name);
+  if (!serial || !*serial) return false;
+  defaults_.setObject(kReportingSuite, keyOf(name), **serial);
+  return defaults_.objectForKey(kReportingSuite, keyOf(name)) == Value(**serial);
 }
 
 }  // namespace zun

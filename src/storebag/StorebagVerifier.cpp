@@ -48,12 +48,17 @@ std::optional<std::string> StorebagVerifier::refusal(std::string_view name,
     return fmt::format("the serial of storebag '{}' is no integer", name);
   }
   const auto accepted = serials_.of(name);
-  if (!accepted) return std::nullopt;
-  if (serial.isNone()) {
-    return fmt::format("storebag '{}' has no serial, but {} was accepted before", name, *accepted);
+  if (!accepted) {
+    return fmt::format(
+        "storebag '{}' is not taken while the serials that were accepted before cannot be read", name);
   }
-  if (serial.intValue() >= *accepted) return std::nullopt;
-  return fmt::format("storebag '{}' has serial {}, but {} was accepted before", name, serial, *accepted);
+  const std::optional<int64_t> before = *accepted;
+  if (!before) return std::nullopt;
+  if (serial.isNone()) {
+    return fmt::format("storebag '{}' has no serial, but {} was accepted before", name, *before);
+  }
+  if (serial.intValue() >= *before) return std::nullopt;
+  return fmt::format("storebag '{}' has serial {}, but {} was accepted before", name, serial, *before);
 }
 
 // The bytes of the inner storebag, once its signature has been verified.

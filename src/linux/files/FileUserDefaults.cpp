@@ -88,9 +88,11 @@ const PropertyListFile::Content& FileUserDefaults::contentOf(PropertyListFile& f
   return content;
 }
 
-Value FileUserDefaults::objectForKey(std::string_view suite, std::string_view key) const {
+std::optional<Value> FileUserDefaults::objectIfReadable(std::string_view suite, std::string_view key) const {
   const MutexLock lock(mutex_);
-  return contentOf(fileOfSuite(suite)).dictionary[key];
+  const PropertyListFile::Content& content = contentOf(fileOfSuite(suite));
+  if (content.state == PropertyListFile::State::kUnreadable) return std::nullopt;
+  return content.dictionary[key];
 }
 
 size_t FileUserDefaults::countOfKeys(std::string_view suite, std::string_view prefix) const {

@@ -31,7 +31,8 @@ class FileUserDefaults final : public UserDefaults {
                    std::chrono::milliseconds lockPatience = std::chrono::seconds(5))
       : files_(files), log_(log), lockPatience_(lockPatience) {}
 
-  [[nodiscard]] Value objectForKey(std::string_view suite, std::string_view key) const override;
+  [[nodiscard]] std::optional<Value> objectIfReadable(std::string_view suite,
+                                                      std::string_view key) const override;
   [[nodiscard]] size_t countOfKeys(std::string_view suite, std::string_view prefix) const override;
   [[nodiscard]] std::unique_ptr<StagedDefaults> stageObjects(
       std::string_view suite, std::vector<std::pair<std::string_view, Value>> objects) override;

@@ -1,7 +1,10 @@
 // What a signature does not say: which storebag it is, and how old.
 
+#include <sys/resource.h>
+
 #include "NetworkStorebagFetcherFixture.h"
 #include "storebag/AcceptedSerials.h"
+#include "storebag/StorebagVerifier.h"
 
 using namespace std::chrono_literals;
 
@@ -27,6 +30,22 @@ std::string strangeSerial(const std::string& name) {
 std::string otherName(const std::string& name, const std::string& signedFor) {
   return fmt::format("fetchStorebagWithName: storebag '{}' was signed as '{}'", name, signedFor);
 }
+
+/// No file can be opened meanwhile.
+class NoDescriptors final {
+ public:
+  NoDescriptors() {
+    ::getrlimit(RLIMIT_NOFILE, &before_);
+    const rlimit none{0, before_.rlim_max};
+    ::setrlimit(RLIMIT_NOFILE, &none);
+  }
+  ~NoDescriptors() { ::setrlimit(RLIMIT_NOFILE, &before_); }
+  NoDescriptors(const NoDescriptors&) = delete;
+  NoDescriptors& operator=(const NoDescriptors&) = delete;
+
+ private:
+  rlimit before_{};
+};
 
 class StorebagSerialTest : public NetworkStorebagFetcherTest {
  protected:
@@ -186,27 +205,68 @@ TEST_F(StorebagSerialTest, StoredSerialThatIsNoIntegerIsNone) {
 
 TEST_F(StorebagSerialTest, NotedSerialCountsAtOnceAndLastsOnceItIsKept) {
   AcceptedSerials serials(platform_.defaults);
-  EXPECT_EQ(serials.of("confero"), std::nullopt);
+  EXPECT_EQ(*serials.of("confero"), std::nullopt);
   serials.note("confero", 5);
-  EXPECT_EQ(serials.of("confero"), 5);
-  EXPECT_EQ(AcceptedSerials(platform_.defaults).of("confero"), std::nullopt);
+  EXPECT_EQ(*serials.of("confero"), 5);
+  EXPECT_EQ(*AcceptedSerials(platform_.defaults).of("confero"), std::nullopt);
   serials.keep("tessel");
-  EXPECT_EQ(AcceptedSerials(platform_.defaults).of("confero"), std::nullopt);
+  EXPECT_EQ(*AcceptedSerials(platform_.defaults).of("confero"), std::nullopt);
   serials.keep("confero");
-  EXPECT_EQ(AcceptedSerials(platform_.defaults).of("confero"), 5);
+  EXPECT_EQ(*AcceptedSerials(platform_.defaults).of("confero"), 5);
 }
 
 TEST_F(StorebagSerialTest, KeptSerialNeverFalls) {
   AcceptedSerials serials(platform_.defaults);
   serials.note("confero", 5);
   serials.note("confero", 3);
-  EXPECT_EQ(serials.of("confero"), 5);
+  EXPECT_EQ(*serials.of("confero"), 5);
   setDefault(kSerialKey, 8);
-  EXPECT_EQ(serials.of("confero"), 8);
+  EXPECT_EQ(*serials.of("confero"), 8);
   serials.keep("confero");
   EXPECT_EQ(getDefault(kSerialKey), Value(8));
   setDefault(kSerialKey, Value());
-  EXPECT_EQ(serials.of("confero"), 5);
+  EXPECT_EQ(*serials.of("confero"), 5);
+}
+
+TEST_F(StorebagSerialTest, SerialThatCouldNotBeWrittenIsWrittenWithTheNextLookup) {
+  const std::string lock =
+      platform_.files.resolve("~/Library/Preferences/com.vantix.zunreporting.plist.lock");
+  AcceptedSerials serials(platform_.defaults);
+  serials.note("confero", 5);
+  std::filesystem::remove(lock);
+  std::filesystem::create_directory(lock);
+  serials.keep("confero");
+  EXPECT_EQ(platform_.log.takeErrors().size(), 1U);
+  EXPECT_TRUE(getDefault(kSerialKey).isNone());
+  std::filesystem::remove(lock);
+  serials.note("confero", 5);
+  serials.keep("confero");
+  EXPECT_EQ(getDefault(kSerialKey), Value(5));
+}
+
+// Without a descriptor nothing is known of what was accepted, which is not that nothing was.
+TEST_F(StorebagSerialTest, NothingIsTakenWhileSerialsCannotBeRead) {
+  AcceptedSerials serials(platform_.defaults);
+  const StorebagDiskCache cache(platform_.services, identity_);
+  const StorebagVerifier verifier(platform_.services, cache, serials);
+  const std::string older = sealed(withSerial(4));
+  setDefault(kSerialKey, 5);
+  {
+    const NoDescriptors none;
+    EXPECT_EQ(verifier.verifyAndParse("confero", older), std::nullopt);
+    serials.note("confero", 8);
+    serials.note("confero", 7);
+    serials.keep("confero");
+  }
+  const auto errors = platform_.log.takeErrors();
+  ASSERT_EQ(errors.size(), 2U);  // the first is of the file
+  EXPECT_EQ(
+      errors[1],
+      "fetchStorebagWithName: storebag 'confero' is not taken while the serials that were accepted before "
+      "cannot be read");
+  EXPECT_EQ(*serials.of("confero"), 8);
+  serials.keep("confero");
+  EXPECT_EQ(getDefault(kSerialKey), Value(8));
 }
 
 // A lookup that finds nothing new waits for no other process.
