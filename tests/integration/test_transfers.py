@@ -11,7 +11,7 @@ from test_hierarchies import INTERFACE, PATH, TIMEOUT, Client, session_info, use
 
 REALTIME = 1
 TESSEL = 5
-SHARE_OF_ONE_CLIENT = 2500
+SHARE_OF_ONE_CLIENT = 1250  # of one server
 
 
 def urgent_event(number):

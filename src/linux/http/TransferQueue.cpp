@@ -28,12 +28,13 @@ void TransferQueue::push(Task task) {
     return;
   }
   Server& server = serverOf(*task);
-  server.queue.push_back(std::move(task));
+  const BudgetHolder& holder = task->request().holder;
+  server.waiting[{holder.user, holder.member}].push_back(std::move(task));
   giveTurn(server);
 }
 
 void TransferQueue::giveTurn(Server& server) {
-  if (server.hasTurn || server.queue.empty() || server.active >= options_.maxConnectionsPerHost) return;
+  if (server.hasTurn || server.waiting.empty() || server.active >= options_.maxConnectionsPerHost) return;
   server.hasTurn = true;
   of(server.lane).turns.push_back(&server);
 }
@@ -84,16 +85,25 @@ TransferQueue::Task TransferQueue::nextOf(TransferLane lane) {
     Server& server = *turns.front();
     turns.pop_front();
     server.hasTurn = false;
-    if (server.queue.empty()) {  // those who stood in it were taken out
+    if (server.waiting.empty()) {  // those who stood in it were taken out
       if (server.active == 0)
         std::erase_if(servers_, [&server](const auto& entry) { return &entry.second == &server; });
       continue;
     }
-    Task task = std::move(server.queue.front());
-    server.queue.pop_front();
-    return task;
+    return nextOf(server);
   }
   return nullptr;
+}
+
+TransferQueue::Task TransferQueue::nextOf(Server& server) {
+  auto holder = server.waiting.upper_bound(server.last);
+  if (holder == server.waiting.end()) holder = server.waiting.begin();
+  server.last = holder->first;
+  std::deque<Task>& tasks = holder->second;
+  Task task = std::move(tasks.front());
+  tasks.pop_front();
+  if (tasks.empty()) server.waiting.erase(holder);
+  return task;
 }
 
 void TransferQueue::ended(const CurlURLSessionTask& task) {
@@ -104,7 +114,7 @@ void TransferQueue::ended(const CurlURLSessionTask& task) {
   Server& server = found->second;
   --server.active;
   giveTurn(server);
-  if (server.active == 0 && !server.hasTurn && server.queue.empty()) servers_.erase(found);
+  if (server.active == 0 && !server.hasTurn && server.waiting.empty()) servers_.erase(found);
 }
 
 }  // namespace zun

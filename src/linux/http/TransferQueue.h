@@ -2,10 +2,13 @@
 
 #include <array>
 #include <cstddef>
+#include <cstdint>
 #include <deque>
+#include <map>
 #include <memory>
 #include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "linux/http/CurlURLSession.h"
@@ -15,10 +18,10 @@ namespace zun {
 
 /// Who goes next of those whom nothing but the others keeps waiting.
 ///
-/// Servers take turns, one task each, so that a busy one does not shut out the others, and
-/// each lane has connections of its own to a server. A few of all connections are kept for
-/// the daemon's own requests, and uploads have half of them at most. What can choose its
-/// time goes one at a time, when nobody else wants to.
+/// Servers take turns, one task each, so that a busy one does not shut out the others, and so do
+/// holders at each server. Each lane has connections of its own to a server. A few of all connections are
+/// kept for the daemon's own requests, and uploads have half of them at most. What can choose its time goes
+/// one at a time, when nobody else wants to.
 ///
 /// Threading: the transfer thread only. Ownership: of the loop.
 class TransferQueue final {
@@ -41,11 +44,13 @@ class TransferQueue final {
   std::vector<Task> takeOut(Condition isOver);
 
  private:
+  using Holder = std::pair<uint32_t, uint64_t>;  // user and member
   struct Server {
     TransferLane lane = TransferLane::kPosts;
     size_t active = 0;
-    bool hasTurn = false;  // stands in its lane's turns
-    std::deque<Task> queue;
+    bool hasTurn = false;                        // stands in its lane's turns
+    std::map<Holder, std::deque<Task>> waiting;  // none of them empty
+    Holder last;                                 // who had its turn
   };
   struct Lane {
     size_t active = 0;
@@ -58,6 +63,7 @@ class TransferQueue final {
   [[nodiscard]] Task nextOf(TransferLane lane);
   Server& serverOf(const CurlURLSessionTask& task);
   void giveTurn(Server& server);
+  [[nodiscard]] static Task nextOf(Server& server);
 
   const CurlOptions& options_;
   std::unordered_map<std::string, Server> servers_;
@@ -77,7 +83,10 @@ std::vector<TransferQueue::Task> TransferQueue::takeOut(Condition isOver) {
     return true;
   };
   std::erase_if(discretionary_, takeIfOver);
-  for (auto& [name, server] : servers_) std::erase_if(server.queue, takeIfOver);
+  for (auto& [name, server] : servers_) {
+    for (auto& [holder, tasks] : server.waiting) std::erase_if(tasks, takeIfOver);
+    std::erase_if(server.waiting, [](const auto& entry) { return entry.second.empty(); });
+  }
   queued_ -= taken.size();
   return taken;
 }

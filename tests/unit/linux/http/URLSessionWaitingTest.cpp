@@ -400,9 +400,14 @@ TEST_F(URLSessionWaitingTest, BytesToSendBeyondTheShareFailAtOnceWhileOthersWait
   start({.maxBodyBytes = 4000});
   routes_->become(kNetworkDown);
   server_.answer("/", {});
-  begin(post(remote("/"), std::string(900, 'x')), "waits");
-  EXPECT_TRUE(load(post(remote("/"), std::string(101, 'x'))).failedWith(URLSessionError::kTooManyTransfers));
-  begin(post(remote("/"), std::string(100, 'x')), "waits too");
+  const auto ofClient = [](URLRequest request) {
+    request.holder = {1000, 1};
+    return request;
+  };
+  begin(ofClient(post(remote("/"), std::string(900, 'x'))), "waits");
+  EXPECT_TRUE(load(ofClient(post(remote("/"), std::string(101, 'x'))))
+                  .failedWith(URLSessionError::kTooManyTransfers));
+  begin(ofClient(post(remote("/"), std::string(100, 'x'))), "waits too");
   routes_->become(kNetworkUp);
   ASSERT_TRUE(delegate_->waitForCompletions(3));
   EXPECT_FALSE(delegate_->heard("waits too").error);
