@@ -23,11 +23,8 @@
 #include <thread>
 #include <vector>
 
-#include "Client.h"
-#include "DaemonUnderTest.h"
-#include "Sink.h"
-#include "support/ScratchFolder.h"
-#include "support/TestCertificates.h"
+#include "harness/Client.h"
+#include "harness/DaemonUnderTest.h"
 #include "values/Check.h"
 
 namespace {
@@ -36,7 +33,6 @@ using namespace zun;
 using namespace zun::bench;
 using namespace std::chrono_literals;
 
-constexpr int kEventThreshold = 499;  // 500 records a post
 constexpr auto kTurn = 1s;
 constexpr auto kSettling = 200ms;
 constexpr uint64_t kCallsASlice = 64;
@@ -88,15 +84,37 @@ class Child final {
   pid_t process_ = 0;
 };
 
-void keepSending(const std::string& socketPath, Call call, Sending sending, std::atomic<uint64_t>& counter) {
-  Client client(socketPath, true);
-  client.use(call);
+enum class Call {
+  kEvent,
+  kJoin,     // of one hierarchy and another in turn
+  kFlush,    // of an event each
+  kRefused,  // no such member
+};
+
+/// Sent in turn.
+std::vector<std::string> callsOf(Call call, const Events& events) {
+  const auto join = [](const char* token) {
+    return Client::sessionInfoCall({Client::Posting::kInBatches, token, 1});
+  };
+  switch (call) {
+    case Call::kEvent: return events.calls();
+    case Call::kJoin: return {join("one"), join("another")};
+    case Call::kFlush: return {events.call(0), sessionCall("flushMessagesWithCompletion", "", {})};
+    case Call::kRefused: return {sessionCall("noSuchMember", "", {})};
+  }
+  return {};
+}
+
+void keepSending(const std::string& socketPath, const std::vector<std::string>& calls, bool areRefused,
+                 uint64_t window, std::atomic<uint64_t>& counter) {
+  Client client(socketPath);
+  if (areRefused) client.expectErrors();
   std::vector<Clock::duration> latencies;
-  const uint64_t slice = sending == Sending::kAwaited ? 1 : kCallsASlice * 256;
+  const uint64_t slice = window == 1 ? 1 : kCallsASlice * window;
   while (true) {
     latencies.clear();
-    client.send(slice, sending, latencies);
-    counter += slice;
+    Work work(slice);
+    counter += client.send(calls, work, window, latencies);
   }
 }
 
@@ -165,20 +183,21 @@ std::vector<double> coresOfFlood(const Turn& quiet, const Turn& loud) {
 }
 
 void run(const char* name, Call flood, int rounds, const std::string& program) {
-  const ScratchFolder folder;
-  const auto& certificates = TestCertificates::shared();
-  Sink sink(certificates.trusted().certificate, certificates.trusted().key);
-  DaemonUnderTest daemon(program, folder.path(), fmt::format("https://localhost:{}/post", sink.port()),
-                         certificates.caFile(), kEventThreshold);
+  const DaemonUnderTest daemon({program});
+  const Sink& sink = daemon.sink();
   const std::string path = daemon.socketPath();
-  const Child awaiting([&](auto& counter) { keepSending(path, Call::kEvent, Sending::kAwaited, counter); });
+  const Events events;
+  const std::vector<std::string> calls = callsOf(flood, events);
+  const Child awaiting([&](auto& counter) { keepSending(path, events.calls(), false, 1, counter); });
 
   std::vector<double> alone, flooded, burning, shares, floodCores, burntCores;
   for (int i = 0; i < rounds; ++i) {
     const Turn quiet = watch(awaiting, {daemon.process(), sink.process()});
     Turn loud;
     {
-      const Child flooder([&](auto& counter) { keepSending(path, flood, Sending::kPipelined, counter); });
+      const Child flooder([&](auto& counter) {
+        keepSending(path, calls, flood == Call::kRefused, Client::kPipelined, counter);
+      });
       loud = watch(awaiting, {daemon.process(), sink.process(), flooder.process()});
     }
     const std::vector<double> burnt = coresOfFlood(quiet, loud);

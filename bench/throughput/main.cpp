@@ -1,125 +1,155 @@
 // throughput: what the real daemon takes per second, and what an event costs it.
 
-#include <fmt/format.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <atomic>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <memory>
-#include <string>
+#include <optional>
 #include <thread>
-#include <vector>
 
-#include "Client.h"
-#include "DaemonUnderTest.h"
-#include "Sink.h"
-#include "support/ScratchFolder.h"
-#include "support/TestCertificates.h"
-#include "values/Check.h"
+#include "harness/Client.h"
+#include "harness/DaemonUnderTest.h"
+#include "harness/EchoServer.h"
+#include "harness/ProcessFigures.h"
+#include "harness/Row.h"
+#include "harness/ZlibCost.h"
 
 namespace {
 
 using namespace zun;
 using namespace zun::bench;
+using ReadableCopy = DaemonSetup::ReadableCopy;
+using Posting = Client::Posting;
 
-constexpr int kEventThreshold = 499;  // 500 records a post
-
-// Posts that may wait for the sink while every event is one: more than a daemon keeps, it
-// drops. Clients go on when the sink has caught up.
-constexpr uint64_t kMaximumBehind = 4000;
-constexpr uint64_t kEventsASlice = 500;
+// Posts that may wait for the sink while every event is one: of more a daemon drops some.
+constexpr uint64_t kMaximumPostsBehind = 4000;
+// Of a dashboard that acknowledges, 50 may wait.
+constexpr uint64_t kMaximumDatagramsBehind = 40;
+constexpr uint64_t kDashboardWindow = 32;
+constexpr uint64_t kFlood = 16 * Client::kPipelined;
+constexpr uint64_t kWarmUp = 1000;
 
 struct Scenario {
   const char* name;
-  bool batch;
-  Sending sending;
-  int clients;
-  uint64_t events;  // of all clients together
+  int recordsAPost;
+  ReadableCopy readableCopy = ReadableCopy::kNone;
+  uint64_t window = Client::kPipelined;
+  size_t clients = 1;
+  uint64_t firstWindow = 0;  // of the first client, when not as the others'
+  bool postsAtOnce = false;
+  bool hasDashboard = false;
 };
 
-double microseconds(Clock::duration duration) {
-  return std::chrono::duration<double, std::micro>(duration).count();
-}
+constexpr Scenario kScenarios[] = {
+    {"pipelined-500", 500},
+    {"pipelined-50", 50},
+    {"pipelined-50-copy", 50, ReadableCopy::kWritten},
+    {"awaited-500", 500, ReadableCopy::kNone, 1},
+    {"at-once", 1, ReadableCopy::kNone, Client::kPipelined, 1, 0, true},
+    {"dashboard", 500, ReadableCopy::kNone, kDashboardWindow, 1, 0, false, true},
+    {"eight-500", 500, ReadableCopy::kNone, Client::kPipelined, 8},
+    {"eight-500-flood", 500, ReadableCopy::kNone, Client::kPipelined, 8, kFlood},
+};
 
-double percentile(std::vector<Clock::duration>& latencies, double part) {
-  const auto place =
-      latencies.begin() + static_cast<std::ptrdiff_t>(part * static_cast<double>(latencies.size() - 1));
-  std::nth_element(latencies.begin(), place, latencies.end());
-  return microseconds(*place);
-}
-
-void run(const Scenario& scenario, const std::string& program) {
-  const ScratchFolder folder;
-  const auto& certificates = TestCertificates::shared();
-  Sink sink(certificates.trusted().certificate, certificates.trusted().key);
-  DaemonUnderTest daemon(program, folder.path(), fmt::format("https://localhost:{}/post", sink.port()),
-                         certificates.caFile(), kEventThreshold);
-
-  std::vector<std::unique_ptr<Client>> clients;
-  for (int i = 0; i < scenario.clients; ++i) {
-    clients.push_back(std::make_unique<Client>(daemon.socketPath(), scenario.batch));
+class Run final {
+ public:
+  Run(const Scenario& scenario, const std::string& program)
+      : scenario_(scenario),
+        dashboard_(scenario.hasDashboard ? std::make_optional<EchoServer>() : std::nullopt),
+        daemon_({program, scenario.recordsAPost, scenario.readableCopy, 20, 0,
+                 dashboard_ ? dashboard_->port() : uint16_t{0}}) {
+    const Client::Session session{scenario.postsAtOnce ? Posting::kEachAtOnce : Posting::kInBatches, {}, 0};
+    for (size_t i = 0; i < scenario.clients; ++i) {
+      clients_.push_back(std::make_unique<Client>(daemon_.socketPath(), session));
+    }
   }
-  std::vector<std::vector<Clock::duration>> latencies(clients.size());
-  const uint64_t eventsEach = scenario.events / clients.size();
-  const auto daemonBefore = cpuTimeOf(daemon.process());
-  const auto sinkBefore = cpuTimeOf(sink.process());
-  const uint64_t postsBefore = sink.posts();
-  const auto start = Clock::now();
-  std::atomic<uint64_t> sent{0};
-  std::vector<std::thread> threads;
-  for (size_t i = 0; i < clients.size(); ++i) {
-    threads.emplace_back([&, i] {
-      if (scenario.batch) {
-        clients[i]->send(eventsEach, scenario.sending, latencies[i]);
-        clients[i]->flush();
-        return;
-      }
-      for (uint64_t left = eventsEach; left > 0; left -= std::min(left, kEventsASlice)) {
-        const uint64_t slice = std::min(left, kEventsASlice);
-        sent += slice;
-        clients[i]->send(slice, scenario.sending, latencies[i]);
-        while (sent - (sink.posts() - postsBefore) > kMaximumBehind)
-          std::this_thread::sleep_for(std::chrono::microseconds(200));
-      }
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
-  const uint64_t events = eventsEach * clients.size();
-  while (!scenario.batch && sink.posts() - postsBefore < events)
-    std::this_thread::sleep_for(std::chrono::microseconds(200));
-  const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
-  const auto count = static_cast<double>(events);
-  const double daemonCPU = static_cast<double>((cpuTimeOf(daemon.process()) - daemonBefore).count());
-  const double sinkCPU = static_cast<double>((cpuTimeOf(sink.process()) - sinkBefore).count());
 
-  std::vector<Clock::duration> all;
-  for (const auto& some : latencies) all.insert(all.end(), some.begin(), some.end());
-  fmt::print(
-      "{:<28} {:>2} clients {:>9.0f} events/s {:>6.2f} us daemon CPU/event {:>6.2f} us sink CPU/event  "
-      "p50 {:>7.1f} us  p99 {:>8.1f} us  {:>7} posts  RSS {:>6} KiB\n",
-      scenario.name, scenario.clients, count / seconds, daemonCPU / count, sinkCPU / count,
-      percentile(all, 0.5), percentile(all, 0.99), sink.posts() - postsBefore, daemon.residentKilobytes());
-  std::fflush(stdout);
-}
+  void measure(const Events& events, uint64_t count) {
+    send(events, kWarmUp);
+    const auto before = cpuTimeOf(daemon_.process());
+    const uint64_t postsBefore = daemon_.sink().posts();
+    const auto start = Clock::now();
+    send(events, count);
+    const std::chrono::duration<double> took = Clock::now() - start;
+    const auto cpu = cpuTimeOf(daemon_.process()) - before;
+
+    const double microseconds = static_cast<double>(cpu.count()) / 1000 / static_cast<double>(count);
+    Row row(scenario_.name);
+    row.add("cpu_us", microseconds);
+    row.add("events_per_s", static_cast<double>(count) / took.count());
+    row.add("peak_rss_mib", static_cast<double>(statusOf(daemon_.process(), "VmHWM:")) / 1024);
+    row.add("posts", static_cast<double>(daemon_.sink().posts() - postsBefore));
+    if (dashboard_) row.add("datagrams", static_cast<double>(dashboard_->received()));
+    if (!dashboard_) addZlib(row, microseconds);
+    if (scenario_.window == 1) row.addPercentiles(latencies_);
+    if (scenario_.clients > 1) addShares(row, count);
+  }
+
+ private:
+  /// By all clients together, until all has been posted.
+  void send(const Events& events, uint64_t count) {
+    std::optional<Work> work;
+    if (scenario_.postsAtOnce) {
+      work.emplace(count, kMaximumPostsBehind, [this] { return daemon_.sink().posts(); });
+    } else if (dashboard_) {
+      work.emplace(count, kMaximumDatagramsBehind, [this] { return dashboard_->received(); });
+    } else {
+      work.emplace(count);
+    }
+    shares_.assign(clients_.size(), 0);
+    latencies_.clear();
+    std::vector<std::thread> threads;
+    for (size_t i = 0; i < clients_.size(); ++i) {
+      threads.emplace_back([this, &events, &work, i] {
+        const bool isOther = i == 0 && scenario_.firstWindow > 0;
+        std::vector<Clock::duration> latencies;
+        shares_[i] =
+            clients_[i]->send(events, *work, isOther ? scenario_.firstWindow : scenario_.window, latencies);
+        if (i == 0) latencies_ = std::move(latencies);
+      });
+    }
+    for (std::thread& thread : threads) thread.join();
+    if (scenario_.postsAtOnce || dashboard_) return work->waitUntilDone();
+    for (const auto& client : clients_) client->flush();
+  }
+
+  void addZlib(Row& row, double microseconds) const {
+    const ZlibCost cost = zlibCostOf(daemon_.sink().bodies());
+    row.add("zlib_us", cost.microsecondsAnEvent);
+    row.add("zlib_percent", 100 * cost.microsecondsAnEvent / microseconds);
+    row.add("posted_bytes", cost.bytesAnEvent);
+    row.add("compressed_bytes", cost.compressedBytesAnEvent);
+  }
+
+  /// In percent of what each would have if all had the same.
+  void addShares(Row& row, uint64_t count) const {
+    const double fair = static_cast<double>(count) / static_cast<double>(shares_.size());
+    const auto percent = [fair](uint64_t events) { return 100 * static_cast<double>(events) / fair; };
+    row.add("least_share_percent", percent(*std::min_element(shares_.begin(), shares_.end())));
+    row.add("largest_share_percent", percent(*std::max_element(shares_.begin(), shares_.end())));
+    for (size_t i = 0; i < shares_.size(); ++i)
+      row.add(("share" + std::to_string(i + 1) + "_percent").c_str(), percent(shares_[i]));
+  }
+
+  const Scenario scenario_;
+  std::optional<EchoServer> dashboard_;
+  const DaemonUnderTest daemon_;
+  std::vector<std::unique_ptr<Client>> clients_;
+  std::vector<uint64_t> shares_;
+  std::vector<Clock::duration> latencies_;
+};
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  const std::string program = std::filesystem::canonical(argv[0]).parent_path().parent_path().parent_path() /
-                              "src/daemon/zunreportingd";
-  const uint64_t scale = argc > 1 ? std::strtoull(argv[1], nullptr, 10) : 400'000;
-  if (scale == 0 || access(program.c_str(), X_OK) != 0) {
-    fmt::print(stderr, "usage: throughput [EVENTS]   (beside a built {})\n", program);
-    return 2;
-  }
-  fmt::print("{} cores, {} events a scenario\n", std::thread::hardware_concurrency(), scale);
-  for (const int clients : {1, 8}) {
-    run({"batching, replies awaited", true, Sending::kAwaited, clients, scale / 2}, program);
-    run({"batching, pipelined", true, Sending::kPipelined, clients, scale}, program);
-    run({"every event posted at once", false, Sending::kPipelined, clients, scale / 8}, program);
+  std::vector<std::string> names;
+  for (const Scenario& scenario : kScenarios) names.emplace_back(scenario.name);
+  const Options options =
+      parseOptions(argc, argv, "What an event costs the real daemon.", "events", 200'000, names);
+  const Events events;
+  for (const std::string& name : options.rows) {
+    const auto* const scenario = std::find_if(std::begin(kScenarios), std::end(kScenarios),
+                                              [&name](const Scenario& one) { return one.name == name; });
+    // Each a request of its own: a tenth of them tells as much.
+    Run(*scenario, options.daemon).measure(events, options.amount / (scenario->postsAtOnce ? 10 : 1));
   }
   return 0;
 }

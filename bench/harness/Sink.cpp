@@ -1,4 +1,4 @@
-#include "Sink.h"
+#include "harness/Sink.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -13,7 +13,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <cstring>
+#include <mutex>
 #include <new>
 #include <string_view>
 #include <thread>
@@ -101,9 +104,9 @@ void Sink::serveConnection(void* tlsContext, int socket) {
       const size_t body =
           head == std::string::npos ? 0 : contentLength(std::string_view(buffer).substr(0, head + 2));
       if (head != std::string::npos && buffer.size() >= head + 4 + body) {
+        const std::string_view request = buffer;
+        take(request.substr(0, head + 2), request.substr(head + 4, body));
         buffer.erase(0, head + 4 + body);
-        ++counters_->posts;
-        counters_->bodyBytes += body;
         if (SSL_write(tls, kAnswer.data(), static_cast<int>(kAnswer.size())) <= 0) break;
         continue;
       }
@@ -114,6 +117,34 @@ void Sink::serveConnection(void* tlsContext, int socket) {
   }
   SSL_free(tls);
   close(socket);
+}
+
+void Sink::take(std::string_view head, std::string_view body) {
+  if (head.find("gzip") == std::string_view::npos)
+    counters_->lines += static_cast<uint64_t>(std::count(body.begin(), body.end(), '\n'));
+  keep(body);
+  ++counters_->posts;
+}
+
+void Sink::keep(std::string_view body) {
+  static std::mutex mutex;
+  const std::lock_guard lock(mutex);
+  const uint32_t kept = counters_->kept;
+  const size_t begin = kept == 0 ? 0 : counters_->ends[kept - 1];
+  if (kept == kKeptBodies || begin + body.size() > kKeptBytes) return;
+  std::memcpy(counters_->bytes + begin, body.data(), body.size());
+  counters_->ends[kept] = static_cast<uint32_t>(begin + body.size());
+  counters_->kept = kept + 1;
+}
+
+std::vector<std::string> Sink::bodies() const {
+  std::vector<std::string> bodies;
+  size_t begin = 0;
+  for (uint32_t i = 0; i < counters_->kept; ++i) {
+    bodies.emplace_back(counters_->bytes + begin, counters_->bytes + counters_->ends[i]);
+    begin = counters_->ends[i];
+  }
+  return bodies;
 }
 
 }  // namespace zun::bench
