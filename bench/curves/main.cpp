@@ -92,7 +92,7 @@ void measure(const std::string& curve, size_t value, const Options& options) {
   const uint64_t scaled =
       curve == "keys" ? options.amount * Events::kKeys / std::max(value, Events::kKeys) : options.amount;
   const uint64_t count = std::max<uint64_t>(scaled, kTurn * sessions.reporting.size());
-  send(sessions, events, std::max<uint64_t>(kWarmUp, kTurn * sessions.reporting.size()));
+  send(sessions, events, kWarmUp);
   const uint64_t postsBefore = daemon.sink().posts();
   const auto before = cpuTimeOf(daemon.process());
   send(sessions, events, count);

@@ -27,8 +27,9 @@ namespace {
 
 using SteadyClock = std::chrono::steady_clock;
 
-constexpr const char* kMaximumConnections = "8200";
-constexpr const char* kMaximumConnectionsOfAUser = "4100";  // half of all at most
+// A user gets half of them at most, and one program half of that.
+constexpr const char* kMaximumConnections = "16400";
+constexpr const char* kMaximumConnectionsOfAUser = "8200";
 constexpr std::chrono::microseconds kPause{100};
 constexpr size_t kLongText = 500;  // 10 MB of short ones are more values than a property list may have
 

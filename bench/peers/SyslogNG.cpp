@@ -74,12 +74,12 @@ std::string SyslogNG::configuration(int recordsAPost, Keys keys) const {
   }
   const bool merges = keys == Keys::kMerged;
   // Without the opening brace, which the constant keys bring with them.
-  const std::string body =
-      merges ? "$(format-json --shift-levels 1 --key e.*" + pairs + ")" : "{" + text + "\\\"event\\\":$MSG}";
+  const std::string body = merges ? "$(format-json --key e.* --rekey e.* --shift-levels 1" + pairs + ")"
+                                  : "{" + text + "\\\"event\\\":$MSG}";
   return fmt::format(
       R"(@version: 3.38
-options {{ stats-freq(0); keep-hostname(yes); use-dns(no); }};
-source events {{ unix-stream("{}" flags(no-parse) log-iw-size(10000) log-fetch-limit(1000)); }};
+options {{ stats-freq(0); keep-hostname(yes); use-dns(no); dns-cache(no); log-fifo-size(50000); }};
+source events {{ unix-stream("{}" flags(no-parse) max-connections(2) log-iw-size(20000) log-fetch-limit(1000)); }};
 {}
 destination sink {{
   http(url("https://localhost:{}/post") method("POST") tls(ca-file("{}")) workers(1)
