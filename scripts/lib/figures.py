@@ -31,15 +31,16 @@ def with_spread(values):
 class Rounds:
     """What each round found, by row and figure."""
 
-    def __init__(self, rows=None):
+    def __init__(self, about=None, rows=None):
+        self.about = about or {}  # what is told with them
         self.rows = rows if rows is not None else {}
 
     @staticmethod
     def load(path):
-        return Rounds(json.loads(pathlib.Path(path).read_text()))
+        return Rounds(**json.loads(pathlib.Path(path).read_text()))
 
     def save(self, path):
-        pathlib.Path(path).write_text(json.dumps(self.rows, indent=1) + "\n")
+        pathlib.Path(path).write_text(json.dumps({"about": self.about, "rows": self.rows}, indent=1) + "\n")
 
     def add(self, row, figures):
         for figure, value in figures.items():

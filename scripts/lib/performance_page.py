@@ -1,10 +1,5 @@
 """docs/performance.md's tables, between their markers, and the plots beside it."""
 
-import os
-import platform
-import subprocess
-import time
-
 from figures import number, order, ratios, with_spread
 from svg_plot import plot
 
@@ -101,10 +96,10 @@ def curves_table(rounds):
 
 
 def machine(rounds):
-    commit = subprocess.run(["git", "rev-parse", "--short", "HEAD"], capture_output=True, text=True, check=False)
-    return (f"Release build of {commit.stdout.strip()}, {time.strftime('%Y-%m-%d', time.gmtime())}, "
-            f"{os.cpu_count()} cores shared by daemon, clients and server, Linux {platform.release()}. Medians of "
-            f"{rounds.count()} rounds, with the smallest and the largest.")
+    about = rounds.about
+    return (f"`{about.get('command', 'scripts/bench')}` of {about.get('date')}, release build of {about.get('commit')}, "
+            f"{about.get('cores')} cores shared by daemon, clients and server, load {about.get('load')} at the start. "
+            f"Medians of {rounds.count()} rounds, with the smallest and the largest.")
 
 
 SECTIONS = {"machine": machine, "throughput": throughput_table, "peers": peers_table, "fairness": fairness_table,
