@@ -15,7 +15,11 @@ uint64_t Work::take(uint64_t wanted, uint64_t& first) {
     {
       const MutexLock lock(mutex_);
       uint64_t granted = std::min(wanted, events_ - given_);
-      if (done_) granted = std::min(granted, most_ - std::min(most_, given_ - (done_() - before_)));
+      if (done_) {
+        // A datagram that is sent twice counts twice.
+        const uint64_t done = std::min(done_() - before_, given_);
+        granted = std::min(granted, most_ - std::min(most_, given_ - done));
+      }
       if (granted > 0 || given_ == events_) {
         first = given_;
         given_ += granted;
