@@ -92,7 +92,8 @@ def curves_table(rounds):
                 continue
             costs = ", ".join(f"{x:,}: {number(y)}" for x, y, *_ in points)
             rows.append([text, what, costs, order_text(points)])
-    return markdown(["Against", "Cost of", "CPU µs, by number", "grows as"], rows)
+    plots = " ".join(f"![{curve}](plots/{curve}.svg)" for curve in CURVES if points_of(rounds, curve, "cpu_us"))
+    return markdown(["Against", "Cost of", "CPU µs, by number", "grows as"], rows) + (f"\n\n{plots}" if plots else "")
 
 
 def machine(rounds):
