@@ -28,7 +28,7 @@ FAULTS = {
     "open": (EMFILE, EIO, ENOSPC), "open of /proc": (EMFILE,), "open of a folder": (EMFILE,), "mkostemp": (ENOSPC, EMFILE),
     "fopen": (EMFILE,), "fopen64": (EMFILE,), "opendir": (EMFILE,), "fdopendir": (ENOMEM,), "readdir": (EIO,),
     "read": (EIO,), "read of /proc": (EIO,), "readlink": (EIO,), "pread": (EIO,), "write": (ENOSPC, EIO),
-    "fsync": (EIO, ENOSPC), "fsync of a folder": (EIO,), "close": (EIO,), "flock": (ENOMEM,), "rename": (ENOSPC, EIO),
+    "fsync": (EIO, ENOSPC), "fsync of a folder": (EIO,), "close": (EIO,), "flock": (ENOMEM,), "fcntl": (EIO,), "rename": (ENOSPC, EIO),
     "unlink": (EIO,), "mkdir": (ENOSPC, EIO), "fchmod": (EIO,), "chmod": (EIO,), "utimensat": (EIO,),
     "fstat": (ENOMEM,), "fstatat": (EIO,), "stat": (ENOMEM,), "lstat": (EIO,), "statx": (EIO,),
     "socket": (EMFILE, ENOMEM), "socketpair": (EMFILE,), "bind": (ENOMEM,), "listen": (ENOMEM,),
@@ -51,8 +51,8 @@ HARMLESS = {
     "mkdir",
     # Asked for again, at once.
     "poll", "send", "recv", "recvmsg", "accept4",
-    # Transfers go without, or tell what they cannot do.
-    "getsockopt", "setsockopt", "getsockname", "getpeername",
+    # Transfers go without, or tell what they cannot do; their sockets do not block from the first.
+    "fcntl", "getsockopt", "setsockopt", "getsockname", "getpeername",
     # A timer that cannot be set fires at once.
     "timerfd_create", "epoll_ctl",
     # A leftover goes at the next start.

@@ -141,6 +141,7 @@ void CurlURLSessionTransfer::setConnectionOptions() {
   // The idle limit ends a connection that does not come about.
   set(CURLOPT_CONNECTTIMEOUT, static_cast<long>(std::chrono::hours(24 * 7) / std::chrono::seconds(1)));
   set(CURLOPT_MAXAGE_CONN, kLongestIdleSeconds);
+  set(CURLOPT_OPENSOCKETFUNCTION, &makeSocket);
   set(CURLOPT_PREREQFUNCTION, &requestGoesOut);
   set(CURLOPT_PREREQDATA, this);
   if (isBackground(task_->configuration())) {
@@ -365,6 +366,12 @@ void CurlURLSessionTransfer::noteBytesSent(int64_t sent) {
   if (sent <= toldBytesSent_) return;
   toldBytesSent_ = sent;
   delivery_.bytesSent = sent;
+}
+
+// libcurl would make it non-blocking by another call, and go on with it if that fails: the
+// transfer thread would stand still in the first read.
+curl_socket_t CurlURLSessionTransfer::makeSocket(void*, curlsocktype, curl_sockaddr* address) noexcept {
+  return ::socket(address->family, address->socktype | SOCK_NONBLOCK | SOCK_CLOEXEC, address->protocol);
 }
 
 int CurlURLSessionTransfer::socketMade(void*, curl_socket_t socket, curlsocktype) noexcept {

@@ -70,6 +70,7 @@ class CurlURLSessionTransfer final {
                         curl_off_t sent) noexcept;
   static int requestGoesOut(void* self, char* remoteAddress, char* localAddress, int remotePort,
                             int localPort) noexcept;
+  static curl_socket_t makeSocket(void* self, curlsocktype purpose, curl_sockaddr* address) noexcept;
   static int socketMade(void* self, curl_socket_t socket, curlsocktype purpose) noexcept;
 
   [[nodiscard]] Clock::time_point timeLimit() const {
