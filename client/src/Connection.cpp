@@ -1,8 +1,14 @@
 #include "Connection.h"
 
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/un.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstring>
 #include <exception>
+#include <string_view>
 #include <utility>
 
 #include "MessageReader.h"
@@ -14,6 +20,47 @@ namespace {
 constexpr const char* kSessionPath = "/com/vantix/zunreportingd/session";
 constexpr const char* kClientPath = "/com/vantix/zunreportingd/client";
 constexpr const char* kClientInterface = "com.vantix.zunreportingd.ClientSessionReplyInterface";
+
+constexpr std::string_view kPath = "unix:path=";
+// Behind those who connect at the same moment.
+constexpr timeval kTurn{25, 0};
+
+/// A socket that is connected to the path in `address`, or why there is none. The bus library
+/// does not wait while the daemon has more clients to accept than the system queues.
+int connectInTurn(std::string_view address) {
+  sockaddr_un name{};
+  const std::string_view path = address.substr(kPath.size());
+  if (path.size() >= sizeof name.sun_path) return -ENAMETOOLONG;
+  name.sun_family = AF_UNIX;
+  path.copy(name.sun_path, path.size());
+  const int made = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (made < 0) return -errno;
+  if (::setsockopt(made, SOL_SOCKET, SO_SNDTIMEO, &kTurn, sizeof kTurn) == 0) {
+    int connected = 0;
+    do {
+      connected = ::connect(made, reinterpret_cast<const sockaddr*>(&name), sizeof name);
+    } while (connected != 0 && errno == EINTR);
+    constexpr timeval kForEver{};
+    if (connected == 0 && ::setsockopt(made, SOL_SOCKET, SO_SNDTIMEO, &kForEver, sizeof kForEver) == 0) {
+      return made;
+    }
+  }
+  const int error = errno;
+  ::close(made);
+  return -error;
+}
+
+/// Has the bus connect to `address`; of several, and of those with escapes, it finds its own way.
+int setAddress(sd_bus* bus, const std::string& address) {
+  const bool isPlainPath =
+      address.starts_with(kPath) && address.find_first_of("%,;", kPath.size()) == std::string::npos;
+  if (!isPlainPath) return sd_bus_set_address(bus, address.c_str());
+  const int connected = connectInTurn(address);
+  if (connected < 0) return connected;
+  const int result = sd_bus_set_fd(bus, connected, connected);
+  if (result < 0) ::close(connected);
+  return result;
+}
 
 std::string errorText(int result) {
   return std::strerror(-result);
@@ -37,7 +84,7 @@ Outcome<std::unique_ptr<Connection>> Connection::open(const std::string& address
   int result = sd_bus_new(&bus);
   if (result < 0) return failed<Opened>(Failure::kConnection, errorText(result));
   Opened connection(new Connection(bus));
-  result = sd_bus_set_address(bus, address.c_str());
+  result = setAddress(bus, address);
   if (result >= 0) result = sd_bus_negotiate_fds(bus, 1);  // for files to upload
   if (result >= 0) result = sd_bus_start(bus);
   if (result < 0) {

@@ -223,8 +223,9 @@ void DBusServiceListener::queue(FileDescriptor client) {
     refuse(RefusalLog::Cause::kShortage, nullptr, "it has no peer credentials");
   } else if (hasLeft(client.get())) {
     log_.debug("listener: pid {}, user {} left before it was authenticated", peer->process, peer->user);
-  } else if (!refuseAgain(*peer) && !waiting_.add(peer->process, std::move(client))) {
-    refuse(RefusalLog::Cause::kNoPlace, &*peer, "too many of its process wait already");
+  } else if (!refuseAgain(*peer) && !refuseStranger(*peer, client.get()) &&
+             !waiting_.add(peer->user, peer->process, std::move(client))) {
+    refuse(RefusalLog::Cause::kNoPlace, &*peer, "too many of its user or its process wait already");
   }
 }
 
@@ -265,12 +266,24 @@ void DBusServiceListener::handleAcceptFailure(int error) {
 bool DBusServiceListener::refuseAgain(const PeerIdentity& peer) {
   const KnownPeer* const known = recentRefusals_.find(peer, options_.now());
   if (known == nullptr || isEntitled(*known)) return false;
-  refuseStranger(*known);
+  const bool isIt = known->identity().process == peer.process;
+  refuseUnentitled(isIt ? known->identity() : peer);
   return true;
 }
 
-void DBusServiceListener::refuseStranger(const KnownPeer& peer) {
-  refuse(RefusalLog::Cause::kNotEntitled, &peer.identity(), reasonAgainstPeer(peer.identity()));
+bool DBusServiceListener::refuseStranger(const PeerIdentity& peer, int socket) {
+  if (entitlements_.hasRuleForAccount(peer)) return false;
+  const KnownPeer stranger(peer, {});
+  if (isEntitled(stranger)) return false;
+  // What it runs is for the log alone, and asking takes longer than all else.
+  const bool isTold = refusals_.tellsAtOnce(RefusalLog::Cause::kNotEntitled, options_.now());
+  refuseUnentitled(isTold ? readPeerIdentity(socket).value_or(peer) : peer);
+  recentRefusals_.addAccount(stranger, options_.now());
+  return true;
+}
+
+void DBusServiceListener::refuseUnentitled(const PeerIdentity& peer) {
+  refuse(RefusalLog::Cause::kNotEntitled, &peer, reasonAgainstPeer(peer));
 }
 
 void DBusServiceListener::serve(FileDescriptor socket) {
@@ -281,7 +294,7 @@ void DBusServiceListener::serve(FileDescriptor socket) {
   }
   KnownPeer peer(*identity, entitlements_.rightsOfPeer(*identity));
   if (!isEntitled(peer)) {
-    refuseStranger(peer);
+    refuseUnentitled(*identity);
     recentRefusals_.add(peer, options_.now());
     return;
   }

@@ -102,9 +102,11 @@ class DBusServiceListener final : public ServiceListener, private ServiceListene
   void serveWaiting(size_t count);
   template <typename Work>
   void orRefuse(Work&& work);
-  /// Refuses a peer that was refused a moment ago.
+  /// Refuses a peer that, or whose account, was refused a moment ago.
   bool refuseAgain(const PeerIdentity& peer);
-  void refuseStranger(const KnownPeer& peer);
+  /// Refuses a peer that is not entitled whatever it runs: no rule is for its user or groups.
+  bool refuseStranger(const PeerIdentity& peer, int socket);
+  void refuseUnentitled(const PeerIdentity& peer);
   [[nodiscard]] int millisecondsToLook();
   void refuse(RefusalLog::Cause cause, const PeerIdentity* peer, std::string reason);
   /// Why there is no place for one more connection of this peer; empty if there is one.

@@ -23,7 +23,7 @@ void tell(SystemLog& log, RefusalLog::Cause cause, const std::string& line) {
 void RefusalLog::refused(Cause cause, std::string connection, std::string reason, Time now) {
   const MutexLock lock(mutex_);
   Counted& counted = causes_[static_cast<size_t>(cause)];
-  if (counted.untold == 0 && (!counted.told || now - *counted.told >= kInterval)) {
+  if (tellsAtOnce(counted, now)) {
     tell(log_, cause,
          connection.empty() ? fmt::format("a connection is refused: {}", reason)
                             : fmt::format("a connection of {} is refused: {}", connection, reason));
@@ -33,6 +33,11 @@ void RefusalLog::refused(Cause cause, std::string connection, std::string reason
   ++counted.untold;
   counted.connection = std::move(connection);
   counted.reason = std::move(reason);
+}
+
+bool RefusalLog::tellsAtOnce(Cause cause, Time now) {
+  const MutexLock lock(mutex_);
+  return tellsAtOnce(causes_[static_cast<size_t>(cause)], now);
 }
 
 std::optional<RefusalLog::Time> RefusalLog::tellCounted(Time now) {

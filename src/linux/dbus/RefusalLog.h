@@ -26,6 +26,8 @@ class RefusalLog final {
 
   /// `connection`: whose, if that is known; `reason`: why it is refused.
   void refused(Cause cause, std::string connection, std::string reason, Time now);
+  /// Whether the next of this cause has a line of its own, and is not counted.
+  [[nodiscard]] bool tellsAtOnce(Cause cause, Time now);
   /// Tells of those that were counted, once they may be told. When to be asked again; none
   /// while there are none.
   std::optional<Time> tellCounted(Time now);
@@ -38,6 +40,10 @@ class RefusalLog final {
     std::string connection;  // the last of them
     std::string reason;
   };
+
+  static bool tellsAtOnce(const Counted& counted, Time now) {
+    return counted.untold == 0 && (!counted.told || now - *counted.told >= kInterval);
+  }
 
   SystemLog& log_;
   Mutex mutex_;

@@ -98,12 +98,19 @@ PeerRights EntitlementStore::rightsOfPeer(const PeerIdentity& peer) {
   const MutexLock lock(mutex_);
   update();
   for (const EntitlementRule& rule : rules_) {
-    if (!matches(rule, peer)) continue;
+    if (!matchesAccount(rule, peer) || (rule.executable && !isProgram(*rule.executable, peer))) continue;
     for (const auto& [name, isEntitled] : rule.entitlements) {
       rights.try_emplace(name, PeerRight{isEntitled, rule.claims});
     }
   }
   return rights;
+}
+
+bool EntitlementStore::hasRuleForAccount(const PeerIdentity& peer) {
+  const MutexLock lock(mutex_);
+  update();
+  return std::any_of(rules_.begin(), rules_.end(),
+                     [&](const EntitlementRule& rule) { return matchesAccount(rule, peer); });
 }
 
 void EntitlementStore::update() {
@@ -191,9 +198,8 @@ Result<EntitlementStore::Rules, std::string> EntitlementStore::readFiles(const S
   return rules;
 }
 
-bool EntitlementStore::matches(const EntitlementRule& rule, const PeerIdentity& peer) {
-  return (!rule.user || isUser(*rule.user, peer)) && (!rule.group || isInGroup(*rule.group, peer)) &&
-         (!rule.executable || isProgram(*rule.executable, peer));
+bool EntitlementStore::matchesAccount(const EntitlementRule& rule, const PeerIdentity& peer) {
+  return (!rule.user || isUser(*rule.user, peer)) && (!rule.group || isInGroup(*rule.group, peer));
 }
 
 bool EntitlementStore::isUser(const AccountName& user, const PeerIdentity& peer) {

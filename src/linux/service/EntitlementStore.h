@@ -56,6 +56,8 @@ class EntitlementStore final {
   void load(std::chrono::milliseconds patience);
 
   [[nodiscard]] PeerRights rightsOfPeer(const PeerIdentity& peer);
+  /// Whether a rule is for this user and these groups, whatever the program is.
+  [[nodiscard]] bool hasRuleForAccount(const PeerIdentity& peer);
 
  private:
   /// What tells a file from its changed self.
@@ -79,7 +81,7 @@ class EntitlementStore final {
   [[nodiscard]] Result<Stamps, std::string> stampFolder() const;
   [[nodiscard]] Result<Rules, std::string> readFiles(const Stamps& stamps) const;
   void lookUpNames() REQUIRES(mutex_);
-  [[nodiscard]] bool matches(const EntitlementRule& rule, const PeerIdentity& peer);
+  [[nodiscard]] bool matchesAccount(const EntitlementRule& rule, const PeerIdentity& peer);
   [[nodiscard]] bool isUser(const AccountName& user, const PeerIdentity& peer);
   [[nodiscard]] bool isInGroup(const AccountName& group, const PeerIdentity& peer);
 

@@ -97,13 +97,13 @@ std::optional<PeerIdentity> readPeerCredentials(int socket) {
   peer.process = credentials.pid;
   peer.user = credentials.uid;
   peer.group = credentials.gid;
+  peer.supplementaryGroups = supplementaryGroupsOfPeer(socket);
   return peer;
 }
 
 std::optional<PeerIdentity> readPeerIdentity(int socket) {
   auto peer = readPeerCredentials(socket);
   if (!peer) return std::nullopt;
-  peer->supplementaryGroups = supplementaryGroupsOfPeer(socket);
   const FileDescriptor process = peerProcessDescriptor(socket);
   peer->program = programOfProcess(peer->process);
   if (process.isOpen() && hasEnded(process)) peer->program.reset();

@@ -41,7 +41,7 @@ struct PeerIdentity {
   [[nodiscard]] FileSystemIdentity fileSystemIdentity() const { return {user, group, supplementaryGroups}; }
 };
 
-/// Process, user and group of a connected Unix socket's peer and nothing else, at little
+/// Process, user and groups of a connected Unix socket's peer and nothing else, at little
 /// cost; none when the kernel has none.
 [[nodiscard]] std::optional<PeerIdentity> readPeerCredentials(int socket);
 

@@ -3,13 +3,18 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
+#include <future>
+#include <thread>
 
 #include "ScriptedDaemon.h"
+#include "linux/files/FileDescriptor.h"
 
 namespace zunreporting {
 namespace {
@@ -234,6 +239,38 @@ TEST(ReportingSessionTest, NoDaemonIsAnErrorOfTheConnection) {
   EXPECT_EQ(connected.failure, Failure::kConnection);
   EXPECT_THAT(connected.error, HasSubstr("No such file or directory"));
   EXPECT_FALSE(ReportingSession::connect("nonsense"));
+}
+
+// As where many connect at once.
+TEST(ReportingSessionTest, WhoFindsTheDaemonsQueueFullWaitsForItsTurn) {
+  const zun::ScratchFolder folder;
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  folder.path("socket").copy(address.sun_path, sizeof address.sun_path - 1);
+  const auto* const name = reinterpret_cast<const sockaddr*>(&address);
+  const zun::FileDescriptor door(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  ASSERT_EQ(::bind(door.get(), name, sizeof address), 0);
+  ASSERT_EQ(::listen(door.get(), 0), 0);
+  const zun::FileDescriptor other(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  ASSERT_EQ(::connect(other.get(), name, sizeof address), 0);
+
+  std::promise<pid_t> thread;
+  auto connected = std::async(std::launch::async, [&] {
+    thread.set_value(::gettid());
+    return ReportingSession::connect("unix:path=" + folder.path("socket"));
+  });
+  const std::string status = "/proc/self/task/" + std::to_string(thread.get_future().get()) + "/stat";
+  const auto hasEnded = [&] { return connected.wait_for(0s) == std::future_status::ready; };
+  const auto waits = [&] {
+    std::string text;
+    std::getline(std::ifstream(status), text);
+    return text.find(") S ") != std::string::npos;
+  };
+  while (!hasEnded() && !waits()) std::this_thread::yield();
+  ASSERT_FALSE(hasEnded());
+  const zun::FileDescriptor first(::accept(door.get(), nullptr, nullptr));
+  const zun::FileDescriptor second(::accept(door.get(), nullptr, nullptr));
+  EXPECT_TRUE(connected.get());
 }
 
 }  // namespace

@@ -165,6 +165,7 @@ TEST_F(ServiceListenerTest, APauseNeedsNoNewThread) {
 TEST_F(ServiceListenerTest, WhoWasAcceptedBeforeAPauseIsServedBeforeIt) {
   std::atomic<bool> isHeld{false};
   std::atomic<bool> isReleased{false};
+  writeRule(true);  // so that only who has waited is asked about
   delegate_.entitles = [&](const ServicePeer&) {
     isHeld = true;
     while (!isReleased) std::this_thread::yield();
@@ -320,7 +321,8 @@ TEST_F(ServiceListenerTest, RunningOutOfDescriptorsRefusesConnections) {
 
 // --- Who is served ------------------------------------------------------------------
 
-// A stranger must cost nothing that the entitled need.
+// A stranger must cost nothing that the entitled need: it does not wait among them, and what it
+// runs is asked for the line that is written alone.
 TEST_F(ServiceListenerTest, WhoIsNotEntitledIsTurnedAwayBeforeAnythingIsMade) {
   std::atomic<bool> isEntitled{false};
   delegate_.entitles = [&](const ServicePeer&) { return isEntitled.load(); };
@@ -343,13 +345,15 @@ TEST_F(ServiceListenerTest, WhoIsNotEntitledIsTurnedAwayBeforeAnythingIsMade) {
   // Told when the accepting thread looks again.
   while (log_.linesOf(LogLevel::kDefault).size() < 2) std::this_thread::yield();
   EXPECT_EQ(log_.linesOf(LogLevel::kDefault)[1],
-            "listener: 4 more connections are refused, the last of " + peerName() + ": it is not entitled");
+            "listener: 4 more connections are refused, the last of pid " + std::to_string(::getpid()) +
+                ", user " + std::to_string(::getuid()) + ", unknown executable: it is not entitled");
   listener_.reset();  // its delegate uses what ends here
 }
 
 // A loop of connects and ends costs nothing but the accepting.
 TEST_F(ServiceListenerTest, WhoHasLeftAgainIsNotAskedForItsName) {
   std::atomic<int> asked{0};
+  writeRule(true);
   delegate_.entitles = [&](const ServicePeer&) { return ++asked > 0; };
   start();
   listener_->pause();

@@ -146,6 +146,22 @@ TEST_F(EntitlementStoreTest, AllConditionsOfARuleMustHold) {
   }
 }
 
+// Who has none need not be asked what it runs.
+TEST_F(EntitlementStoreTest, ARuleIsForItsUserAndGroupWhateverTheProgram) {
+  writeRules("a.plist",
+             {executable("/none") + kUser + "<key>group</key><integer>3000</integer>" + allow(false)});
+  EXPECT_TRUE(store_.hasRuleForAccount(peer_));
+  EXPECT_EQ(entitlement(peer_), std::nullopt);
+  PeerIdentity other = peer_;
+  other.supplementaryGroups.clear();
+  EXPECT_FALSE(store_.hasRuleForAccount(other));
+  other = peer_;
+  other.user = 1001;
+  EXPECT_FALSE(store_.hasRuleForAccount(other));
+  writeRules("b.plist", {"<key>group</key><integer>2000</integer>" + allow()});
+  EXPECT_TRUE(store_.hasRuleForAccount(other));
+}
+
 // Another file under the entitled path, as a peer in a mount namespace of its own has it,
 // and the other way round.
 TEST_F(EntitlementStoreTest, AProgramIsKnownByItsFileAndNotByItsPath) {
