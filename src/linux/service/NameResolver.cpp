@@ -91,8 +91,8 @@ std::optional<uint32_t> NameResolver::numberOf(NameKind kind, const std::string&
   const MutexLock lock(state_->mutex);
   const auto known = state_->entries.try_emplace({kind, name}).first;
   Entry& entry = known->second;
-  const bool isDue = !entry.lookedUp || state_->clock.monotonic() - *entry.lookedUp >= kInterval;
-  if (!entry.number && isDue) lookUp(known->first, entry);
+  const std::chrono::nanoseconds interval = entry.number ? kKnownInterval : kInterval;
+  if (!entry.lookedUp || state_->clock.monotonic() - *entry.lookedUp >= interval) lookUp(known->first, entry);
   return entry.number;
 }
 

@@ -27,7 +27,7 @@ using NameLookup =
 
 /// Knows the numbers of users and groups by their names.
 ///
-///   not known ──asked for──▶ looked up ──found──▶ known ──lookUpAgain──▶ known, looked up
+///   not known ──asked for──▶ looked up ──found──▶ known ──lookUpAgain; 10 min──▶ known, looked up
 ///       ▲                        └──nobody has it, no answer (a line)──┐
 ///       └──────────────── asked for, 10 s later ───────────────────────┘
 ///
@@ -40,13 +40,15 @@ class NameResolver final {
  public:
   /// Between two look-ups of a name that is not known.
   static constexpr std::chrono::seconds kInterval{10};
+  /// And of one that is: who has it may have changed.
+  static constexpr std::chrono::minutes kKnownInterval{10};
 
   NameResolver(NameLookup lookup, const Clock& clock, SystemLog& log);
   ~NameResolver();
   NameResolver(const NameResolver&) = delete;
   NameResolver& operator=(const NameResolver&) = delete;
 
-  /// The number as far as it is known now; else it is looked up. Does not wait.
+  /// The number as far as it is known now; it is looked up where that is due. Does not wait.
   [[nodiscard]] std::optional<uint32_t> numberOf(NameKind kind, const std::string& name);
   /// Looks this name up, whether it is known or not. What is known holds until the answer.
   void lookUpAgain(NameKind kind, const std::string& name);
