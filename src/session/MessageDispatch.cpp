@@ -172,9 +172,10 @@ std::optional<ClientSessionInterface::Refusal> ReportingdSession::sendMessageWit
     if (reply) reply("Could not retrieve identifiers from sessionInfo");
     return std::nullopt;
   }
-  if (auto refusal =
-          refusalOf({sessionInfo, userInfo, frameworks_, digestKey_}, "sendMessageWithSessionInfo")) {
-    return refusal;
+  // The former user information stays where this one is none, or nothing is sent by it.
+  for (const auto& user : {userInfo, this->userInfo()}) {
+    if (auto refusal = refusalOf({sessionInfo, user, frameworks_, digestKey_}, "sendMessageWithSessionInfo"))
+      return refusal;
   }
   adoptSessionInfo(sessionInfo);
   delegate_->updateCorrelatedSessions(*this);

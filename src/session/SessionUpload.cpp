@@ -1,7 +1,9 @@
+#include <algorithm>
 #include <utility>
 
 #include "platform/FileManager.h"
 #include "session/ReportingdSession.h"
+#include "util/LoggedPath.h"
 #include "values/URLText.h"
 #include "values/UTF8.h"
 
@@ -9,16 +11,16 @@ namespace zun {
 
 namespace {
 
-/// Nothing in it ends an entry of the message log, or makes one long: an upload that is
-/// refused costs a client nothing.
-std::string oneLine(std::string url) {
-  constexpr size_t kMaximumBytes = size_t{1} << 10;
-  cutLongText(url, kMaximumBytes);
+/// Nothing in it ends an entry of the message log, or makes one long.
+std::string oneLine(std::string_view url) {
   std::string out;
   for (const char character : url) {
     const bool isControl = static_cast<unsigned char>(character) < 0x20 || character == 0x7F;
     out += isControl ? percentEncoded({&character, 1}, "") : std::string(1, character);
   }
+  if (out.size() <= kMaximumLoggedPathBytes) return out;
+  const size_t escape = out.find('%', kMaximumLoggedPathBytes - 2);  // which would be cut
+  cutLongText(out, std::min(escape, kMaximumLoggedPathBytes));
   return out;
 }
 
@@ -41,7 +43,7 @@ void ReportingdSession::uploadFileWithURL(const std::string& fileURL, const std:
                                       [this] { return connection_->isWanted(); }};
     for (const auto& entry : backends_->entries) succeeded |= entry.backend->uploadFileAtPath(*path, token);
   }
-  const std::string& pathForLog = path ? *path : fileURL;
+  const std::string pathForLog = loggedPath(path ? *path : fileURL);
   if (succeeded) {
     log().debug("uploadFileWithURL: File upload successful for {}", pathForLog);
   } else {

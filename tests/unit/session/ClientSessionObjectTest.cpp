@@ -162,6 +162,20 @@ TEST_F(ClientSessionObjectTest, AllOfADescriptionCountsTogether) {
   EXPECT_EQ(platform_.log.takeErrors().size(), 2U);
 }
 
+// It stays where a message gives none, and where there is no storebag to send it by.
+TEST_F(ClientSessionObjectTest, FormerUserInformationCountsWithTheSessionInformationOfASingleMessage) {
+  const auto half = [](char letter) { return Value(std::string(40'000, letter)); };
+  const Dictionary user = {{"note", half('a')}};
+  EXPECT_EQ(call("setSessionInfo", {sessionInfo(7), just(user), Array{}, false}), "return ()");
+  const Dictionary large = sessionInfo(7, {{"note", half('b')}});
+  for (const Value& other : {nothing(), just(userInfo("C", "S"))}) {
+    EXPECT_TRUE(call("sendMessageWithSessionInfo", {large, other, 1, 2, nothing()}).starts_with("error "));
+    EXPECT_EQ(session_->sessionInfo(), sessionInfo(7));
+    EXPECT_EQ(session_->userInfo(), user);
+  }
+  EXPECT_EQ(platform_.log.takeErrors().size(), 2U);
+}
+
 TEST_F(ClientSessionObjectTest, OptionalDictionariesAreArraysOfNoOrOneElement) {
   EXPECT_EQ(call("setSessionInfo", {sessionInfo(7), nothing(), Array{}, false}), "return ()");
   EXPECT_EQ(session_->userInfo(), std::nullopt);

@@ -109,14 +109,24 @@ TEST_F(SessionUploadTest, URLCannotForgeEntriesOfTheMessageLog) {
 }
 
 // The message log is a file on disk, and nothing else in it can be as long as a message.
-TEST_F(SessionUploadTest, LongURLIsCutInTheMessageLog) {
+TEST_F(SessionUploadTest, LongURLIsCutInTheLogs) {
   const std::string url = "file:///" + std::string(1'000'000, 'a');
   EXPECT_FALSE(uploadFile(url));
   EXPECT_EQ(world_.messageLogEntries(), Trace{"[uploadFileWithURL] Upload failed for file " +
                                               url.substr(0, 1 << 10) + "... (1000008 bytes)"});
-  std::string line = "uploadFileWithURL: File upload failed for " + url.substr(7);
-  cutLongText(line, SystemLog::kMaximumLineBytes);
-  expectErrors({line, "log: lines of more than 16384 bytes are cut, and end with their length"});
+  expectErrors(
+      {"uploadFileWithURL: File upload failed for " + url.substr(7, 1 << 10) + "... (1000001 bytes)"});
+}
+
+TEST_F(SessionUploadTest, URLIsCutAsItIsWrittenAndNotAmidAnEscape) {
+  for (const char* const start : {"file:///", "file:///a", "file:///ab"}) {
+    std::string entry = fmt::format("[uploadFileWithURL] Upload failed for file {}", start);
+    for (int i = 0; i < 338; ++i) entry += "%01";  // 1,024 bytes, less two, one or none
+    EXPECT_FALSE(uploadFile(start + std::string(1000, '\x01')));
+    EXPECT_EQ(world_.messageLogEntries().back(),
+              fmt::format("{}... ({} bytes)", entry, std::string_view(start).size() + 3000));
+  }
+  EXPECT_EQ(platform_.log.takeErrors().size(), 3U);
 }
 
 TEST_F(SessionUploadTest, BothBackendsThatCanUploadLogDataAreAskedEvenWhenTheFirstSucceeds) {
