@@ -5,6 +5,7 @@ import concurrent.futures
 import errno
 import glob
 import os
+import pathlib
 import plistlib
 import re
 import shutil
@@ -28,14 +29,14 @@ FAULTS = {
     "open": (EMFILE, EIO, ENOSPC), "open of /proc": (EMFILE,), "open of a folder": (EMFILE,), "mkostemp": (ENOSPC, EMFILE),
     "fopen": (EMFILE,), "fopen64": (EMFILE,), "opendir": (EMFILE,), "fdopendir": (ENOMEM,), "readdir": (EIO,),
     "read": (EIO,), "read of /proc": (EIO,), "readlink": (EIO,), "pread": (EIO,), "write": (ENOSPC, EIO),
-    "fsync": (EIO, ENOSPC), "fsync of a folder": (EIO,), "close": (EIO,), "flock": (ENOMEM,), "fcntl": (EIO,), "rename": (ENOSPC, EIO),
+    "fsync": (EIO, ENOSPC), "fsync of a folder": (EIO,), "close": (EIO,), "flock": (ENOMEM,), "fcntl": (EIO,), "ftruncate": (EIO,), "rename": (ENOSPC, EIO),
     "unlink": (EIO,), "mkdir": (ENOSPC, EIO), "fchmod": (EIO,), "chmod": (EIO,), "utimensat": (EIO,),
     "fstat": (ENOMEM,), "fstatat": (EIO,), "stat": (ENOMEM,), "lstat": (EIO,), "statx": (EIO,),
     "socket": (EMFILE, ENOMEM), "socketpair": (EMFILE,), "bind": (ENOMEM,), "listen": (ENOMEM,),
     "connect": (ENOMEM,), "accept4": (EMFILE, ENOMEM), "getsockopt": (ENOMEM,), "setsockopt": (ENOMEM,),
     "getsockname": (ENOMEM,), "getpeername": (ENOMEM,), "send": (ENOMEM,), "recv": (ENOMEM,), "recvmsg": (ENOMEM,),
     "poll": (ENOMEM,), "epoll_create1": (EMFILE,), "epoll_ctl": (ENOMEM, ENOSPC), "eventfd": (EMFILE,),
-    "timerfd_create": (EMFILE,), "signalfd": (EMFILE,), "pthread_create": (EAGAIN,),
+    "openat": (EMFILE,), "unlinkat": (EIO,), "timerfd_create": (EMFILE,), "signalfd": (EMFILE,), "pthread_create": (EAGAIN,),
 }
 # Nothing is lost where these fail, and nothing needs to be said.
 HARMLESS = {
@@ -266,6 +267,12 @@ class FailingCallsTest(unittest.TestCase):
             wrong = [what for sweep in sweeps for what in sweep.result()]
         print(f"{phase}: {self.injected} faults", file=sys.stderr)
         self.assertEqual(wrong, [], "\n" + "\n".join(wrong))
+
+    def test_every_function_that_can_fail_does(self):
+        with open(pathlib.Path(__file__).parent.parent / "preload/failing_calls.c") as file:
+            wrappers = re.findall(r"^(?:FAILING\([^,]+, *|FAILING_OPEN\(|(?:int|ssize_t) )(\w+)[,(]", file.read(),
+                                  re.MULTILINE)
+        self.assertEqual(sorted(wrappers), sorted({function.split(" of ")[0] for function in FAULTS}))
 
     def test_failing_call_in_a_session_is_told_and_the_next_client_is_served(self):
         self.sweep_all("session")

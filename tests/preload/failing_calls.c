@@ -10,7 +10,6 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <linux/magic.h>
-#include <netdb.h>
 #include <poll.h>
 #include <pthread.h>
 #include <signal.h>
@@ -22,14 +21,12 @@
 #include <sys/eventfd.h>
 #include <sys/file.h>
 #include <sys/mman.h>
-#include <sys/random.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
 #include <sys/syscall.h>
 #include <sys/timerfd.h>
-#include <sys/uio.h>
 #include <unistd.h>
 
 #define KILL (-1)  // in the place of an errno: the process is killed in the middle of the call
@@ -99,10 +96,8 @@ static int fails(const char* function) {
     return fails(#function) ? -1 : real arguments;          \
   }
 
-FAILING_OPEN(open64, (const char* path, int flags, ...), flags, (path, flags, more))
 FAILING_OPEN(openat, (int folder, const char* path, int flags, ...), flags, (folder, path, flags, more))
 FAILING_OPEN(fcntl, (int file, int command, ...), command, (file, command, more))
-FAILING_OPEN(fcntl64, (int file, int command, ...), command, (file, command, more))
 FAILING(int, mkostemp, (char* path, int flags), (path, flags), -1)
 FAILING(FILE*, fopen, (const char* path, const char* mode), (path, mode), NULL)
 FAILING(FILE*, fopen64, (const char* path, const char* mode), (path, mode), NULL)
@@ -110,10 +105,7 @@ FAILING(DIR*, opendir, (const char* path), (path), NULL)
 FAILING(DIR*, fdopendir, (int folder), (folder), NULL)
 FAILING(struct dirent*, readdir, (DIR * folder), (folder), NULL)
 FAILING(ssize_t, pread, (int file, void* bytes, size_t size, off_t at), (file, bytes, size, at), -1)
-FAILING(ssize_t, pread64, (int file, void* bytes, size_t size, off64_t at), (file, bytes, size, at), -1)
 FAILING(ssize_t, readlink, (const char* path, char* bytes, size_t size), (path, bytes, size), -1)
-FAILING(ssize_t, writev, (int file, const struct iovec* parts, int count), (file, parts, count), -1)
-FAILING(int, fdatasync, (int file), (file), -1)
 FAILING(int, ftruncate, (int file, off_t size), (file, size), -1)
 FAILING(int, flock, (int file, int operation), (file, operation), -1)
 FAILING(int, fstat, (int file, struct stat* status), (file, status), -1)
@@ -131,13 +123,9 @@ FAILING(int, rename, (const char* from, const char* to), (from, to), -1)
 FAILING(int, unlink, (const char* path), (path), -1)
 FAILING(int, unlinkat, (int folder, const char* path, int flags), (folder, path, flags), -1)
 FAILING(int, mkdir, (const char* path, mode_t mode), (path, mode), -1)
-FAILING(void*, mmap, (void* at, size_t size, int protection, int flags, int file, off_t offset),
-        (at, size, protection, flags, file, offset), MAP_FAILED)
 FAILING(int, socket, (int family, int type, int protocol), (family, type, protocol), -1)
 FAILING(int, socketpair, (int family, int type, int protocol, int pair[2]), (family, type, protocol, pair),
         -1)
-FAILING(int, pipe2, (int pair[2], int flags), (pair, flags), -1)
-FAILING(int, dup, (int file), (file), -1)
 FAILING(int, bind, (int file, const struct sockaddr* address, socklen_t size), (file, address, size), -1)
 FAILING(int, listen, (int file, int length), (file, length), -1)
 FAILING(int, connect, (int file, const struct sockaddr* address, socklen_t size), (file, address, size), -1)
@@ -150,29 +138,14 @@ FAILING(int, setsockopt, (int file, int level, int option, const void* value, so
 FAILING(int, getsockname, (int file, struct sockaddr* address, socklen_t* size), (file, address, size), -1)
 FAILING(int, getpeername, (int file, struct sockaddr* address, socklen_t* size), (file, address, size), -1)
 FAILING(ssize_t, send, (int file, const void* bytes, size_t size, int flags), (file, bytes, size, flags), -1)
-FAILING(ssize_t, sendto,
-        (int file, const void* bytes, size_t size, int flags, const struct sockaddr* address,
-         socklen_t length),
-        (file, bytes, size, flags, address, length), -1)
-FAILING(ssize_t, sendmsg, (int file, const struct msghdr* message, int flags), (file, message, flags), -1)
 FAILING(ssize_t, recv, (int file, void* bytes, size_t size, int flags), (file, bytes, size, flags), -1)
-FAILING(ssize_t, recvfrom,
-        (int file, void* bytes, size_t size, int flags, struct sockaddr* address, socklen_t* length),
-        (file, bytes, size, flags, address, length), -1)
 FAILING(ssize_t, recvmsg, (int file, struct msghdr* message, int flags), (file, message, flags), -1)
 FAILING(int, epoll_create1, (int flags), (flags), -1)
 FAILING(int, epoll_ctl, (int set, int operation, int file, struct epoll_event* event),
         (set, operation, file, event), -1)
 FAILING(int, eventfd, (unsigned count, int flags), (count, flags), -1)
 FAILING(int, timerfd_create, (int clock, int flags), (clock, flags), -1)
-FAILING(int, timerfd_settime,
-        (int timer, int flags, const struct itimerspec* value, struct itimerspec* former),
-        (timer, flags, value, former), -1)
 FAILING(int, signalfd, (int file, const sigset_t* signals, int flags), (file, signals, flags), -1)
-FAILING(ssize_t, getrandom, (void* bytes, size_t size, unsigned flags), (bytes, size, flags), -1)
-FAILING(int, getaddrinfo,
-        (const char* host, const char* service, const struct addrinfo* hints, struct addrinfo** found),
-        (host, service, hints, found), EAI_SYSTEM)
 FAILING(int, pthread_create,
         (pthread_t * thread, const pthread_attr_t* attributes, void* (*begin)(void*), void* argument),
         (thread, attributes, begin, argument), errno)
