@@ -1,5 +1,6 @@
 #include "linux/dbus/DBusServiceConnection.h"
 
+#include <fmt/format.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -171,7 +172,7 @@ bool DBusServiceConnection::authenticate() {
   while (authentication.state() == DBusAuthentication::State::kOngoing) {
     const auto left = std::chrono::ceil<Milliseconds>(deadline - SteadyClock::now());
     if (left <= Milliseconds::zero()) {
-      log_.error("listener: {} did not authenticate in time, closing its connection", description_);
+      if (authenticationFailed_) authenticationFailed_("it did not authenticate in time");
       return false;
     }
     waitForEvents(POLLIN, static_cast<int>(left.count()));
@@ -188,8 +189,9 @@ bool DBusServiceConnection::authenticate() {
     }
   }
   if (authentication.state() == DBusAuthentication::State::kFailed) {
-    log_.error("listener: {} did not authenticate, closing its connection: {}", description_,
-               authentication.failure());
+    if (authenticationFailed_) {
+      authenticationFailed_(fmt::format("it did not authenticate: {}", authentication.failure()));
+    }
     return false;
   }
   return true;

@@ -3,6 +3,7 @@
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -66,6 +67,9 @@ class DBusServiceConnection final : public ServiceConnection {
   ~DBusServiceConnection() override;
 
   enum class Outcome { kRests, kEnded };
+  /// Takes why the client has not authenticated, before `run` returns.
+  using FailureHandler = std::function<void(std::string reason)>;
+  void setAuthenticationFailureHandler(FailureHandler handler) { authenticationFailed_ = std::move(handler); }
 
   /// Serves the client until the connection ends, or rests for want of anything to do: to be
   /// run again when one of `descriptors` is readable. Asks `delegate` (null: nobody, refused).
@@ -137,6 +141,7 @@ class DBusServiceConnection final : public ServiceConnection {
   DBusObjects objects_;
   std::optional<DBusInterfaceTable> remote_;
   std::shared_ptr<ExportedObject> exportedObject_;
+  FailureHandler authenticationFailed_;
   UniqueFunction<void()> interruptionHandler_;
   UniqueFunction<void()> invalidationHandler_;
   std::vector<bool> isQuick_;  // by member: its last call took no time worth speaking of

@@ -308,6 +308,9 @@ void DBusServiceListener::serve(FileDescriptor socket) {
     refuse(RefusalLog::Cause::kShortage, nullptr, "too many open files");
     return;
   }
+  connection->setAuthenticationFailureHandler([this, identity = *identity](std::string reason) {
+    refuse(RefusalLog::Cause::kNotAuthenticated, &identity, std::move(reason));
+  });
   begin(std::move(connection));
 }
 

@@ -19,7 +19,7 @@ class RefusalLog final {
  public:
   using Time = std::chrono::nanoseconds;  // its zero means nothing
   static constexpr Time kInterval = std::chrono::seconds(1);
-  enum class Cause { kNotEntitled, kNoPlace, kShortage };
+  enum class Cause { kNotEntitled, kNoPlace, kShortage, kNotAuthenticated };
 
   explicit RefusalLog(SystemLog& log) : log_(log) {}
   ~RefusalLog() { tellCounted(Time::max()); }
@@ -33,7 +33,7 @@ class RefusalLog final {
   std::optional<Time> tellCounted(Time now);
 
  private:
-  static constexpr size_t kCauses = 3;
+  static constexpr size_t kCauses = 4;
   struct Counted {
     std::optional<Time> told;  // when the last line was
     size_t untold = 0;

@@ -49,7 +49,7 @@ TEST_F(DBusRawServiceTest, APeerThatSaysNothingIsCutOffAtTheDeadline) {
   RawClient client(path_);
   EXPECT_TRUE(client.isEnded());
   EXPECT_EQ(delegate_.events->all().size(), 0u);
-  expectErrors({"listener: " + peerName() + " did not authenticate in time, closing its connection"});
+  expectErrors({"listener: a connection of " + peerName() + " is refused: it did not authenticate in time"});
 }
 
 // One byte now and then must not put the end off.
@@ -66,7 +66,7 @@ TEST_F(DBusRawServiceTest, APeerThatTricklesIsCutOffAtTheDeadline) {
   });
   EXPECT_TRUE(client.isEnded());
   trickle.join();
-  expectErrors({"listener: " + peerName() + " did not authenticate in time, closing its connection"});
+  expectErrors({"listener: a connection of " + peerName() + " is refused: it did not authenticate in time"});
 }
 
 TEST_F(DBusRawServiceTest, APeerThatLeavesBeforeItIsAuthenticatedIsNoError) {
@@ -82,13 +82,15 @@ TEST_F(DBusRawServiceTest, APeerThatLeavesBeforeItIsAuthenticatedIsNoError) {
 
 TEST_F(DBusRawServiceTest, BadAuthenticationEndsTheConnection) {
   start();
-  const std::string line = "listener: " + peerName() + " did not authenticate, closing its connection: ";
+  const std::string line =
+      "listener: a connection of " + peerName() + " is refused: it did not authenticate: ";
   const auto failsWith = [&](const std::string& bytes, const std::string& reason) {
     RawClient client(path_);
     client.send(bytes);
     while (client.receiveSome()) {
     }
     expectErrors({line + reason});
+    clock_.advance(RefusalLog::kInterval);
   };
   failsWith("AUTH", "it did not begin with a zero byte");
   failsWith(std::string("\0BEGIN\r\n", 8), "it began without being authenticated");
@@ -99,9 +101,25 @@ TEST_F(DBusRawServiceTest, BadAuthenticationEndsTheConnection) {
   failsWith(many, "it sent too many lines");
 }
 
+// A loop of them must not fill the log.
+TEST_F(DBusRawServiceTest, FailedAuthenticationsAreOneLineASecondAndCounted) {
+  start();
+  for (int count = 0; count < 20; ++count) {
+    RawClient client(path_);
+    client.send("x");
+    EXPECT_TRUE(client.isEnded());
+  }
+  waitForConnections(0);
+  const std::string reason = "it did not authenticate: it did not begin with a zero byte";
+  expectErrors({"listener: a connection of " + peerName() + " is refused: " + reason});
+  listener_.reset();
+  expectErrors({"listener: 19 more connections are refused, the last of " + peerName() + ": " + reason});
+}
+
 TEST_F(DBusRawServiceTest, AuthenticationMayTake32LinesOf1024Bytes) {
   start();
-  const std::string line = "listener: " + peerName() + " did not authenticate, closing its connection: ";
+  const std::string line =
+      "listener: a connection of " + peerName() + " is refused: it did not authenticate: ";
   const std::string longest = std::string(1022, 'X') + "\r\n";
   const auto authenticateAfter = [&](RawClient& client, int lines) {
     client.send(std::string(1, '\0'));
@@ -120,6 +138,7 @@ TEST_F(DBusRawServiceTest, AuthenticationMayTake32LinesOf1024Bytes) {
   authenticateAfter(tooMany, 30);
   EXPECT_TRUE(tooMany.isEnded());
   expectErrors({line + "it sent too many lines"});
+  clock_.advance(RefusalLog::kInterval);
   RawClient tooLong(path_);
   tooLong.send(std::string(1, '\0') + "X" + longest);
   EXPECT_TRUE(tooLong.isEnded());
