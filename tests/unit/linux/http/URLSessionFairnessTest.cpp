@@ -143,14 +143,16 @@ TEST_F(URLSessionFairnessTest, OneClientsRequestsToAServerLeaveRoomForOtherClien
 }
 
 TEST_F(URLSessionFairnessTest, ClientsTakeTurnsAtAServer) {
-  hold(to(0, "/held"), 30);
+  hold(to(0, "/held"), 60);
   ASSERT_TRUE(plain_.waitForRequests(6));
   for (int i = 0; i < 3; ++i) hold(by({1000, 2}, to(0, "/second")));
   hold(by({999, 1}, to(0, "/third")));
   gate_->open();
   ASSERT_TRUE(delegate_->waitForCompletions(begun_));
   std::vector<TestRequest> first = plain_.requests();
-  first.resize(18);  // those that had connections, and those of two rounds that took theirs
+  // Those that had connections, two rounds that took theirs, and what a connection of a busy
+  // machine may lag behind the others.
+  first.resize(40);
   const auto came = [&first](const char* path) {
     return std::count_if(first.begin(), first.end(), [path](auto& request) { return request.path == path; });
   };
