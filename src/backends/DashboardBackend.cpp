@@ -85,7 +85,8 @@ std::shared_ptr<DashboardBackend> DashboardBackend::initWithName(const Origin& o
       usingProfile
           ? serverOfProfile(*origin.profile, log)
           : DashboardServer{.address = dashboardSocketAddress(*serverIP, serverPort), .isReliable = true};
-  auto link = DashboardLink::open(origin.services.platform, std::move(*socket), server);
+  auto link =
+      DashboardLink::open(origin.services.platform, std::move(*socket), server, origin.services.program);
   if (link == nullptr) return nullptr;
   return std::shared_ptr<DashboardBackend>(new DashboardBackend(origin, usingProfile, std::move(link)));
 }

@@ -29,8 +29,8 @@ void cancel(std::weak_ptr<Source>& source) {
 
 std::shared_ptr<DashboardLink> DashboardLink::open(const PlatformServices& platform,
                                                    std::unique_ptr<DatagramSocket> socket,
-                                                   const DashboardServer& server) {
-  std::shared_ptr<DashboardLink> link(new DashboardLink(platform, std::move(socket), server));
+                                                   const DashboardServer& server, BudgetHolder holder) {
+  std::shared_ptr<DashboardLink> link(new DashboardLink(platform, std::move(socket), server, holder));
   // In its turn on the queue, because handlers may fire from the first moment on.
   const bool hasStarted =
       link->networkProcQueue_->sync([&link, &server] { return link->start(server.address); });
@@ -38,8 +38,9 @@ std::shared_ptr<DashboardLink> DashboardLink::open(const PlatformServices& platf
 }
 
 DashboardLink::DashboardLink(const PlatformServices& platform, std::unique_ptr<DatagramSocket> socket,
-                             const DashboardServer& server)
+                             const DashboardServer& server, BudgetHolder holder)
     : platform_(platform),
+      holder_(holder),
       reliableUDP_(server.isReliable),
       timerPeriod_(server.timerPeriod),
       startTime_(platform.clock.monotonic()),
@@ -191,22 +192,22 @@ void DashboardLink::end() {
 
 bool DashboardLink::mayOutliveBackend() {
   if (isOutliving_) return true;
-  isOutliving_ = true;
-  const size_t others = outliving_.fetch_add(1);
+  const size_t left = outliving_.left();
   // Each one that ends makes room for one: that is no end of the overflow.
-  if (others < kMaximumOutliving / 2) hasToldOfOverflow_ = false;
-  const bool hasRoom = others < kMaximumOutliving;
-  if (!hasRoom && !hasToldOfOverflow_.exchange(true)) {
+  if (left == kMaximumOutliving) hasToldOfOverflow_ = false;
+  isOutliving_ = outliving_.take(1, holder_);
+  if (!isOutliving_ && !hasToldOfOverflow_.exchange(true)) {
     platform_.log.error(
-        "DashboardBackend(cleanup): {} ended backends wait for acknowledgements, further ones do not",
-        kMaximumOutliving);
+        "DashboardBackend(cleanup): {} ended backends wait for acknowledgements, further ones beyond their "
+        "share do not",
+        kMaximumOutliving - left);
   }
-  return hasRoom;
+  return isOutliving_;
 }
 
 void DashboardLink::stopOutliving() {
   stopBeingAwaited();
-  if (std::exchange(isOutliving_, false)) --outliving_;
+  if (std::exchange(isOutliving_, false)) outliving_.giveBack(1, holder_);
 }
 
 void DashboardLink::stopBeingAwaited() {

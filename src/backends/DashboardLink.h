@@ -10,6 +10,7 @@
 #include "backends/DashboardDatagram.h"
 #include "backends/UDPPacketToSend.h"
 #include "platform/DatagramSocket.h"
+#include "platform/MemoryBudget.h"
 #include "platform/PlatformServices.h"
 
 namespace zun {
@@ -44,12 +45,14 @@ class DashboardLink final : public std::enable_shared_from_this<DashboardLink> {
   /// Links of this process that outlive their backends, as many as there may usually be
   /// sessions: all of them may end together. One beyond ends at once: each holds a
   /// descriptor for about ten seconds, and clients that come and go must not pile them up.
+  /// Each client's program has a share of them.
   static constexpr size_t kMaximumOutliving = 4096;
 
-  /// Connects the socket and starts the timer; an error line and null if that fails.
+  /// Connects the socket and starts the timer; `holder` has a share of the places of those
+  /// that outlive their backends. An error line and null if that fails.
   static std::shared_ptr<DashboardLink> open(const PlatformServices& platform,
                                              std::unique_ptr<DatagramSocket> socket,
-                                             const DashboardServer& server);
+                                             const DashboardServer& server, BudgetHolder holder = {});
 
   DashboardLink(const DashboardLink&) = delete;
   DashboardLink& operator=(const DashboardLink&) = delete;
@@ -74,7 +77,7 @@ class DashboardLink final : public std::enable_shared_from_this<DashboardLink> {
   enum class CleanupState { kNone = 0, kRequested = 1, kLastResortScheduled = 2 };
 
   DashboardLink(const PlatformServices& platform, std::unique_ptr<DatagramSocket> socket,
-                const DashboardServer& server);
+                const DashboardServer& server, BudgetHolder holder = {});
 
   // networkProcQueue only.
   bool start(const IPv4SocketAddress& server);
@@ -95,11 +98,12 @@ class DashboardLink final : public std::enable_shared_from_this<DashboardLink> {
   void cleanupSources();
   [[nodiscard]] bool sendWhole(std::span<const std::byte> datagram);
 
-  inline static std::atomic<size_t> outliving_{0};
+  inline static MemoryBudget outliving_{kMaximumOutliving};  // places
   inline static std::atomic<size_t> awaited_{0};
-  inline static std::atomic<bool> hasToldOfOverflow_{false};  // until half of them have ended
+  inline static std::atomic<bool> hasToldOfOverflow_{false};  // until all of them have ended
 
   const PlatformServices& platform_;
+  const BudgetHolder holder_;
   const bool reliableUDP_;
   const std::chrono::nanoseconds timerPeriod_;
   const std::chrono::nanoseconds startTime_;  // of the monotonic clock
@@ -110,8 +114,8 @@ class DashboardLink final : public std::enable_shared_from_this<DashboardLink> {
   const std::unique_ptr<DatagramSocket> socket_;
   std::vector<UDPPacketToSend> messageQueue_;  // oldest first
   CleanupState cleanupState_ = CleanupState::kNone;
-  bool isOutliving_ = false;  // one of those counted
-  bool isAwaited_ = false;    // likewise
+  bool isOutliving_ = false;  // has one of those places
+  bool isAwaited_ = false;    // counted
   bool hasEnded_ = false;
   // The services keep these, and they keep this link.
   // None while nothing waits: of 1,000 quiet sessions, timers that ran on would wake the

@@ -4,6 +4,7 @@
 
 #include "backends/UploadBody.h"
 #include "connectivity/PostAndWait.h"
+#include "util/LoggedPath.h"
 #include "values/URLText.h"
 #include "values/UTF8.h"
 
@@ -52,7 +53,7 @@ void UploadBackend::setUploadURL(std::optional<std::string> url) {
 }
 
 bool UploadBackend::uploadFileAtPath(const std::string& path, const SandboxExtensionToken& extensionToken) {
-  log().debug("UploadBackend(uploadFileAtPath): Uploading file {}", path);
+  log().debug("UploadBackend(uploadFileAtPath): Uploading file {}", loggedPath(path));
   const std::optional<std::string> url = uploadURL();
   if (!url) return false;
   const auto file = regularFileAtPath(path, extensionToken);
@@ -70,7 +71,8 @@ bool UploadBackend::uploadFileAtPath(const std::string& path, const SandboxExten
   request->body = std::move(body);
   if (!post(*url, std::move(*request))) return true;
   if (const auto error = file->removeFile()) {
-    log().note("UploadBackend(uploadFileAtPath): The uploaded file {} stays: {}", path, error->description);
+    log().note("UploadBackend(uploadFileAtPath): The uploaded file {} stays: {}", loggedPath(path),
+               error->description);
   }
   return true;
 }
@@ -78,9 +80,9 @@ bool UploadBackend::uploadFileAtPath(const std::string& path, const SandboxExten
 std::shared_ptr<const std::string> UploadBackend::bodyOfFile(
     const std::string& path, const SandboxExtension& file,
     const SandboxExtensionToken& extensionToken) const {
-  const auto turn = services_.compressions->wait(services_.holder.user, extensionToken.isWanted);
+  const auto turn = services_.compressions->wait(services_.program, extensionToken.isWanted);
   if (!turn) {
-    log().note("UploadBackend(uploadFileAtPath): Nobody waits for {} any more", path);
+    log().note("UploadBackend(uploadFileAtPath): Nobody waits for {} any more", loggedPath(path));
     return nullptr;
   }
   return compressedContents(
@@ -91,8 +93,8 @@ std::unique_ptr<SandboxExtension> UploadBackend::regularFileAtPath(
     const std::string& path, const SandboxExtensionToken& extensionToken) const {
   auto file = extensionToken.consume(path);
   if (!file) {
-    log().note("UploadBackend(uploadFileAtPath): The extension token gives no access to {}: {}", path,
-               file.error().description);
+    log().note("UploadBackend(uploadFileAtPath): The extension token gives no access to {}: {}",
+               loggedPath(path), file.error().description);
     return nullptr;
   }
   return (*file)->isRegularFile() ? std::move(*file) : nullptr;

@@ -10,18 +10,25 @@ namespace {
 // How soon one that waits notices that nobody wants what it waits for.
 constexpr std::chrono::milliseconds kLongestWait{200};
 
+template <typename Map>
+void removeOne(Map& map, const typename Map::key_type& key) {
+  const auto found = map.find(key);
+  if (--found->second.count == 0) map.erase(found);
+}
+
 }  // namespace
 
-FairTurns::Turn FairTurns::wait(uint32_t user, const std::function<bool()>& isWanted) {
+FairTurns::Turn FairTurns::wait(BudgetHolder holder, const std::function<bool()>& isWanted) {
   const MutexLock lock(mutex_);
-  ++users_[user].present;
-  const auto waiter = waiters_.insert(waiters_.end(), {user});
+  ++users_[holder.user].count;
+  ++members_[memberOf(holder)].count;
+  const auto waiter = waiters_.insert(waiters_.end(), {holder});
   if (free_ > 0) callNext();
   while (!waiter->isCalled && isWanted()) called_.wait_for(mutex_, kLongestWait);
   const bool isCalled = waiter->isCalled;
   waiters_.erase(waiter);
-  if (isCalled) return {this, user};
-  leave(user);
+  if (isCalled) return {this, holder};
+  leave(holder);
   return {};
 }
 
@@ -30,14 +37,14 @@ size_t FairTurns::waiting() const {
   return waiters_.size();
 }
 
-void FairTurns::leave(uint32_t user) {
-  const auto found = users_.find(user);
-  if (--found->second.present == 0) users_.erase(found);
+void FairTurns::leave(BudgetHolder holder) {
+  removeOne(users_, holder.user);
+  removeOne(members_, memberOf(holder));
 }
 
-void FairTurns::end(uint32_t user) {
+void FairTurns::end(BudgetHolder holder) {
   const MutexLock lock(mutex_);
-  leave(user);
+  leave(holder);
   ++free_;
   callNext();
 }
@@ -45,13 +52,16 @@ void FairTurns::end(uint32_t user) {
 void FairTurns::callNext() {
   const auto isBefore = [this](const auto& a, const auto& b) REQUIRES(mutex_) {
     if (a.isCalled != b.isCalled) return b.isCalled;
-    return users_[a.user].lastBegin < users_[b.user].lastBegin;
+    if (a.holder.user != b.holder.user)
+      return users_[a.holder.user].lastBegin < users_[b.holder.user].lastBegin;
+    return members_[memberOf(a.holder)].lastBegin < members_[memberOf(b.holder)].lastBegin;
   };
   const auto next = std::min_element(waiters_.begin(), waiters_.end(), isBefore);
   if (next == waiters_.end() || next->isCalled) return;
   --free_;
   next->isCalled = true;
-  users_[next->user].lastBegin = ++begins_;
+  users_[next->holder.user].lastBegin = ++begins_;
+  members_[memberOf(next->holder)].lastBegin = begins_;
   called_.notify_all();
 }
 

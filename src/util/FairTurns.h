@@ -8,12 +8,13 @@
 #include <map>
 #include <utility>
 
+#include "platform/MemoryBudget.h"
 #include "platform/Mutex.h"
 
 namespace zun {
 
 /// Lets so many work at a time. Where several wait, the next turn is the user's whose last
-/// one began longest ago; within a user, of who came first.
+/// one began longest ago; of the user's members, likewise; within one, of who came first.
 ///
 /// Threading: any thread. Ownership: outlives its turns.
 class FairTurns final {
@@ -22,40 +23,42 @@ class FairTurns final {
   class Turn final {
    public:
     Turn() = default;
-    Turn(FairTurns* turns, uint32_t user) : turns_(turns), user_(user) {}
+    Turn(FairTurns* turns, BudgetHolder holder) : turns_(turns), holder_(holder) {}
     ~Turn() {
-      if (turns_ != nullptr) turns_->end(user_);
+      if (turns_ != nullptr) turns_->end(holder_);
     }
-    Turn(Turn&& other) noexcept : turns_(std::exchange(other.turns_, nullptr)), user_(other.user_) {}
+    Turn(Turn&& other) noexcept : turns_(std::exchange(other.turns_, nullptr)), holder_(other.holder_) {}
     Turn& operator=(Turn&&) = delete;
 
     [[nodiscard]] explicit operator bool() const { return turns_ != nullptr; }
 
    private:
     FairTurns* turns_ = nullptr;
-    uint32_t user_ = 0;
+    BudgetHolder holder_;
   };
 
   explicit FairTurns(size_t atOnce) : free_(atOnce) {}
 
   /// Waits for a turn; none once `isWanted`, which is asked while it waits, says no.
-  [[nodiscard]] Turn wait(uint32_t user, const std::function<bool()>& isWanted);
+  [[nodiscard]] Turn wait(BudgetHolder holder, const std::function<bool()>& isWanted);
 
   /// How many wait.
   [[nodiscard]] size_t waiting() const;
 
  private:
+  using Member = std::pair<uint32_t, uint64_t>;
   struct Waiter {
-    uint32_t user = 0;
+    BudgetHolder holder;
     bool isCalled = false;
   };
   /// One that waits or works.
-  struct User {
-    size_t present = 0;
+  struct Present {
+    size_t count = 0;
     uint64_t lastBegin = 0;
   };
-  void leave(uint32_t user) REQUIRES(mutex_);
-  void end(uint32_t user);
+  static Member memberOf(BudgetHolder holder) { return {holder.user, holder.member}; }
+  void leave(BudgetHolder holder) REQUIRES(mutex_);
+  void end(BudgetHolder holder);
   void callNext() REQUIRES(mutex_);
 
   mutable Mutex mutex_;
@@ -63,7 +66,8 @@ class FairTurns final {
   size_t free_ GUARDED_BY(mutex_);
   uint64_t begins_ GUARDED_BY(mutex_) = 0;
   std::list<Waiter> waiters_ GUARDED_BY(mutex_);  // in the order in which they came
-  std::map<uint32_t, User> users_ GUARDED_BY(mutex_);
+  std::map<uint32_t, Present> users_ GUARDED_BY(mutex_);
+  std::map<Member, Present> members_ GUARDED_BY(mutex_);
 };
 
 }  // namespace zun

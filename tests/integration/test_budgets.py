@@ -136,6 +136,7 @@ class MessageLogTest(BudgetsTest):
         print(f"2,000 refused uploads with a URL of 16 KB: {os.path.getsize(file) / MIB:.1f} MiB of message log")
         self.assertLess(os.path.getsize(file), 2000 * 1200)
         self.assertGreater(os.path.getsize(file), 2000 * 1000)
+        self.assertLess(max(len(line) for line in self.scratch.daemon.lines), 1400)
 
     def test_message_log_is_begun_anew_before_it_has_more_than_64_mib(self):
         self.scratch.start(level="default")

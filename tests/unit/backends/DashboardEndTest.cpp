@@ -84,6 +84,23 @@ class DashboardChurnTest : public DashboardEndTest {
  protected:
   static constexpr size_t kMaximum = DashboardLink::kMaximumOutliving;
 
+  void SetUp() override {
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit_), 0);
+    if (limit_.rlim_max < 2 * kMaximum) GTEST_SKIP() << "needs " << 2 * kMaximum << " descriptors";
+    const ::rlimit all{limit_.rlim_max, limit_.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &all), 0);
+  }
+  void TearDown() override {
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit_), 0);
+    DashboardEndTest::TearDown();
+  }
+
+  static std::string overflowOf(size_t waiting) {
+    return fmt::format(
+        "DashboardBackend(cleanup): {} ended backends wait for acknowledgements, further ones beyond their "
+        "share do not",
+        waiting);
+  }
   void comeAndGo(size_t sessions) {
     for (size_t i = 0; i < sessions; ++i) {
       const auto backend = make(reliableProfile());
@@ -94,44 +111,47 @@ class DashboardChurnTest : public DashboardEndTest {
       executor_.runAll();
     }
   }
+
+  ::rlimit limit_{};
 };
 
 TEST_F(DashboardChurnTest, SessionsThatComeAndGoDoNotPileUpTheirPackets) {
-  ::rlimit before{};
-  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
-  if (before.rlim_max < 2 * kMaximum) GTEST_SKIP() << "needs " << 2 * kMaximum << " descriptors";
-  const ::rlimit all{before.rlim_max, before.rlim_max};
-  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &all), 0);
   comeAndGo(kMaximum + 500);
   EXPECT_EQ(platform_.timers.running(), kMaximum);
   EXPECT_EQ(openSockets(), before_ + kMaximum);
-  const std::string overflow =
-      "DashboardBackend(cleanup): 4096 ended backends wait for acknowledgements, further ones do not";
-  expectErrors({overflow});
+  expectErrors({overflowOf(kMaximum)});
   for (int i = 0; i < 30; ++i) tick();
   expectSocketsClosed();
   comeAndGo(kMaximum + 2);
-  expectErrors({overflow});
+  expectErrors({overflowOf(kMaximum)});
   for (int i = 0; i < 30; ++i) tick();
   comeAndGo(10);
   EXPECT_EQ(platform_.timers.running(), 10U) << "those that have ended do not count any more";
-  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+}
+
+TEST_F(DashboardChurnTest, ProgramsThatComeAndGoLeaveOthersTheirShares) {
+  services_.program = {1, 1};
+  comeAndGo(kMaximum / 2);
+  const size_t share = platform_.timers.running();
+  EXPECT_EQ(share, kMaximum / 4);
+  expectErrors({overflowOf(share)});
+  for (const BudgetHolder other : {BudgetHolder{1, 2}, BudgetHolder{2, 1}}) {
+    services_.program = other;
+    comeAndGo(100);
+  }
+  EXPECT_EQ(platform_.timers.running(), share + 200);
+  for (int i = 0; i < 30; ++i) tick();
+  expectSocketsClosed();
 }
 
 // Else each one that ends makes room for one, and the next has a line again.
-TEST_F(DashboardChurnTest, OverflowIsToldOnceUntilHalfOfThemHaveEnded) {
-  ::rlimit before{};
-  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
-  if (before.rlim_max < 2 * kMaximum) GTEST_SKIP() << "needs " << 2 * kMaximum << " descriptors";
-  const ::rlimit all{before.rlim_max, before.rlim_max};
-  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &all), 0);
+TEST_F(DashboardChurnTest, OverflowIsToldOnceUntilAllOfThemHaveEnded) {
   for (int i = 0; i < 3; ++i) {  // will end one by one, before all others
     comeAndGo(1);
     tick();
   }
   comeAndGo(kMaximum - 2);
-  expectErrors(
-      {"DashboardBackend(cleanup): 4096 ended backends wait for acknowledgements, further ones do not"});
+  expectErrors({overflowOf(kMaximum)});
   for (int i = 0; i < 30; ++i) {
     tick();
     comeAndGo(2);
@@ -139,7 +159,6 @@ TEST_F(DashboardChurnTest, OverflowIsToldOnceUntilHalfOfThemHaveEnded) {
   expectErrors({});
   for (int i = 0; i < 30; ++i) tick();
   expectSocketsClosed();
-  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
 }
 
 TEST_F(DashboardEndTest, EventsAfterTheCleanupAreDropped) {

@@ -350,6 +350,15 @@ TEST_F(UploadBackendTest, DirectoryIsRefused) {
   expectErrors({"UploadBackend(uploadFileAtPath): Only upload a regular file."});
 }
 
+// A refused upload costs a client nothing: it must not cost the disk 16 KB a line.
+TEST_F(UploadBackendTest, LongPathIsCutInTheLog) {
+  const std::string file = "/" + std::string(16'000, 'x');
+  EXPECT_FALSE(upload(file, "none"));
+  const std::string cut = file.substr(0, 1 << 10) + "... (16001 bytes)";
+  expectDebugLine("UploadBackend(uploadFileAtPath): Uploading file " + cut);
+  expectRefused(cut, "The connection has no such token");
+}
+
 TEST_F(UploadBackendTest, FileNamedLikeAFolderIsRefused) {
   const std::string file = write("file");
   EXPECT_FALSE(upload(file + "/", issue(file)));
@@ -389,14 +398,14 @@ TEST_F(UploadBackendTest, FileThatNobodyWaitsForIsNotSent) {
 // The server has yet to answer, and no core is busy with that.
 TEST_F(UploadBackendTest, FileIsReadInItsTurnAndSentOutsideOfIt) {
   server_.handle("/upload", [&](const TestRequest&) {
-    const auto first = services_.compressions->wait(1, [] { return false; });
+    const auto first = services_.compressions->wait({1}, [] { return false; });
     EXPECT_TRUE(first);
-    EXPECT_TRUE(services_.compressions->wait(1, [] { return false; }));
+    EXPECT_TRUE(services_.compressions->wait({1}, [] { return false; }));
     return TestAnswer{.body = "ok"};
   });
   EXPECT_TRUE(upload(write("file")));
-  const auto first = services_.compressions->wait(1, [] { return true; });
-  const auto second = services_.compressions->wait(1, [] { return true; });
+  const auto first = services_.compressions->wait({1}, [] { return true; });
+  const auto second = services_.compressions->wait({1}, [] { return true; });
   int asked = 0;
   const std::string file = write("another");
   EXPECT_FALSE(backend_->uploadFileAtPath(file, {issue(file), extensions_, [&] { return ++asked < 2; }}));

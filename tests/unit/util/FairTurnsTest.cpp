@@ -18,12 +18,14 @@ class FairTurnsTest : public ::testing::Test {
     for (auto& thread : threads_) thread.join();
   }
 
-  /// One more of `user` waits; its turn is over as soon as it is noted.
-  void come(uint32_t user) {
+  /// One more of `holder` waits; its turn is over as soon as it is noted.
+  void come(BudgetHolder holder) {
     const size_t before = turns_.waiting();
-    threads_.emplace_back([this, user] {
-      const auto turn = turns_.wait(user, kAlways);
-      served_.push_back(user);  // one at a time: the next turn begins with this one's end
+    threads_.emplace_back([this, holder] {
+      const auto turn = turns_.wait(holder, kAlways);
+      served_.push_back(
+          holder.user * 10 +
+          static_cast<uint32_t>(holder.member));  // one at a time: the next turn begins with this one's end
     });
     while (turns_.waiting() == before) std::this_thread::yield();
   }
@@ -35,19 +37,19 @@ class FairTurnsTest : public ::testing::Test {
 
   FairTurns turns_{1};
   std::vector<std::thread> threads_;
-  std::vector<uint32_t> served_;
+  std::vector<uint32_t> served_;  // the user, and as last digit the member
 };
 
 TEST_F(FairTurnsTest, SoManyAtATimeHaveATurn) {
   FairTurns turns(2);
-  const auto first = turns.wait(1, kAlways);
-  auto second = std::make_unique<FairTurns::Turn>(turns.wait(1, kAlways));
+  const auto first = turns.wait({1}, kAlways);
+  auto second = std::make_unique<FairTurns::Turn>(turns.wait({1}, kAlways));
   EXPECT_TRUE(first);
   EXPECT_TRUE(*second);
-  EXPECT_FALSE(turns.wait(1, [] { return false; }));
+  EXPECT_FALSE(turns.wait({1}, [] { return false; }));
   EXPECT_EQ(turns.waiting(), 0U);
   second.reset();
-  EXPECT_TRUE(turns.wait(1, kAlways));
+  EXPECT_TRUE(turns.wait({1}, kAlways));
 }
 
 // The one that waits may not have woken yet when the second ends.
@@ -55,10 +57,10 @@ TEST_F(FairTurnsTest, TurnsThatEndAtOnceAreBothFreeAgain) {
   FairTurns turns(2);
   const auto now = [] { return false; };
   for (int round = 0; round < 300; ++round) {
-    auto first = std::make_unique<FairTurns::Turn>(turns.wait(1, now));
-    auto second = std::make_unique<FairTurns::Turn>(turns.wait(1, now));
+    auto first = std::make_unique<FairTurns::Turn>(turns.wait({1}, now));
+    auto second = std::make_unique<FairTurns::Turn>(turns.wait({1}, now));
     ASSERT_TRUE(*first && *second) << round;
-    std::thread waiter([&turns] { EXPECT_TRUE(turns.wait(2, kAlways)); });
+    std::thread waiter([&turns] { EXPECT_TRUE(turns.wait({2}, kAlways)); });
     while (turns.waiting() == 0) std::this_thread::yield();
     first.reset();
     second.reset();
@@ -69,30 +71,40 @@ TEST_F(FairTurnsTest, TurnsThatEndAtOnceAreBothFreeAgain) {
 // However many one user has waiting, another comes after one of them.
 TEST_F(FairTurnsTest, UsersTakeTurns) {
   {
-    const auto turn = turns_.wait(7, kAlways);
-    for (const uint32_t user : {1, 1, 1, 2, 2, 3}) come(user);
+    const auto turn = turns_.wait({7}, kAlways);
+    for (const uint32_t user : {1, 1, 1, 2, 2, 3}) come({user});
   }
-  EXPECT_EQ(servedInTheEnd(), (std::vector<uint32_t>{1, 2, 3, 1, 2, 1}));
+  EXPECT_EQ(servedInTheEnd(), (std::vector<uint32_t>{10, 20, 30, 10, 20, 10}));
+}
+
+// Nor does one program of a user have another wait for all that it has waiting.
+TEST_F(FairTurnsTest, MembersOfAUserTakeTurnsWithinTheUsersTurns) {
+  {
+    const auto turn = turns_.wait({7}, kAlways);
+    for (const uint64_t member : {1, 1, 1, 2}) come({1, member});
+    for (const uint64_t member : {1, 1}) come({2, member});
+  }
+  EXPECT_EQ(servedInTheEnd(), (std::vector<uint32_t>{11, 21, 12, 21, 11, 11}));
 }
 
 TEST_F(FairTurnsTest, WhoHasATurnAlreadyComesAfterOthers) {
   {
-    const auto turn = turns_.wait(1, kAlways);
-    for (const uint32_t user : {1, 2}) come(user);
+    const auto turn = turns_.wait({1}, kAlways);
+    for (const uint32_t user : {1, 2}) come({user});
   }
-  EXPECT_EQ(servedInTheEnd(), (std::vector<uint32_t>{2, 1}));
+  EXPECT_EQ(servedInTheEnd(), (std::vector<uint32_t>{20, 10}));
 }
 
 TEST_F(FairTurnsTest, WhoIsNoLongerWantedLeavesAndTakesNoTurn) {
   std::atomic<bool> isWanted{true};
   {
-    const auto turn = turns_.wait(1, kAlways);
-    std::thread waiter([&] { EXPECT_FALSE(turns_.wait(2, [&] { return isWanted.load(); })); });
+    const auto turn = turns_.wait({1}, kAlways);
+    std::thread waiter([&] { EXPECT_FALSE(turns_.wait({2}, [&] { return isWanted.load(); })); });
     while (turns_.waiting() == 0) std::this_thread::yield();
     isWanted = false;
     waiter.join();
   }
-  EXPECT_TRUE(turns_.wait(3, kAlways));
+  EXPECT_TRUE(turns_.wait({3}, kAlways));
 }
 
 }  // namespace
