@@ -20,7 +20,7 @@ PROGRAMS = {"zunreportingd": ("operations.md", ()),
 GIVEN_TO_ALL = {"--help", "--version"}
 OTHER_PROGRAMS = {"--output-fields", "--defined-only", "--peer", "--print-reply", "--dest", "--preset", "--build",
                   "--target", "--check", "--repeat", "--gtest", "--since", "--concurrency", "--start",
-                  "--lines", "--minutes", "--clients", "--seed", "--compare"}
+                  "--lines", "--minutes", "--clients", "--seed", "--compare", "--events", "--rows", "--rounds"}
 
 
 # Rows of the bounds' table, and the constants that their figures are.
@@ -36,7 +36,7 @@ BOUNDS = {
     "connections, in all and of one user": [("linux/dbus/DBusServiceListener.h", "maximumConnections", ""),
                                             ("linux/dbus/DBusServiceListener.h", "maximumConnectionsPerUser", "")],
     "clients that are accepted and not yet asked what they run": [("linux/dbus/WaitingClients.h", "kMaximum", "")],
-    "a refusal that is remembered": [("linux/dbus/RecentRefusals.h", "kMaximumProcesses", "")],
+    "a refusal that is remembered": [("linux/dbus/RecentRefusals.h", "kMaximum", "")],
     "descriptors with a message; files handed over and not used":
         [("linux/dbus/DBusInput.cpp", "kMaximumDescriptors", ""),
          ("linux/files/FileExtensions.h", "kMaximumUnused", "")],
@@ -69,7 +69,7 @@ BOUNDS = {
     "all uploads under way, compressed, and 0.5 MiB for each that is being read":
         [("util/ReportingServices.h", "kUploadMemoryBytes", "MiB")],
     "the same, as it is": [("backends/UploadBody.h", "kMaximumUploadInputBytes", "GiB")],
-    "the URL of an uploaded file in them, its path in a line": [("util/LoggedPath.h", "kMaximumLoggedPathBytes", "")],
+    "the URL of an uploaded file in them, its path in a line": [("util/LoggedPath.h", "kMaximumLoggedPathBytes", "KiB")],
     "files that are compressed at a time": [("util/ReportingServices.h", "kCompressionsAtOnce", "")],
     "log data under way": [("util/ReportingServices.h", "kLogDataMemoryBytes", "MiB")],
     "the readable copies": [("util/MessageLog.h", "kMaximumBytes", "MiB")],
@@ -87,11 +87,11 @@ WITHOUT_CONSTANT = {
     "the same, in time": "a duration",
     "of these, a user's and a program's part": "a share, in an expression",
     "clients that connect and are not yet accepted": "the system's",
-    "lines of refusals": "a duration",
+    "lines of refusals, failed authentications included": "a duration",
     "a name that is known; that is not": "durations",
     "open descriptors": "a part of what the system gives",
     "the period of `reliable`": "durations",
-    "of these, for one server, and for one client": "shares, in an expression",
+    "of these, for one client; for one server": "shares, in an expression",
     "times a request is sent": "a flag",
     "a request without progress; in all": "durations",
     "a post, once its connection stands; an upload": "durations",

@@ -29,9 +29,16 @@ class Task final : public DescriptorTask {
   explicit Task(std::function<Outcome(Task&)> work) : work_(std::move(work)) {}
 
   Outcome work() override { return work_(*this); }
-  std::array<int, 2> descriptors() const override { return {first_.get(), second_.get()}; }
+  std::array<int, 2> descriptors() const override {
+    isAskedOf_ = true;
+    return {first_.get(), second_.get()};
+  }
+  /// True from when the pool is about to let it rest, holding its lock.
+  [[nodiscard]] bool isAskedOf() const { return isAskedOf_; }
 
-  void call(size_t descriptor = 0) { ASSERT_EQ(::eventfd_write(descriptors().at(descriptor), 1), 0); }
+  void call(size_t descriptor = 0) {
+    ASSERT_EQ(::eventfd_write(descriptor == 0 ? first_.get() : second_.get(), 1), 0);
+  }
   /// Takes what was called, through either; true if anything was.
   bool take() {
     eventfd_t count = 0;
@@ -43,6 +50,7 @@ class Task final : public DescriptorTask {
   std::function<Outcome(Task&)> work_;
   FileDescriptor first_{::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)};
   FileDescriptor second_{::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)};
+  mutable std::atomic<bool> isAskedOf_{false};
 };
 
 /// Whoever arrives waits for the last.
@@ -241,14 +249,8 @@ TEST_F(ElasticPoolTest, WhereNoFurtherThreadCanBeMadeTasksWaitUntilOneCanAndTheL
   options_.stackBytes = size_t{256} << 20;
   options_.onShortage = [&shortages] { ++shortages; };
   make();
-  std::promise<void> isRested;
-  const auto task = add([&](Task& self) {
-    if (self.take()) return Outcome::kEnded;
-    isRested.set_value();
-    return Outcome::kRests;
-  });
-  isRested.get_future().wait();
-  waitUntil([&] { return pool_->threadCount() == 2; });
+  const auto task = add([](Task& self) { return self.take() ? Outcome::kEnded : Outcome::kRests; });
+  waitUntil([&] { return task->isAskedOf() && pool_->threadCount() == 2; });  // both wait
   EXPECT_TRUE(pool_->relieve());
   std::promise<void> release;
   rlimit before{};
@@ -268,6 +270,7 @@ TEST_F(ElasticPoolTest, WhereNoFurtherThreadCanBeMadeTasksWaitUntilOneCanAndTheL
     return Outcome::kEnded;
   });
   isServed.get_future().wait();
+  waitUntil([&] { return last.use_count() == 1; });  // its thread waits again
   std::promise<void> isWaited;
   std::promise<void> isReleased;
   const auto another = add([&](Task&) {
