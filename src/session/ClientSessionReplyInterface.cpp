@@ -8,7 +8,6 @@ namespace {
 
 constexpr ServiceArgument kSendMessageToClientIn[] = {
     {"sessionInfo", "aa{sv}"}, {"timestamp", "d"}, {"category", "q"}, {"type", "q"}, {"payload", "aa{sv}"}};
-constexpr ServiceMember kMembers[] = {{"sendMessageToClient", kSendMessageToClientIn, {}}};
 constexpr size_t kSendMessageToClient = 0;
 
 Value wireDictionary(const std::optional<Dictionary>& dictionary) {
@@ -18,6 +17,7 @@ Value wireDictionary(const std::optional<Dictionary>& dictionary) {
 }  // namespace
 
 const ServiceInterface& clientSessionReplyInterface() {
+  static constexpr ServiceMember kMembers[] = {{"sendMessageToClient", kSendMessageToClientIn, {}}};
   static constexpr ServiceInterface kInterface = {
       "/com/vantix/zunreportingd/client", "com.vantix.zunreportingd.ClientSessionReplyInterface", kMembers};
   return kInterface;

@@ -1,6 +1,5 @@
 #include <fmt/format.h>
 
-#include <algorithm>
 #include <bit>
 #include <chrono>
 #include <cmath>
@@ -25,11 +24,6 @@ size_t bytesNeeded(uint64_t number) {
   size_t width = 1;
   while (width < 8 && number >> (8 * width) != 0) width *= 2;
   return width;
-}
-
-bool isASCII(std::string_view text) {
-  return std::all_of(text.begin(), text.end(),
-                     [](char character) { return static_cast<unsigned char>(character) < 0x80; });
 }
 
 /// Big-endian UTF-16 of valid UTF-8.

@@ -13,13 +13,13 @@ namespace zun {
 
 namespace {
 
-using Opened = Result<FileDescriptor, std::string>;
+using OpenedFile = Result<FileDescriptor, std::string>;
 
-Opened failure(const std::string& path, std::string_view reason) {
-  return Opened::failure(fmt::format("{}: {}", path, reason));
+OpenedFile failure(const std::string& path, std::string_view reason) {
+  return OpenedFile::failure(fmt::format("{}: {}", path, reason));
 }
 
-Opened systemFailure(const std::string& path) {
+OpenedFile systemFailure(const std::string& path) {
   return failure(path, std::generic_category().message(errno));
 }
 
@@ -56,7 +56,7 @@ const char* reasonToDistrust(const struct stat& status) {
   return nullptr;
 }
 
-Opened openTrustedFile(const std::string& path) {
+OpenedFile openTrustedFile(const std::string& path) {
   std::error_code error;
   const std::filesystem::path absolute = std::filesystem::absolute(path, error);
   if (error || path.find('\0') != std::string::npos) return failure(path, "no path of a file");

@@ -17,8 +17,6 @@ namespace {
 using namespace std::chrono_literals;
 using ::testing::ElementsAre;
 
-constexpr auto kDeadline = 60s;  // only ever met by a failure
-
 /// A session whose daemon sends what a test says as soon as the client asks for its URL.
 class AggregationTest : public ::testing::Test {
  protected:

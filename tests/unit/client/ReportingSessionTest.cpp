@@ -23,8 +23,6 @@ using namespace std::chrono_literals;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
-constexpr auto kDeadline = 60s;  // only ever met by a failure
-
 std::unique_ptr<ReportingSession> sessionWith(const ScriptedDaemon& daemon) {
   auto connected = ReportingSession::connect(daemon.address());
   EXPECT_TRUE(connected) << connected.error;

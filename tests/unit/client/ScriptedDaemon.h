@@ -3,6 +3,7 @@
 #include <systemd/sd-bus.h>
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <future>
 #include <string>
@@ -11,6 +12,8 @@
 #include "support/ScratchFolder.h"
 
 namespace zunreporting {
+
+inline constexpr std::chrono::seconds kDeadline{60};  // only ever met by a failure
 
 /// The other end of a client's connection, which answers as a test says: what the real
 /// daemon never says, a client has to survive all the same.

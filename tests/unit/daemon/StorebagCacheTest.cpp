@@ -21,7 +21,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr int32_t kConfero = 7;
+constexpr int32_t kClientType = 7;
 constexpr int32_t kConferoToo = 11;
 constexpr int32_t kTessel = 5;
 
@@ -123,11 +123,11 @@ class StorebagCacheTest : public ::testing::Test {
 
 TEST_F(StorebagCacheTest, FirstRequestFetchesAndASecondWithinTheMaximumAgeDoesNot) {
   fetcher_.answerWith({bag("1.0", 60)});
-  EXPECT_EQ(bagOf(kConfero), "1.0");
+  EXPECT_EQ(bagOf(kClientType), "1.0");
   clock_.advance(59s);
-  EXPECT_EQ(bagOf(kConfero), "1.0");
+  EXPECT_EQ(bagOf(kClientType), "1.0");
   EXPECT_EQ(fetcher_.calls(), 1u);
-  EXPECT_EQ(cache_.storebagVersionForClientType(kConfero), "1.0");
+  EXPECT_EQ(cache_.storebagVersionForClientType(kClientType), "1.0");
   EXPECT_TRUE(log_.contains(LogLevel::kDebug, "fetchAndCacheStorebag: Fetching storebag for client type 7"));
   EXPECT_TRUE(log_.contains(LogLevel::kDebug, "fetchAndCacheStorebag: Storebag max age: 60 seconds"));
   EXPECT_TRUE(log_.contains(LogLevel::kDebug, "storebagForSession: Cached storebag found for client type 7"));
@@ -135,62 +135,62 @@ TEST_F(StorebagCacheTest, FirstRequestFetchesAndASecondWithinTheMaximumAgeDoesNo
 
 TEST_F(StorebagCacheTest, AnEntryAsOldAsItsMaximumAgeIsFetchedAgain) {
   fetcher_.answerWith({bag("1.0", 60), bag("2.0", 60)});
-  EXPECT_EQ(bagOf(kConfero), "1.0");
+  EXPECT_EQ(bagOf(kClientType), "1.0");
   clock_.advance(60s);
-  EXPECT_EQ(bagOf(kConfero), "2.0");
+  EXPECT_EQ(bagOf(kClientType), "2.0");
 }
 
 TEST_F(StorebagCacheTest, FailedFirstFetchGivesNoneAndIsRetriedOnlyAfter900Seconds) {
   fetcher_.answerWith({failure(), bag("1.0", 60)});
-  EXPECT_EQ(bagOf(kConfero), "none");
+  EXPECT_EQ(bagOf(kClientType), "none");
   expectFailedFetches(1);
   clock_.advance(899s);
-  EXPECT_EQ(bagOf(kConfero), "none");
+  EXPECT_EQ(bagOf(kClientType), "none");
   EXPECT_EQ(fetcher_.calls(), 1u);
   EXPECT_TRUE(log_.contains(LogLevel::kDefault,
                             "storebagForSession: Not fetching storebag for client type 7 - must wait 900 "
                             "seconds between attempts"));
   clock_.advance(1s);
-  EXPECT_EQ(bagOf(kConfero), "1.0");
+  EXPECT_EQ(bagOf(kClientType), "1.0");
 }
 
 // A server that fails is left alone for fifteen minutes, and clients keep the last good bag.
 TEST_F(StorebagCacheTest, FailedRefetchServesLastGoodBagFor900Seconds) {
   fetcher_.answerWith({bag("1.0", 60), failure(), bag("2.0", 60)});
-  EXPECT_EQ(bagOf(kConfero), "1.0");
+  EXPECT_EQ(bagOf(kClientType), "1.0");
   clock_.advance(61s);
-  EXPECT_EQ(bagOf(kConfero), "1.0");  // fetched, failed
+  EXPECT_EQ(bagOf(kClientType), "1.0");  // fetched, failed
   expectFailedFetches(1);
   clock_.advance(899s);
-  EXPECT_EQ(bagOf(kConfero), "1.0");  // cooling: no fetch
+  EXPECT_EQ(bagOf(kClientType), "1.0");  // cooling: no fetch
   EXPECT_EQ(fetcher_.calls(), 2u);
-  EXPECT_EQ(cache_.storebagVersionForClientType(kConfero), "1.0");
+  EXPECT_EQ(cache_.storebagVersionForClientType(kClientType), "1.0");
   clock_.advance(1s);
-  EXPECT_EQ(bagOf(kConfero), "2.0");
+  EXPECT_EQ(bagOf(kClientType), "2.0");
 }
 
 TEST_F(StorebagCacheTest, MaximumAgeOfZeroMakesEveryRequestFetch) {
   fetcher_.answerWith({bag("1.0", 0), bag("2.0", 0), bag("3.0", 0)});
-  EXPECT_EQ(bagOf(kConfero), "1.0");
-  EXPECT_EQ(bagOf(kConfero), "2.0");
-  EXPECT_EQ(bagOf(kConfero), "3.0");
+  EXPECT_EQ(bagOf(kClientType), "1.0");
+  EXPECT_EQ(bagOf(kClientType), "2.0");
+  EXPECT_EQ(bagOf(kClientType), "3.0");
 }
 
 TEST_F(StorebagCacheTest, NegativeMaximumAgeMakesEveryRequestFetch) {
   fetcher_.answerWith({bag("1.0", static_cast<uint32_t>(-5)), bag("2.0", 60)});
-  EXPECT_EQ(bagOf(kConfero), "1.0");
+  EXPECT_EQ(bagOf(kClientType), "1.0");
   EXPECT_TRUE(log_.contains(LogLevel::kDebug, "fetchAndCacheStorebag: Storebag max age: -5 seconds"));
-  EXPECT_EQ(bagOf(kConfero), "2.0");
+  EXPECT_EQ(bagOf(kClientType), "2.0");
 }
 
 TEST_F(StorebagCacheTest, DiskFileWrittenAfterTheFetchForcesAFetchOfAFreshEntry) {
   fetcher_.answerWith({bag("1.0", 3600), bag("2.0", 3600)});
-  EXPECT_EQ(bagOf(kConfero), "1.0");
+  EXPECT_EQ(bagOf(kClientType), "1.0");
   fetcher_.setDiskDate("confero", Date{1'700'000'000});  // at the very time of the fetch: not later
-  EXPECT_EQ(bagOf(kConfero), "1.0");
+  EXPECT_EQ(bagOf(kClientType), "1.0");
   fetcher_.setDiskDate("confero", Date{1'700'000'005});
   clock_.advance(10s);
-  EXPECT_EQ(bagOf(kConfero), "2.0");
+  EXPECT_EQ(bagOf(kClientType), "2.0");
   EXPECT_TRUE(log_.contains(
       LogLevel::kDefault,
       "storebagForSession: Override maxAge as disk cache for storebag 'confero' was updated: modification "
@@ -199,7 +199,7 @@ TEST_F(StorebagCacheTest, DiskFileWrittenAfterTheFetchForcesAFetchOfAFreshEntry)
 }
 
 TEST_F(StorebagCacheTest, VersionOfATypeNeverFetchedIsNoneAndStartsNoFetch) {
-  EXPECT_EQ(cache_.storebagVersionForClientType(kConfero), std::nullopt);
+  EXPECT_EQ(cache_.storebagVersionForClientType(kClientType), std::nullopt);
   EXPECT_EQ(fetcher_.calls(), 0u);
 }
 
@@ -207,28 +207,28 @@ TEST_F(StorebagCacheTest, UnchangedCountsAsSuccessAndKeepsTheBag) {
   fetcher_.answerWith({bag("1.0", 60),
                        {.section = {}, .maxAgeSeconds = 60, .version = {}, .unchanged = true},
                        bag("2.0", 60)});
-  EXPECT_EQ(bagOf(kConfero), "1.0");
+  EXPECT_EQ(bagOf(kClientType), "1.0");
   clock_.advance(60s);
-  EXPECT_EQ(bagOf(kConfero), "1.0");
+  EXPECT_EQ(bagOf(kClientType), "1.0");
   clock_.advance(59s);
-  EXPECT_EQ(bagOf(kConfero), "1.0");
+  EXPECT_EQ(bagOf(kClientType), "1.0");
   EXPECT_EQ(fetcher_.calls(), 2u);
   clock_.advance(1s);
-  EXPECT_EQ(bagOf(kConfero), "2.0");  // a failure would be cooling
+  EXPECT_EQ(bagOf(kClientType), "2.0");  // a failure would be cooling
 }
 
 TEST_F(StorebagCacheTest, ABagWithoutAVersionRemovesTheFormerVersion) {
   auto withoutVersion = bag("2.0", 60);
   withoutVersion.version = std::nullopt;
   fetcher_.answerWith({bag("1.0", 0), withoutVersion});
-  EXPECT_EQ(bagOf(kConfero), "1.0");
-  EXPECT_EQ(bagOf(kConfero), "2.0");
-  EXPECT_EQ(cache_.storebagVersionForClientType(kConfero), std::nullopt);
+  EXPECT_EQ(bagOf(kClientType), "1.0");
+  EXPECT_EQ(bagOf(kClientType), "2.0");
+  EXPECT_EQ(cache_.storebagVersionForClientType(kClientType), std::nullopt);
 }
 
 TEST_F(StorebagCacheTest, ClientTypesOfOneStorebagNameShareAnEntry) {
   fetcher_.answerWith({bag("1.0", 60)});
-  EXPECT_EQ(bagOf(kConfero), "1.0");
+  EXPECT_EQ(bagOf(kClientType), "1.0");
   EXPECT_EQ(bagOf(kConferoToo), "1.0");
   EXPECT_EQ(fetcher_.calls(), 1u);
 }
@@ -247,27 +247,27 @@ TEST_F(StorebagCacheTest, UnknownClientTypeIsAnErrorLineAndNoEntry) {
 // A server that failed is left alone, but a file that came another way is there already.
 TEST_F(StorebagCacheTest, DiskFileWrittenAfterAFailureEndsTheWaiting) {
   fetcher_.answerWith({failure(), bag("1.0", 60)});
-  EXPECT_EQ(bagOf(kConfero), "none");
+  EXPECT_EQ(bagOf(kClientType), "none");
   expectFailedFetches(1);
   fetcher_.setDiskDate("confero", Date{1'700'000'001});
   clock_.advance(10s);
-  EXPECT_EQ(bagOf(kConfero), "1.0");
+  EXPECT_EQ(bagOf(kClientType), "1.0");
 }
 
 TEST_F(StorebagCacheTest, AgeIsTheDistanceFromTheFetchWhenTheClockIsSetBack) {
   fetcher_.answerWith({bag("1.0", 60), failure(), bag("2.0", 60)});
-  EXPECT_EQ(bagOf(kConfero), "1.0");
+  EXPECT_EQ(bagOf(kClientType), "1.0");
   clock_.advance(-59s);
-  EXPECT_EQ(bagOf(kConfero), "1.0");
+  EXPECT_EQ(bagOf(kClientType), "1.0");
   EXPECT_EQ(fetcher_.calls(), 1u);
   clock_.advance(-1s);
-  EXPECT_EQ(bagOf(kConfero), "1.0");  // fetched, failed
+  EXPECT_EQ(bagOf(kClientType), "1.0");  // fetched, failed
   expectFailedFetches(1);
   clock_.advance(-899s);
-  EXPECT_EQ(bagOf(kConfero), "1.0");  // cooling
+  EXPECT_EQ(bagOf(kClientType), "1.0");  // cooling
   EXPECT_EQ(fetcher_.calls(), 2u);
   clock_.advance(-1s);
-  EXPECT_EQ(bagOf(kConfero), "2.0");
+  EXPECT_EQ(bagOf(kClientType), "2.0");
 }
 
 // What was saved in between can be dated after the note only once that is there.
@@ -286,8 +286,8 @@ TEST_F(StorebagCacheTest, FetcherIsToldOnceItsOutcomeHasBeenNoted) {
 
 TEST_F(StorebagCacheTest, SecondSessionOfAnotherTypeOfTheNameWaitsForTheFirstOnesFetch) {
   fetcher_.answerWith({bag("1.0", 3600), bag("2.0", 3600)});
-  fetcher_.hold(kConfero);
-  std::thread first([this] { EXPECT_EQ(bagOf(kConfero), "1.0"); });
+  fetcher_.hold(kClientType);
+  std::thread first([this] { EXPECT_EQ(bagOf(kClientType), "1.0"); });
   fetcher_.waitForCalls(1);
   fetcher_.hold(kConferoToo);
   std::atomic<pid_t> secondThread{0};
@@ -305,13 +305,13 @@ TEST_F(StorebagCacheTest, SecondSessionOfAnotherTypeOfTheNameWaitsForTheFirstOne
 
 TEST_F(StorebagCacheTest, OneNameIsFetchedOnceAtATimeAndOthersDoNotWaitForIt) {
   fetcher_.answerWith({bag("tessel", 3600), bag("confero", 3600)});
-  fetcher_.hold(kConfero);
-  std::thread first([this] { EXPECT_EQ(bagOf(kConfero), "confero"); });
+  fetcher_.hold(kClientType);
+  std::thread first([this] { EXPECT_EQ(bagOf(kClientType), "confero"); });
   fetcher_.waitForCalls(1);
   std::thread second([this] { EXPECT_EQ(bagOf(kConferoToo), "confero"); });
 
   EXPECT_EQ(bagOf(kTessel), "tessel");  // while the other name's server is slow
-  EXPECT_EQ(cache_.storebagVersionForClientType(kConfero), std::nullopt);
+  EXPECT_EQ(cache_.storebagVersionForClientType(kClientType), std::nullopt);
   fetcher_.release();
   first.join();
   second.join();

@@ -15,7 +15,7 @@ std::string compact(const Value& value) {
   return writeJSON(value, JSONFormat::kCompact);
 }
 
-std::string failureOf(std::string_view text) {
+std::string parseFailureOf(std::string_view text) {
   const auto value = parseJSON(text);
   return value ? "" : value.error();
 }
@@ -143,21 +143,21 @@ TEST(JSONReaderTest, OfAKeyThatComesTwiceTheLastValueCountsInTheFirstPlace) {
 }
 
 TEST(JSONReaderTest, WhatIsNotJSONIsAnErrorWithItsOffset) {
-  EXPECT_EQ(failureOf(""), "offset 0: The document is empty.");
+  EXPECT_EQ(parseFailureOf(""), "offset 0: The document is empty.");
   for (const char* text : {"{", "[1,]", "{\"a\"}", "{a:1}", "01", "+1", "nul", "\"", "\"\\x\"", "[1] 2",
                            "\"\xFF\"", "\"\\ud800\"", "1e999", "-", "{\"a\":1,}", "\"\n\"", "'a'", "NaN"}) {
-    EXPECT_NE(failureOf(text).find("offset"), std::string::npos) << text;
+    EXPECT_NE(parseFailureOf(text).find("offset"), std::string::npos) << text;
   }
-  EXPECT_NE(failureOf(std::string_view("{}\0x", 4)), "") << "text behind a NUL";
+  EXPECT_NE(parseFailureOf(std::string_view("{}\0x", 4)), "") << "text behind a NUL";
 }
 
 TEST(JSONReaderTest, DepthIsBounded) {
   EXPECT_TRUE(parseJSON(std::string(64, '[') + std::string(64, ']')));
-  EXPECT_EQ(failureOf(std::string(65, '[') + std::string(65, ']')), "offset 64: nested too deep");
-  EXPECT_NE(failureOf(std::string(1'000'000, '[')), "");
+  EXPECT_EQ(parseFailureOf(std::string(65, '[') + std::string(65, ']')), "offset 64: nested too deep");
+  EXPECT_NE(parseFailureOf(std::string(1'000'000, '[')), "");
   std::string objects;
   for (int i = 0; i < 100'000; ++i) objects += "{\"a\":";
-  EXPECT_NE(failureOf(objects), "");
+  EXPECT_NE(parseFailureOf(objects), "");
 }
 
 }  // namespace

@@ -40,7 +40,7 @@ Dictionary archiveOf(const Array& objects, const Value& top) {
 Result<Value, std::string> read(const Dictionary& archive, const PropertyListLimits& limits = {}) {
   return unarchiveObject(serializeBinaryPropertyList(archive), limits);
 }
-std::string failureOf(const Dictionary& archive, const PropertyListLimits& limits = {}) {
+std::string unarchivingFailureOf(const Dictionary& archive, const PropertyListLimits& limits = {}) {
   const auto value = read(archive, limits);
   return value ? "" : value.error();
 }
@@ -139,32 +139,32 @@ TEST(KeyedArchiverTest, WhatIsNoArchiveIsRefused) {
   EXPECT_EQ(failure(Dictionary{{"format", 1}}), "not a keyed archive");
   Dictionary archive = archiveOf({1}, 0);
   archive.set("version", 2);
-  EXPECT_EQ(failureOf(archive), "an unknown version of the archive");
+  EXPECT_EQ(unarchivingFailureOf(archive), "an unknown version of the archive");
   archive.set("version", "1");
-  EXPECT_EQ(failureOf(archive), "an unknown version of the archive");
+  EXPECT_EQ(unarchivingFailureOf(archive), "an unknown version of the archive");
   archive = archiveOf({1}, 0);
   archive.set("objects", "none");
-  EXPECT_EQ(failureOf(archive), "an archive without a table");
+  EXPECT_EQ(unarchivingFailureOf(archive), "an archive without a table");
 }
 
 TEST(KeyedArchiverTest, IndicesMeanEarlierObjectsOnly) {
-  EXPECT_EQ(failureOf(archiveOf({Value(Array{0})}, 0)), "an index of no object");  // itself
-  EXPECT_EQ(failureOf(archiveOf({Array{1}, "later"}, 0)), "an index of no object");
-  EXPECT_EQ(failureOf(archiveOf({"x", Array{-1}}, 1)), "an index of no object");
-  EXPECT_EQ(failureOf(archiveOf({"x", Array{std::numeric_limits<uint64_t>::max()}}, 1)),
+  EXPECT_EQ(unarchivingFailureOf(archiveOf({Value(Array{0})}, 0)), "an index of no object");  // itself
+  EXPECT_EQ(unarchivingFailureOf(archiveOf({Array{1}, "later"}, 0)), "an index of no object");
+  EXPECT_EQ(unarchivingFailureOf(archiveOf({"x", Array{-1}}, 1)), "an index of no object");
+  EXPECT_EQ(unarchivingFailureOf(archiveOf({"x", Array{std::numeric_limits<uint64_t>::max()}}, 1)),
             "an index of no object");
-  EXPECT_EQ(failureOf(archiveOf({"x", Array{"0"}}, 1)), "an index of no object");
-  EXPECT_EQ(failureOf(archiveOf({"x", Array{0.0}}, 1)), "an index of no object");
-  EXPECT_EQ(failureOf(archiveOf({"x"}, 1)), "an index of no object");
-  EXPECT_EQ(failureOf(archiveOf({"x"}, Value())), "an index of no object");
-  EXPECT_EQ(failureOf(archiveOf({}, 0)), "an index of no object");
+  EXPECT_EQ(unarchivingFailureOf(archiveOf({"x", Array{"0"}}, 1)), "an index of no object");
+  EXPECT_EQ(unarchivingFailureOf(archiveOf({"x", Array{0.0}}, 1)), "an index of no object");
+  EXPECT_EQ(unarchivingFailureOf(archiveOf({"x"}, 1)), "an index of no object");
+  EXPECT_EQ(unarchivingFailureOf(archiveOf({"x"}, Value())), "an index of no object");
+  EXPECT_EQ(unarchivingFailureOf(archiveOf({}, 0)), "an index of no object");
 }
 
 TEST(KeyedArchiverTest, DictionaryHasAsManyKeysAsValuesAndTheyAreStrings) {
   const char* const kUneven = "a dictionary without as many values as keys";
-  EXPECT_EQ(failureOf(archiveOf({"k", dictionaryObject({0}, {})}, 1)), kUneven);
-  EXPECT_EQ(failureOf(archiveOf({"k", Dictionary{{"keys", Array{0}}}}, 1)), kUneven);
-  EXPECT_EQ(failureOf(archiveOf({5, dictionaryObject({0}, {0})}, 1)), "a key that is no string");
+  EXPECT_EQ(unarchivingFailureOf(archiveOf({"k", dictionaryObject({0}, {})}, 1)), kUneven);
+  EXPECT_EQ(unarchivingFailureOf(archiveOf({"k", Dictionary{{"keys", Array{0}}}}, 1)), kUneven);
+  EXPECT_EQ(unarchivingFailureOf(archiveOf({5, dictionaryObject({0}, {0})}, 1)), "a key that is no string");
 }
 
 TEST(KeyedArchiverTest, KeyThatComesTwiceKeepsItsLastValue) {
@@ -176,26 +176,28 @@ TEST(KeyedArchiverTest, KeyThatComesTwiceKeepsItsLastValue) {
 // A table of a few hundred bytes must not become a million million values.
 TEST(KeyedArchiverTest, SharedObjectsCountAsOftenAsTheyAreReferredTo) {
   EXPECT_TRUE(read(archiveOf(doublings(18), 18)));
-  EXPECT_EQ(failureOf(archiveOf(doublings(40), 40)), "too many values");
-  EXPECT_EQ(failureOf(archiveOf(doublings(70), 0)), "too many values");  // wherever it stands
+  EXPECT_EQ(unarchivingFailureOf(archiveOf(doublings(40), 40)), "too many values");
+  EXPECT_EQ(unarchivingFailureOf(archiveOf(doublings(70), 0)), "too many values");  // wherever it stands
 
   Array indices;
   for (int i = 0; i < 100; ++i) indices.append(0);
   const Array objects{std::string(1000, 'x'), indices};
   EXPECT_TRUE(read(archiveOf(objects, 1), {.maximumExpandedBytes = 100'000}));
-  EXPECT_EQ(failureOf(archiveOf(objects, 1), {.maximumExpandedBytes = 99'999}), "too large when written out");
+  EXPECT_EQ(unarchivingFailureOf(archiveOf(objects, 1), {.maximumExpandedBytes = 99'999}),
+            "too large when written out");
 
   Array tenTimes;
   for (int i = 0; i < 10; ++i) tenTimes.append(1);
   const Array nested{std::string("x"), indices, tenTimes};
   EXPECT_TRUE(read(archiveOf(nested, 2), {.maximumValues = 1011}));
-  EXPECT_EQ(failureOf(archiveOf(nested, 2), {.maximumValues = 1010}), "too many values");
+  EXPECT_EQ(unarchivingFailureOf(archiveOf(nested, 2), {.maximumValues = 1010}), "too many values");
 
   Array entries;
   for (int i = 0; i < 10; ++i) entries.append(2);
   const Array keyed{std::string(1000, 'k'), "v", dictionaryObject({0}, {1}), entries};
   EXPECT_TRUE(read(archiveOf(keyed, 3), {.maximumExpandedBytes = 10'010}));
-  EXPECT_EQ(failureOf(archiveOf(keyed, 3), {.maximumExpandedBytes = 10'009}), "too large when written out");
+  EXPECT_EQ(unarchivingFailureOf(archiveOf(keyed, 3), {.maximumExpandedBytes = 10'009}),
+            "too large when written out");
 }
 
 TEST(KeyedArchiverTest, DepthOfWhatIsReadIsBounded) {
@@ -203,7 +205,7 @@ TEST(KeyedArchiverTest, DepthOfWhatIsReadIsBounded) {
   for (int64_t i = 0; i < 64; ++i) objects.append(Array{i});
   EXPECT_TRUE(read(archiveOf(objects, 64)));
   objects.append(Array{64});
-  EXPECT_EQ(failureOf(archiveOf(objects, 65)), "nested too deep");
+  EXPECT_EQ(unarchivingFailureOf(archiveOf(objects, 65)), "nested too deep");
 }
 
 TEST(KeyedArchiverTest, EveryCutOffArchiveIsRefused) {

@@ -17,6 +17,7 @@
 #include <thread>
 
 #include "support/DescriptorCount.h"
+#include "support/ErrorCode.h"
 #include "support/ScratchFolder.h"
 
 namespace zun {
@@ -36,9 +37,6 @@ FileDescriptor openFile(const std::string& path, int flags = O_RDONLY) {
 
 int codeOf(const Consumed& consumed) {
   return consumed ? 0 : consumed.error().code;
-}
-int codeOf(const std::optional<Error>& error) {
-  return error ? error->code : 0;
 }
 
 std::string contentOf(const SandboxExtension& extension) {

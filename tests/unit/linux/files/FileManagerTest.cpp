@@ -12,6 +12,7 @@
 #include <fstream>
 
 #include "linux/files/LinuxFileManager.h"
+#include "support/ErrorCode.h"
 #include "support/ScratchFolder.h"
 
 namespace zun {
@@ -39,10 +40,6 @@ class FileManagerTest : public ::testing::Test {
   ScratchFolder scratch_;
   LinuxFileManager files_{"", "/home/tester"};
 };
-
-int codeOf(const std::optional<Error>& error) {
-  return error ? error->code : 0;
-}
 
 TEST_F(FileManagerTest, RootStandsBeforeAbsolutePathsAndTheHomeFolder) {
   const LinuxFileManager files("/scratch/", "/home/tester/");
