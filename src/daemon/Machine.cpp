@@ -46,7 +46,7 @@ Machine::Machine(const DaemonOptions& options, EventLoop& loop, SystemLog& log)
 }
 
 void Machine::letWatch(Watchdog& watchdog) const {
-  watchdog.watch(workers_.heartbeat());
+  for (const auto& heartbeat : workers_.heartbeats()) watchdog.watch(heartbeat);
   watchdog.watch(urlSessions_.heartbeat());
 }
 

@@ -6,7 +6,7 @@ import unittest
 
 from harness import BINARIES, binary
 
-KILL = -1
+KILL, HOLD = -1, -2
 PLAN = struct.Struct("=32siiqqq")  # function, failure, times, first, calls, failed
 
 

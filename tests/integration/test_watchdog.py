@@ -1,13 +1,15 @@
 """The service manager hears that the daemon lives only while its threads move. One that stands still is made
-with a debugger's means."""
+with a debugger's means, or where it waits for another process."""
 
 import ctypes
+import fcntl
 import os
 import pathlib
 import socket
 import subprocess
 import unittest
 
+from failing_calls import HOLD, FailingCalls
 from harness import ScratchTest, binary, wait_until
 
 PTRACE_DETACH, PTRACE_SEIZE, PTRACE_INTERRUPT = 17, 0x4206, 0x4207
@@ -30,8 +32,10 @@ class WatchdogTest(ScratchTest):
         self.manager.bind(self.scratch.path("notify"))
         self.addCleanup(self.manager.close)
         self.scratch.publish()
+
+    def start(self, seconds=2, environment=None):
         self.scratch.start(environment={"NOTIFY_SOCKET": self.scratch.path("notify"),
-                                        "WATCHDOG_USEC": "2000000"})
+                                        "WATCHDOG_USEC": str(int(seconds * 1e6)), **(environment or {})})
 
     def wait_for_sign(self):
         while self.manager.recv(100) != b"WATCHDOG=1":
@@ -45,6 +49,10 @@ class WatchdogTest(ScratchTest):
         except BlockingIOError:
             pass
         self.manager.settimeout(60)
+
+    def thread_names(self):
+        tasks = pathlib.Path(f"/proc/{self.scratch.daemon.process.pid}/task")
+        return {(task / "comm").read_text().strip() for task in tasks.iterdir()}
 
     def stop_threads(self, name):
         tasks = pathlib.Path(f"/proc/{self.scratch.daemon.process.pid}/task")
@@ -77,6 +85,7 @@ class WatchdogTest(ScratchTest):
             pass  # has been let go of
 
     def stands_still(self, name, description):
+        self.start()
         self.scratch.send([EVENT])  # with its storebag
         self.wait_for_sign()
         threads = self.stop_threads(name)
@@ -105,6 +114,30 @@ class WatchdogTest(ScratchTest):
 
     def test_workers_that_stand_still_end_the_signs_of_life(self):
         self.stands_still("zun-worker", "the worker pool")
+
+    def test_accepting_thread_that_stands_still_ends_the_signs_of_life(self):
+        calls = FailingCalls(self.scratch.path("failing-calls"))
+        self.start(seconds=0.2, environment=calls.environment)
+        self.assertIn("zun-accepting", self.thread_names())
+        self.expect_error("watchdog: the accepting thread stands still")
+        calls.plan("accept4", HOLD, 1)
+        self.report_without_waiting()
+        self.scratch.daemon.wait_for_line("watchdog: the accepting thread stands still")
+        self.drain()
+        calls.plan("")
+        self.wait_for_sign()
+
+    def test_one_worker_that_stands_still_in_a_job_ends_the_signs_of_life(self):
+        """It waits for another process to write the settings, as the one that has the storebag does."""
+        self.start(seconds=0.2)
+        self.expect_error("watchdog: a worker stands still")
+        with open(self.scratch.path("root/home/tester/Library/Preferences/com.vantix.zunreporting.plist.lock"),
+                  "w", encoding="ascii") as lock:
+            fcntl.flock(lock, fcntl.LOCK_EX)
+            self.report_without_waiting()
+            self.scratch.daemon.wait_for_line("watchdog: a worker stands still")
+        self.drain()
+        self.wait_for_sign()
 
 
 if __name__ == "__main__":

@@ -29,11 +29,14 @@
 #include <sys/timerfd.h>
 #include <unistd.h>
 
-#define KILL (-1)  // in the place of an errno: the process is killed in the middle of the call
+// In the place of an errno: the process is killed in the middle of the call, or the call is held up as long
+// as it is planned.
+#define KILL (-1)
+#define HOLD (-2)
 
 struct Plan {
   char function[32];
-  int failure;      // errno, or KILL
+  int failure;      // errno, KILL or HOLD
   int times;        // how many calls fail
   long long first;  // which is the first, from 1 on
   long long calls;
@@ -71,6 +74,10 @@ static int isPlanned(const char* function) {
 static int fails(const char* function) {
   if (!isPlanned(function)) return 0;
   if (plan->failure == KILL) die();
+  if (plan->failure == HOLD) {
+    while (__atomic_load_n(&plan->failure, __ATOMIC_SEQ_CST) == HOLD) syscall(SYS_sched_yield);
+    return 0;
+  }
   errno = plan->failure;
   return 1;
 }

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <systemd/sd-id128.h>
@@ -159,6 +160,7 @@ void DBusServiceListener::wake() {
 }
 
 void DBusServiceListener::acceptLoop() {
+  pthread_setname_np(pthread_self(), "zun-accepting");
   while (!isStopping_) {
     if (isPaused_) waitAtTheDoor();
     std::array<pollfd, 2> polled{{{socket_.get(), POLLIN, 0}, {wake_.get(), POLLIN, 0}}};

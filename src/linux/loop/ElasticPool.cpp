@@ -113,6 +113,7 @@ int ElasticPool::startThread() {
 }
 
 void* ElasticPool::threadMain(void* argument) {
+  pthread_setname_np(pthread_self(), "zun-client");
   Thread& thread = *static_cast<Thread*>(argument);
   ElasticPool& pool = *thread.pool;
   while (Entry* const entry = pool.next()) pool.workOn(*entry);

@@ -11,7 +11,11 @@ WorkerPool::WorkerPool(unsigned threads, const char* name) : name_(name) {
   const unsigned count = std::max(threads, 1U);
   threads_.reserve(count);
   try {
-    for (unsigned i = 0; i < count; ++i) threads_.emplace_back([this] { work(); });
+    for (unsigned i = 0; i < count; ++i) {
+      const auto own = std::make_shared<Heartbeat>("a worker");
+      heartbeats_.push_back(own);
+      threads_.emplace_back([this, own] { work(*own); });
+    }
   } catch (...) {
     end();  // those that the system had room for
     throw;
@@ -47,9 +51,10 @@ WorkerPool::Activity WorkerPool::activity() {
   return {jobsTaken_, unfinished, unfinished == 0};
 }
 
-void WorkerPool::work() noexcept {
+void WorkerPool::work(Heartbeat& own) noexcept {
   pthread_setname_np(pthread_self(), name_);
   while (true) {
+    own.rests();  // what a job holds has been let go of
     UniqueFunction<void()> job;
     {
       const MutexLock lock(mutex_);
@@ -62,6 +67,7 @@ void WorkerPool::work() noexcept {
       jobs_.empty() ? heartbeat_->rests() : heartbeat_->works();
       ++jobsTaken_;
     }
+    own.works();
     job();
   }
 }

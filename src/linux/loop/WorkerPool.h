@@ -37,15 +37,19 @@ class WorkerPool final : public Executor {
   };
   [[nodiscard]] Activity activity();
 
-  /// Stands still when jobs wait and no thread takes one.
-  [[nodiscard]] std::shared_ptr<const Heartbeat> heartbeat() const { return heartbeat_; }
+  /// The pool's, which stands still when jobs wait and no thread takes one; then each thread's,
+  /// which stands still in a job.
+  [[nodiscard]] const std::vector<std::shared_ptr<const Heartbeat>>& heartbeats() const {
+    return heartbeats_;
+  }
 
  private:
   void end();
-  void work() noexcept;
+  void work(Heartbeat& own) noexcept;
 
   const char* const name_;
   const std::shared_ptr<Heartbeat> heartbeat_ = std::make_shared<Heartbeat>("the worker pool");
+  std::vector<std::shared_ptr<const Heartbeat>> heartbeats_{heartbeat_};
   Mutex mutex_;
   std::condition_variable_any workCame_;
   std::deque<UniqueFunction<void()>> jobs_ GUARDED_BY(mutex_);

@@ -2,7 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
 #include <future>
+#include <thread>
 
 namespace zun {
 namespace {
@@ -12,7 +15,7 @@ using namespace std::chrono_literals;
 TEST(WorkerPoolTest, StandsStillWhileJobsWaitAndNoThreadTakesOne) {
   WorkerPool pool(1);
   const auto standsStill = [&pool] {
-    return pool.heartbeat()->standsStill(Heartbeat::Clock::now() + 1h, 1min);
+    return pool.heartbeats().front()->standsStill(Heartbeat::Clock::now() + 1h, 1min);
   };
   EXPECT_FALSE(standsStill());
   std::promise<void> begun;
@@ -31,6 +34,37 @@ TEST(WorkerPoolTest, StandsStillWhileJobsWaitAndNoThreadTakesOne) {
   EXPECT_FALSE(standsStill());
 }
 
+TEST(WorkerPoolTest, WorkerThatIsHeldUpInAJobStandsStillThoughTheOthersGoOn) {
+  WorkerPool pool(2);
+  const auto stillOnes = [&pool] {
+    return std::count_if(pool.heartbeats().begin(), pool.heartbeats().end(), [](const auto& heartbeat) {
+      return heartbeat->standsStill(Heartbeat::Clock::now() + 1h, 1min);
+    });
+  };
+  EXPECT_EQ(pool.heartbeats().size(), 3u);
+  std::array<std::promise<void>, 2> begun;
+  std::promise<void> release;
+  const auto released = release.get_future().share();
+  const auto holdUp = [&](std::promise<void>& hasBegun) {
+    pool.execute([&hasBegun, released] {
+      hasBegun.set_value();
+      released.wait();
+    });
+    hasBegun.get_future().wait();
+  };
+  holdUp(begun[0]);
+  for (int i = 0; i < 3; ++i) {
+    std::promise<void> done;
+    pool.execute([&done] { done.set_value(); });
+    done.get_future().wait();
+  }
+  while (stillOnes() != 1) std::this_thread::yield();  // the other is back at its wait
+  holdUp(begun[1]);
+  EXPECT_EQ(stillOnes(), 2);
+  release.set_value();
+  while (stillOnes() != 0) std::this_thread::yield();
+}
+
 TEST(WorkerPoolTest, PoolThatWorksThroughAQueueMoves) {
   WorkerPool pool(1);
   std::promise<void> release;
@@ -45,7 +79,7 @@ TEST(WorkerPoolTest, PoolThatWorksThroughAQueueMoves) {
   const auto queued = Heartbeat::Clock::now();
   release.set_value();
   second.get_future().wait();
-  EXPECT_FALSE(pool.heartbeat()->standsStill(queued + 1s, 1s));
+  EXPECT_FALSE(pool.heartbeats().front()->standsStill(queued + 1s, 1s));
   goOn.set_value();
 }
 
