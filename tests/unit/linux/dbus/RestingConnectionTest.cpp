@@ -1,5 +1,6 @@
 // Connections that rest: served by this thread for a while, and by another later.
 
+#include <malloc.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 
@@ -61,6 +62,26 @@ TEST_F(RestingConnectionTest, RestsWhereNothingIsToBeDoneAndGoesOnWithTheNextCal
   ASSERT_TRUE(message);
   EXPECT_EQ(message->header.replySerial, 7u);
   EXPECT_EQ(delegate_.events->count("accepted"), 1u);
+  end();
+}
+
+// Connections are many and rest for long.
+TEST_F(RestingConnectionTest, WhatWasReadIntoGoesBackWhereItRests) {
+  constexpr size_t kLittle = size_t{16} << 10;
+  const auto allocatedBytes = [] {
+    const struct mallinfo2 information = ::mallinfo2();
+    return information.uordblks + information.hblkhd;
+  };
+  const size_t before = allocatedBytes();
+  EXPECT_EQ(run(), Outcome::kRests);
+  skipAuthentication();
+  for (uint32_t serial = 1; serial < 3; ++serial) {
+    EXPECT_LT(allocatedBytes(), before + kLittle) << serial;
+    client_->send(describeCall(serial));
+    EXPECT_EQ(run(), Outcome::kRests);
+    EXPECT_TRUE(client_->receiveMessage());
+  }
+  EXPECT_LT(allocatedBytes(), before + kLittle);
   end();
 }
 
