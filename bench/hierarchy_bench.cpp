@@ -3,7 +3,6 @@
 
 #include <benchmark/benchmark.h>
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
 
 #include <array>
@@ -25,7 +24,7 @@ using namespace zunreporting;
 /// peer reads and forgets.
 class WritingConnection final : public ServiceConnection {
  public:
-  explicit WritingConnection(SystemLog& log) : wake_(::eventfd(0, EFD_NONBLOCK)) {
+  explicit WritingConnection(SystemLog& log) {
     [[maybe_unused]] const int made = ::socketpair(AF_UNIX, SOCK_STREAM, 0, sockets_.data());
     output_ = std::make_shared<DBusOutput>(sockets_[0], wake_, DBusLimits{}, DBusOutputLimits{},
                                            std::make_shared<MemoryBudget>(0), BudgetHolder{}, log, "bench");
@@ -43,7 +42,7 @@ class WritingConnection final : public ServiceConnection {
     output_->close();
     ::shutdown(sockets_[0], SHUT_RDWR);
     reader_.join();
-    for (const int descriptor : {sockets_[0], sockets_[1], wake_}) ::close(descriptor);
+    for (const int descriptor : sockets_) ::close(descriptor);
   }
 
   struct Encoded final : EncodedCall {
@@ -96,16 +95,15 @@ class WritingConnection final : public ServiceConnection {
   void writeWhatIsLeft() {
     while (!ends_) {
       const short writing = output_->queuedBytes() > 0 ? POLLOUT : 0;
-      std::array<pollfd, 2> polled{{{sockets_[0], writing, 0}, {wake_, POLLIN, 0}}};
+      std::array<pollfd, 2> polled{{{sockets_[0], writing, 0}, {wake_.get(), POLLIN, 0}}};
       ::poll(polled.data(), polled.size(), -1);
-      uint64_t count = 0;
-      [[maybe_unused]] const ssize_t taken = ::read(wake_, &count, sizeof count);
+      wake_.take();
       output_->flush();
     }
   }
 
   std::array<int, 2> sockets_{};
-  const int wake_;
+  const WakeDescriptor wake_;
   std::shared_ptr<DBusOutput> output_;
   std::atomic<bool> ends_{false};
   std::thread reader_;

@@ -1,7 +1,6 @@
 #include "linux/dbus/DBusOutput.h"
 
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <cerrno>
 
@@ -237,15 +236,12 @@ void DBusOutput::close() {
   const MutexLock lock(mutex_);
   dropAll();
   socket_ = -1;
-  wake_ = -1;
+  wake_ = nullptr;
 }
 
 void DBusOutput::wake() {
   const MutexLock lock(mutex_);
-  const uint64_t one = 1;
-  if (wake_ < 0) return;
-  // Only a full counter refuses, and then the thread is awake already.
-  [[maybe_unused]] const ssize_t written = ::write(wake_, &one, sizeof one);
+  if (wake_ != nullptr) wake_->signal();
 }
 
 }  // namespace zun

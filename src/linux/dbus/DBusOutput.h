@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "linux/dbus/DBusMessage.h"
+#include "linux/files/WakeDescriptor.h"
 #include "platform/MemoryBudget.h"
 #include "platform/Mutex.h"
 #include "platform/ServiceConnection.h"
@@ -42,17 +43,17 @@ struct DBusOutputLimits {
 /// Ownership: shared by the connection and by replies that are still to be given.
 class DBusOutput final : public std::enable_shared_from_this<DBusOutput> {
  public:
-  /// `socket` and `wake` (an event descriptor) stay open until `close`. `log` outlives it.
+  /// `socket` and `wake` stay open until `close`. `log` outlives it.
   /// `largeReplies` is what all peers may leave waiting of them, `holder` says whose these are.
-  DBusOutput(int socket, int wake, const DBusLimits& messageLimits, const DBusOutputLimits& limits,
-             std::shared_ptr<MemoryBudget> largeReplies, BudgetHolder holder, SystemLog& log,
-             std::string peer)
+  DBusOutput(int socket, const WakeDescriptor& wake, const DBusLimits& messageLimits,
+             const DBusOutputLimits& limits, std::shared_ptr<MemoryBudget> largeReplies, BudgetHolder holder,
+             SystemLog& log, std::string peer)
       : messageLimits_(messageLimits),
         limits_(limits),
         log_(log),
         peer_(std::move(peer)),
         socket_(socket),
-        wake_(wake),
+        wake_(&wake),
         largeReply_(std::move(largeReplies), holder) {}
 
   /// From now on this thread's messages wait for `flush`; none's after no thread.
@@ -118,7 +119,7 @@ class DBusOutput final : public std::enable_shared_from_this<DBusOutput> {
 
   Mutex mutex_;
   int socket_ GUARDED_BY(mutex_);
-  int wake_ GUARDED_BY(mutex_);
+  const WakeDescriptor* wake_ GUARDED_BY(mutex_);
   bool isClosed_ GUARDED_BY(mutex_) = false;
   uint32_t serial_ GUARDED_BY(mutex_) = 0;
   std::string buffer_ GUARDED_BY(mutex_);

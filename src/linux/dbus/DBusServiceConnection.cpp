@@ -2,7 +2,6 @@
 
 #include <fmt/format.h>
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -51,13 +50,13 @@ std::shared_ptr<DBusServiceConnection> DBusServiceConnection::create(FileDescrip
                                                                      std::string serverID,
                                                                      const DBusConnectionOptions& options,
                                                                      SystemLog& log) {
-  FileDescriptor wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  WakeDescriptor wake;
   if (!wake.isOpen()) return nullptr;
   return std::make_shared<DBusServiceConnection>(std::move(socket), std::move(wake), std::move(peer),
                                                  std::move(serverID), options, log);
 }
 
-DBusServiceConnection::DBusServiceConnection(FileDescriptor socket, FileDescriptor wake, KnownPeer peer,
+DBusServiceConnection::DBusServiceConnection(FileDescriptor socket, WakeDescriptor wake, KnownPeer peer,
                                              std::string serverID, const DBusConnectionOptions& options,
                                              SystemLog& log)
     : peer_(std::move(peer)),
@@ -68,7 +67,7 @@ DBusServiceConnection::DBusServiceConnection(FileDescriptor socket, FileDescript
       log_(log),
       socket_(std::move(socket)),
       wake_(std::move(wake)),
-      output_(std::make_shared<DBusOutput>(socket_.get(), wake_.get(), options_.messageLimits,
+      output_(std::make_shared<DBusOutput>(socket_.get(), wake_, options_.messageLimits,
                                            options_.outputLimits, options_.budgets.largeReplies, holder_,
                                            log_, description_)),
       input_(options_.messageLimits),
@@ -247,10 +246,7 @@ bool DBusServiceConnection::waitForEvents(int events, int milliseconds) {
       {{socket_.get(), static_cast<short>(events | writing), 0}, {wake_.get(), POLLIN, 0}}};
   const int ready = ::poll(polled.data(), polled.size(), milliseconds);
   if (ready <= 0) return ready < 0;
-  if ((polled[1].revents & POLLIN) != 0) {
-    uint64_t count = 0;
-    [[maybe_unused]] const ssize_t taken = ::read(wake_.get(), &count, sizeof count);
-  }
+  if ((polled[1].revents & POLLIN) != 0) wake_.take();
   if ((polled[0].revents & (POLLHUP | POLLERR)) != 0) notePeerIsGone();
   return true;
 }

@@ -14,6 +14,7 @@
 #include "linux/dbus/DBusObjects.h"
 #include "linux/dbus/DBusOutput.h"
 #include "linux/files/FileDescriptor.h"
+#include "linux/files/WakeDescriptor.h"
 #include "linux/service/KnownPeer.h"
 #include "platform/ServiceConnection.h"
 #include "platform/SystemLog.h"
@@ -62,7 +63,7 @@ class DBusServiceConnection final : public ServiceConnection {
                                                        std::string serverID,
                                                        const DBusConnectionOptions& options, SystemLog& log);
 
-  DBusServiceConnection(FileDescriptor socket, FileDescriptor wake, KnownPeer peer, std::string serverID,
+  DBusServiceConnection(FileDescriptor socket, WakeDescriptor wake, KnownPeer peer, std::string serverID,
                         const DBusConnectionOptions& options, SystemLog& log);
   ~DBusServiceConnection() override;
 
@@ -132,7 +133,7 @@ class DBusServiceConnection final : public ServiceConnection {
   const BudgetHolder holder_;
   SystemLog& log_;
   FileDescriptor socket_;
-  FileDescriptor wake_;
+  WakeDescriptor wake_;
   std::shared_ptr<DBusOutput> output_;
   DBusInput input_;
   DBusFileAccess fileAccess_;

@@ -5,7 +5,6 @@
 #include <fmt/format.h>
 #include <poll.h>
 #include <pthread.h>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <systemd/sd-id128.h>
 
@@ -43,12 +42,6 @@ std::string makeServerID() {
   if (::sd_id128_randomize(&id) < 0) return std::string(32, '0');
   std::array<char, SD_ID128_STRING_MAX> text{};
   return ::sd_id128_to_string(id, text.data());
-}
-
-void signal(int wake) {
-  const uint64_t one = 1;
-  // Only a full counter refuses, and then the thread is awake already.
-  [[maybe_unused]] const ssize_t written = ::write(wake, &one, sizeof one);
 }
 
 FileDescriptor openSpare() {
@@ -97,11 +90,9 @@ Result<std::unique_ptr<DBusServiceListener>, Error> DBusServiceListener::create(
   using Created = Result<std::unique_ptr<DBusServiceListener>, Error>;
   auto socket = ListeningSocket::open(options.address);
   if (!socket) return Created::failure(socket.error());
-  FileDescriptor wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-  if (!wake.isOpen()) {
-    return Created::failure(posixError(errno));
-  }
-  options.threads.onShortage = [descriptor = wake.get()] { signal(descriptor); };
+  auto wake = std::make_unique<const WakeDescriptor>();
+  if (!wake->isOpen()) return Created::failure(posixError(errno));
+  options.threads.onShortage = [&signalled = *wake] { signalled.signal(); };
   auto pool = ElasticPool::create(options.threads, log);
   if (!pool) return Created::failure(pool.error());
   return std::unique_ptr<DBusServiceListener>(new DBusServiceListener(
@@ -109,8 +100,9 @@ Result<std::unique_ptr<DBusServiceListener>, Error> DBusServiceListener::create(
 }
 
 DBusServiceListener::DBusServiceListener(DBusListenerOptions options, ListeningSocket socket,
-                                         FileDescriptor wake, std::unique_ptr<ElasticPool> pool,
-                                         EntitlementStore& entitlements, SystemLog& log)
+                                         std::unique_ptr<const WakeDescriptor> wake,
+                                         std::unique_ptr<ElasticPool> pool, EntitlementStore& entitlements,
+                                         SystemLog& log)
     : options_(std::move(options)),
       serverID_(makeServerID()),
       entitlements_(entitlements),
@@ -140,7 +132,7 @@ void DBusServiceListener::pause() {
   if (!thread_.joinable()) return;
   const MutexLock lock(doorMutex_);
   isPaused_ = true;
-  wake();
+  wake_->signal();
   while (!waitsAtTheDoor_) doorMoved_.wait(doorMutex_);
 }
 
@@ -150,29 +142,22 @@ void DBusServiceListener::stop() {
     isStopping_ = true;
   }
   doorMoved_.notify_all();
-  wake();
+  wake_->signal();
   if (thread_.joinable()) thread_.join();
   socket_.close();
-}
-
-void DBusServiceListener::wake() {
-  signal(wake_.get());
 }
 
 void DBusServiceListener::acceptLoop() {
   pthread_setname_np(pthread_self(), "zun-accepting");
   while (!isStopping_) {
     if (isPaused_) waitAtTheDoor();
-    std::array<pollfd, 2> polled{{{socket_.get(), POLLIN, 0}, {wake_.get(), POLLIN, 0}}};
+    std::array<pollfd, 2> polled{{{socket_.get(), POLLIN, 0}, {wake_->get(), POLLIN, 0}}};
     const int untilLook = millisecondsToLook();
     heartbeat_->rests();
     const int ready = ::poll(polled.data(), polled.size(), waiting_.isEmpty() ? untilLook : 0);
     heartbeat_->works();
     if (ready < 0) continue;
-    if ((polled[1].revents & POLLIN) != 0) {
-      uint64_t count = 0;
-      [[maybe_unused]] const ssize_t taken = ::read(wake_.get(), &count, sizeof count);
-    }
+    if ((polled[1].revents & POLLIN) != 0) wake_->take();
     if (polled[0].revents != 0) acceptWaiting();
     serveWaiting(kServedAtOnce);
   }
@@ -260,7 +245,7 @@ void DBusServiceListener::handleAcceptFailure(int error) {
   if (!std::exchange(isShort_, true)) {
     log_.error("listener: connections have to wait: {}", std::generic_category().message(error));
   }
-  pollfd woken{wake_.get(), POLLIN, 0};
+  pollfd woken{wake_->get(), POLLIN, 0};
   ::poll(&woken, 1, kPauseMilliseconds);
   if (!spare_.isOpen()) spare_ = openSpare();
 }
@@ -401,7 +386,7 @@ void DBusServiceListener::connectionEnded(Served& served) {
     leave(served);
   }
   countChanged();
-  wake();  // it may wait for a descriptor
+  wake_->signal();  // it may wait for a descriptor
   const MutexLock lock(mutex_);
   --ending_;
   if (running_.empty() && ending_ == 0) allEnded_.notify_all();

@@ -18,6 +18,7 @@
 #include "linux/dbus/RefusalLog.h"
 #include "linux/dbus/WaitingClients.h"
 #include "linux/files/FileDescriptor.h"
+#include "linux/files/WakeDescriptor.h"
 #include "linux/loop/ElasticPool.h"
 #include "linux/service/EntitlementStore.h"
 #include "linux/system/Heartbeat.h"
@@ -88,8 +89,9 @@ class DBusServiceListener final : public ServiceListener, private ServiceListene
     std::map<ProgramKey, size_t> programs;  // connections
   };
 
-  DBusServiceListener(DBusListenerOptions options, ListeningSocket socket, FileDescriptor wake,
-                      std::unique_ptr<ElasticPool> pool, EntitlementStore& entitlements, SystemLog& log);
+  DBusServiceListener(DBusListenerOptions options, ListeningSocket socket,
+                      std::unique_ptr<const WakeDescriptor> wake, std::unique_ptr<ElasticPool> pool,
+                      EntitlementStore& entitlements, SystemLog& log);
   // ServiceListenerDelegate, between a connection and the listener's own one.
   bool isEntitled(const ServicePeer& peer) override;
   bool shouldAcceptNewConnection(const std::shared_ptr<ServiceConnection>& connection) override;
@@ -116,7 +118,6 @@ class DBusServiceListener final : public ServiceListener, private ServiceListene
   void connectionEnded(Served& served);
   void leave(const Served& served) REQUIRES(mutex_);
   void countChanged();
-  void wake();
 
   const DBusListenerOptions options_;
   const std::string serverID_;
@@ -124,7 +125,7 @@ class DBusServiceListener final : public ServiceListener, private ServiceListene
   SystemLog& log_;
   ServiceListenerDelegate* delegate_ = nullptr;
   ListeningSocket socket_;
-  FileDescriptor wake_;
+  const std::unique_ptr<const WakeDescriptor> wake_;  // the pool signals it as well
   FileDescriptor spare_;  // given up for a moment to refuse a client when descriptors run out
   bool isShort_ = false;  // the accepting thread's: the system is, and it has been said
   RefusalLog refusals_;

@@ -2,7 +2,6 @@
 
 #include <pthread.h>
 #include <signal.h>
-#include <sys/eventfd.h>
 
 #include <algorithm>
 #include <array>
@@ -31,8 +30,8 @@ CURLM* makeMulti() {
   return multi;
 }
 
-FileDescriptor makeWake() {
-  FileDescriptor wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+WakeDescriptor makeWake() {
+  WakeDescriptor wake;
   if (!wake.isOpen()) throw std::system_error(errno, std::generic_category(), "the transfer thread");
   return wake;
 }
@@ -90,7 +89,7 @@ void CurlURLSessionLoop::submit(Task task) {
     // Under the lock: the loop lives as long as it is not stopping.
     if (wasEmpty) {
       heartbeat_->works();
-      wake();
+      wake_.signal();
     }
   }
   if (refusal) task->fail(*refusal);
@@ -100,24 +99,16 @@ void CurlURLSessionLoop::endCancelled() {
   const MutexLock lock(mutex_);
   if (inbox_.isStopping) return;
   inbox_.hasCancelled = true;
-  wake();
+  wake_.signal();
 }
 
 void CurlURLSessionLoop::stop() {
   {
     const MutexLock lock(mutex_);
     inbox_.isStopping = true;
-    wake();
+    wake_.signal();
   }
   thread_.join();
-}
-
-// Not by curl_multi_wakeup: its socket needs memory for each byte, and a call to wake that
-// fails would leave every transfer waiting.
-void CurlURLSessionLoop::wake() {
-  const uint64_t one = 1;
-  // Only a full counter refuses, and then the thread is awake already.
-  [[maybe_unused]] const ssize_t written = ::write(wake_.get(), &one, sizeof one);
 }
 
 size_t CurlURLSessionLoop::transfersInFlight() const {
@@ -417,10 +408,7 @@ void CurlURLSessionLoop::poll() {
   heartbeat_->rests();
   curl_multi_poll(multi_, watched.data(), watchesRoutes ? 2 : 1, timeout, &ready);
   heartbeat_->works();
-  uint64_t count = 0;
-  if (watched[0].revents != 0) {
-    [[maybe_unused]] const ssize_t taken = ::read(wake_.get(), &count, sizeof count);
-  }
+  if (watched[0].revents != 0) wake_.take();
   if (watchesRoutes && watched[1].revents != 0) isRouteStale_ = true;
 }
 

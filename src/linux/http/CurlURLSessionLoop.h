@@ -12,7 +12,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "linux/files/FileDescriptor.h"
+#include "linux/files/WakeDescriptor.h"
 #include "linux/http/CurlURLSession.h"
 #include "linux/http/CurlURLSessionTransfer.h"
 #include "linux/http/TransferQueue.h"
@@ -62,7 +62,6 @@ class CurlURLSessionLoop final {
     std::optional<bool> hasPower;
   };
 
-  void wake();
   void run();
   bool takeInbox();
   void admit(Task task, Conditions& conditions);
@@ -103,7 +102,9 @@ class CurlURLSessionLoop final {
   const std::shared_ptr<PowerSupply> power_;
   TransferShares shares_;
   const std::shared_ptr<Heartbeat> heartbeat_ = std::make_shared<Heartbeat>("the transfer thread");
-  const FileDescriptor wake_;
+  // Not curl_multi_wakeup: its socket needs memory for each byte, and a call to wake that fails
+  // would leave every transfer waiting.
+  const WakeDescriptor wake_;
   CURLM* multi_;  // another one, now and then; the transfer thread's while that runs
 
   struct Inbox {

@@ -1,10 +1,8 @@
 #include "linux/loop/EventLoop.h"
 
 #include <sys/epoll.h>
-#include <sys/eventfd.h>
 #include <systemd/sd-daemon.h>
 #include <systemd/sd-event.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -15,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "linux/files/WakeDescriptor.h"
 #include "linux/loop/ReadSources.h"
 #include "platform/Mutex.h"
 
@@ -52,25 +51,17 @@ constexpr Microseconds kShortestInterval = 1000;
 /// Functions on their way to the loop. Shared with timers, which may outlive the loop.
 class EventLoop::Inbox final {
  public:
-  explicit Inbox(int wakeUp) : wakeUp_(wakeUp) {}
-  ~Inbox() { ::close(wakeUp_); }
-  Inbox(const Inbox&) = delete;
-  Inbox& operator=(const Inbox&) = delete;
-
-  [[nodiscard]] int descriptor() const { return wakeUp_; }
+  [[nodiscard]] const WakeDescriptor& wakeUp() const { return wakeUp_; }
 
   void post(UniqueFunction<void()> function) {
     const MutexLock lock(mutex_);
     if (isClosed_) return;  // `function` ends after the lock, with the call
     functions_.push_back(std::move(function));
-    const uint64_t one = 1;
-    // Fails only when the counter is full, and then the loop is awake anyway.
-    if (functions_.size() == 1) (void)!::write(wakeUp_, &one, sizeof one);
+    if (functions_.size() == 1) wakeUp_.signal();
   }
 
   std::vector<UniqueFunction<void()>> take() {
-    uint64_t count = 0;
-    (void)!::read(wakeUp_, &count, sizeof count);
+    wakeUp_.take();
     const MutexLock lock(mutex_);
     return std::exchange(functions_, {});
   }
@@ -83,7 +74,7 @@ class EventLoop::Inbox final {
   }
 
  private:
-  const int wakeUp_;
+  const WakeDescriptor wakeUp_;
   Mutex mutex_;
   std::vector<UniqueFunction<void()>> functions_ GUARDED_BY(mutex_);
   bool isClosed_ GUARDED_BY(mutex_) = false;
@@ -264,9 +255,9 @@ std::unique_ptr<EventLoop> EventLoop::create() {
   sd_event* event = nullptr;
   if (sd_event_new(&event) < 0) return nullptr;
   loop->event.reset(event);
-  const int wakeUp = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-  if (wakeUp < 0) return nullptr;
-  loop->inbox = std::make_shared<Inbox>(wakeUp);
+  loop->inbox = std::make_shared<Inbox>();
+  const WakeDescriptor& wakeUp = loop->inbox->wakeUp();
+  if (!wakeUp.isOpen()) return nullptr;
   loop->readSources = ReadSources::create();
   if (loop->readSources == nullptr) return nullptr;
   constexpr auto onWakeUp = [](sd_event_source*, int, uint32_t, void* context) noexcept {
@@ -277,7 +268,7 @@ std::unique_ptr<EventLoop> EventLoop::create() {
     static_cast<Loop*>(context)->readSources->dispatch();
     return 0;
   };
-  if (!loop->onReadable(loop->wakeUp, wakeUp, onWakeUp)) return nullptr;
+  if (!loop->onReadable(loop->wakeUp, wakeUp.get(), onWakeUp)) return nullptr;
   if (!loop->onReadable(loop->readiness, loop->readSources->descriptor(), onReadiness)) return nullptr;
   if (!loop->startWatchdog()) return nullptr;
   return std::unique_ptr<EventLoop>(new EventLoop(std::move(loop)));

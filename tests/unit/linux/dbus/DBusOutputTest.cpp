@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <malloc.h>
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -28,7 +27,7 @@ class DBusOutputTest : public ::testing::Test {
   }
   ~DBusOutputTest() override {
     output_->close();
-    for (const int descriptor : {sockets_[0], sockets_[1], wake_}) ::close(descriptor);
+    for (const int descriptor : sockets_) ::close(descriptor);
   }
 
   std::optional<std::string> call(size_t bytes = 4000) {
@@ -52,14 +51,11 @@ class DBusOutputTest : public ::testing::Test {
     }
   }
   /// True once for each time that the connection's thread was woken and not yet asked.
-  bool wasWoken() {
-    uint64_t count = 0;
-    return ::read(wake_, &count, sizeof count) == sizeof count;
-  }
+  bool wasWoken() { return wake_.take(); }
 
   RecordingLog log_;
   std::array<int, 2> sockets_{};
-  const int wake_ = ::eventfd(0, EFD_NONBLOCK);
+  const WakeDescriptor wake_;
   std::shared_ptr<DBusOutput> output_;
 };
 
@@ -185,18 +181,14 @@ class DBusReplyTest : public ::testing::Test {
     std::shared_ptr<DBusOutput> output;
   };
 
-  void SetUp() override { ASSERT_GE(wake_, 0); }
-  void TearDown() override {
-    EXPECT_EQ(log_.takeErrors(), std::vector<std::string>());
-    ::close(wake_);
-  }
+  void TearDown() override { EXPECT_EQ(log_.takeErrors(), std::vector<std::string>()); }
   void expectLeftOut(const std::string& reason) {
     EXPECT_EQ(log_.takeErrors(), std::vector<std::string>{
                                      "listener: an answer to the peer is sent without its text: " + reason});
   }
 
   static inline const Array kWithoutText{Array()};
-  const int wake_ = ::eventfd(0, EFD_NONBLOCK);
+  const WakeDescriptor wake_;
   RecordingLog log_;
   const size_t budgetBytes_ = size_t{64} << 20;
   std::shared_ptr<MemoryBudget> budget_ = std::make_shared<MemoryBudget>(budgetBytes_);
