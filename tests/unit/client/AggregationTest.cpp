@@ -181,21 +181,22 @@ TEST_F(AggregationTest, ValuesNestedBeyondAllReasonAreDropped) {
 TEST_F(AggregationTest, SessionEndsAtOnceWithAnswersThatTheDaemonDoesNotRead) {
   constexpr size_t kCalls = 30'000;  // their answers are more than any socket takes
   std::promise<void> sessionHasEnded;
-  daemon_ = std::make_unique<ScriptedDaemon>([&](sd_bus_message* call) {
-    EXPECT_GE(sd_bus_reply_method_return(call, nullptr), 0);
-    sd_bus* const bus = sd_bus_message_get_bus(call);
-    for (size_t i = 0; i < kCalls; ++i) {
-      sd_bus_message* const message = newMessageToClient(bus);
-      sd_bus_message_set_expect_reply(message, 1);
-      EXPECT_GE(sd_bus_message_append(message, "aa{sv}dqqaa{sv}", 1, 0, 1.5, 1, 7, 0), 0);
-      uint64_t cookie = 0;  // who asks for it expects an answer
-      EXPECT_GE(sd_bus_send(bus, message, &cookie), 0);
-      sd_bus_message_unref(message);
-    }
-    EXPECT_GE(sd_bus_flush(bus), 0);
-    sessionHasEnded.get_future().wait();
-    return -ECONNRESET;
-  });
+  daemon_ = std::make_unique<ScriptedDaemon>(
+      [&, hasEnded = sessionHasEnded.get_future().share()](sd_bus_message* call) {
+        EXPECT_GE(sd_bus_reply_method_return(call, nullptr), 0);
+        sd_bus* const bus = sd_bus_message_get_bus(call);
+        for (size_t i = 0; i < kCalls; ++i) {
+          sd_bus_message* const message = newMessageToClient(bus);
+          sd_bus_message_set_expect_reply(message, 1);
+          EXPECT_GE(sd_bus_message_append(message, "aa{sv}dqqaa{sv}", 1, 0, 1.5, 1, 7, 0), 0);
+          uint64_t cookie = 0;  // who asks for it expects an answer
+          EXPECT_GE(sd_bus_send(bus, message, &cookie), 0);
+          sd_bus_message_unref(message);
+        }
+        EXPECT_GE(sd_bus_flush(bus), 0);
+        hasEnded.wait();
+        return -ECONNRESET;
+      });
   session_ = std::move(*ReportingSession::connect(daemon_->address()).value);
   size_t handled = 0;
   EXPECT_TRUE(session_->setSessionInfo({}, std::nullopt, [&](const AggregatedMessage&) { ++handled; }));

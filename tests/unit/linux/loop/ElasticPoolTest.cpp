@@ -258,9 +258,9 @@ TEST_F(ElasticPoolTest, WhereNoFurtherThreadCanBeMadeTasksWaitUntilOneCanAndTheL
   const rlimit full{addressSpace() + (rlim_t{64} << 20), before.rlim_max};
   ASSERT_EQ(::setrlimit(RLIMIT_AS, &full), 0);
   std::promise<void> isBlocked;
-  const auto blocking = add([&](Task&) {
+  const auto blocking = add([&isBlocked, released = release.get_future().share()](Task&) {
     isBlocked.set_value();
-    release.get_future().wait();
+    released.wait();
     return Outcome::kEnded;
   });
   isBlocked.get_future().wait();
@@ -273,9 +273,9 @@ TEST_F(ElasticPoolTest, WhereNoFurtherThreadCanBeMadeTasksWaitUntilOneCanAndTheL
   waitUntil([&] { return last.use_count() == 1; });  // its thread waits again
   std::promise<void> isWaited;
   std::promise<void> isReleased;
-  const auto another = add([&](Task&) {
+  const auto another = add([&isWaited, released = isReleased.get_future().share()](Task&) {
     isWaited.set_value();
-    isReleased.get_future().wait();
+    released.wait();
     return Outcome::kEnded;
   });
   isWaited.get_future().wait();

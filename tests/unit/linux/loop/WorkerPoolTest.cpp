@@ -20,9 +20,9 @@ TEST(WorkerPoolTest, StandsStillWhileJobsWaitAndNoThreadTakesOne) {
   EXPECT_FALSE(standsStill());
   std::promise<void> begun;
   std::promise<void> release;
-  pool.execute([&] {
+  pool.execute([&begun, released = release.get_future().share()] {
     begun.set_value();
-    release.get_future().wait();
+    released.wait();
   });
   begun.get_future().wait();
   EXPECT_FALSE(standsStill());  // a long job, for which nobody waits
@@ -70,10 +70,10 @@ TEST(WorkerPoolTest, PoolThatWorksThroughAQueueMoves) {
   std::promise<void> release;
   std::promise<void> second;
   std::promise<void> goOn;
-  pool.execute([&release] { release.get_future().wait(); });
-  pool.execute([&] {
+  pool.execute([released = release.get_future().share()] { released.wait(); });
+  pool.execute([&second, mayGoOn = goOn.get_future().share()] {
     second.set_value();
-    goOn.get_future().wait();
+    mayGoOn.wait();
   });
   pool.execute([] {});
   const auto queued = Heartbeat::Clock::now();
