@@ -254,7 +254,8 @@ bool DBusServiceListener::refuseAgain(const PeerIdentity& peer) {
   const KnownPeer* const known = recentRefusals_.find(peer, options_.now());
   if (known == nullptr || isEntitled(*known)) return false;
   const bool isIt = known->identity().process == peer.process;
-  refuseUnentitled(isIt ? known->identity() : peer);
+  const PeerIdentity& refused = isIt ? known->identity() : peer;
+  refuseUnentitled(refused, reasonAgainstPeer(refused));
   return true;
 }
 
@@ -264,13 +265,20 @@ bool DBusServiceListener::refuseStranger(const PeerIdentity& peer, int socket) {
   if (isEntitled(stranger)) return false;
   // What it runs is for the log alone, and asking takes longer than all else.
   const bool isTold = refusals_.tellsAtOnce(RefusalLog::Cause::kNotEntitled, options_.now());
-  refuseUnentitled(isTold ? readPeerIdentity(socket).value_or(peer) : peer);
-  recentRefusals_.addAccount(stranger, options_.now());
+  PeerIdentity refused = isTold ? readPeerIdentity(socket).value_or(peer) : peer;
+  refused.shortage = peer.shortage;
+  if (refuseUnentitled(refused, reasonAgainstPeer(refused)))
+    recentRefusals_.addAccount(stranger, options_.now());
   return true;
 }
 
-void DBusServiceListener::refuseUnentitled(const PeerIdentity& peer) {
-  refuse(RefusalLog::Cause::kNotEntitled, &peer, reasonAgainstPeer(peer));
+bool DBusServiceListener::refuseUnentitled(const PeerIdentity& peer, std::string reason) {
+  if (peer.shortage != 0) {
+    refuse(RefusalLog::Cause::kShortage, &peer, std::generic_category().message(peer.shortage));
+    return false;
+  }
+  refuse(RefusalLog::Cause::kNotEntitled, &peer, std::move(reason));
+  return true;
 }
 
 void DBusServiceListener::serve(FileDescriptor socket) {
@@ -281,8 +289,7 @@ void DBusServiceListener::serve(FileDescriptor socket) {
   }
   KnownPeer peer(*identity, entitlements_.rightsOfPeer(*identity));
   if (!isEntitled(peer)) {
-    refuseUnentitled(*identity);
-    recentRefusals_.add(peer, options_.now());
+    if (refuseUnentitled(*identity, reasonAgainstPeer(*identity))) recentRefusals_.add(peer, options_.now());
     return;
   }
   if (std::string reason = reasonAgainstPlace(*identity); !reason.empty()) {
@@ -315,7 +322,9 @@ bool DBusServiceListener::shouldAcceptNewConnection(const std::shared_ptr<Servic
   if (!before || !identity->program || !identity->program->isStill(*before)) identity->program.reset();
   KnownPeer peer(*identity, entitlements_.rightsOfPeer(*identity));
   if (!isEntitled(peer)) {
-    refuse(RefusalLog::Cause::kNotEntitled, &ours.peer().identity(), "it is no longer entitled");
+    PeerIdentity refused = ours.peer().identity();
+    refused.shortage = identity->shortage;
+    refuseUnentitled(refused, "it is no longer entitled");
     return false;
   }
   ours.confirmPeer(std::move(peer));

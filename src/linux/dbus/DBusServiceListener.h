@@ -108,7 +108,8 @@ class DBusServiceListener final : public ServiceListener, private ServiceListene
   bool refuseAgain(const PeerIdentity& peer);
   /// Refuses a peer that is not entitled whatever it runs: no rule is for its user or groups.
   bool refuseStranger(const PeerIdentity& peer, int socket);
-  void refuseUnentitled(const PeerIdentity& peer);
+  /// False where that is for a shortage: nothing of it is to be remembered.
+  bool refuseUnentitled(const PeerIdentity& peer, std::string reason);
   [[nodiscard]] int millisecondsToLook();
   void refuse(RefusalLog::Cause cause, const PeerIdentity* peer, std::string reason);
   /// Why there is no place for one more connection of this peer; empty if there is one.

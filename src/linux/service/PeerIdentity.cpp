@@ -25,6 +25,11 @@ namespace zun {
 
 namespace {
 
+/// After a call that has failed. Any other error tells something of the peer, or of the kernel.
+void noteShortage(int& shortage) {
+  if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS) shortage = errno;
+}
+
 FileDescriptor peerProcessDescriptor(int socket) {
   int descriptor = -1;
   socklen_t length = sizeof descriptor;
@@ -37,11 +42,12 @@ bool hasEnded(const FileDescriptor& process) {
   return ::poll(&ended, 1, 0) != 0;
 }
 
-/// When the process with this number started; 0 if there is none.
-uint64_t startOfProcess(pid_t process) {
+/// When the process with this number started; 0 if there is none, or for a shortage.
+uint64_t startOfProcess(pid_t process, int& shortage) {
   const FileDescriptor file(::open(fmt::format("/proc/{}/stat", process).c_str(), O_RDONLY | O_CLOEXEC));
   std::array<char, 1024> text{};
-  const ssize_t length = ::read(file.get(), text.data(), text.size());
+  const ssize_t length = file.isOpen() ? ::read(file.get(), text.data(), text.size()) : -1;
+  if (length < 0) noteShortage(shortage);
   if (length <= 0) return 0;
   std::string_view rest(text.data(), static_cast<size_t>(length));
   // The name of the program, the second field, may hold anything.
@@ -52,31 +58,39 @@ uint64_t startOfProcess(pid_t process) {
   return start;
 }
 
-std::optional<PeerProgram> programOfProcess(pid_t process) {
+std::optional<PeerProgram> programOfProcess(pid_t process, int& shortage) {
   PeerProgram program;
-  program.processStart = startOfProcess(process);
+  program.processStart = startOfProcess(process, shortage);
+  if (program.processStart == 0) return std::nullopt;
   const std::string link = fmt::format("/proc/{}/exe", process);
   struct stat status {};
   std::array<char, PATH_MAX> path{};
   const ssize_t length = ::readlink(link.c_str(), path.data(), path.size());
   // The link leads to the file itself, whatever its path names by now.
-  if (length <= 0 || ::stat(link.c_str(), &status) != 0) return std::nullopt;
+  if (length <= 0 || ::stat(link.c_str(), &status) != 0) {
+    noteShortage(shortage);
+    return std::nullopt;
+  }
   program.path.assign(path.data(), static_cast<size_t>(length));
   program.device = status.st_dev;
   program.inode = status.st_ino;
   program.isDeleted = status.st_nlink == 0;
   // Had the process ended, its number might by now be another's.
-  if (program.processStart == 0 || startOfProcess(process) != program.processStart) return std::nullopt;
+  if (startOfProcess(process, shortage) != program.processStart) return std::nullopt;
   return program;
 }
 
-std::vector<gid_t> supplementaryGroupsOfPeer(int socket) {
+std::vector<gid_t> supplementaryGroupsOfPeer(int socket, int& shortage) {
   std::vector<gid_t> groups(32);
   auto length = static_cast<socklen_t>(groups.size() * sizeof(gid_t));
-  if (::getsockopt(socket, SOL_SOCKET, SO_PEERGROUPS, groups.data(), &length) != 0) {
-    if (errno != ERANGE) return {};
+  int outcome = ::getsockopt(socket, SOL_SOCKET, SO_PEERGROUPS, groups.data(), &length);
+  if (outcome != 0 && errno == ERANGE) {
     groups.resize(length / sizeof(gid_t));
-    if (::getsockopt(socket, SOL_SOCKET, SO_PEERGROUPS, groups.data(), &length) != 0) return {};
+    outcome = ::getsockopt(socket, SOL_SOCKET, SO_PEERGROUPS, groups.data(), &length);
+  }
+  if (outcome != 0) {
+    noteShortage(shortage);
+    return {};
   }
   groups.resize(length / sizeof(gid_t));
   return groups;
@@ -97,7 +111,7 @@ std::optional<PeerIdentity> readPeerCredentials(int socket) {
   peer.process = credentials.pid;
   peer.user = credentials.uid;
   peer.group = credentials.gid;
-  peer.supplementaryGroups = supplementaryGroupsOfPeer(socket);
+  peer.supplementaryGroups = supplementaryGroupsOfPeer(socket, peer.shortage);
   return peer;
 }
 
@@ -105,7 +119,7 @@ std::optional<PeerIdentity> readPeerIdentity(int socket) {
   auto peer = readPeerCredentials(socket);
   if (!peer) return std::nullopt;
   const FileDescriptor process = peerProcessDescriptor(socket);
-  peer->program = programOfProcess(peer->process);
+  peer->program = programOfProcess(peer->process, peer->shortage);
   if (process.isOpen() && hasEnded(process)) peer->program.reset();
   return peer;
 }

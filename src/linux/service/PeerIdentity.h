@@ -34,6 +34,9 @@ struct PeerIdentity {
   gid_t group = 0;
   std::vector<gid_t> supplementaryGroups;
   std::optional<PeerProgram> program;  // none where it cannot be told for certain
+  /// What the machine was short of, an errno, when groups or program could not be read: it may have
+  /// more of them than stands here. 0 where nothing was wanting.
+  int shortage = 0;
 
   /// One line for logs.
   [[nodiscard]] std::string description() const;

@@ -1,4 +1,6 @@
 #include <fcntl.h>
+#include <fmt/format.h>
+#include <gmock/gmock.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -317,6 +319,67 @@ TEST_F(ServiceListenerTest, RunningOutOfDescriptorsRefusesConnections) {
   expectErrors({"listener: a connection is refused: Too many open files",
                 "listener: 7 more connections are refused: Too many open files"});
   EXPECT_TRUE(RawClient(path_).authenticate());
+}
+
+/// As long as it lives, this process can open so many descriptors more and not one beyond.
+class FewDescriptors final {
+ public:
+  explicit FewDescriptors(size_t free) {
+    EXPECT_EQ(::getrlimit(RLIMIT_NOFILE, &before_), 0);
+    rlimit tight = before_;
+    tight.rlim_cur = static_cast<rlim_t>(FileDescriptor(::dup(0)).get()) + 40;
+    EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &tight), 0);
+    do {
+      fillers_.emplace_back(::dup(0));
+    } while (fillers_.back().isOpen());
+    fillers_.resize(fillers_.size() - 1 - free);
+  }
+  ~FewDescriptors() { EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &before_), 0); }
+  FewDescriptors(const FewDescriptors&) = delete;
+  FewDescriptors& operator=(const FewDescriptors&) = delete;
+
+ private:
+  rlimit before_{};
+  std::vector<FileDescriptor> fillers_;
+};
+
+// What it runs is read from files. Short of descriptors, nothing is known of it, not even that.
+TEST_F(ServiceListenerTest, WhoseProgramCannotBeReadForAShortageIsNotSaidToLackAnEntitlement) {
+  writeRule(true);
+  delegate_.entitles = [](const ServicePeer& peer) { return peer.booleanEntitlement("e").value_or(false); };
+  start();
+  RawClient early(path_);
+  waitForConnections(1);  // it has been accepted, and not yet been asked again
+  const FileDescriptor late(::socket(AF_UNIX, SOCK_STREAM, 0));
+  const std::string process = fmt::format("pid {}, user {}, ", ::getpid(), ::getuid());
+  const std::string program = std::filesystem::read_symlink("/proc/self/exe").string();
+  const std::string rulesStay = fmt::format(
+      "entitlements: the rules stay as they are: {}: Too many open files", scratch_.path("entitlements.d"));
+  {
+    const FewDescriptors few(1);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path, path_.data(), path_.size());
+    ASSERT_EQ(::connect(late.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    char byte = 0;
+    EXPECT_EQ(::recv(late.get(), &byte, 1, 0), 0);
+  }
+  RawClient next(path_);
+  EXPECT_TRUE(next.authenticate());  // the refusal is not remembered
+  ASSERT_TRUE(delegate_.events->wait("accepted"));
+  clock_.advance(RefusalLog::kInterval);
+  {
+    const FewDescriptors none(0);
+    early.authenticate();
+    EXPECT_TRUE(early.isEnded());
+  }
+  listener_.reset();  // its delegate uses what ends here
+  EXPECT_THAT(
+      log_.takeErrors(),
+      ::testing::ElementsAre(
+          rulesStay, "listener: connections have to wait: Too many open files",
+          "listener: a connection of " + process + "unknown executable is refused: Too many open files",
+          rulesStay, "listener: a connection of " + process + program + " is refused: Too many open files"));
 }
 
 // --- Who is served ------------------------------------------------------------------
