@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -18,6 +19,7 @@
 #include "linux/dbus/DBusInput.h"
 #include "linux/dbus/DBusMessage.h"
 #include "linux/files/FileDescriptor.h"
+#include "platform/MemoryBudget.h"
 
 namespace {
 
@@ -87,7 +89,7 @@ std::string outcome(std::string_view bytes, size_t pieceBytes) {
   require(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends) == 0, "socket pair");
   const zun::FileDescriptor writing(ends[0]);
   const zun::FileDescriptor reading(ends[1]);
-  DBusInput input(limits());
+  DBusInput input(limits(), std::make_shared<zun::MemoryBudget>(size_t{64} << 20), {});
   std::string outcomes;
   while (!bytes.empty()) {
     const std::string_view piece = bytes.substr(0, pieceBytes);
@@ -142,7 +144,7 @@ void readWithDescriptors(std::string_view bytes, size_t pieceBytes, size_t count
   require(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends) == 0, "socket pair");
   const zun::FileDescriptor writing(ends[0]);
   const zun::FileDescriptor reading(ends[1]);
-  DBusInput input(limits());
+  DBusInput input(limits(), std::make_shared<zun::MemoryBudget>(size_t{64} << 20), {});
   input.allowDescriptors();
   while (!bytes.empty()) {
     const std::string_view piece = bytes.substr(0, pieceBytes);

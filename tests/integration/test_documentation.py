@@ -26,6 +26,9 @@ OTHER_PROGRAMS = {"--output-fields", "--defined-only", "--peer", "--print-reply"
 # Rows of the bounds' table, and the constants that their figures are.
 BOUNDS = {
     "one message": [("linux/dbus/DBusMessage.h", "maximumMessageBytes", "MiB")],
+    "buffers for messages that are still coming, without the first 64 KiB of each connection's":
+        [("linux/dbus/DBusServiceConnection.h", "kIncomingBytes", "MiB"),
+         ("linux/dbus/DBusInput.h", "kUncountedBytes", "KiB")],
     "its values in memory, nesting": [("linux/dbus/DBusMessage.h", "maximumDecodedBytes", "MiB"),
                                       ("linux/dbus/DBusMessage.h", "maximumDepth", "")],
     "what else a client does not read": [("linux/dbus/DBusOutput.h", "highWaterBytes", "MiB"),

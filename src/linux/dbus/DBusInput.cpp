@@ -50,10 +50,11 @@ void DBusInput::consume(size_t count) {
 
 /// Room for the message that is coming, and for others behind it. A buffer that was
 /// needed for a large message is given back when that has been taken.
-void DBusInput::makeRoom() {
+bool DBusInput::makeRoom() {
   const size_t capacity = std::max(kUsualCapacity, wanted_ + (wanted_ > kUsualCapacity ? kUsualCapacity : 0));
   const size_t kept = end_ - begin_;
   if (capacity_ != capacity && kept <= capacity) {
+    if (!count(capacity)) return false;
     std::unique_ptr<char[]> grown(new char[capacity]);  // not initialised: untouched pages cost nothing
     if (kept > 0) std::memcpy(grown.get(), buffer_.get() + begin_, kept);
     buffer_ = std::move(grown);
@@ -63,16 +64,32 @@ void DBusInput::makeRoom() {
   }
   begin_ = 0;
   end_ = kept;
+  return true;
+}
+
+/// False where a buffer of this capacity finds no room.
+bool DBusInput::count(size_t capacity) {
+  const size_t bytes = capacity - std::min(capacity, kUncountedBytes);
+  if (bytes > memory_.bytes()) return memory_.grow(bytes - memory_.bytes());
+  memory_.shrink(memory_.bytes() - bytes);
+  return true;
 }
 
 void DBusInput::giveBackMemory() {
   if (begin_ != end_) return;
   buffer_ = nullptr;
   capacity_ = 0;
+  memory_.shrink(memory_.bytes());
+}
+
+void DBusInput::drop() {
+  consume(end_ - begin_);
+  giveBackMemory();
 }
 
 DBusInput::Received DBusInput::receive(int socket) {
-  makeRoom();
+  refusal_ = "there is no room for its message";
+  if (!makeRoom()) return Received::kRefused;
   alignas(cmsghdr) std::array<char, CMSG_SPACE(kKernelMaximumDescriptors * sizeof(int))> control;
   iovec part{buffer_.get() + end_, capacity_ - end_};
   msghdr message{};

@@ -11,6 +11,7 @@
 
 #include "linux/dbus/DBusMessage.h"
 #include "linux/files/FileDescriptor.h"
+#include "platform/MemoryBudget.h"
 
 namespace zun {
 
@@ -39,9 +40,15 @@ class DBusInput final {
  public:
   enum class Received { kData, kNothingYet, kEndOfInput, kRefused };
 
-  explicit DBusInput(const DBusLimits& limits) : limits_(limits) {}
+  /// What a buffer may take beside the budget.
+  static constexpr size_t kUncountedBytes = size_t{64} << 10;
 
-  /// Takes what the socket has. kRefused: more than is allowed came; `refusal` says what.
+  /// `memory`: what all buffers may take, of which `holder` has a share.
+  DBusInput(const DBusLimits& limits, std::shared_ptr<MemoryBudget> memory, BudgetHolder holder)
+      : limits_(limits), memory_(std::move(memory), holder) {}
+
+  /// Takes what the socket has. kRefused: more than is allowed came, or there is no room for
+  /// what comes; `refusal` says what.
   Received receive(int socket);
   [[nodiscard]] const char* refusal() const { return refusal_; }
   /// The last `receive` filled the buffer: there is likely more.
@@ -61,15 +68,19 @@ class DBusInput final {
   void allowDescriptors() { allowsDescriptors_ = true; }
   /// Closes those that still wait for their message.
   void dropDescriptors() { descriptors_.clear(); }
+  /// Lets go of everything that has come.
+  void drop();
 
  private:
-  void makeRoom();
+  [[nodiscard]] bool makeRoom();
+  [[nodiscard]] bool count(size_t capacity);
   bool takeDescriptors(msghdr& message);
   void claimDescriptors(uint32_t count, DBusIncomingMessage& message);
   std::optional<DBusIncomingMessage> takeFramed(const DBusFrame& frame);
   std::optional<DBusIncomingMessage> takeOversized(const DBusFrame& frame);
 
   const DBusLimits limits_;
+  MemoryShare memory_;
   std::unique_ptr<char[]> buffer_;
   size_t capacity_ = 0;
   size_t begin_ = 0;

@@ -70,7 +70,7 @@ DBusServiceConnection::DBusServiceConnection(FileDescriptor socket, WakeDescript
       output_(std::make_shared<DBusOutput>(socket_.get(), wake_, options_.messageLimits,
                                            options_.outputLimits, options_.budgets.largeReplies, holder_,
                                            log_, description_)),
-      input_(options_.messageLimits),
+      input_(options_.messageLimits, options_.budgets.incoming, DBusServiceConnection::programHolder()),
       fileAccess_(peer_.identity().fileSystemIdentity(), description_, log_),
       objects_(DBusEnds{serverID_, static_cast<uint32_t>(peer_.identity().process), peer_.user()}) {}
 
@@ -371,7 +371,7 @@ void DBusServiceConnection::end() {
   output_->flush();
   output_->close();
   socket_.reset();
-  input_.dropDescriptors();
+  input_.drop();
   fileAccess_.extensions()->invalidate();
   if (invalidationHandler_) invalidationHandler_();
   // They may hold this connection, as it holds them.

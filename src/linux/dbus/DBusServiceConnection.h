@@ -23,9 +23,12 @@ namespace zun {
 
 /// What all connections share, each its part.
 struct DBusBudgets {
+  static constexpr size_t kIncomingBytes = size_t{256} << 20;
   static constexpr size_t kDecodedBytes = size_t{64} << 20;
   static constexpr size_t kWaitingReplyBytes = size_t{193} << 20;
 
+  /// Buffers for messages that are still coming.
+  std::shared_ptr<MemoryBudget> incoming = std::make_shared<MemoryBudget>(kIncomingBytes);
   /// What the calls under way decode to.
   std::shared_ptr<MemoryBudget> decoded = std::make_shared<MemoryBudget>(kDecodedBytes);
   /// Replies larger than a client's message may be that wait to be read.

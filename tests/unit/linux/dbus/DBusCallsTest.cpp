@@ -254,6 +254,49 @@ TEST_F(DBusRawServiceTest, AMessageOfExactlyTheAllowedSizeIsTaken) {
   expectErrors({"listener: " + peerName() + " sent a message of 1048577 bytes, 1048576 are allowed"});
 }
 
+// Whoever began many large messages and ended none would have the daemon keep them all.
+TEST_F(DBusRawServiceTest, MessagesThatAreComingHaveRoomInTheProgramsShare) {
+  constexpr size_t kBudget = 420'000;  // two of these would fit, were they not one program's
+  const auto budget = std::make_shared<MemoryBudget>(kBudget);
+  options_.connection.budgets.incoming = budget;
+  const auto waitUntilAllIsGivenBack = [&budget] {
+    while (budget->left() != kBudget) std::this_thread::yield();
+  };
+  start();
+  const auto client = connect();
+  const auto other = connect();
+  const std::string large =
+      wireCall({.member = "Later", .signature = "s"}, WireBytes().text(std::string(100'000, 'x')));
+  client->send(large.substr(0, large.size() - 1));
+  while (budget->left() == kBudget) std::this_thread::yield();
+  other->send(large);
+  EXPECT_TRUE(other->isEnded());
+  expectErrors({"listener: " + peerName() + ": there is no room for its message, closing its connection"});
+  EXPECT_EQ(budget->left(), kBudget - (large.size() + (32 << 10) - (64 << 10)));
+
+  client->send(large.substr(large.size() - 1));  // and it counts no more
+  ASSERT_TRUE(delegate_.events->wait("Later"));
+  waitUntilAllIsGivenBack();
+  const auto late = connect();
+  late->send(large.substr(0, large.size() - 1));
+  while (budget->left() == kBudget) std::this_thread::yield();
+  late->close();  // though the delegate holds the connection
+  waitUntilAllIsGivenBack();
+}
+
+// Where its connection does not rest before.
+TEST_F(DBusRawServiceTest, RoomOfALargeMessageIsGivenBackWithTheNextMessage) {
+  const auto budget = std::make_shared<MemoryBudget>(4 * kMebibyte);
+  options_.connection.budgets.incoming = budget;
+  options_.connection.restAfter = std::chrono::milliseconds(-1);  // never
+  start();
+  const auto client = connect();
+  client->send(wireCall({.member = "Later", .signature = "s"}, WireBytes().text(std::string(100'000, 'x'))));
+  ASSERT_TRUE(delegate_.events->wait("Later"));
+  expectStillServed(*client);
+  EXPECT_EQ(budget->left(), 4 * kMebibyte);
+}
+
 TEST_F(DBusRawServiceTest, TooDeepAMessageIsAnsweredWithAnError) {
   start();
   const auto client = connect();
