@@ -1,10 +1,8 @@
 #include "linux/system/SystemRandom.h"
 
 #include <sys/random.h>
-#include <systemd/sd-id128.h>
 
 #include <cerrno>
-#include <cstring>
 
 #include "values/Check.h"
 
@@ -12,14 +10,16 @@ namespace zun {
 
 namespace {
 
-uint32_t randomWord() {
-  uint32_t word = 0;
+template <typename Bytes>
+Bytes randomBytes() {
+  Bytes bytes{};
   ssize_t got = 0;
   do {
-    got = getrandom(&word, sizeof word, 0);
+    got = getrandom(&bytes, sizeof bytes, 0);
   } while (got < 0 && errno == EINTR);
-  ZUN_CHECK(got == sizeof word);  // so few bytes come whole or not at all
-  return word;
+  // So few come whole or not at all, and nothing but a signal fails it on any kernel that this runs on.
+  ZUN_CHECK(got == sizeof bytes);
+  return bytes;
 }
 
 }  // namespace
@@ -31,17 +31,15 @@ uint32_t SystemRandom::uniformBelow(uint32_t bound) {
   const uint32_t biased = (0 - bound) % bound;
   uint64_t product = 0;
   do {
-    product = uint64_t{randomWord()} * bound;
+    product = uint64_t{randomBytes<uint32_t>()} * bound;
   } while (static_cast<uint32_t>(product) < biased);
   return static_cast<uint32_t>(product >> 32);
 }
 
 std::array<std::byte, 16> SystemRandom::uuidBytes() {
-  sd_id128_t id{};
-  const int outcome = sd_id128_randomize(&id);
-  ZUN_CHECK(outcome >= 0);
-  std::array<std::byte, 16> bytes{};
-  std::memcpy(bytes.data(), id.bytes, bytes.size());
+  auto bytes = randomBytes<std::array<std::byte, 16>>();
+  bytes[6] = (bytes[6] & std::byte{0x0F}) | std::byte{0x40};  // version 4
+  bytes[8] = (bytes[8] & std::byte{0x3F}) | std::byte{0x80};  // its variant
   return bytes;
 }
 
