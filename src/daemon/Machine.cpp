@@ -6,6 +6,7 @@
 #include "backends/DashboardLink.h"
 #include "linux/service/ServiceManager.h"
 #include "linux/system/JournalPowerLog.h"
+#include "platform/TemporaryFiles.h"
 
 namespace zun {
 
@@ -14,6 +15,7 @@ namespace {
 constexpr int kExitAtOnce = 1;
 constexpr unsigned kWorkerThreads = 2;
 constexpr std::chrono::milliseconds kTimerLeeway{10};
+constexpr std::chrono::seconds kLongestWrite{60};  // of a settings file, many times over
 
 std::string homeFolder() {
   const char* const home = std::getenv("HOME");
@@ -40,6 +42,9 @@ Machine::Machine(const DaemonOptions& options, EventLoop& loop, SystemLog& log)
       urlSessions_({.caFile = options.caFile}, log),
       platform_{log,      clock_, random_,      files_,        defaults_, device_,  locale_,   bundle_,
                 workers_, loop,   urlSessions_, transactions_, sockets_,  modules_, *powerLog_} {
+  // Other processes may be writing there just now.
+  removeLeftovers(files_, files_.resolve(FileUserDefaults::kFolder),
+                  Date{clock_.now().secondsSince1970 - kLongestWrite.count()});
   identity_.emplace(platform_);
   messageLog_.emplace(platform_);
   services_.emplace(ReportingServices{platform_, *identity_, *messageLog_});

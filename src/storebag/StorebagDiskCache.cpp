@@ -2,6 +2,8 @@
 
 #include <cmath>
 
+#include "platform/TemporaryFiles.h"
+
 namespace zun {
 
 namespace {
@@ -54,12 +56,7 @@ std::optional<std::string> StorebagDiskCache::loadStorebagFromDisk(std::string_v
 }
 
 void StorebagDiskCache::removeLeftovers() const {
-  const std::string folder = platform_.files.resolve(kFolder);
-  const auto names = platform_.files.listDirectory(folder);
-  if (!names) return;
-  for (const std::string& name : *names) {
-    if (name.starts_with(".zun-")) platform_.files.removeItem(fmt::format("{}/{}", folder, name));
-  }
+  zun::removeLeftovers(platform_.files, platform_.files.resolve(kFolder));
 }
 
 StorebagDiskCache::StagedEnvelope StorebagDiskCache::stageEnvelope(std::string_view name,

@@ -57,7 +57,7 @@ HARMLESS = {
     # A timer that cannot be set fires at once.
     "timerfd_create", "epoll_ctl",
     # A leftover goes at the next start.
-    "unlink",
+    "unlink", ("start", "fdopendir"),
     # A descriptor kept for worse days, OpenSSL's own settings, the lock of two that start at once, a means of
     # libcurl's that is not used, a signal that is asked for no more.
     ("start", "open"), ("start", "fopen64"), ("start", "flock"), ("start", "socketpair"), ("stop", "signalfd"),
@@ -116,7 +116,7 @@ class Worker:
             if not {function, (phase, function)} & HARMLESS and not (self.told or self.is_told(failure)):
                 wrong.append("no line tells of it")
         for line in self.scratch.daemon.lines:
-            if "terminate called" in line or "Check failed" in line:
+            if "terminate called" in line or "check failed" in line:
                 wrong.append(line)
         name = f"{phase}: {function} {errno.errorcode[failure]} from call {first} on, {min(times, 999)} times"
         return failed, [f"{name}: {what}" for what in wrong]

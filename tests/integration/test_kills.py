@@ -108,12 +108,14 @@ class KillsTest(ScratchTest):
             with open(path, "rb") as file:
                 self.assertIsInstance(plistlib.load(file), dict, path)
         self.assertEqual(glob.glob(home + "/Preferences/*.corrupt"), [])
-        for folder, parent in (("storebags", "/Caches/zunreportingd"), ("Preferences", "")):
-            leftovers = glob.glob(f"{home}{parent}/{folder}/.zun-*")
-            self.interrupted[folder] += len(leftovers)
-            if folder == "Preferences":
-                for path in leftovers:
-                    os.unlink(path)
+        for folder in self.interrupted:
+            self.interrupted[folder] += len(self.leftovers(folder))
+        for path in self.leftovers("Preferences"):
+            os.utime(path, (0, 0))  # so old that nobody can be writing it: gone with the next start
+
+    def leftovers(self, folder):
+        parent = "Caches/zunreportingd/" if folder == "storebags" else ""
+        return glob.glob(self.scratch.path(f"root/home/tester/Library/{parent}{folder}/.zun-*"))
 
     def entries_are_whole(self):
         """A kill cuts the last entry at most: each begins a line."""
@@ -131,6 +133,8 @@ class KillsTest(ScratchTest):
         print(f"{ROUNDS} kills: {self.interrupted} saves left unfinished, {self.cut_lines} times a line", file=sys.stderr)
         self.assertTrue(all(self.interrupted.values()), "no save was interrupted")
         self.scratch.start()
+        for folder in self.interrupted:
+            self.assertEqual(self.leftovers(folder), [])
         self.assertEqual(self.scratch.send([{"category": 2, "type": 7}]).returncode, 0)
 
 

@@ -75,7 +75,7 @@ class StagedSuite final : public StagedDefaults {
 PropertyListFile& FileUserDefaults::fileOfSuite(std::string_view suite) const {
   if (const auto known = suites_.find(suite); known != suites_.end()) return known->second;
   if (suites_.size() >= kMaximumSuites) suites_.clear();
-  const std::string path = files_.resolve("~/Library/Preferences/" + fileNameOfSuite(suite) + ".plist");
+  const std::string path = files_.resolve(fmt::format("{}/{}.plist", kFolder, fileNameOfSuite(suite)));
   return suites_.try_emplace(std::string(suite), files_, path).first->second;
 }
 

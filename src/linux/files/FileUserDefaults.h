@@ -26,6 +26,8 @@ namespace zun {
 /// Ownership: `files` and `log` outlive it.
 class FileUserDefaults final : public UserDefaults {
  public:
+  static constexpr std::string_view kFolder = "~/Library/Preferences";
+
   /// `lockPatience`: how long a write waits for one of another process.
   FileUserDefaults(FileManager& files, SystemLog& log,
                    std::chrono::milliseconds lockPatience = std::chrono::seconds(5))

@@ -16,6 +16,7 @@
 
 #include "linux/files/FileDescriptor.h"
 #include "linux/files/PosixError.h"
+#include "platform/TemporaryFiles.h"
 
 namespace zun {
 
@@ -214,7 +215,7 @@ Result<std::unique_ptr<StagedFile>, Error> LinuxFileManager::stageFile(const std
   if (!isUsable(path)) return Outcome::failure(posixError(EINVAL));
   const size_t slash = path.rfind('/');
   const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
-  std::string temporary = folder + "/.zun-XXXXXX";
+  std::string temporary = fmt::format("{}/{}", folder, kTemporaryFileName);
   FileDescriptor file(::mkostemp(temporary.data(), O_CLOEXEC));  // mode 0600
   if (!file.isOpen()) return Outcome::failure(posixError(errno));
   std::unique_ptr<StagedFile> staged = std::make_unique<TemporaryFile>(

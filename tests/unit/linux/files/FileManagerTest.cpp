@@ -12,6 +12,7 @@
 #include <fstream>
 
 #include "linux/files/LinuxFileManager.h"
+#include "platform/TemporaryFiles.h"
 #include "support/ErrorCode.h"
 #include "support/ScratchFolder.h"
 
@@ -324,6 +325,40 @@ TEST_F(FileManagerTest, ModificationDateIsSetToTheMicrosecond) {
     EXPECT_EQ(files_.attributes(at("file"))->modificationDate, Date{date});
   }
   EXPECT_EQ(files_.setModificationDate(at("missing"), Date{1})->code, ENOENT);
+}
+
+// The folder may be one that other programs keep their files in as well.
+TEST_F(FileManagerTest, LeftoversAreOldRegularFilesOfThisUserWithThatVeryName) {
+  for (const char* name : {".zun-aZ09xY", ".zun-mInute", ".zun-short", ".zun-toolong", ".zun-a_b2c3",
+                           "zun-a1B2c3", ".zum-a1B2c3", "kept", ".zun-nObody"}) {
+    ASSERT_EQ(files_.createFile(at(name), ""), std::nullopt);
+    ASSERT_EQ(files_.setModificationDate(at(name), Date{999}), std::nullopt);
+  }
+  ASSERT_EQ(files_.setModificationDate(at(".zun-mInute"), Date{1000}), std::nullopt);
+  ASSERT_EQ(::symlink("kept", at(".zun-linked").c_str()), 0);
+  ASSERT_EQ(files_.createDirectories(at(".zun-folder/file")), std::nullopt);
+  ASSERT_EQ(files_.setModificationDate(at(".zun-folder"), Date{999}), std::nullopt);
+  const bool isRoot = ::geteuid() == 0;
+  if (isRoot) {
+    ASSERT_EQ(::chown(at(".zun-nObody").c_str(), 65534, 65534), 0);
+  }
+  const auto before = *files_.listDirectory(scratch_.path());
+  removeLeftovers(files_, scratch_.path(), Date{1000});
+  auto expected = before;
+  std::erase(expected, ".zun-aZ09xY");
+  if (!isRoot) std::erase(expected, ".zun-nObody");
+  EXPECT_EQ(*files_.listDirectory(scratch_.path()), expected);
+  removeLeftovers(files_, scratch_.path());
+  std::erase(expected, ".zun-mInute");
+  EXPECT_EQ(*files_.listDirectory(scratch_.path()), expected);
+  removeLeftovers(files_, at("missing"));
+}
+
+TEST_F(FileManagerTest, WhatIsBeingWrittenCountsAsALeftoverOnceItIsOld) {
+  const auto staged = files_.stageFile(at("file"), "x");
+  ASSERT_TRUE(staged);
+  removeLeftovers(files_, scratch_.path());
+  EXPECT_THAT(*files_.listDirectory(scratch_.path()), ElementsAre());
 }
 
 }  // namespace
