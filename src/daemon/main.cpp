@@ -1,5 +1,6 @@
 // zunreportingd: parses the command line, builds the object graph and runs it.
 
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
@@ -74,7 +75,7 @@ Result<std::unique_ptr<DBusServiceListener>, Error> makeListener(const DaemonOpt
   return DBusServiceListener::create(std::move(listenerOptions), entitlements, platform.log);
 }
 
-/// False where the system has no means left to tell of signals.
+/// False, and errno says why, where the system has no means left to tell of signals.
 bool connect(Machine& machine, EventLoop& loop, DBusServiceListener& listener, Lifetime& lifetime,
              MemoryReturn& memory) {
   for (const int signal : {SIGTERM, SIGINT}) {
@@ -117,7 +118,8 @@ int runDaemon(const DaemonOptions& options, EventLoop& loop, SystemLog& log) {
   MemoryReturn memory([&machine](auto wait, auto action) { machine->runAfter(wait, std::move(action)); },
                       &returnFreeMemory);
   if (!connect(*machine, loop, **listener, lifetime, memory)) {
-    log.error("main: cannot start: nobody could end it, for signals cannot be received");
+    log.error("main: cannot start: nobody could end it, for signals cannot be received: {}",
+              std::generic_category().message(errno));
     return kExitCannotStart;
   }
   Watchdog watchdog(loop, log);
@@ -157,7 +159,7 @@ int main(int argc, char** argv) {
   const auto log = makeSystemLog(options.logTarget, options.logLevel, options.root);
   const auto loop = EventLoop::create();
   if (loop == nullptr) {
-    log->error("main: cannot create the event loop");
+    log->error("main: cannot create the event loop: {}", std::generic_category().message(errno));
     return kExitCannotStart;
   }
   try {

@@ -46,6 +46,12 @@ Microseconds microseconds(std::chrono::nanoseconds duration) {
 
 constexpr Microseconds kShortestInterval = 1000;
 
+/// Of a call of libsystemd's; where it failed, errno says why.
+bool succeeded(int outcome) {
+  if (outcome < 0) errno = -outcome;
+  return outcome >= 0;
+}
+
 }  // namespace
 
 /// Functions on their way to the loop. Shared with timers, which may outlive the loop.
@@ -98,7 +104,7 @@ struct EventLoop::Loop {
   /// Calls `handler` with this loop whenever `descriptor` can be read from.
   bool onReadable(Source& source, int descriptor, sd_event_io_handler_t handler) {
     sd_event_source* added = nullptr;
-    if (sd_event_add_io(event.get(), &added, descriptor, EPOLLIN, handler, this) < 0) return false;
+    if (!succeeded(sd_event_add_io(event.get(), &added, descriptor, EPOLLIN, handler, this))) return false;
     source.reset(added);
     return true;
   }
@@ -204,7 +210,7 @@ bool EventLoop::Loop::startWatchdog() {
     return 0;
   };
   sd_event_source* source = nullptr;
-  if (sd_event_add_time(event.get(), &source, CLOCK_MONOTONIC, 0, 1, onTime, this) < 0) return false;
+  if (!succeeded(sd_event_add_time(event.get(), &source, CLOCK_MONOTONIC, 0, 1, onTime, this))) return false;
   watchdog.reset(source);
   return true;
 }
@@ -253,7 +259,7 @@ void EventLoop::Loop::fire(Timer& timer) {
 std::unique_ptr<EventLoop> EventLoop::create() {
   auto loop = std::make_unique<Loop>();
   sd_event* event = nullptr;
-  if (sd_event_new(&event) < 0) return nullptr;
+  if (!succeeded(sd_event_new(&event))) return nullptr;
   loop->event.reset(event);
   loop->inbox = std::make_shared<Inbox>();
   const WakeDescriptor& wakeUp = loop->inbox->wakeUp();
@@ -313,7 +319,9 @@ bool EventLoop::onSignal(int signal, UniqueFunction<void()> handler) {
     return 0;
   };
   sd_event_source* source = nullptr;
-  if (sd_event_add_signal(loop_->event.get(), &source, signal, onArrival, entry.get()) < 0) return false;
+  if (!succeeded(sd_event_add_signal(loop_->event.get(), &source, signal, onArrival, entry.get()))) {
+    return false;
+  }
   entry->source.reset(source);
   loop_->signalHandlers.push_back(std::move(entry));
   return true;

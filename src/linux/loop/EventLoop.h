@@ -22,7 +22,7 @@ namespace zun {
 /// then do nothing.
 class EventLoop final : public TimerService {
  public:
-  /// Null if the system has no descriptors or memory left for one.
+  /// Null, and errno says why, if the system has no descriptors or memory left for one.
   [[nodiscard]] static std::unique_ptr<EventLoop> create();
 
   /// Keeps these signals for `onSignal`: called before the process starts threads, so
@@ -44,7 +44,7 @@ class EventLoop final : public TimerService {
   void post(UniqueFunction<void()> function);
 
   /// Calls `handler` on the loop's thread whenever `signal` has come. One handler for
-  /// each signal.
+  /// each signal. False, and errno says why, where it cannot be received.
   [[nodiscard]] bool onSignal(int signal, UniqueFunction<void()> handler);
 
   /// The service manager, where it asks, hears of the loop only as often as `isAlive` says so
