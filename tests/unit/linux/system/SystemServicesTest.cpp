@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
@@ -17,6 +18,7 @@
 #include "linux/system/SystemLocale.h"
 #include "linux/system/SystemLogs.h"
 #include "linux/system/SystemRandom.h"
+#include "support/BlockedThread.h"
 #include "support/Fakes.h"
 #include "values/UUID.h"
 
@@ -215,6 +217,16 @@ class Channel final {
     ends_[0] = -1;
   }
 
+  /// Until it takes no more.
+  void fill() const {
+    const std::string bytes(1000, '.');
+    const int flags = ::fcntl(writer(), F_GETFL);
+    ::fcntl(writer(), F_SETFL, flags | O_NONBLOCK);
+    while (::write(writer(), bytes.data(), bytes.size()) > 0) {
+    }
+    ::fcntl(writer(), F_SETFL, flags);
+  }
+
   /// What is there, without waiting for more.
   std::string readAll() {
     ::fcntl(reader(), F_SETFL, O_NONBLOCK);
@@ -292,6 +304,27 @@ TEST_P(StreamLogTest, AReaderThatDoesNotReadLosesLinesAndGetsThemAgainLater) {
   log_.note("back");
   const std::string later = channel_.readAll();
   EXPECT_EQ(later, linePrefix("default") + "back\n");
+}
+
+// For a moment, which a busy machine may let pass: so it may take several times.
+TEST_P(StreamLogTest, ALineWaitsForAReaderThatIsBehind) {
+  bool hasCome = false;
+  for (int attempt = 0; attempt < 50 && !hasCome; ++attempt) {
+    channel_.fill();
+    std::atomic<pid_t> writer{0};
+    std::atomic<bool> isOver{false};
+    std::thread thread([&] {
+      writer = ::gettid();
+      log_.note("late");
+      isOver = true;
+    });
+    while (!isOver && (writer == 0 || !isBlocked(writer))) std::this_thread::yield();
+    std::string got = channel_.readAll();
+    thread.join();
+    got += channel_.readAll();
+    hasCome = got.ends_with(linePrefix("default") + "late\n");
+  }
+  EXPECT_TRUE(hasCome);
 }
 
 // A line beyond what the channel holds is given up halfway; the next stands alone.
