@@ -158,7 +158,9 @@ TEST(BinaryPropertyListTest, ObjectsStayInTheirPartOfTheFile) {
   EXPECT_EQ(failureOfObject("\x55"
                             "abc"),
             beyond);
-  EXPECT_EQ(failureOfObject("\x13"), beyond);
+  for (const char* const number : {"\x13", "\x22", "\x23", "\x33"}) {
+    EXPECT_EQ(failureOfObject(number), beyond);
+  }
   EXPECT_EQ(failureOfObject("\x5F"), beyond);
   EXPECT_EQ(failureOfObject("\x5F\x13"), beyond);
   EXPECT_EQ(failureOfObject("\x4F\x13" + bigEndian(~uint64_t{0}, 8)), beyond);
