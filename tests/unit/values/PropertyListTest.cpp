@@ -43,6 +43,10 @@ TEST(PropertyListTest, TextsChosenToCollideAreWrittenAsAnyOther) {
   EXPECT_EQ(valueOf(serializeBinaryPropertyList(array)), Value(array));
 }
 
+TEST(PropertyListTest, WhatIsNoneIsNotWrittenAsXML) {
+  EXPECT_EQ(valueOf(serializeXMLPropertyList(Array{"a", Value(), "b"})), Value(Array{"a", "b"}));
+}
+
 TEST(PropertyListTest, SizeIsBounded) {
   EXPECT_EQ(failureOf(""), "empty");
   EXPECT_EQ(failureOf(std::string(101, ' '), {.maximumBytes = 100}),

@@ -50,6 +50,16 @@ TEST_F(ServiceListenerTest, TheSocketsFolderIsMadeAndEverybodyMayConnect) {
   EXPECT_TRUE(client.authenticate());
 }
 
+TEST_F(ServiceListenerTest, AConnectionThatNoThreadCanServeIsRefusedAndToldOf) {
+  options_.threads.stackBytes = size_t{1} << 60;
+  start();
+  EXPECT_FALSE(RawClient(path_).authenticate());
+  listener_->stop();
+  const std::vector<std::string> errors = log_.takeErrors();
+  ASSERT_EQ(errors.size(), 1u);
+  EXPECT_TRUE(errors[0].starts_with("listener: a connection is refused: ")) << errors[0];
+}
+
 TEST_F(ServiceListenerTest, TheSocketGoesAwayWithItsListener) {
   start();
   listener_->stop();
