@@ -118,13 +118,15 @@ class WatchdogTest(ScratchTest):
     def test_accepting_thread_that_stands_still_ends_the_signs_of_life(self):
         calls = FailingCalls(self.scratch.path("failing-calls"))
         self.start(seconds=0.2, environment=calls.environment)
-        self.assertIn("zun-accepting", self.thread_names())
+        wait_until(lambda: "zun-accepting" in self.thread_names(), "a thread that accepts")
         self.expect_error("watchdog: the accepting thread stands still")
         calls.plan("accept4", HOLD, 1)
-        self.report_without_waiting()
-        self.scratch.daemon.wait_for_line("watchdog: the accepting thread stands still")
-        self.drain()
-        calls.plan("")
+        try:
+            self.report_without_waiting()
+            self.scratch.daemon.wait_for_line("watchdog: the accepting thread stands still")
+            self.drain()
+        finally:
+            calls.plan("")
         self.wait_for_sign()
 
     def test_one_worker_that_stands_still_in_a_job_ends_the_signs_of_life(self):
