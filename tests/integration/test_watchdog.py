@@ -108,6 +108,7 @@ class WatchdogTest(ScratchTest):
         self.addCleanup(client.kill)
         client.stdin.write(b'{"category": 2, "type": 7, "payload": {"a": 1}}\n')
         client.stdin.close()
+        return client
 
     def test_transfer_thread_that_stands_still_ends_the_signs_of_life(self):
         self.stands_still("zun-transfers", "the transfer thread")
@@ -117,29 +118,31 @@ class WatchdogTest(ScratchTest):
 
     def test_accepting_thread_that_stands_still_ends_the_signs_of_life(self):
         calls = FailingCalls(self.scratch.path("failing-calls"))
-        self.start(seconds=0.2, environment=calls.environment)
+        self.start(seconds=1, environment=calls.environment)
         wait_until(lambda: "zun-accepting" in self.thread_names(), "a thread that accepts")
         self.expect_error("watchdog: the accepting thread stands still")
         calls.plan("accept4", HOLD, 1)
         try:
-            self.report_without_waiting()
+            client = self.report_without_waiting()
             self.scratch.daemon.wait_for_line("watchdog: the accepting thread stands still")
             self.drain()
         finally:
             calls.plan("")
         self.wait_for_sign()
+        client.wait()  # a stop ends the fetch of its storebag
 
     def test_one_worker_that_stands_still_in_a_job_ends_the_signs_of_life(self):
         """It waits for another process to write the settings, as the one that has the storebag does."""
-        self.start(seconds=0.2)
+        self.start(seconds=1)
         self.expect_error("watchdog: a worker stands still")
         with open(self.scratch.path("root/home/tester/Library/Preferences/com.vantix.zunreporting.plist.lock"),
                   "w", encoding="ascii") as lock:
             fcntl.flock(lock, fcntl.LOCK_EX)
-            self.report_without_waiting()
+            client = self.report_without_waiting()
             self.scratch.daemon.wait_for_line("watchdog: a worker stands still")
         self.drain()
         self.wait_for_sign()
+        client.wait()
 
 
 if __name__ == "__main__":
