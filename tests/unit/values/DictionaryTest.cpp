@@ -11,7 +11,7 @@
 namespace zun {
 namespace {
 
-std::vector<std::string> keysOf(const Dictionary& dictionary) {
+std::vector<std::string> keyListOf(const Dictionary& dictionary) {
   std::vector<std::string> keys;
   for (const auto& [key, value] : dictionary) keys.emplace_back(key.stringValue());
   return keys;
@@ -21,13 +21,13 @@ std::vector<std::string> keysOf(const Dictionary& dictionary) {
 
 TEST(DictionaryTest, EnumeratesInInsertionOrder) {
   const Dictionary dictionary{{"first", 1}, {"second", 2}, {"and third", 3}};
-  EXPECT_EQ(keysOf(dictionary), (std::vector<std::string>{"first", "second", "and third"}));
+  EXPECT_EQ(keyListOf(dictionary), (std::vector<std::string>{"first", "second", "and third"}));
 }
 
 TEST(DictionaryTest, SettingAnExistingKeyKeepsItsPlace) {
   Dictionary dictionary{{"a", 1}, {"b", 2}, {"c", 3}};
   dictionary.set("a", "new");
-  EXPECT_EQ(keysOf(dictionary), (std::vector<std::string>{"a", "b", "c"}));
+  EXPECT_EQ(keyListOf(dictionary), (std::vector<std::string>{"a", "b", "c"}));
   EXPECT_EQ(dictionary["a"].stringValue(), "new");
   EXPECT_EQ(dictionary.size(), 3U);
 }
@@ -39,7 +39,7 @@ TEST(DictionaryTest, SettingNoneRemovesAndARemovedKeyComesBackAtTheEnd) {
   EXPECT_TRUE(dictionary["a"].isNone());
   EXPECT_EQ(dictionary.size(), 2U);
   dictionary.set("a", 4);
-  EXPECT_EQ(keysOf(dictionary), (std::vector<std::string>{"b", "c", "a"}));
+  EXPECT_EQ(keyListOf(dictionary), (std::vector<std::string>{"b", "c", "a"}));
 }
 
 TEST(DictionaryTest, SettingNoneOrRemovingWhatIsNotThereChangesNothing) {
@@ -147,7 +147,7 @@ TEST(DictionaryTest, AKeyOfTheDictionarysOwnMayBeRemoved) {
 TEST(DictionaryTest, AddEntriesReplacesInPlaceAndAppendsTheRest) {
   Dictionary dictionary{{"a", 1}, {"b", 2}};
   dictionary.addEntries({{"c", 3}, {"a", 4}});
-  EXPECT_EQ(keysOf(dictionary), (std::vector<std::string>{"a", "b", "c"}));
+  EXPECT_EQ(keyListOf(dictionary), (std::vector<std::string>{"a", "b", "c"}));
   EXPECT_EQ(dictionary["a"].intValue(), 4);
   dictionary.addEntries(dictionary);
   EXPECT_EQ(dictionary.size(), 3U);
