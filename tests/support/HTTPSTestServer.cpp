@@ -324,10 +324,6 @@ void HTTPSTestServer::State::accept() {
     const int on = 1;
     ::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     const std::lock_guard lock(mutex);
-    if (stopping) {
-      ::close(socket);
-      return;
-    }
     connections.push_back(std::make_unique<Connection>(*this, socket, ++accepted));
   }
 }
@@ -368,20 +364,18 @@ HTTPSTestServer::~HTTPSTestServer() {
 }
 
 void HTTPSTestServer::stop() {
-  {
-    const std::lock_guard lock(state_->mutex);
-    if (state_->stopping) return;
-    state_->stopping = true;
-  }
-  state_->changed.notify_all();
+  if (!state_->acceptor.joinable()) return;
+  // The listener first: who connects again because its connection closed is always refused.
   ::shutdown(state_->listener, SHUT_RDWR);
   state_->acceptor.join();
   ::close(state_->listener);
   std::list<std::unique_ptr<Connection>> connections;
   {
     const std::lock_guard lock(state_->mutex);
+    state_->stopping = true;
     connections.swap(state_->connections);
   }
+  state_->changed.notify_all();
   for (const auto& connection : connections) connection->interrupt();
 }
 

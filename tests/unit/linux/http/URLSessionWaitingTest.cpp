@@ -170,7 +170,7 @@ TEST_F(URLSessionWaitingTest, RequestThatAKeptConnectionMayHaveDeliveredFailsTho
   begin(post(remote("/"), "body"));
   ASSERT_TRUE(server_.waitForRequests(2));
   routes_->become(kNetworkDown);
-  server_.stop();  // the connection closes, and a fresh one is refused, or reset where it was quicker
+  server_.stop();  // the connection closes, and a fresh one is refused
   ASSERT_TRUE(delegate_->waitForCompletions(2));
   const auto task = delegate_->heard("task");
   EXPECT_TRUE(task.failedWith(URLSessionError::kCannotConnect) ||
