@@ -200,7 +200,7 @@ def is_assignment(source, first, last):
     depth = 0
     for token in source.tokens[first:last]:
         depth += (token.text in OPENING) - (token.text in CLOSING)
-        if depth == 0 and token.text == "=":
+        if depth == 0 and token.text in ("=", "+=", "-=", "|=", "&="):
             return True
     return False
 

@@ -42,8 +42,24 @@ FilterTable::FilterTable(const Array& filters) {
     filters_.push_back(filterFromDictionary(description == nullptr ? Dictionary() : *description));
     const std::string_view key = filters_.back().key.stringValue();
     if (!filters_.back().key.isString()) continue;
-    byKey_[lowerCased(key)].push_back(static_cast<uint32_t>(filters_.size() - 1));
+    std::string lower = lowerCased(key);
+    shapes_.set(shapeOf(lower));
+    byKey_[std::move(lower)].push_back(static_cast<uint32_t>(filters_.size() - 1));
   }
+}
+
+/// Of a key and its form in lower case the same, as long as it is ASCII.
+size_t FilterTable::shapeOf(std::string_view key) {
+  if (key.empty()) return 0;
+  const auto byte = [](char character) {
+    return static_cast<size_t>(static_cast<unsigned char>(lowerCasedASCII(character)));
+  };
+  return (key.size() * 37 + byte(key.front()) * 5 + byte(key.back())) % kShapes;
+}
+
+/// False for most keys of most records, without a look-up.
+bool FilterTable::mayHaveFilterFor(std::string_view key) const {
+  return shapes_[shapeOf(key)] || !isASCII(key);
 }
 
 FilterTable::Filter FilterTable::filterFromDictionary(const Dictionary& description) {
@@ -77,6 +93,7 @@ void FilterTable::filterEvent(Dictionary& record) const {
   std::vector<Hit> hits;
   std::string key;  // one for all: most keys fit into what the longest before took
   for (const DictionaryEntry& entry : record) {
+    if (!mayHaveFilterFor(entry.key.stringValue())) continue;
     setLowerCased(key, entry.key.stringValue());
     const Filter* const filter = firstFilterFor(key, method, status);
     if (filter != nullptr && filter->action != Action::kNone) hits.push_back({filter, entry});

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <bitset>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -49,6 +51,8 @@ class FilterTable final {
     size_t operator()(std::string_view text) const { return std::hash<std::string_view>()(text); }
   };
 
+  static size_t shapeOf(std::string_view key);
+  [[nodiscard]] bool mayHaveFilterFor(std::string_view key) const;
   static Filter filterFromDictionary(const Dictionary& description);
   [[nodiscard]] const Filter* firstFilterFor(std::string_view lowerCaseKey, int32_t method,
                                              int32_t status) const;
@@ -58,6 +62,8 @@ class FilterTable final {
   std::vector<Filter> filters_;
   // Indices into filters_, ascending, by the filters' keys in lower case.
   std::unordered_map<std::string, std::vector<uint32_t>, TextHash, std::equal_to<>> byKey_;
+  static constexpr size_t kShapes = 256;
+  std::bitset<kShapes> shapes_;  // of those keys
 };
 
 }  // namespace zun

@@ -79,6 +79,7 @@ void DBusInput::giveBackMemory() {
   if (begin_ != end_) return;
   buffer_ = nullptr;
   capacity_ = 0;
+  headers_.forget();
   memory_.shrink(memory_.bytes());
 }
 
@@ -164,7 +165,7 @@ std::optional<DBusIncomingMessage> DBusInput::takeFramed(const DBusFrame& frame)
   wanted_ = frame.totalBytes;
   if (bytes.size() < frame.totalBytes) return std::nullopt;
   wanted_ = 0;
-  const auto header = decodeDBusHeader(bytes.substr(0, frame.headerBytes), limits_);
+  const auto header = headers_.decode(bytes.substr(0, frame.headerBytes), limits_);
   if (!header) return malformedMessage(header.error().reason);
   if (header->descriptorCount > descriptors_.size()) {
     return malformedMessage("it has fewer descriptors than its header says");
@@ -185,7 +186,7 @@ std::optional<DBusIncomingMessage> DBusInput::takeOversized(const DBusFrame& fra
   wanted_ = frame.headerBytes;
   if (bytes.size() < frame.headerBytes) return std::nullopt;
   wanted_ = 0;
-  const auto header = decodeDBusHeader(bytes.substr(0, frame.headerBytes), limits_);
+  const auto header = headers_.decode(bytes.substr(0, frame.headerBytes), limits_);
   if (!header) return malformedMessage(header.error().reason);
   DBusIncomingMessage message;
   message.state = DBusIncomingMessage::State::kTooLarge;

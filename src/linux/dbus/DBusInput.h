@@ -15,8 +15,8 @@
 
 namespace zun {
 
-/// A message as it came. Texts refer to the input's buffer and last until its next
-/// `receive`. Descriptors that nobody takes are closed with it.
+/// A message as it came. Texts last until the input's next message, and its next
+/// `receive` or `giveBackMemory`. Descriptors that nobody takes are closed with it.
 struct DBusIncomingMessage {
   enum class State { kComplete, kTooLarge, kMalformed };
 
@@ -91,6 +91,7 @@ class DBusInput final {
   bool allowsDescriptors_ = false;
   const char* refusal_ = "";
   std::deque<FileDescriptor> descriptors_;
+  DBusHeaderDecoder headers_;
 };
 
 }  // namespace zun

@@ -15,6 +15,9 @@ constexpr size_t kBodyLengthAt = 4;
 constexpr size_t kSerialAt = 8;
 constexpr size_t kFieldsLengthAt = 12;
 
+// A header that takes more is read each time.
+constexpr size_t kMaximumKnownBytes = 512;
+
 DBusFailure malformed(const char* reason) {
   return {DBusFailure::Kind::kMalformed, reason};
 }
@@ -100,6 +103,27 @@ const char* missingField(const DBusHeader& header) {
   return nullptr;  // a type that a later version may bring
 }
 
+/// Sets what is the message's own. Null on success, else what is wrong.
+const char* readFixedPart(DBusHeader& header, std::string_view bytes) {
+  header.flags = static_cast<uint8_t>(bytes[2]);
+  header.serial = numberAt(bytes, kSerialAt);
+  return header.serial == 0 ? "its serial is 0" : nullptr;
+}
+
+constexpr const char* kLacksSignature = "it has a body without a signature";
+
+bool lacksSignature(const DBusHeader& header, const DBusFrame& frame) {
+  return frame.totalBytes > frame.headerBytes && header.signature.empty();
+}
+
+/// True for headers of the same order, type and fields, whatever their flags, lengths of
+/// the body and serials.
+bool differsInNumbersOnly(std::string_view known, std::string_view bytes) {
+  constexpr size_t kOrderAndType = 2;
+  return known.size() == bytes.size() && known.substr(0, kOrderAndType) == bytes.substr(0, kOrderAndType) &&
+         known.substr(kFieldsLengthAt) == bytes.substr(kFieldsLengthAt);
+}
+
 }  // namespace
 
 Result<DBusFrame, DBusFailure> frameDBusMessage(std::string_view bytes) {
@@ -131,10 +155,8 @@ Result<DBusHeader, DBusFailure> decodeDBusHeader(std::string_view bytes, const D
 
   DBusHeader header;
   header.type = static_cast<DBusMessageType>(bytes[1]);
-  header.flags = static_cast<uint8_t>(bytes[2]);
   header.isSwapped = bytes[0] != kDBusNativeOrder;
-  header.serial = numberAt(bytes, kSerialAt);
-  if (header.serial == 0) return Decoded::failure(malformed("its serial is 0"));
+  if (const char* const reason = readFixedPart(header, bytes)) return Decoded::failure(malformed(reason));
 
   const size_t fieldsBytes = numberAt(bytes, kFieldsLengthAt);
   DBusReader reader(bytes.substr(DBusFrame::kFixedBytes, fieldsBytes), header.isSwapped, limits);
@@ -145,11 +167,31 @@ Result<DBusHeader, DBusFailure> decodeDBusHeader(std::string_view bytes, const D
   for (size_t padding = DBusFrame::kFixedBytes + fieldsBytes; padding < frame->headerBytes; ++padding) {
     if (bytes[padding] != '\0') return Decoded::failure(malformed("padding is not zero"));
   }
-  if (frame->totalBytes > frame->headerBytes && header.signature.empty()) {
-    return Decoded::failure(malformed("it has a body without a signature"));
-  }
+  if (lacksSignature(header, *frame)) return Decoded::failure(malformed(kLacksSignature));
   if (const char* const reason = missingField(header)) return Decoded::failure(malformed(reason));
   return header;
+}
+
+Result<DBusHeader, DBusFailure> DBusHeaderDecoder::decode(std::string_view bytes, const DBusLimits& limits) {
+  using Decoded = Result<DBusHeader, DBusFailure>;
+  const auto frame = frameDBusMessage(bytes);
+  if (!frame) return Decoded::failure(frame.error());
+  bytes = bytes.substr(0, frame->headerBytes);
+  if (differsInNumbersOnly(known_, bytes)) {
+    if (const char* const reason = readFixedPart(header_, bytes)) return Decoded::failure(malformed(reason));
+    if (lacksSignature(header_, *frame)) return Decoded::failure(malformed(kLacksSignature));
+    return header_;
+  }
+  known_.clear();
+  if (bytes.size() > kMaximumKnownBytes) return decodeDBusHeader(bytes, limits);
+  known_ = bytes;
+  auto decoded = decodeDBusHeader(known_, limits);
+  if (decoded) {
+    header_ = *decoded;
+  } else {
+    known_.clear();
+  }
+  return decoded;
 }
 
 Result<Array, DBusFailure> decodeDBusBody(const DBusHeader& header, std::string_view body,

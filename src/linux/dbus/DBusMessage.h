@@ -73,6 +73,23 @@ struct DBusFrame {
 [[nodiscard]] Result<DBusHeader, DBusFailure> decodeDBusHeader(std::string_view header,
                                                                const DBusLimits& limits = {});
 
+/// Decodes the headers of what one peer sends: its calls differ by their serials mostly, so
+/// that fields which come again are not read again. One thread.
+class DBusHeaderDecoder final {
+ public:
+  DBusHeaderDecoder() = default;
+  DBusHeaderDecoder(const DBusHeaderDecoder&) = delete;
+  DBusHeaderDecoder& operator=(const DBusHeaderDecoder&) = delete;
+
+  /// As `decodeDBusHeader`; texts last until the next call and as long as `header`.
+  [[nodiscard]] Result<DBusHeader, DBusFailure> decode(std::string_view header, const DBusLimits& limits);
+  void forget() { std::string().swap(known_); }
+
+ private:
+  std::string known_;  // the fields that came last, and what comes before them; empty for none
+  DBusHeader header_;  // of them: its texts refer to it
+};
+
 /// Decodes a body into one value for each type of the header's signature:
 ///
 ///   a{sv}, a{ss} (any array of entries with text keys)  dictionary

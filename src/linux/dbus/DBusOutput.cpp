@@ -208,7 +208,7 @@ void DBusOutput::flush() {
 void DBusOutput::dropAll() {
   isClosed_ = true;
   written_ = buffer_.size();
-  buffer_ = std::string();
+  std::string().swap(buffer_);  // assigned, it would keep its memory
   forgetWritten();
 }
 

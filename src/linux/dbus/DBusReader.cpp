@@ -47,6 +47,7 @@ bool DBusReader::charge(size_t bytes) {
 
 bool DBusReader::align(size_t alignment) {
   const size_t padding = dbusPadding(position_, alignment);
+  if (padding == 0) return true;
   if (padding > remaining()) return malformed("it ends within padding");
   for (size_t index = 0; index < padding; ++index) {
     if (bytes_[position_ + index] != '\0') return malformed("padding is not zero");

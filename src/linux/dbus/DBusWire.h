@@ -26,8 +26,9 @@ enum class DBusField : uint8_t {
   kUnixDescriptors = 9,
 };
 
+/// `alignment` is 1, 2, 4 or 8.
 [[nodiscard]] constexpr size_t dbusPadding(size_t position, size_t alignment) {
-  return (alignment - position % alignment) % alignment;
+  return (alignment - position) & (alignment - 1);
 }
 
 }  // namespace zun

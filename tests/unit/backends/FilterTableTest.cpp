@@ -33,6 +33,25 @@ TEST(FilterTableTest, LetterCaseBeyondASCIICountsAsLittle) {
             (Dictionary{{"Größen", 3}}));
 }
 
+TEST(FilterTableTest, LettersBeyondASCIIMayBeASCIIInLowerCase) {
+  const std::string kelvin = "\u212A";
+  const Dictionary record{
+      {Value(kelvin + "ey"), 1}, {Value("ke" + kelvin), 2}, {Value("k" + kelvin + "y"), 3}};
+  EXPECT_EQ(filtered({filter("key", "remove"), filter("KEK", "remove")}, record).size(), 1U);
+}
+
+TEST(FilterTableTest, EveryKeyOfManyIsFoundInAnyLetterCase) {
+  Array filters{filter("", "remove")};
+  Dictionary record{{"", 0}, {"stays", true}};
+  for (int number = 0; number < 500; ++number) {
+    const std::string name = std::string(static_cast<size_t>(number % 40), 'x') + std::to_string(number);
+    filters.append(
+        Dictionary{{"key", name + "Key" + static_cast<char>('A' + number % 26)}, {"action", "remove"}});
+    record.set(name + "KEY" + static_cast<char>('a' + number % 26), number);
+  }
+  EXPECT_EQ(filtered(filters, record), (Dictionary{{"stays", true}}));
+}
+
 TEST(FilterTableTest, KeysLongerThanAnyUsualOneAreFoundToo) {
   const std::string longKey(300, 'K');
   const std::string sameInLowerCase(300, 'k');

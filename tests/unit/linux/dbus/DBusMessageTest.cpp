@@ -309,6 +309,52 @@ TEST(DBusHeaderTest, MalformedHeadersAreRefused) {
   }
 }
 
+// What a peer sends is read as if nothing had come before it.
+TEST(DBusHeaderDecoderTest, HeadersThatComeAfterAnotherAreReadLikeTheFirst) {
+  std::vector<std::string> headers;
+  for (const std::endian order : {std::endian::little, std::endian::big}) {
+    for (const char* member : {"Describe", "describe"}) {
+      for (const uint32_t serial : {7U, 8U, 0U}) {
+        for (const uint8_t flags : {0, 1}) {
+          WireCall call{.member = member, .signature = "s", .serial = serial, .flags = flags};
+          headers.push_back(wireCall(call, WireBytes(order).text("x")));
+        }
+      }
+      headers.push_back(wireCall({.member = member}, WireBytes(order)));
+      std::string wrong = headers.back();
+      wrong[4] = 1;  // has a body without a signature, in either order's length
+      wrong[7] = 1;
+      headers.push_back(wrong);
+      wrong = headers[headers.size() - 2];
+      wrong[24] = 'x';  // the path's slash
+      headers.push_back(wrong);
+      wrong = headers[headers.size() - 3];
+      wrong[1] = 2;  // a reply without the serial of its call
+      headers.push_back(wrong);
+    }
+    headers.push_back(
+        wireCall({.path = "/" + std::string(600, 'p'), .member = "Describe"}, WireBytes(order)));
+  }
+  const auto described = [](const Result<DBusHeader, DBusFailure>& header) {
+    if (!header) return std::string(header.error().reason);
+    return fmt::format("{} {} {} {} {} {} {} {}", static_cast<int>(header->type), header->flags,
+                       header->isSwapped, header->serial, header->path, header->interface, header->member,
+                       header->signature);
+  };
+  for (const std::string& first : headers) {
+    for (const std::string& second : headers) {
+      DBusHeaderDecoder decoder;
+      for (const std::string* bytes : {&first, &second, &second}) {
+        std::string ownCopy = *bytes;
+        const auto decoded = decoder.decode(ownCopy, {});
+        EXPECT_EQ(described(decoded), described(decodeDBusHeader(*bytes)));
+      }
+      decoder.forget();
+      EXPECT_EQ(described(decoder.decode(first, {})), described(decodeDBusHeader(first)));
+    }
+  }
+}
+
 TEST(DBusHeaderTest, ErrorsNeedANameAndSignalsAnInterface) {
   WireBytes error;
   error.u8(std::endian::native == std::endian::little ? 'l' : 'B').u8(3).u8(0).u8(1).u32(0).u32(5);
