@@ -19,8 +19,9 @@ using namespace zun::bench;
 using ReadableCopy = DaemonSetup::ReadableCopy;
 using Posting = Client::Posting;
 
-// Posts that may wait for the sink while every event is one: of more a daemon drops some.
-constexpr uint64_t kMaximumPostsBehind = 4000;
+// Posts that may wait for the sink while every event is one: of more than 1,250 of one client the daemon
+// drops some.
+constexpr uint64_t kMaximumPostsBehind = 1000;
 // Of a dashboard that acknowledges, 50 may wait.
 constexpr uint64_t kMaximumDatagramsBehind = 40;
 constexpr uint64_t kDashboardWindow = 32;

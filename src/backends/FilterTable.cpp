@@ -86,37 +86,33 @@ void FilterTable::filterEvent(Dictionary& record) const {
   const int32_t status = record["_status"].int32Value();
   // What each filter does depends on its own key alone, so the record is changed after
   // the walk: walking a snapshot would copy every record.
-  struct Hit {
-    const Filter* filter;
-    DictionaryEntry entry;
-  };
-  std::vector<Hit> hits;
+  std::vector<DictionaryEntry> changes;
   std::string key;  // one for all: most keys fit into what the longest before took
   for (const DictionaryEntry& entry : record) {
     if (!mayHaveFilterFor(entry.key.stringValue())) continue;
     setLowerCased(key, entry.key.stringValue());
     const Filter* const filter = firstFilterFor(key, method, status);
-    if (filter != nullptr && filter->action != Action::kNone) hits.push_back({filter, entry});
+    if (filter == nullptr) continue;
+    if (filter->action == Action::kSHA256) {
+      changes.push_back({entry.key, ZunReportingBackend::convertIntoSHA256(entry.value)});
+    } else if (removes(*filter, entry.value)) {
+      changes.push_back({entry.key, Value()});
+    }
   }
-  for (const Hit& hit : hits) apply(*hit.filter, hit.entry.key, hit.entry.value, record);
+  for (DictionaryEntry& change : changes) record.set(std::move(change.key), std::move(change.value));
 }
 
-void FilterTable::apply(const Filter& filter, const Value& key, const Value& value, Dictionary& record) {
+bool FilterTable::removes(const Filter& filter, const Value& value) {
   switch (filter.action) {
-    case Action::kRemove: record.remove(key.stringValue()); break;
-    case Action::kSHA256: record.set(key, ZunReportingBackend::convertIntoSHA256(value)); break;
+    case Action::kRemove: return true;
     case Action::kBlacklistValues:
-      if (value.isString() && containsListed(value.stringValue(), filter.value)) {
-        record.remove(key.stringValue());
-      }
-      break;
+      return value.isString() && containsListed(value.stringValue(), filter.value);
     case Action::kWhitelistValues:
-      if (value.isString() && !containsListed(value.stringValue(), filter.value)) {
-        record.remove(key.stringValue());
-      }
-      break;
-    case Action::kNone: break;
+      return value.isString() && !containsListed(value.stringValue(), filter.value);
+    case Action::kNone:
+    case Action::kSHA256: break;
   }
+  return false;
 }
 
 bool FilterTable::containsListed(std::string_view text, const Value& listed) {

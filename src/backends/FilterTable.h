@@ -56,7 +56,7 @@ class FilterTable final {
   static Filter filterFromDictionary(const Dictionary& description);
   [[nodiscard]] const Filter* firstFilterFor(std::string_view lowerCaseKey, int32_t method,
                                              int32_t status) const;
-  static void apply(const Filter& filter, const Value& key, const Value& value, Dictionary& record);
+  static bool removes(const Filter& filter, const Value& value);
   static bool containsListed(std::string_view text, const Value& listed);
 
   std::vector<Filter> filters_;
