@@ -190,8 +190,9 @@ TEST_F(StorebagSerialTest, SerialOfAStorebagThatCouldNotBeSavedIsNotAskedOfTheFi
   EXPECT_EQ(platform_.log.takeErrors().size(), 1U);  // could not save
   std::filesystem::remove(cacheFolder());
   std::filesystem::rename(cacheFolder() + ".moved", cacheFolder());
-  EXPECT_EQ(fetch().version, "5");
   EXPECT_EQ(getDefault(kSerialKey), Value(5));
+  EXPECT_EQ(fetch().version, "5");  // and asks the server again
+  waitForEndOfRequests(2);
 }
 
 TEST_F(StorebagSerialTest, StoredSerialThatIsNoIntegerIsNone) {
