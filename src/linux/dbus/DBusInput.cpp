@@ -9,6 +9,7 @@
 #include <iterator>
 
 #include "linux/files/ProcessLimits.h"
+#include "values/Check.h"
 
 namespace zun {
 
@@ -53,10 +54,11 @@ void DBusInput::consume(size_t count) {
 bool DBusInput::makeRoom() {
   const size_t capacity = std::max(kUsualCapacity, wanted_ + (wanted_ > kUsualCapacity ? kUsualCapacity : 0));
   const size_t kept = end_ - begin_;
-  if (capacity_ != capacity && kept <= capacity) {
+  if (capacity_ != capacity) {
+    ZUN_CHECK(kept <= capacity);  // behind a large message is as much room as usual
     if (!count(capacity)) return false;
     std::unique_ptr<char[]> grown(new char[capacity]);  // not initialised: untouched pages cost nothing
-    if (kept > 0) std::memcpy(grown.get(), buffer_.get() + begin_, kept);
+    std::copy_n(buffer_.get() + begin_, kept, grown.get());
     buffer_ = std::move(grown);
     capacity_ = capacity;
   } else if (begin_ > 0) {
@@ -143,10 +145,7 @@ bool DBusInput::takeDescriptors(msghdr& message) {
 
 std::optional<DBusIncomingMessage> DBusInput::takeMessage() {
   const std::string_view bytes = buffered();
-  if (skip_ > 0 || bytes.size() < DBusFrame::kFixedBytes) {
-    wanted_ = 0;
-    return std::nullopt;
-  }
+  if (bytes.size() < DBusFrame::kFixedBytes) return std::nullopt;  // also while one is skipped
   const auto frame = frameDBusMessage(bytes);
   if (!frame) return malformedMessage(frame.error().reason);
   return frame->totalBytes <= limits_.maximumMessageBytes ? takeFramed(*frame) : takeOversized(*frame);
