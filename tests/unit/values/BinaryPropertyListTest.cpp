@@ -176,6 +176,18 @@ TEST(BinaryPropertyListTest, ObjectsStayInTheirPartOfTheFile) {
             "an offset is outside of the file");
 }
 
+TEST(BinaryPropertyListTest, ACountMayBeTheLastOfTheObjects) {
+  const char* const beyond = "an object reaches beyond its part of the file";
+  EXPECT_EQ(valueOfObject(object(std::string_view("\x4F\x10\x00", 3))), Value::data(""));
+  EXPECT_EQ(valueOfObject(object(std::string_view("\x5F\x11\x00\x00", 4))), Value(""));
+  EXPECT_EQ(valueOfObject(object(std::string_view("\x6F\x10\x00", 3))), Value(""));
+  EXPECT_EQ(valueOfObject(object(std::string_view("\xAF\x10\x00", 3))), Value(Array{}));
+  EXPECT_EQ(valueOfObject(object(std::string_view("\xDF\x10\x00", 3))), Value(Dictionary{}));
+  for (const char* const cut : {"\x4F\x10", "\x5F\x11\x01", "\x6F\x10", "\xAF\x10", "\xDF\x10"}) {
+    EXPECT_EQ(failureOfObject(cut), beyond);
+  }
+}
+
 TEST(BinaryPropertyListTest, TrailerIsChecked) {
   const auto failureWith = [](auto change) {
     BinaryFile file{.objects = {"\x09", "\x09", "\x09"}, .offsets = {8}};

@@ -101,6 +101,30 @@ TEST_F(DBusServiceEndTest, AReplyAfterTheEndDoesNothing) {
   object->answerLater("to nobody");
 }
 
+// What was the connection's socket may be anybody's descriptor by then.
+TEST_F(DBusServiceEndTest, AReplyAfterTheEndIsNotWrittenIntoADescriptorOfTheSameNumber) {
+  start();
+  const auto client = connect();
+  client->send(laterCall(1));
+  ASSERT_TRUE(delegate_.events->wait("Later"));
+  const auto object = delegate_.object();
+  const auto connection = delegate_.connection();
+  connection->invalidate();
+  ASSERT_TRUE(delegate_.events->wait("invalidated"));
+  waitForConnections(0);
+  std::vector<FileDescriptor> others;  // they take all numbers that have become free
+  while (others.size() < 64) {
+    int ends[2] = {-1, -1};
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+    for (const int end : ends) others.emplace_back(end);
+  }
+  object->answerLater("to nobody");
+  for (const FileDescriptor& other : others) {
+    char byte = 0;
+    EXPECT_EQ(::recv(other.get(), &byte, 1, MSG_DONTWAIT), -1);
+  }
+}
+
 TEST_F(DBusServiceEndTest, InvalidatingAllConnectionsWaitsForTheirThreads) {
   start();
   std::vector<std::unique_ptr<RawClient>> clients;
