@@ -222,6 +222,18 @@ TEST_F(DBusInputTest, AHeaderLargerThanAMessageMayBeIsMalformed) {
             Texts{"malformed: its header is too large"});
 }
 
+// It takes more than the usual buffer, which is back once it has been told.
+TEST_F(DBusInputTest, TheHeaderOfAnOversizedMessageMayBeLarge) {
+  const auto input = makeInput(3 * kUsualBuffer);
+  const std::string oversized =
+      wireCall({.path = "/" + std::string(2 * kUsualBuffer, 'p'), .member = "Later", .signature = "s"},
+               WireBytes().text(std::string(2 * kUsualBuffer, 'x')));
+  EXPECT_EQ(feed(*input, oversized, 8 << 10), Texts{fmt::format("1 Later {} too large", oversized.size())});
+  EXPECT_EQ(budget_->left(), kBudget);
+  const std::string behind = callOf(2, "behind");
+  EXPECT_EQ(feed(*input, behind, 7), Texts{whole(behind, 2, "behind")});
+}
+
 TEST_F(DBusInputTest, BytesThatAreConsumedAreNoMessage) {
   const auto input = makeInput();
   const std::string call = callOf(1, "one");

@@ -125,6 +125,23 @@ TEST_F(DBusServiceEndTest, AReplyAfterTheEndIsNotWrittenIntoADescriptorOfTheSame
   }
 }
 
+// Whoever holds the connection does not hold what its client has left in it.
+TEST_F(DBusServiceEndTest, AConnectionThatHasEndedKeepsNothingItReceived) {
+  constexpr size_t kBudget = size_t{8} << 20;
+  const auto budget = std::make_shared<MemoryBudget>(kBudget);
+  options_.connection.budgets.incoming = budget;
+  start();
+  const auto client = connect();
+  client->send(describeCall());
+  EXPECT_EQ(textAnswer(*client), "{category = 7}");
+  const auto connection = delegate_.connection();
+  client->send(wireCall({.member = "Later", .signature = "s", .bodyBytes = 500'000}));
+  while (budget->left() == kBudget) client->send("x");  // room is made for the next piece
+  connection->invalidate();
+  ASSERT_TRUE(delegate_.events->wait("invalidated"));
+  EXPECT_EQ(budget->left(), kBudget);
+}
+
 TEST_F(DBusServiceEndTest, InvalidatingAllConnectionsWaitsForTheirThreads) {
   start();
   std::vector<std::unique_ptr<RawClient>> clients;

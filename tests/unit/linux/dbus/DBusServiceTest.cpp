@@ -1,5 +1,6 @@
 #include <fcntl.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
 
 #include <filesystem>
 #include <fstream>
@@ -218,6 +219,70 @@ TEST_F(DBusRawServiceTest, AProgramHasHalfOfItsUsersConnections) {
   clock_.advance(RefusalLog::kInterval);
   EXPECT_TRUE(RawClient(path_).isEnded());
   expectErrors({refusal});
+}
+
+/// A process of another program that has connected and does nothing.
+class OtherProgram final {
+ public:
+  /// Returns once the program is what the listener will see.
+  OtherProgram(const std::string& path, const std::string& program) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path, path.data(), path.size());
+    int started[2] = {-1, -1};
+    EXPECT_EQ(::pipe2(started, O_CLOEXEC), 0);
+    process_ = ::fork();
+    if (process_ == 0) {
+      const int socket = ::socket(AF_UNIX, SOCK_STREAM, 0);
+      if (::connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) ::_exit(1);
+      ::execl(program.c_str(), "sleep", "1000", nullptr);
+      ::_exit(1);
+    }
+    ::close(started[1]);
+    char byte = 0;
+    EXPECT_EQ(::read(started[0], &byte, 1), 0);
+    ::close(started[0]);
+  }
+  ~OtherProgram() {
+    ::kill(process_, SIGKILL);
+    ::waitpid(process_, nullptr, 0);
+  }
+  OtherProgram(const OtherProgram&) = delete;
+  OtherProgram& operator=(const OtherProgram&) = delete;
+  pid_t process() const { return process_; }
+
+ private:
+  pid_t process_ = -1;
+};
+
+TEST_F(DBusRawServiceTest, AProgramThatComesLaterHasOneConnectionWhileItsUserHasAnyLeft) {
+  options_.maximumConnectionsPerUser = 4;
+  start();
+  const auto first = connect();
+  const auto second = connect();
+  waitForConnections(2);
+  std::vector<std::unique_ptr<OtherProgram>> others;
+  std::string program;
+  for (const char* const name : {"third", "fourth", "fifth"}) {
+    program = scratch_.path(name);
+    std::filesystem::copy_file("/bin/sleep", program);
+    listener_->pause();
+    others.push_back(std::make_unique<OtherProgram>(path_, program));
+    listener_->resume();
+    if (others.size() < 3) waitForConnections(2 + others.size());
+  }
+  expectErrors({"listener: a connection of pid " + std::to_string(others.back()->process()) + ", user " +
+                std::to_string(::geteuid()) + ", " + program +
+                " is refused: the user has 4 connections already"});
+}
+
+TEST_F(DBusRawServiceTest, ClientsThatCameTogetherAreAllServedThoughNobodyComesAfterThem) {
+  start();
+  listener_->pause();
+  std::vector<std::unique_ptr<RawClient>> clients;
+  while (clients.size() < 10) clients.push_back(std::make_unique<RawClient>(path_));
+  listener_->resume();
+  for (const auto& client : clients) EXPECT_TRUE(client->authenticate());
 }
 
 // What was accepted and not resumed yet has to notice its end as well.

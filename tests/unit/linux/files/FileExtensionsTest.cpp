@@ -295,6 +295,16 @@ TEST_F(FileExtensionsTest, BytesComeThroughTheClientsDescriptorWithoutMovingItsP
   EXPECT_EQ(::lseek(clients.get(), 0, SEEK_CUR), 4);
 }
 
+TEST_F(FileExtensionsTest, AReadThatFailsIsToldWithItsReason) {
+  const std::string path = makeFile("a");
+  const auto consumed = extensions_.consume(tokenFor(path), path);
+  ASSERT_TRUE(consumed);
+  void* const nowhere = ::mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  ASSERT_NE(nowhere, MAP_FAILED);
+  EXPECT_EQ((*consumed)->read(0, {static_cast<char*>(nowhere), 4}).error().code, EFAULT);
+  ::munmap(nowhere, 4096);
+}
+
 TEST_F(FileExtensionsTest, AFileThatIsCutWhileItIsReadEndsEarly) {
   const std::string path = makeFile("a", std::string(100, 'x'));
   const auto consumed = extensions_.consume(tokenFor(path), path);

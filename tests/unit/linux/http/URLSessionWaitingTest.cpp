@@ -90,6 +90,14 @@ TEST_F(URLSessionWaitingTest, RefusedRemotePortFailsWhileARouteIsUp) {
   EXPECT_TRUE(get("https://refused.test:" + port + "/").failedWith(URLSessionError::kCannotConnect));
 }
 
+TEST_F(URLSessionWaitingTest, AFailureSaysWhichServerItIsAbout) {
+  const std::string port = std::to_string(refusedPort());
+  const auto heard = get("https://127.0.0.1:" + port + "/");
+  ASSERT_TRUE(heard.error);
+  EXPECT_NE(heard.error->description.find("127.0.0.1 port " + port), std::string::npos)
+      << heard.error->description;
+}
+
 TEST_F(URLSessionWaitingTest, TaskWithoutRouteWaitsAndGoesOnWhenOneComes) {
   routes_->become(kNetworkDown);
   server_.answer("/", {.body = "at last"});

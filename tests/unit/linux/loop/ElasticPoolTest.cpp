@@ -1,5 +1,6 @@
 #include "linux/loop/ElasticPool.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/eventfd.h>
 #include <sys/resource.h>
@@ -127,6 +128,35 @@ TEST_F(ElasticPoolTest, WhatIsReadableBeforeItRestsIsNotMissed) {
   });
   waitUntil([&] { return task.use_count() == 1; });
   EXPECT_EQ(works, 2);
+}
+
+/// One of its descriptors is a file, for which nobody can wait.
+class UnwatchableTask final : public DescriptorTask {
+ public:
+  explicit UnwatchableTask(bool isFirst) : isFirst_(isFirst) {}
+  Outcome work() override { return ++works < 3 ? Outcome::kRests : Outcome::kEnded; }
+  std::array<int, 2> descriptors() const override {
+    if (isFirst_) return {file_.get(), counter_.get()};
+    return {counter_.get(), file_.get()};
+  }
+
+  std::atomic<int> works{0};
+
+ private:
+  const bool isFirst_;
+  FileDescriptor counter_{::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)};
+  FileDescriptor file_{::open("/proc/self/exe", O_RDONLY | O_CLOEXEC)};
+};
+
+// It would else never be worked on again.
+TEST_F(ElasticPoolTest, ATaskThatCannotBeWaitedForKeepsItsThread) {
+  make();
+  for (const bool isFirst : {true, false}) {
+    const auto task = std::make_shared<UnwatchableTask>(isFirst);
+    EXPECT_EQ(pool_->add(task), 0);
+    waitUntil([&] { return task.use_count() == 1; });
+    EXPECT_EQ(task->works, 3);
+  }
 }
 
 TEST_F(ElasticPoolTest, TasksThatBlockHoldUpNoOther) {

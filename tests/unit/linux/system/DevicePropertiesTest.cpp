@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <map>
 
 #include "linux/files/LinuxFileManager.h"
 #include "linux/system/SystemDeviceProperties.h"
@@ -85,6 +86,23 @@ TEST_F(DevicePropertiesTest, VersionsComeFromOSRelease) {
   utsname system{};
   ASSERT_EQ(::uname(&system), 0);
   EXPECT_EQ(device_.property("BuildVersion"), system.release);
+}
+
+TEST_F(DevicePropertiesTest, OnlyAPairOfEqualQuotesIsTakenOffAVersion) {
+  for (const auto& [line, version] : std::map<std::string, std::string>{{"12", "12"},
+                                                                        {"\"12\"", "12"},
+                                                                        {"'12'", "12"},
+                                                                        {"\"12", "\"12"},
+                                                                        {"12\"", "12\""},
+                                                                        {"'12\"", "'12\""},
+                                                                        {"1221", "1221"},
+                                                                        {"\"", "\""},
+                                                                        {"'", "'"},
+                                                                        {"\"1\\2\\\"", "12\\"},
+                                                                        {"'1\\2'", "1\\2"}}) {
+    write("/etc/os-release", "VERSION_ID=" + line + "\n");
+    EXPECT_EQ(device_.property("ProductVersion"), version) << line;
+  }
 }
 
 TEST_F(DevicePropertiesTest, HardwareComesFromDMIOrTheDeviceTree) {
