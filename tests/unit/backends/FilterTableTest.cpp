@@ -129,6 +129,8 @@ TEST(FilterTableTest, RecordWithoutMethodAndStatusCountsAsZero) {
   zero.set("method", 0);
   zero.set("status", 0);
   EXPECT_FALSE(filtered({zero}, {{"secret", 1}}).contains("secret"));
+  EXPECT_TRUE(filtered({zero}, {{"_method", 1}, {"secret", 1}}).contains("secret"));
+  EXPECT_TRUE(filtered({zero}, {{"_status", 1}, {"secret", 1}}).contains("secret"));
   zero.set("method", 1);
   EXPECT_TRUE(filtered({zero}, {{"secret", 1}}).contains("secret"));
 }

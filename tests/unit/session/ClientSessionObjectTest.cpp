@@ -94,6 +94,46 @@ TEST_F(ClientSessionObjectTest, OperationsWithoutResultGetAnEmptyReply) {
   EXPECT_EQ(agent_.sharedData().at("token"), (Dictionary{{"b", 2}, {"c", 3}}));
 }
 
+/// A reply that looks at something when it is given.
+class LookingReply final : public ServiceReply::Sink {
+ public:
+  explicit LookingReply(std::function<void()> look) : look_(std::move(look)) {}
+  void sendReturn(const Array&, const Array*) override { look_(); }
+  void sendError(std::string_view name, std::string_view) override { ADD_FAILURE() << name; }
+
+ private:
+  const std::function<void()> look_;
+};
+
+// What another client asks for after the answer has it already.
+TEST_F(ClientSessionObjectTest, OperationsWithoutResultAreAnsweredOnceTheyAreDone) {
+  int answers = 0;
+  const auto expectAtAnswer = [this, &answers](std::string_view member, const Array& arguments,
+                                               const std::function<void()>& look) {
+    object_->handleCall(memberIndex(member), arguments,
+                        ServiceReply(std::make_unique<LookingReply>([&answers, look] {
+                          ++answers;
+                          look();
+                        })));
+  };
+  expectAtAnswer(
+      "setSessionInfo",
+      {sessionInfo(7, inHierarchy("token", 0)), just(userInfo("C", "S")), Array{"framework"}, true}, [this] {
+        EXPECT_EQ(session_->sessionID(), 7U);
+        EXPECT_TRUE(session_->hasAggregator());
+      });
+  expectAtAnswer("updateSharedDataWithDictionary", {Dictionary{{"a", 1}}}, [this] {
+    EXPECT_EQ(agent_.sharedData()["token"], (Dictionary{{"a", 1}}));
+  });
+  expectAtAnswer("updateSharedDataForKey", {"b", just(2)}, [this] {
+    EXPECT_EQ(agent_.sharedData()["token"], (Dictionary{{"a", 1}, {"b", 2}}));
+  });
+  expectAtAnswer("finishSessionGracefully", {}, [this] {
+    expectDebugLine("finishSessionGracefully: Session 7 has been finished gracefully");
+  });
+  EXPECT_EQ(answers, 4);
+}
+
 /// Blocks that were asked for alike differ by 16 bytes now and then.
 constexpr double kSlackOfTheAllocator = 160;
 
