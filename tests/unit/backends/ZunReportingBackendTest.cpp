@@ -86,6 +86,7 @@ TEST_F(ZunReportingBackendTest, SelfVersionTakesThreeNumbersAndTheirLowEightBits
     backend->setSelfVersion(version);
     return backend->versions();
   };
+  EXPECT_EQ(backend->versions(), "0.0.0");
   EXPECT_EQ(versions("2.1.4"), "2.1.4");
   EXPECT_EQ(versions("5"), "5.0.0");
   EXPECT_EQ(versions("1.2.3.4"), "1.2.3");

@@ -232,6 +232,16 @@ TEST_F(ReportingdAgentTest, SessionsOfOneTokenShareDataAndTheSecondValueWins) {
   agent_->invalidateReportingSession(second);
 }
 
+TEST_F(ReportingdAgentTest, SessionsAndTheirTokensAreCountedWithEachConnection) {
+  const std::vector<std::shared_ptr<ReportingdSession>> sessions{
+      makeSession(1, "family", 0), makeSession(2, "family", 1), makeSession(3, "others", 0)};
+  const auto connection = connect();
+  expectDebugLine(
+      "listener: Accepting new Quorx connection test peer as it has proper entitlement, 3(2) connections.");
+  connection->invalidate();
+  for (const auto& session : sessions) agent_->invalidateReportingSession(session);
+}
+
 // A client that makes up a new token with every call must not fill the daemon's memory.
 TEST_F(ReportingdAgentTest, TokensWithoutSessionsAreBounded) {
   const auto session = makeSession(1, "", 0);

@@ -23,8 +23,12 @@ TEST_F(SessionHierarchyTest, NoParentIsLookedForAtTheTopAndWithoutAToken) {
   alone->setSessionInfo({{zunreporting::kZunReportingSessionInfoSessionID, 2}}, std::nullopt, {}, false);
   EXPECT_EQ(agent_->parentSessionIDStringForSession(*top.session), std::nullopt);
   EXPECT_EQ(agent_->parentSessionIDStringForSession(*alone.session), std::nullopt);
-  for (const std::string& line : platform_.log.linesOf(LogLevel::kDebug))
+  EXPECT_EQ(agent_->parentSessionForChild(*top.session), nullptr);
+  EXPECT_EQ(agent_->parentSessionForChild(*alone.session), nullptr);
+  for (const std::string& line : platform_.log.linesOf(LogLevel::kDebug)) {
     EXPECT_FALSE(line.starts_with("parentSessionIDStringForSession: Checking")) << line;
+    EXPECT_FALSE(line.starts_with("parentSessionForChild: Checking")) << line;
+  }
   end(top, alone);
 }
 
