@@ -95,6 +95,18 @@ TEST_F(FairTurnsTest, WhoHasATurnAlreadyComesAfterOthers) {
   EXPECT_EQ(servedInTheEnd(), (std::vector<uint32_t>{20, 10}));
 }
 
+// Nothing is kept of who has gone, however many come and go.
+TEST_F(FairTurnsTest, WhoseTurnsAreOverIsNotRemembered) {
+  EXPECT_TRUE(turns_.wait({1, 1}, kAlways));
+  EXPECT_TRUE(turns_.wait({3, 1}, kAlways));
+  {
+    const auto turn = turns_.wait({7}, kAlways);
+    for (const uint32_t user : {3, 2}) come({user, 1});
+    for (const uint64_t member : {1, 2}) come({1, member});
+  }
+  EXPECT_EQ(servedInTheEnd(), (std::vector<uint32_t>{31, 21, 11, 12}));
+}
+
 TEST_F(FairTurnsTest, WhoIsNoLongerWantedLeavesAndTakesNoTurn) {
   std::atomic<bool> isWanted{true};
   {
