@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -65,6 +66,31 @@ TEST_F(FairTurnsTest, TurnsThatEndAtOnceAreBothFreeAgain) {
     first.reset();
     second.reset();
     waiter.join();
+  }
+}
+
+// Whoever is called and has not woken yet must not be taken for the next.
+TEST_F(FairTurnsTest, TurnsThatEndAtOnceAreBothTaken) {
+  FairTurns turns(2);
+  for (int round = 0; round < 300; ++round) {
+    auto first = std::make_unique<FairTurns::Turn>(turns.wait({1}, kAlways));
+    auto second = std::make_unique<FairTurns::Turn>(turns.wait({1}, kAlways));
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    const auto isEarly = [deadline] { return std::chrono::steady_clock::now() < deadline; };
+    std::atomic<int> taken{0};
+    const auto takeUntilBothHave = [&] {
+      const auto turn = turns.wait({1}, isEarly);
+      taken += turn ? 1 : 0;
+      while (taken < 2 && isEarly()) std::this_thread::yield();
+    };
+    std::thread one(takeUntilBothHave);
+    std::thread other(takeUntilBothHave);
+    while (turns.waiting() < 2) std::this_thread::yield();
+    first.reset();
+    second.reset();
+    one.join();
+    other.join();
+    ASSERT_TRUE(taken == 2 && isEarly()) << round;
   }
 }
 
