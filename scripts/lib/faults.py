@@ -196,6 +196,15 @@ def is_plain(source, first, last):
     return False
 
 
+SETTER = re.compile(r"(\w+)(\.|->)set[A-Z]\w*\(")
+
+
+def are_setters_of_one(one, other):
+    """Two properties of one object, set one after the other."""
+    first, second = SETTER.match(one), SETTER.match(other)
+    return bool(first and second and first.group(1) == second.group(1))
+
+
 def is_assignment(source, first, last):
     depth = 0
     for token in source.tokens[first:last]:
@@ -221,7 +230,8 @@ def statement_faults(source):
                 begin, finish = source.tokens[following[0]].start, source.tokens[following[1]].end
                 one, other = source.text[start:end], source.text[begin:finish]
                 # What two assignments leave behind seldom depends on their order.
-                if one != other and not (is_assignment(source, first, last) and is_assignment(source, *following)):
+                are_assignments = is_assignment(source, first, last) and is_assignment(source, *following)
+                if one != other and not are_assignments and not are_setters_of_one(one, other):
                     yield Fault("calls swapped", start, finish, other + source.text[end:begin] + one)
 
 

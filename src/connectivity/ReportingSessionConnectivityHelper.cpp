@@ -52,10 +52,13 @@ std::optional<URLSessionConfiguration> ReportingSessionConnectivityHelper::priva
 
 void ReportingSessionConnectivityHelper::postURLRequestWithCompletionHandler(
     URLRequest request, ConnectivityCompletion completion) {
-  stateQueue_->async([self = shared_from_this(), request = std::move(request),
-                      completion = std::move(completion)]() mutable {
+  auto post = [self = shared_from_this(), request = std::move(request),
+               completion = std::move(completion)]() mutable {
     self->postOnStateQueue(std::move(request), std::move(completion));
-  });
+  };
+  // Without a file to be written it is done before another thread has woken up.
+  if (mode_ == kPOSTMode) return stateQueue_->runOrQueue(std::move(post));
+  stateQueue_->async(std::move(post));
 }
 
 void ReportingSessionConnectivityHelper::getURLRequestWithCompletionHandler(

@@ -169,6 +169,17 @@ void SerialQueue::async(UniqueFunction<void()> job) {
   state.scheduleDrain(shared_from_this());
 }
 
+void SerialQueue::runOrQueue(UniqueFunction<void()> job) {
+  uintptr_t idle = kIdle;
+  if (!state_->owner.compare_exchange_strong(idle, thisThread(), std::memory_order_acquire,
+                                             std::memory_order_relaxed)) {
+    return async(std::move(job));
+  }
+  State& state = *state_;  // the queue may end with the job
+  runJob(std::move(job));
+  endTurn(state);
+}
+
 SerialQueue::State* SerialQueue::beginTurn() {
   State& state = *state_;
   if (state.isMine()) return nullptr;

@@ -20,6 +20,7 @@ class Executor {
 /// Runs what is given to it one after the other, in the order in which it came.
 ///
 ///   async: queued, runs on a thread of the executor; the caller goes on
+///   runOrQueue: as async; on an idle queue as sync
 ///   sync:  runs on the caller's thread when its turn comes. On an idle queue that is
 ///          at once, without a thread switch. Behind queued jobs the caller runs those
 ///          first itself, so that a busy executor can never hold it up. On the queue
@@ -39,6 +40,10 @@ class SerialQueue final : public std::enable_shared_from_this<SerialQueue> {
   /// What the job owns is let go of on the queue as well. A job that throws ends the
   /// process.
   void async(UniqueFunction<void()> job);
+
+  /// As async, but at once and on the caller's thread where the queue is idle: for short jobs
+  /// of callers who hold nothing that the job could wait for. Never within a turn.
+  void runOrQueue(UniqueFunction<void()> job);
 
   /// Gives what `function` gives; what it throws ends the turn and reaches the caller.
   template <typename Function>

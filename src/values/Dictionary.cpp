@@ -59,20 +59,23 @@ void buildIndex(DictionaryStorage& storage) {
   }
 }
 
+/// In a block without an index.
+DictionaryEntry* findByFingerprint(DictionaryStorage& storage, std::string_view key, uint8_t fingerprint) {
+  DictionaryEntry* const entries = storage.entries();
+  const uint8_t* const all = storage.fingerprints();
+  for (uint32_t slot = 0; slot < storage.slots; ++slot) {
+    const void* const next = std::memchr(all + slot, fingerprint, storage.slots - slot);
+    if (next == nullptr) return nullptr;
+    slot = static_cast<uint32_t>(static_cast<const uint8_t*>(next) - all);
+    if (!entries[slot].key.isNone() && entries[slot].key.stringValue() == key) return &entries[slot];
+  }
+  return nullptr;
+}
+
 DictionaryEntry* find(DictionaryStorage* storage, std::string_view key) {
   if (storage == nullptr) return nullptr;
+  if (storage->index == nullptr) return findByFingerprint(*storage, key, fingerprintOf(key));
   DictionaryEntry* const entries = storage->entries();
-  if (storage->index == nullptr) {
-    const uint8_t fingerprint = fingerprintOf(key);
-    const uint8_t* const all = storage->fingerprints();
-    for (uint32_t slot = 0; slot < storage->slots; ++slot) {
-      const void* const next = std::memchr(all + slot, fingerprint, storage->slots - slot);
-      if (next == nullptr) return nullptr;
-      slot = static_cast<uint32_t>(static_cast<const uint8_t*>(next) - all);
-      if (!entries[slot].key.isNone() && entries[slot].key.stringValue() == key) return &entries[slot];
-    }
-    return nullptr;
-  }
   for (uint64_t place = seededHash(key) & storage->indexMask; storage->index[place] != 0;
        place = (place + 1) & storage->indexMask) {
     DictionaryEntry& entry = entries[storage->index[place] - 1];
@@ -156,16 +159,22 @@ void Dictionary::set(Value key, Value value) {
   }
   ZUN_ASSERT(key.isString());
   if (!key.isString()) return;
-  if (DictionaryEntry* entry = find(storage_, key.stringValue()); entry != nullptr) {
-    if (isShared(storage_)) entry = find(mutableStorage(storage_->capacity), key.stringValue());
+  const std::string_view text = key.stringValue();
+  const bool hasIndex = storage_ != nullptr && storage_->index != nullptr;
+  const uint8_t fingerprint = hasIndex ? 0 : fingerprintOf(text);
+  DictionaryEntry* entry = nullptr;
+  if (storage_ != nullptr)
+    entry = hasIndex ? find(storage_, text) : findByFingerprint(*storage_, text, fingerprint);
+  if (entry != nullptr) {
+    if (isShared(storage_)) entry = find(mutableStorage(storage_->capacity), text);
     entry->value = std::move(value);
     return;
   }
   DictionaryStorage* const storage = mutableStorage(storage_ == nullptr ? 1 : size_t{storage_->slots} + 1);
   if (storage->index != nullptr) {
-    insertIntoIndex(*storage, key.stringValue(), storage->slots);
+    insertIntoIndex(*storage, text, storage->slots);
   } else {
-    storage->fingerprints()[storage->slots] = fingerprintOf(key.stringValue());
+    storage->fingerprints()[storage->slots] = fingerprint;  // a block with an index keeps one
   }
   new (storage->entries() + storage->slots) DictionaryEntry{std::move(key), std::move(value)};
   ++storage->slots;

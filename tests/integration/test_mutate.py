@@ -63,6 +63,14 @@ class FaultsTest(unittest.TestCase):
         self.assert_faults("  a = g(b);\n  b = h(a);", ("statement left out", "  ;\n  b = h(a);"),
                            ("statement left out", "  a = g(b);\n  ;"))
 
+    def test_what_adds_and_what_sets_another_property_of_one_object_are_not_swapped(self):
+        for one, other in (("a += g(b);", "b -= h(a);"), ("a.setOne(b);", "a.setOther(b);")):
+            planted = mutants(inside(f"  {one}\n  {other}"))
+            self.assertNotIn(("calls swapped", inside(f"  {other}\n  {one}")), planted)
+        for one, other in (("a.setOne(b);", "b.setOther(a);"), ("a.setOne(b);", "a.start();")):
+            planted = mutants(inside(f"  {one}\n  {other}"))
+            self.assertIn(("calls swapped", inside(f"  {other}\n  {one}")), planted)
+
     def test_an_assignment_and_a_call_are_swapped(self):
         self.assertIn(("calls swapped", inside("  h(a);\n  a = b;")), mutants(inside("  a = b;\n  h(a);")))
 

@@ -1,6 +1,8 @@
 #include "linux/dbus/DBusNames.h"
 
 #include <algorithm>
+#include <cstdint>
+#include <cstring>
 
 #include "values/UTF8.h"
 
@@ -22,6 +24,18 @@ bool isLetterOrDigit(char character) {
   return isLetter(character) || isDigit(character);
 }
 
+/// Nearly all text; without zero bytes. Eight of them at a time.
+bool isPlainASCII(std::string_view text) {
+  constexpr uint64_t kOnes = 0x0101010101010101ULL;
+  constexpr uint64_t kHighBits = 0x8080808080808080ULL;
+  for (uint64_t word = 0; text.size() >= sizeof word; text.remove_prefix(sizeof word)) {
+    std::memcpy(&word, text.data(), sizeof word);
+    if ((((word - kOnes) | word) & kHighBits) != 0) return false;
+  }
+  return std::all_of(text.begin(), text.end(),
+                     [](char character) { return static_cast<signed char>(character) > 0; });
+}
+
 bool isNameElement(std::string_view element) {
   return !element.empty() && isLetter(element.front()) &&
          std::all_of(element.begin(), element.end(), isLetterOrDigit);
@@ -30,7 +44,7 @@ bool isNameElement(std::string_view element) {
 }  // namespace
 
 bool isDBusText(std::string_view text) {
-  return isValidUTF8(text) && text.find('\0') == std::string_view::npos;
+  return isPlainASCII(text) || (isValidUTF8(text) && text.find('\0') == std::string_view::npos);
 }
 
 std::string asDBusText(std::string_view text) {

@@ -237,6 +237,8 @@ TEST_F(LifetimeTest, AnIdleDaemonStopsWhenItsTimeIsOver) {
   host_.advance(1ns);
   EXPECT_TRUE(trace_.waitFor("quit"));
   EXPECT_TRUE(lifetime_.hasEndedCleanly());
+  // The door that was closed to look once more stays closed.
+  EXPECT_EQ(trace_.steps(), (Steps{"pause", "stopping told", "stop", "invalidate connections", "quit"}));
 }
 
 TEST_F(LifetimeTest, WorkBeforeTheTimeIsOverStartsItAnew) {

@@ -64,6 +64,52 @@ TEST_F(SerialQueueTest, SyncOnAnIdleQueueRunsOnTheCallersThreadAndGivesTheResult
   EXPECT_EQ(executor_.waiting(), 0U);
 }
 
+TEST_F(SerialQueueTest, AJobForAnIdleQueueMayRunOnTheCallersThread) {
+  std::thread::id ranOn;
+  queue_->runOrQueue([&] {
+    EXPECT_TRUE(queue_->isCurrent());
+    ranOn = std::this_thread::get_id();
+  });
+  EXPECT_EQ(ranOn, std::this_thread::get_id());
+  EXPECT_FALSE(queue_->isCurrent());
+  EXPECT_EQ(executor_.waiting(), 0U);
+}
+
+TEST_F(SerialQueueTest, AJobForAQueueThatIsNotIdleKeepsItsPlace) {
+  Log log;
+  queue_->async([&log] { log.emplace_back("queued"); });
+  queue_->runOrQueue([&] {
+    log.emplace_back("behind it");
+    queue_->runOrQueue([&log] { log.emplace_back("from within"); });
+    log.emplace_back("its end");
+  });
+  EXPECT_TRUE(log.empty());
+  executor_.runAll();
+  EXPECT_EQ(log, (Log{"queued", "behind it", "its end", "from within"}));
+}
+
+TEST_F(SerialQueueTest, WhatAJobOnAnIdleQueueQueuesRunsAfterIt) {
+  Log log;
+  queue_->runOrQueue([&] {
+    queue_->async([&log] { log.emplace_back("queued"); });
+    queue_->runOrQueue([&log] { log.emplace_back("too"); });
+    log.emplace_back("first");
+  });
+  EXPECT_EQ(log, Log{"first"});
+  executor_.runAll();
+  EXPECT_EQ(log, (Log{"first", "queued", "too"}));
+}
+
+TEST_F(SerialQueueTest, TheLastReferenceMayGoDuringAJobOnAnIdleQueue) {
+  bool ran = false;
+  SerialQueue& queue = *queue_;
+  queue.runOrQueue([&] {
+    queue_ = nullptr;
+    ran = true;
+  });
+  EXPECT_TRUE(ran);
+}
+
 TEST_F(SerialQueueTest, SyncCanGiveAReference) {
   int number = 1;
   queue_->sync([&number]() -> int& { return number; }) = 2;
