@@ -1,11 +1,11 @@
 #include <fcntl.h>
 #include <sys/epoll.h>
-#include <sys/resource.h>
 
 #include <fstream>
 
 #include "DBusPeer.h"
 #include "support/DescriptorCount.h"
+#include "support/DescriptorLimit.h"
 
 namespace zun {
 namespace {
@@ -20,22 +20,6 @@ std::string issueCall(uint32_t serial = 1, uint32_t index = 0, uint32_t descript
                    .descriptors = descriptors},
                   WireBytes().u32(index));
 }
-
-/// For a while, this process may have `limit` descriptors.
-class DescriptorLimit final {
- public:
-  explicit DescriptorLimit(rlim_t limit) {
-    ::getrlimit(RLIMIT_NOFILE, &before_);
-    const rlimit lowered{limit, before_.rlim_max};
-    ::setrlimit(RLIMIT_NOFILE, &lowered);
-  }
-  ~DescriptorLimit() { ::setrlimit(RLIMIT_NOFILE, &before_); }
-  DescriptorLimit(const DescriptorLimit&) = delete;
-  DescriptorLimit& operator=(const DescriptorLimit&) = delete;
-
- private:
-  rlimit before_{};
-};
 
 class DBusFileAccessTest : public DBusServiceTest {
  protected:

@@ -4,12 +4,12 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <sys/epoll.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include "DBusPeer.h"
 #include "linux/files/ProcessLimits.h"
 #include "support/DescriptorCount.h"
+#include "support/DescriptorLimit.h"
 
 namespace zun {
 namespace {
@@ -44,25 +44,6 @@ std::string described(const DBusIncomingMessage& message) {
 std::string whole(const std::string& bytes, uint32_t serial, const std::string& text) {
   return fmt::format("{} Later {} {}", serial, bytes.size(), text);
 }
-
-/// The process has at most so many descriptors while this lives.
-class DescriptorLimit final {
- public:
-  explicit DescriptorLimit(rlim_t limit) {
-    EXPECT_EQ(::getrlimit(RLIMIT_NOFILE, &before_), 0);
-    set(limit);
-  }
-  ~DescriptorLimit() { set(before_.rlim_cur); }
-  DescriptorLimit(const DescriptorLimit&) = delete;
-  DescriptorLimit& operator=(const DescriptorLimit&) = delete;
-  void set(rlim_t limit) const {
-    const rlimit changed{limit, before_.rlim_max};
-    EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &changed), 0);
-  }
-
- private:
-  rlimit before_{};
-};
 
 class DBusInputTest : public ::testing::Test {
  protected:

@@ -109,7 +109,7 @@ TEST(DBusWriterTest, AnArraysLengthIsThatOfItsElements) {
 
 // --- What is on a limit -------------------------------------------------------------
 
-std::string reasonOf(std::string_view signature, const Value& value, const DBusLimits& limits = {}) {
+std::string refusalOf(std::string_view signature, const Value& value, const DBusLimits& limits = {}) {
   const auto body = encodeDBusBody(signature, Array{value}, limits);
   return body ? "none" : body.error().reason;
 }
@@ -135,10 +135,10 @@ TEST(DBusWriterTest, AMessageIsAsLargeAsIsAllowedAndNotLarger) {
 }
 
 TEST(DBusWriterTest, ATextIsAsLongAsIsAllowedAndNotLonger) {
-  EXPECT_EQ(reasonOf("s", "text", {.maximumTextBytes = 4}), "none");
-  EXPECT_EQ(reasonOf("s", "text", {.maximumTextBytes = 3}), "a text is too long");
-  EXPECT_EQ(reasonOf("o", "/abc", {.maximumTextBytes = 3}), "a text is too long");
-  EXPECT_EQ(reasonOf("g", "aaay", {.maximumTextBytes = 3}), "a text is too long");
+  EXPECT_EQ(refusalOf("s", "text", {.maximumTextBytes = 4}), "none");
+  EXPECT_EQ(refusalOf("s", "text", {.maximumTextBytes = 3}), "a text is too long");
+  EXPECT_EQ(refusalOf("o", "/abc", {.maximumTextBytes = 3}), "a text is too long");
+  EXPECT_EQ(refusalOf("g", "aaay", {.maximumTextBytes = 3}), "a text is too long");
 }
 
 TEST(DBusWriterTest, WhatIsNestedTooDeepIsNotWritten) {
@@ -151,22 +151,22 @@ TEST(DBusWriterTest, WhatIsNestedTooDeepIsNotWritten) {
   const auto inDictionary = [](const Value& value) { return Value(Dictionary{{"k", value}}); };
   for (const std::function<Value(const Value&)>& wrap :
        {std::function<Value(const Value&)>(inArray), std::function<Value(const Value&)>(inDictionary)}) {
-    EXPECT_EQ(reasonOf("v", nested(3, wrap), {.maximumDepth = 3}), "none");
-    EXPECT_EQ(reasonOf("v", nested(4, wrap), {.maximumDepth = 3}), "its values are nested too deep");
+    EXPECT_EQ(refusalOf("v", nested(3, wrap), {.maximumDepth = 3}), "none");
+    EXPECT_EQ(refusalOf("v", nested(4, wrap), {.maximumDepth = 3}), "its values are nested too deep");
   }
-  EXPECT_EQ(reasonOf("((i))", Array{Array{1}}, {.maximumDepth = 2}), "none");
-  EXPECT_EQ(reasonOf("((i))", Array{Array{1}}, {.maximumDepth = 1}), "its values are nested too deep");
-  EXPECT_EQ(reasonOf("a(i)", Array{Array{1}}, {.maximumDepth = 1}), "its values are nested too deep");
+  EXPECT_EQ(refusalOf("((i))", Array{Array{1}}, {.maximumDepth = 2}), "none");
+  EXPECT_EQ(refusalOf("((i))", Array{Array{1}}, {.maximumDepth = 1}), "its values are nested too deep");
+  EXPECT_EQ(refusalOf("a(i)", Array{Array{1}}, {.maximumDepth = 1}), "its values are nested too deep");
 }
 
 TEST(DBusWriterTest, WhatHasNoFormOnTheWireIsTold) {
-  EXPECT_EQ(reasonOf("v", Value()), "a variant has no value");
-  EXPECT_EQ(reasonOf("a(v)", Array{Array{Value()}}), "a variant has no value");
-  EXPECT_EQ(reasonOf("a{sv}", Dictionary{{"k", Array{Value::none()}}}), "none");
-  EXPECT_EQ(reasonOf("h", 1), "descriptors are not sent");
-  EXPECT_EQ(reasonOf("o", "no path"), "a value is no object path");
-  EXPECT_EQ(reasonOf("g", "no signature"), "a value is no signature");
-  EXPECT_EQ(reasonOf("a", 1), "the signature is none");
+  EXPECT_EQ(refusalOf("v", Value()), "a variant has no value");
+  EXPECT_EQ(refusalOf("a(v)", Array{Array{Value()}}), "a variant has no value");
+  EXPECT_EQ(refusalOf("a{sv}", Dictionary{{"k", Array{Value::none()}}}), "none");
+  EXPECT_EQ(refusalOf("h", 1), "descriptors are not sent");
+  EXPECT_EQ(refusalOf("o", "no path"), "a value is no object path");
+  EXPECT_EQ(refusalOf("g", "no signature"), "a value is no signature");
+  EXPECT_EQ(refusalOf("a", 1), "the signature is none");
 }
 
 // What a caller leaves out or gives as another kind still makes a message of its signature.
