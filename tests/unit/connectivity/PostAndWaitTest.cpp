@@ -102,7 +102,7 @@ TEST_F(PostAndWaitTest, HelperOfAnotherModeEndsTheWait) {
 
 // What waits does not keep the helper, so that its end can end the wait.
 TEST_F(PostAndWaitTest, HelperThatIsLetGoOfWithTheRequestStillQueuedEndsTheWait) {
-  make(kPOSTMode);
+  make(kBackgroundUploadMode);  // whose requests are always queued
   std::future<PostOutcome> waiting = begin("/post");
   // The thread has let go of the helper: only the queued request is left with it.
   while (executor_.waiting() == 0 || helper_.use_count() > 2) std::this_thread::yield();

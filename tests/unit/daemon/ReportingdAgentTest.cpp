@@ -352,11 +352,12 @@ TEST_F(ReportingdAgentTest, SessionsComeAndGoOnManyThreads) {
 // Connectivity helpers
 
 TEST_F(ReportingdAgentTest, SessionsShareAHelperByTheNamesOfTheirClientAndService) {
-  const auto helperOf = [this](const Dictionary& userInfo) {
-    const auto session = agent_->createReportingSessionWithDelegate(
-        agent_, std::make_shared<FakeConnection>(std::map<std::string, bool>{}));
-    session->setSessionInfo({{kZunReportingSessionInfoRequireUserInfo, true}}, userInfo, {}, false);
-    return session->connectivityHelper();
+  std::vector<std::shared_ptr<ReportingdSession>> sessions;
+  const auto helperOf = [&](const Dictionary& userInfo) {
+    sessions.push_back(agent_->createReportingSessionWithDelegate(
+        agent_, std::make_shared<FakeConnection>(std::map<std::string, bool>{})));
+    sessions.back()->setSessionInfo({{kZunReportingSessionInfoRequireUserInfo, true}}, userInfo, {}, false);
+    return sessions.back()->connectivityHelper();
   };
   const auto names = [](const char* client, const char* service) {
     return Dictionary{{kZunReportingUserInfoClientName, client}, {kZunReportingUserInfoServiceName, service}};
@@ -374,6 +375,7 @@ TEST_F(ReportingdAgentTest, SessionsShareAHelperByTheNamesOfTheirClientAndServic
   expectDebugLine(
       "requestSharedConnectivityHelperForReportingSession: Requesting shared connectivity helper for "
       "userInfoKey :");
+  for (auto& session : sessions) agent_->invalidateReportingSession(std::move(session));
 }
 
 TEST_F(ReportingdAgentTest, ASessionThatEndsReleasesTheHelperOfItsNames) {
