@@ -39,6 +39,18 @@ class StagedFile {
   virtual std::optional<Error> publish() = 0;
 };
 
+/// A regular file that lines are appended to. What the system writes later may fail without a
+/// word. One thread at a time.
+class AppendedFile {
+ public:
+  virtual ~AppendedFile() = default;
+
+  /// Lines, all or none; after a line without an end they begin a line of their own.
+  virtual std::optional<Error> append(std::string_view lines) = 0;
+  /// None once it is removed.
+  [[nodiscard]] virtual std::optional<uint64_t> size() const = 0;
+};
+
 /// Files by path. Errors are in kPOSIXErrorDomain with the errno as code.
 ///
 /// `~` and absolute paths of the daemon's own are turned into real ones by `resolve`
@@ -62,8 +74,9 @@ class FileManager {
   /// Makes a new file, whole or not at all; what is there already is an error (EEXIST),
   /// be it a link that leads to nothing.
   virtual std::optional<Error> createFile(const std::string& path, std::string_view bytes) = 0;
-  /// Appends lines, all or none; makes a file that is missing. A link is an error (ELOOP).
-  virtual std::optional<Error> appendToFile(const std::string& path, std::string_view bytes) = 0;
+  /// Makes a file that is missing. A link is an error (ELOOP).
+  [[nodiscard]] virtual Result<std::unique_ptr<AppendedFile>, Error> openForAppending(
+      const std::string& path) = 0;
   /// Creates the folder and those above it; an existing one is no error.
   virtual std::optional<Error> createDirectories(const std::string& path) = 0;
   /// Removes a file, a link or a whole folder (links inside are not followed).

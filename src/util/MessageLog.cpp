@@ -44,7 +44,7 @@ void MessageLog::append(std::string_view message) {
   std::optional<Error> failure;
   const auto path = fileFor(directory, entry.size(), failure);
   if (path) {
-    failure = platform_.files.appendToFile(*path, entry);
+    failure = appendToFile(*path, entry);
     if (!failure) platform_.log.debug("writeToLogFile: Saved log message to {}", *path);
   }
   if (failure && failure->code != lastFailure_) {
@@ -54,17 +54,35 @@ void MessageLog::append(std::string_view message) {
   lastFailure_ = failure ? failure->code : 0;
 }
 
+std::optional<Error> MessageLog::appendToFile(const std::string& path, const std::string& entry) {
+  if (!open_ || open_->path != path) {
+    open_.reset();
+    auto file = platform_.files.openForAppending(path);
+    if (!file) return file.error();
+    open_ = OpenFile{path, std::move(*file)};
+  }
+  auto failure = open_->file->append(entry);
+  if (failure) open_.reset();
+  return failure;
+}
+
 /// A file that has room for `bytes` more.
 std::optional<std::string> MessageLog::fileFor(const std::string& directory, uint64_t bytes,
                                                std::optional<Error>& failure) {
   const auto path = lookedUpFile(directory, failure);
   if (!path) return createFile(directory, failure);
-  const auto attributes = platform_.files.attributes(*path, Links::kNotFollowed);
-  if (!attributes || attributes->size + bytes <= kMaximumBytes) return path;
+  if (sizeOf(*path) + bytes <= kMaximumBytes) return path;
   platform_.log.error("writeToLogFile: {} has reached {} bytes and is begun anew", *path, kMaximumBytes);
   found_.reset();
+  open_.reset();
   failure = platform_.files.removeItem(*path);
   return failure ? std::nullopt : createFile(directory, failure);
+}
+
+uint64_t MessageLog::sizeOf(const std::string& path) const {
+  if (open_) return open_->file->size().value_or(0);
+  const auto attributes = platform_.files.attributes(path, Links::kNotFollowed);
+  return attributes ? attributes->size : 0;
 }
 
 std::optional<std::string> MessageLog::lookedUpFile(const std::string& directory,
@@ -72,19 +90,15 @@ std::optional<std::string> MessageLog::lookedUpFile(const std::string& directory
   const double now = platform_.clock.now().secondsSince1970;
   const auto folder = platform_.files.attributes(directory);
   const double folderChanged = folder ? folder->modificationDate.secondsSince1970 : 0;
-  if (found_ && found_->folderChanged == folderChanged && std::abs(now - found_->when) < 1 &&
-      isRegularFile(found_->path)) {
+  if (found_ && found_->folderChanged == folderChanged && std::abs(now - found_->when) < 1 && open_ &&
+      open_->path == found_->path && open_->file->size()) {
     return found_->path;
   }
   found_.reset();
+  open_.reset();
   auto path = currentFile(directory, failure);
   if (path) found_ = Found{*path, folderChanged, now};
   return path;
-}
-
-bool MessageLog::isRegularFile(const std::string& path) const {
-  const auto attributes = platform_.files.attributes(path, Links::kNotFollowed);
-  return attributes && attributes->isRegularFile;
 }
 
 std::optional<std::string> MessageLog::currentFile(const std::string& directory,

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -14,8 +15,8 @@ namespace zun {
 /// at most, renewed each day. A log that cannot be written never fails its caller.
 ///
 /// A call looks at the folder, chooses the file and deletes what is out of date, unless the
-/// folder is as it was less than a second before. A file that would become too large is begun
-/// anew. Only regular files are its own: whoever may write to the folder can put links there.
+/// folder is as it was less than a second before: the file stays open until then. One that would become too
+/// large is begun anew. Only regular files are its own: whoever may write to the folder can put links there.
 ///
 /// Threading: any thread; entries of one process are written one at a time.
 class MessageLog final {
@@ -43,10 +44,17 @@ class MessageLog final {
     double when = 0;
   };
 
+  /// The file that the last entry went into.
+  struct OpenFile {
+    std::string path;
+    std::unique_ptr<AppendedFile> file;
+  };
+
   void append(std::string_view message) REQUIRES(mutex_);
   std::optional<std::string> fileFor(const std::string& directory, uint64_t bytes,
                                      std::optional<Error>& failure) REQUIRES(mutex_);
-  [[nodiscard]] bool isRegularFile(const std::string& path) const;
+  std::optional<Error> appendToFile(const std::string& path, const std::string& entry) REQUIRES(mutex_);
+  [[nodiscard]] uint64_t sizeOf(const std::string& path) const REQUIRES(mutex_);
   std::optional<std::string> lookedUpFile(const std::string& directory, std::optional<Error>& failure)
       REQUIRES(mutex_);
   // What keeps these from finding or making a file goes into `failure`, the first of it.
@@ -59,6 +67,7 @@ class MessageLog final {
   const PlatformServices& platform_;
   Mutex mutex_;
   std::optional<Found> found_ GUARDED_BY(mutex_);
+  std::optional<OpenFile> open_ GUARDED_BY(mutex_);
   int lastFailure_ GUARDED_BY(mutex_) = 0;  // each event brings several messages: one line tells why
 };
 

@@ -28,6 +28,8 @@ class TestFileManager final : public LinuxFileManager {
   std::function<void(const std::string& path)> beforeDiskIsWaitedFor;
   /// The disk has no room for this file.
   std::string pathWithoutRoom;
+  /// How often a file was opened to append to it.
+  int openedForAppending = 0;
   /// Dates are cut as some file systems cut them.
   bool keepsWholeSeconds = false;
 
@@ -49,6 +51,11 @@ class TestFileManager final : public LinuxFileManager {
     auto staged = LinuxFileManager::stageFile(path, bytes, durability);
     if (!staged) return staged;
     return std::unique_ptr<StagedFile>(std::make_unique<WatchedFile>(*this, path, std::move(*staged)));
+  }
+
+  Result<std::unique_ptr<AppendedFile>, Error> openForAppending(const std::string& path) override {
+    ++openedForAppending;
+    return LinuxFileManager::openForAppending(path);
   }
 
   std::optional<Error> setModificationDate(const std::string& path, Date date) override {

@@ -58,6 +58,31 @@ bool hasUnendedLine(int file, off_t size) {
   return size > 0 && ::pread(file, &last, 1, size - 1) == 1 && last != '\n';
 }
 
+class OpenAppendedFile final : public AppendedFile {
+ public:
+  explicit OpenAppendedFile(FileDescriptor file) : file_(std::move(file)) {}
+
+  std::optional<Error> append(std::string_view lines) override {
+    struct stat before {};
+    if (::fstat(file_.get(), &before) != 0) return posixError(errno);
+    // Who was killed while it wrote has left the beginning of a line.
+    int failure = hasUnendedLine(file_.get(), before.st_size) ? writeAll(file_.get(), "\n") : 0;
+    if (failure == 0) failure = writeAll(file_.get(), lines);
+    if (failure == 0) return std::nullopt;
+    static_cast<void>(::ftruncate(file_.get(), before.st_size));  // what a full disk took of it
+    return posixError(failure);
+  }
+
+  std::optional<uint64_t> size() const override {
+    struct stat now {};
+    if (::fstat(file_.get(), &now) != 0 || now.st_nlink == 0) return std::nullopt;
+    return static_cast<uint64_t>(now.st_size);
+  }
+
+ private:
+  const FileDescriptor file_;
+};
+
 /// A path without a NUL: the system would read a shorter one.
 bool isUsable(const std::string& path) {
   return path.find('\0') == std::string::npos;
@@ -243,21 +268,15 @@ std::optional<Error> LinuxFileManager::createFile(const std::string& path, std::
   return posixError(failure);
 }
 
-std::optional<Error> LinuxFileManager::appendToFile(const std::string& path, std::string_view bytes) {
-  if (!isUsable(path)) return posixError(EINVAL);
+Result<std::unique_ptr<AppendedFile>, Error> LinuxFileManager::openForAppending(const std::string& path) {
+  using Opened = Result<std::unique_ptr<AppendedFile>, Error>;
+  if (!isUsable(path)) return Opened::failure(posixError(EINVAL));
   FileDescriptor file(::open(
       path.c_str(), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, kFileMode));
-  struct stat before {};
-  if (!file.isOpen() || ::fstat(file.get(), &before) != 0) return posixError(errno);
-  if (!S_ISREG(before.st_mode)) return posixError(EINVAL);
-  // Who was killed while it wrote has left the beginning of a line.
-  int failure = hasUnendedLine(file.get(), before.st_size) ? writeAll(file.get(), "\n") : 0;
-  if (failure == 0) failure = writeAll(file.get(), bytes);
-  // What a full disk took of it.
-  if (failure != 0) static_cast<void>(::ftruncate(file.get(), before.st_size));
-  const int closing = closeFile(file);
-  if (failure == 0) failure = closing;
-  return failure == 0 ? std::nullopt : std::optional(posixError(failure));
+  struct stat status {};
+  if (!file.isOpen() || ::fstat(file.get(), &status) != 0) return Opened::failure(posixError(errno));
+  if (!S_ISREG(status.st_mode)) return Opened::failure(posixError(EINVAL));
+  return std::unique_ptr<AppendedFile>(std::make_unique<OpenAppendedFile>(std::move(file)));
 }
 
 std::optional<Error> LinuxFileManager::createDirectories(const std::string& path) {

@@ -29,7 +29,8 @@ class LinuxFileManager : public FileManager {
       const std::string& path, std::string_view bytes,
       Durability durability = Durability::kBestEffort) override;
   std::optional<Error> createFile(const std::string& path, std::string_view bytes) override;
-  std::optional<Error> appendToFile(const std::string& path, std::string_view bytes) override;
+  [[nodiscard]] Result<std::unique_ptr<AppendedFile>, Error> openForAppending(
+      const std::string& path) override;
   std::optional<Error> createDirectories(const std::string& path) override;
   std::optional<Error> removeItem(const std::string& path) override;
   std::optional<Error> allowOwnerAccess(const std::string& path) override;

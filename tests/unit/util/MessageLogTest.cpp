@@ -2,6 +2,7 @@
 
 #include <sys/resource.h>
 
+#include <algorithm>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -100,6 +101,29 @@ TEST_F(MessageLogTest, FolderIsListedAgainWhenASecondHasPassed) {
   log_.writeToLogFile("three");
   EXPECT_TRUE(contentOf(newer).ends_with(" three\n"));
   EXPECT_FALSE(fs::exists(first));
+}
+
+// What is opened for each line costs as much as the line.
+TEST_F(MessageLogTest, FileStaysOpenUntilTheFolderIsLookedAtAgain) {
+  const std::string file = addFile("zunreportingd_1_messageLog.diag", 600, "");
+  for (int line = 0; line < 10; ++line) log_.writeToLogFile("m");
+  EXPECT_EQ(platform_.files.openedForAppending, 1);
+  platform_.clock.advance(std::chrono::seconds(1));
+  for (int line = 0; line < 10; ++line) log_.writeToLogFile("m");
+  EXPECT_EQ(platform_.files.openedForAppending, 2);
+  EXPECT_EQ(std::ranges::count(contentOf(file), '\n'), 20);
+}
+
+// Even where the folder looks as it did: the file that is open has no name any more.
+TEST_F(MessageLogTest, NoEntryGoesIntoAFileThatWasRemoved) {
+  const std::string file = addFile("zunreportingd_1_messageLog.diag", 600, "");
+  log_.writeToLogFile("one");
+  const auto changed = fs::last_write_time(directory_);
+  fs::remove(file);
+  addFile("zunreportingd_1_messageLog.diag", 600, "");
+  fs::last_write_time(directory_, changed);
+  log_.writeToLogFile("two");
+  EXPECT_TRUE(contentOf(file).ends_with(" two\n"));
 }
 
 TEST_F(MessageLogTest, FolderIsListedAgainWhenTheClockWasSetBack) {

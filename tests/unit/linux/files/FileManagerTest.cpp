@@ -33,6 +33,10 @@ class FileManagerTest : public ::testing::Test {
     const auto bytes = files_.readFile(at(name), 1 << 20);
     return bytes ? *bytes : "<" + bytes.error().description + ">";
   }
+  std::optional<Error> append(const std::string& path, std::string_view lines) {
+    const auto file = files_.openForAppending(path);
+    return file ? (*file)->append(lines) : std::optional(file.error());
+  }
   int readFailure(const std::string& path, uint64_t maximum = 1 << 20) const {
     const auto bytes = files_.readFile(path, maximum);
     return bytes ? 0 : bytes.error().code;
@@ -81,7 +85,7 @@ TEST_F(FileManagerTest, PipesNeitherBlockNorRead) {
   ASSERT_EQ(::mkfifo(at("pipe").c_str(), 0600), 0);
   EXPECT_EQ(readFailure(at("pipe")), EINVAL);
   EXPECT_EQ(codeOf(files_.createFile(at("pipe"), "x")), EEXIST);
-  EXPECT_EQ(codeOf(files_.appendToFile(at("pipe"), "x")), EINVAL);
+  EXPECT_EQ(codeOf(append(at("pipe"), "x")), EINVAL);
 }
 
 TEST_F(FileManagerTest, FilesThatTellNoSizeAreReadWithinTheBound) {
@@ -154,21 +158,21 @@ TEST_F(FileManagerTest, AtomicWriteThatBreaksOffLeavesTheOldFile) {
 }
 
 TEST_F(FileManagerTest, AppendMakesTheFileThatIsMissing) {
-  EXPECT_EQ(codeOf(files_.appendToFile(at("none/f"), "x")), ENOENT);
-  ASSERT_EQ(files_.appendToFile(at("f"), "one\n"), std::nullopt);
-  ASSERT_EQ(files_.appendToFile(at("f"), "two\n"), std::nullopt);
+  EXPECT_EQ(codeOf(append(at("none/f"), "x")), ENOENT);
+  ASSERT_EQ(append(at("f"), "one\n"), std::nullopt);
+  ASSERT_EQ(append(at("f"), "two\n"), std::nullopt);
   EXPECT_EQ(contentOf("f"), "one\ntwo\n");
   EXPECT_EQ(modeOf("f"), 0600u);
 }
 
 TEST_F(FileManagerTest, AppendThatBreaksOffLeavesTheFileAsItWas) {
-  ASSERT_EQ(files_.appendToFile(at("f"), "old\n"), std::nullopt);
+  ASSERT_EQ(append(at("f"), "old\n"), std::nullopt);
   const pid_t child = ::fork();
   if (child == 0) {
     std::signal(SIGXFSZ, SIG_IGN);
     const rlimit limit{4096, 4096};
     ::setrlimit(RLIMIT_FSIZE, &limit);
-    ::_exit(codeOf(files_.appendToFile(at("f"), std::string(10000, 'x'))));
+    ::_exit(codeOf(append(at("f"), std::string(10000, 'x'))));
   }
   int status = 0;
   ASSERT_EQ(::waitpid(child, &status, 0), child);
@@ -178,9 +182,22 @@ TEST_F(FileManagerTest, AppendThatBreaksOffLeavesTheFileAsItWas) {
 
 TEST_F(FileManagerTest, LineWithoutAnEndIsEndedBeforeMoreIsAppended) {
   ASSERT_EQ(files_.createFile(at("f"), "a\nhal"), std::nullopt);
-  ASSERT_EQ(files_.appendToFile(at("f"), "b\n"), std::nullopt);
-  ASSERT_EQ(files_.appendToFile(at("f"), "c\n"), std::nullopt);
+  ASSERT_EQ(append(at("f"), "b\n"), std::nullopt);
+  ASSERT_EQ(append(at("f"), "c\n"), std::nullopt);
   EXPECT_EQ(contentOf("f"), "a\nhal\nb\nc\n");
+}
+
+TEST_F(FileManagerTest, FileThatIsAppendedToTellsItsSizeUntilItIsRemoved) {
+  const auto file = files_.openForAppending(at("f"));
+  ASSERT_TRUE(file);
+  EXPECT_EQ((*file)->size(), 0U);
+  ASSERT_EQ((*file)->append("one\n"), std::nullopt);
+  ASSERT_EQ(append(at("f"), "two\n"), std::nullopt);
+  EXPECT_EQ((*file)->size(), 8U);
+  ASSERT_EQ((*file)->append("three\n"), std::nullopt);
+  EXPECT_EQ(contentOf("f"), "one\ntwo\nthree\n");
+  ASSERT_EQ(files_.removeItem(at("f")), std::nullopt);
+  EXPECT_EQ((*file)->size(), std::nullopt);
 }
 
 TEST_F(FileManagerTest, OnlyANewFileIsCreated) {
@@ -209,7 +226,7 @@ TEST_F(FileManagerTest, CreatingAndAppendingFollowNoLink) {
   for (const char* target : {"target", "missing"}) {
     ASSERT_EQ(::symlink(target, at(std::string("to-") + target).c_str()), 0);
     EXPECT_EQ(codeOf(files_.createFile(at(std::string("to-") + target), "x")), EEXIST);
-    EXPECT_EQ(codeOf(files_.appendToFile(at(std::string("to-") + target), "x")), ELOOP);
+    EXPECT_EQ(codeOf(append(at(std::string("to-") + target), "x")), ELOOP);
   }
   EXPECT_EQ(contentOf("target"), "untouched");
   EXPECT_FALSE(std::filesystem::exists(at("missing")));

@@ -36,8 +36,8 @@ TEST(WatchdogTest, ThreadThatStandsStillIsNamedOnceAndThereIsASignOfLifeWhenItMo
   Watchdog watchdog(*loop, log);
   watchdog.watch(good);
   watchdog.watch(bad);
+  bad->works();  // before the loop: signs of life that nobody takes would hold it up
   std::thread other([&] {
-    bad->works();
     while (!log.contains(LogLevel::kError, "watchdog: bad stands still")) std::this_thread::yield();
     while (manager.hasMessage()) (void)manager.receive();
     bad->rests();
