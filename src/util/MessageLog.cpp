@@ -55,14 +55,13 @@ void MessageLog::append(std::string_view message) {
 }
 
 std::optional<Error> MessageLog::appendToFile(const std::string& path, const std::string& entry) {
-  if (!open_ || open_->path != path) {
-    open_.reset();
+  if (file_ == nullptr) {
     auto file = platform_.files.openForAppending(path);
     if (!file) return file.error();
-    open_ = OpenFile{path, std::move(*file)};
+    file_ = std::move(*file);
   }
-  auto failure = open_->file->append(entry);
-  if (failure) open_.reset();
+  auto failure = file_->append(entry);
+  if (failure) file_.reset();
   return failure;
 }
 
@@ -71,18 +70,12 @@ std::optional<std::string> MessageLog::fileFor(const std::string& directory, uin
                                                std::optional<Error>& failure) {
   const auto path = lookedUpFile(directory, failure);
   if (!path) return createFile(directory, failure);
-  if (sizeOf(*path) + bytes <= kMaximumBytes) return path;
+  if (found_->size + bytes <= kMaximumBytes) return path;
   platform_.log.error("writeToLogFile: {} has reached {} bytes and is begun anew", *path, kMaximumBytes);
   found_.reset();
-  open_.reset();
+  file_.reset();
   failure = platform_.files.removeItem(*path);
   return failure ? std::nullopt : createFile(directory, failure);
-}
-
-uint64_t MessageLog::sizeOf(const std::string& path) const {
-  if (open_) return open_->file->size().value_or(0);
-  const auto attributes = platform_.files.attributes(path, Links::kNotFollowed);
-  return attributes ? attributes->size : 0;
 }
 
 std::optional<std::string> MessageLog::lookedUpFile(const std::string& directory,
@@ -90,14 +83,18 @@ std::optional<std::string> MessageLog::lookedUpFile(const std::string& directory
   const double now = platform_.clock.now().secondsSince1970;
   const auto folder = platform_.files.attributes(directory);
   const double folderChanged = folder ? folder->modificationDate.secondsSince1970 : 0;
-  if (found_ && found_->folderChanged == folderChanged && std::abs(now - found_->when) < 1 && open_ &&
-      open_->path == found_->path && open_->file->size()) {
+  const auto size = file_ == nullptr ? std::nullopt : file_->size();
+  if (found_ && size && found_->folderChanged == folderChanged && std::abs(now - found_->when) < 1) {
+    found_->size = *size;
     return found_->path;
   }
   found_.reset();
-  open_.reset();
+  file_.reset();
   auto path = currentFile(directory, failure);
-  if (path) found_ = Found{*path, folderChanged, now};
+  if (path) {
+    const auto attributes = platform_.files.attributes(*path, Links::kNotFollowed);
+    found_ = Found{*path, folderChanged, now, attributes ? attributes->size : 0};
+  }
   return path;
 }
 

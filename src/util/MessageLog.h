@@ -42,19 +42,13 @@ class MessageLog final {
     std::string path;
     double folderChanged = 0;  // seconds since 1970
     double when = 0;
-  };
-
-  /// The file that the last entry went into.
-  struct OpenFile {
-    std::string path;
-    std::unique_ptr<AppendedFile> file;
+    uint64_t size = 0;
   };
 
   void append(std::string_view message) REQUIRES(mutex_);
   std::optional<std::string> fileFor(const std::string& directory, uint64_t bytes,
                                      std::optional<Error>& failure) REQUIRES(mutex_);
   std::optional<Error> appendToFile(const std::string& path, const std::string& entry) REQUIRES(mutex_);
-  [[nodiscard]] uint64_t sizeOf(const std::string& path) const REQUIRES(mutex_);
   std::optional<std::string> lookedUpFile(const std::string& directory, std::optional<Error>& failure)
       REQUIRES(mutex_);
   // What keeps these from finding or making a file goes into `failure`, the first of it.
@@ -67,7 +61,7 @@ class MessageLog final {
   const PlatformServices& platform_;
   Mutex mutex_;
   std::optional<Found> found_ GUARDED_BY(mutex_);
-  std::optional<OpenFile> open_ GUARDED_BY(mutex_);
+  std::unique_ptr<AppendedFile> file_ GUARDED_BY(mutex_);  // that the last entry went into
   int lastFailure_ GUARDED_BY(mutex_) = 0;  // each event brings several messages: one line tells why
 };
 
